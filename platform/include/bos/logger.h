@@ -1,0 +1,54 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+
+namespace bos::logger {
+
+/// The numbers are the wire between the log sites and the back end.
+enum class LogLevel : int {
+    Debug = 1,   ///< detail of single operations
+    Info = 2,    ///< life of services and threads
+    Warning = 3, ///< a request refused or dropped without harm to the server
+    Error = 4,   ///< failures
+};
+
+/// Where log records go.
+///
+/// Contract:
+/// - Both operations may be called from any thread at once; records never mix.
+/// - A record that cannot be written (blocked, closed or full output) is dropped and counted, never waited for.
+class ILogBackEnd {
+public:
+    virtual ~ILogBackEnd() = default;
+
+    virtual bool IsEnabled(LogLevel level) const = 0;
+    virtual void Write(LogLevel level, const char* file, int line, const char* function,
+                       const std::string& message) = 0;
+};
+
+/// The process-wide logger.
+class BOSLogger {
+public:
+    /// The logger of this process, with the platform's back end until another one is set.
+    static BOSLogger& RootLogger();
+
+    BOSLogger(const BOSLogger&) = delete;
+    BOSLogger& operator=(const BOSLogger&) = delete;
+
+    bool IsEnabled(LogLevel level) const { return backEnd.load(std::memory_order_acquire)->IsEnabled(level); }
+
+    /// Writes one record, whatever its level.
+    void LogImpl(LogLevel level, const char* file, int line, const char* function, std::string& message);
+
+    /// Returns: the back end used until now.
+    /// Lifetime: `next` must outlive every log call; the caller keeps it.
+    ILogBackEnd& SetBackEnd(ILogBackEnd& next) { return *backEnd.exchange(&next, std::memory_order_acq_rel); }
+
+private:
+    explicit BOSLogger(ILogBackEnd& first) : backEnd(&first) {}
+
+    std::atomic<ILogBackEnd*> backEnd;
+};
+
+} // namespace bos::logger

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstdint>
+
+namespace cor {
+
+/// Result of an operation. The numbers travel to clients; the names are ours.
+enum class ResultCode : std::int32_t {
+    Success = 0,
+    NotRegistered = 1, ///< not registered, or cancelled
+    Exhausted = 2,     ///< the inbound queue is full, or the id is -1
+    DispatchFailed = 5,
+    InitFailed = 6, ///< initialisation or run failed
+    Conflict = 8,   ///< already registered, or not found
+    Failed = 10,    ///< an exception was caught, or another failure
+};
+
+} // namespace cor

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "kn/handle.h"
+
+#include <cstdint>
+
+// Service locator: channels that are arranged by name before anybody runs.
+//
+// Contract:
+// - The name of a connection leads to one server end. A live one is not stolen: the second server gets the invalid
+//   handle. What a crashed server left behind is replaced.
+// - Only peers of the server's own user are heard; the directory that holds the names is theirs alone.
+
+/// A service offered on a static connection.
+struct ServiceLocatorDescriptor {
+    const char* name;
+    std::uint32_t iid;
+};
+
+/// Registers the server end of the static connection `connection`, with `count` descriptors at `services`.
+/// `*iid`: the interface id of the first service, 0 when there is none.
+///
+/// Returns: the handle of the channel; KnInvalidHandle when a live server holds the name or the platform refuses.
+/// Threads: any.
+KnHandle ServiceLocatorRegister(const char* connection, const ServiceLocatorDescriptor* services, std::uint32_t count,
+                                std::uint32_t* iid) noexcept;
+
+/// Client: connects to the static connection `connection`.
+///
+/// Returns: 0 and `*handle`; KnStatusNotFound when no live server holds the name; KnStatusBusy; KnStatusDenied;
+/// KnStatusTimedOut; KnStatusNoResources.
+/// Blocks: up to `timeoutMs` milliseconds. Threads: any.
+std::int32_t ServiceLocatorConnect(const char* connection, std::uint32_t timeoutMs, KnHandle* handle) noexcept;
