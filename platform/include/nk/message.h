@@ -21,9 +21,13 @@ constexpr void NkSetSize(nk_message& message, std::uint32_t sizeBytes) noexcept 
     message.size = (message.size & ~(NkErrorFlag | NkSizeMask)) | (sizeBytes & NkSizeMask);
 }
 
-constexpr std::uint32_t NkGetSize(const nk_message& message) noexcept { return message.size & NkSizeMask; }
+constexpr std::uint32_t NkGetSize(const nk_message& message) noexcept {
+    return message.size & NkSizeMask;
+}
 
-constexpr bool NkIsError(const nk_message& message) noexcept { return (message.size & NkErrorFlag) != 0; }
+constexpr bool NkIsError(const nk_message& message) noexcept {
+    return (message.size & NkErrorFlag) != 0;
+}
 
 /// Out-of-line data of a record: `current` moves from `start` to `end`. All three equal means that none can travel.
 struct nk_arena {
