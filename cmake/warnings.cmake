@@ -5,6 +5,3 @@ add_library(borven_warnings INTERFACE)
 target_compile_options(borven_warnings INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion
     $<$<BOOL:${BORVEN_WARNINGS_AS_ERRORS}>:-Werror>)
-
-# __FILE__ and its kin give paths relative to the source tree, so that log lines do not depend on where the tree was built.
-add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)

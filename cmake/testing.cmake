@@ -1,0 +1,36 @@
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+# One test program, each of its tests known to ctest by name.
+#   borven_test(NAME SOURCES file... [LIBS target...] [LABELS label] [TIMEOUT seconds])
+# TIMEOUT is per test and only ends what hangs; no test may depend on it.
+function(borven_test name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "LABELS;TIMEOUT" "SOURCES;LIBS")
+    if(NOT arg_SOURCES OR arg_UNPARSED_ARGUMENTS)
+        message(FATAL_ERROR "borven_test(${name}): want SOURCES file..., got unexpected '${arg_UNPARSED_ARGUMENTS}'")
+    endif()
+    if(NOT arg_TIMEOUT)
+        set(arg_TIMEOUT 120)
+    endif()
+    set(properties TIMEOUT ${arg_TIMEOUT})
+    if(arg_LABELS)
+        list(APPEND properties LABELS ${arg_LABELS})
+    endif()
+    add_executable(${name} ${arg_SOURCES})
+    target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gtest_main GTest::gmock borven_warnings)
+    # Found when ctest runs, not when the program is linked: a sanitized program may not start in every build sandbox.
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120 PROPERTIES ${properties})
+endfunction()
+
+# One libFuzzer program, built only where BORVEN_BUILD_FUZZERS is on (the 'fuzz' preset; needs clang).
+#   borven_fuzzer(fuzz_NAME SOURCES file... [LIBS target...])
+function(borven_fuzzer name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBS")
+    if(NOT BORVEN_BUILD_FUZZERS)
+        return()
+    endif()
+    add_executable(${name} ${arg_SOURCES})
+    target_compile_options(${name} PRIVATE -fsanitize=fuzzer)
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    target_link_libraries(${name} PRIVATE ${arg_LIBS} borven_warnings)
+endfunction()
