@@ -1,0 +1,260 @@
+"""Tree to checked model: follows `use`, resolves names, lays the records out and refuses what cannot be generated."""
+
+from dataclasses import dataclass
+from pathlib import Path
+
+import syntax
+from diagnostics import IdlError, Position
+
+HEADER_SIZE = 24  # nk_message; method fields begin here
+HEADER_ALIGNMENT = 4
+RECORD_SIZE = 1056  # every record travels in a buffer of this size
+ERROR_REPLY_SIZE = 32  # header and the first eight bytes, of which an error reply uses two
+
+# Names that generated code uses next to the fields of a method.
+RESERVED_FIELD_NAMES = {"header", "transport", "exchange", "status"}
+
+CPP_KEYWORDS = set(
+    """alignas alignof and and_eq asm auto bitand bitor bool break case catch char char8_t char16_t char32_t class
+    compl concept const consteval constexpr constinit const_cast continue co_await co_return co_yield decltype default
+    delete do double dynamic_cast else enum explicit export extern false float for friend goto if inline int long
+    mutable namespace new noexcept not not_eq nullptr operator or or_eq private protected public register
+    reinterpret_cast requires return short signed sizeof static static_assert static_cast struct switch template this
+    thread_local throw true try typedef typeid typename union unsigned using virtual void volatile wchar_t while xor
+    xor_eq""".split()
+)
+
+
+@dataclass(frozen=True)
+class Field:
+    name: str
+    direction: str
+    cppType: str  # of an integer; empty for a string
+    length: int  # of a string's array; 0 for an integer
+    size: int
+    alignment: int
+    offset: int
+
+
+@dataclass(frozen=True)
+class Record:
+    name: str
+    fields: list
+    size: int
+
+
+@dataclass(frozen=True)
+class Method:
+    doc: list
+    name: str
+    index: int
+    fields: list  # of both records, in the order of the declaration
+    request: Record
+    response: Record
+
+
+@dataclass(frozen=True)
+class Interface:
+    doc: list
+    typeName: str  # "br.MessageBusCtl"
+    cppName: str  # "br_MessageBusCtl"
+    methods: list
+
+    @property
+    def clearedSize(self):
+        """Bytes of a response that are cleared before a handler runs: any response of the interface or an error."""
+        return max([ERROR_REPLY_SIZE] + [method.response.size for method in self.methods])
+
+
+@dataclass(frozen=True)
+class Member:
+    doc: list
+    name: str
+    index: int
+    serviceName: str
+    interface: Interface
+
+
+@dataclass(frozen=True)
+class Component:
+    doc: list
+    cppName: str
+    members: list
+
+
+@dataclass(frozen=True)
+class Entity:
+    doc: list
+    cppName: str
+    memberName: str
+    component: Component
+
+
+def CppName(qualifiedName):
+    return qualifiedName.replace(".", "_")
+
+
+def RoundUp(value, alignment):
+    return (value + alignment - 1) // alignment * alignment
+
+
+def ReadText(path, position):
+    """Reads a file; `position` is where it was asked for."""
+    try:
+        data = Path(path).read_bytes()
+    except (OSError, ValueError) as error:
+        reason = getattr(error, "strerror", None) or "not a file name"
+        raise IdlError(position, f"expected a readable file, but {syntax.FoundText(str(path))}: {reason}") from None
+    try:
+        return data.decode("utf-8")
+    except UnicodeDecodeError as error:
+        before = data[: error.start].decode("utf-8")
+        position = syntax.EndOf(str(path), before)
+        raise IdlError(position, f"expected UTF-8 text, found the byte 0x{data[error.start]:02x}") from None
+
+
+def Load(path):
+    """Returns: the files that `path` uses, itself first, and all their definitions."""
+    files = [Path(path)]
+    definitions = []
+    askedFrom = {files[0].resolve(): Position(str(path), 1, 1)}
+    for file in files:  # grows while it is walked
+        for definition in syntax.Parse(str(file), ReadText(file, askedFrom[file.resolve()])):
+            if not isinstance(definition, syntax.Use):
+                definitions.append(definition)
+                continue
+            try:
+                used = file.parent / definition.file.text
+                identity = used.resolve()
+            except (OSError, ValueError, RuntimeError):
+                raise IdlError(definition.file.position, "expected a file name") from None
+            if identity not in askedFrom:
+                askedFrom[identity] = definition.file.position
+                files.append(used)
+    return files, definitions
+
+
+class Checker:
+    """Builds the model out of the definitions and collects every fault on the way."""
+
+    def __init__(self, definitions):
+        self.errors = []
+        self.definitions = {}
+        for definition in definitions:
+            self.ExpectNew(definition.name, self.definitions, definition)
+
+    def Fault(self, position, message):
+        self.errors.append(IdlError(position, message))
+
+    def ExpectNew(self, name, known, value):
+        if name.text in known:
+            first = known[name.text].name.position
+            self.Fault(name.position, f"expected a new name, but '{name.text}' is already defined at {first}")
+        else:
+            known[name.text] = value
+
+    def ExpectUsable(self, name, reserved):
+        if name.text in CPP_KEYWORDS:
+            self.Fault(name.position, f"expected a name that is not a word of C++, found '{name.text}'")
+        elif name.text in reserved:
+            self.Fault(name.position, f"expected another name: generated code uses '{name.text}' itself")
+
+    def Resolve(self, name, kind):
+        found = self.definitions.get(name.text)
+        if isinstance(found, kind):
+            return found
+        what = f"an {kind.__name__.lower()}" if kind.__name__[0] in "IE" else f"a {kind.__name__.lower()}"
+        if found is None:
+            self.Fault(name.position, f"expected {what}, but nothing defines '{name.text}'")
+        else:
+            self.Fault(name.position, f"expected {what}, but '{name.text}' is defined at {found.name.position} "
+                                      f"as {type(found).__name__.lower()}")
+        return None
+
+    def BuildRecord(self, name, fields):
+        placed = []
+        end = HEADER_SIZE
+        alignment = HEADER_ALIGNMENT
+        for field in fields:
+            if field.type.name == "string":
+                largest = RECORD_SIZE - HEADER_SIZE
+                if not 2 <= field.type.length <= largest:
+                    self.Fault(field.type.position, f"expected a string size from 2 to {largest}, its NUL included")
+                size, fieldAlignment, cppType = field.type.length, 1, ""
+            else:
+                size = int(field.type.name.lstrip("uint")) // 8
+                fieldAlignment, cppType = size, f"std::{field.type.name}_t"
+            offset = RoundUp(end, fieldAlignment)
+            if end <= RECORD_SIZE < offset + size:
+                self.Fault(field.name.position, f"expected a record of at most {RECORD_SIZE} bytes, but "
+                                                f"'{field.name.text}' ends at byte {offset + size}")
+            end = offset + size
+            alignment = max(alignment, fieldAlignment)
+            placed.append(Field(field.name.text, field.direction, cppType, field.type.length, size, fieldAlignment,
+                                offset))
+        return Record(name, placed, RoundUp(end, alignment))
+
+    def BuildMethod(self, interfaceName, index, method):
+        known = {}
+        for field in method.fields:
+            self.ExpectNew(field.name, known, field)
+            self.ExpectUsable(field.name, RESERVED_FIELD_NAMES)
+        base = f"{interfaceName}_{method.name.text}"
+        request = self.BuildRecord(f"{base}_req", [field for field in method.fields if field.direction == "in"])
+        response = self.BuildRecord(f"{base}_res", [field for field in method.fields if field.direction == "out"])
+        inRecords = {field.name: field for field in request.fields + response.fields}
+        return Method(method.doc, method.name.text, index, [inRecords[name] for name in known], request, response)
+
+    def BuildInterface(self, interface):
+        if not interface.methods:
+            self.Fault(interface.name.position, f"expected at least one method in '{interface.name.text}'")
+        known = {}
+        for method in interface.methods:
+            self.ExpectNew(method.name, known, method)
+        cppName = CppName(interface.name.text)
+        methods = [self.BuildMethod(cppName, index, method) for index, method in enumerate(interface.methods)]
+        return Interface(interface.doc, interface.name.text, cppName, methods)
+
+    def BuildComponent(self, component, interfaces):
+        if not component.members:
+            self.Fault(component.name.position, f"expected at least one member in '{component.name.text}'")
+        known = {}
+        usedBy = {}
+        members = []
+        for index, member in enumerate(component.members):
+            self.ExpectNew(member.name, known, member)
+            self.ExpectUsable(member.name, {"header", "record"})
+            if self.Resolve(member.type, syntax.Interface) is None:
+                continue
+            if member.type.text in usedBy:
+                self.Fault(member.type.position, f"expected each interface once, but '{member.type.text}' is already "
+                                                 f"the type of '{usedBy[member.type.text]}'")
+            usedBy[member.type.text] = member.name.text
+            service = f"{component.name.text}.{member.name.text}"
+            members.append(Member(member.doc, member.name.text, index, service, interfaces[member.type.text]))
+        return Component(component.doc, CppName(component.name.text), members)
+
+    def Build(self):
+        """Returns: the entities by their qualified name. Raises the list of faults as one."""
+        of = {kind: {name: value for name, value in self.definitions.items() if isinstance(value, kind)}
+              for kind in (syntax.Interface, syntax.Component, syntax.Entity)}
+        interfaces = {name: self.BuildInterface(value) for name, value in of[syntax.Interface].items()}
+        components = {name: self.BuildComponent(value, interfaces) for name, value in of[syntax.Component].items()}
+        entities = {}
+        for name, entity in of[syntax.Entity].items():
+            self.ExpectUsable(entity.member.name, set())
+            if self.Resolve(entity.member.type, syntax.Component) is not None:
+                entities[name] = Entity(entity.doc, CppName(name), entity.member.name.text,
+                                        components[entity.member.type.text])
+        if self.errors:
+            raise ExceptionGroup("faults of the input", sorted(self.errors, key=lambda error: error.position))
+        return entities
+
+
+def Build(path, entityName):
+    """Returns: the checked entity and the files that it was read from. Raises IdlError or a group of them."""
+    files, definitions = Load(path)
+    entities = Checker(definitions).Build()
+    if entityName not in entities:
+        raise IdlError(Position(str(path), 1, 1), f"expected the definition of the entity '{entityName}'")
+    return entities[entityName], files

@@ -1,0 +1,192 @@
+"""Text to tree: parses one IDL file. Nothing is looked up or checked here beyond the grammar."""
+
+from dataclasses import dataclass
+from pathlib import Path
+
+import lark
+
+from diagnostics import IdlError, Position
+
+LONGEST_NUMBER = 9  # digits; far beyond any size that fits a record
+
+# What each terminal is called in an error, in the order in which alternatives are listed.
+DESCRIPTIONS = {
+    "_USE": "'use'",
+    "_INTERFACE": "'interface'",
+    "_COMPONENT": "'component'",
+    "_ENTITY": "'entity'",
+    "IN": "'in'",
+    "OUT": "'out'",
+    "QUALIFIED_NAME": "a qualified name such as br.MessageBus",
+    "METHOD_NAME": "a method name that begins with a capital letter",
+    "FIELD_NAME": "a field name that begins with a small letter",
+    "MEMBER_NAME": "a member name that begins with a small letter",
+    "INTEGER_TYPE": "an integer type (int8 to int64, uint8 to uint64)",
+    "STRING_TYPE": "string<SIZE>",
+    "NUMBER": "a number",
+    "FILE_NAME": "a file name in double quotes",
+    "LBRACE": "'{'",
+    "RBRACE": "'}'",
+    "LPAR": "'('",
+    "RPAR": "')'",
+    "LESSTHAN": "'<'",
+    "MORETHAN": "'>'",
+    "COMMA": "','",
+    "COLON": "':'",
+    "SEMICOLON": "';'",
+    "$END": "the end of the file",
+}
+
+
+@dataclass(frozen=True)
+class Name:
+    text: str
+    position: Position
+
+
+@dataclass(frozen=True)
+class Type:
+    name: str  # "int64", ..., "string"
+    length: int  # of a string's array, the NUL included; 0 for integers
+    position: Position
+
+
+@dataclass(frozen=True)
+class Field:
+    direction: str  # "in" or "out"
+    name: Name
+    type: Type
+
+
+@dataclass(frozen=True)
+class Method:
+    doc: list
+    name: Name
+    fields: list
+
+
+@dataclass(frozen=True)
+class Member:
+    doc: list
+    name: Name
+    type: Name
+
+
+@dataclass(frozen=True)
+class Use:
+    file: Name
+
+
+@dataclass(frozen=True)
+class Interface:
+    doc: list
+    name: Name
+    methods: list
+
+
+@dataclass(frozen=True)
+class Component:
+    doc: list
+    name: Name
+    members: list
+
+
+@dataclass(frozen=True)
+class Entity:
+    doc: list
+    name: Name
+    member: Member
+
+
+@lark.v_args(inline=True)
+class TreeBuilder(lark.Transformer):
+    def __init__(self, file):
+        super().__init__()
+        self.file = file
+
+    def Name(self, token):
+        return Name(str(token), Position(self.file, token.line, token.column))
+
+    QUALIFIED_NAME = METHOD_NAME = FIELD_NAME = MEMBER_NAME = Name
+
+    def FILE_NAME(self, token):
+        return Name(str(token)[1:-1], Position(self.file, token.line, token.column))
+
+    def start(self, *definitions):
+        return list(definitions)
+
+    def doc(self, before=(), comment=None):
+        if comment is None:
+            return []
+        # The text lands in comments of C++, where a control character or a trailing backslash would matter.
+        return before + ["".join(c if c.isprintable() else " " for c in comment[3:]).strip(" \\")]
+
+    item_doc = doc
+
+    def direction(self, token):
+        return str(token)
+
+    def integer(self, token):
+        return Type(str(token), 0, Position(self.file, token.line, token.column))
+
+    def string(self, token, number):
+        # A number too long to convert is out of range all the same, and the model says so.
+        length = int(number) if len(number) <= LONGEST_NUMBER else 10**LONGEST_NUMBER
+        return Type(str(token), length, Position(self.file, number.line, number.column))
+
+    def method(self, doc, name, *fields):
+        return Method(doc, name, [field for field in fields if field is not None])
+
+    def interface(self, doc, name, *methods):
+        return Interface(doc, name, list(methods))
+
+    def component(self, doc, name, *members):
+        return Component(doc, name, list(members))
+
+    use = Use
+    field = Field
+    member = Member
+    entity = Entity
+
+
+PARSER = lark.Lark(
+    (Path(__file__).parent / "grammar.lark").read_text(encoding="utf-8"),
+    parser="lalr",
+    lexer="contextual",
+    maybe_placeholders=False,
+)
+
+
+def AlternativesText(terminals):
+    known = [text for terminal, text in DESCRIPTIONS.items() if terminal in terminals]
+    if len(known) < 2:
+        return "".join(known)
+    return ", ".join(known[:-1]) + " or " + known[-1]
+
+
+def FoundText(text):
+    if len(text) > 40:
+        text = text[:40] + "..."
+    return "'" + "".join(c if c.isprintable() else f"\\x{ord(c):02x}" for c in text) + "'"
+
+
+def EndOf(file, text):
+    lines = text.split("\n")
+    return Position(file, len(lines), len(lines[-1]) + 1)
+
+
+def Parse(file, text):
+    """Returns: the definitions of `text` in their order. Raises IdlError at the first character that does not fit."""
+    try:
+        tree = PARSER.parse(text)
+    except lark.UnexpectedToken as error:
+        expected = AlternativesText(error.accepts or error.expected)
+        if error.token.type == "$END":
+            raise IdlError(EndOf(file, text), f"expected {expected}, found the end of the file") from None
+        position = Position(file, error.token.line, error.token.column)
+        raise IdlError(position, f"expected {expected}, found {FoundText(str(error.token))}") from None
+    except lark.UnexpectedCharacters as error:
+        position = Position(file, error.line, error.column)
+        found = FoundText(text[error.pos_in_stream])
+        raise IdlError(position, f"expected {AlternativesText(error.allowed)}, found {found}") from None
+    return TreeBuilder(file).transform(tree)
