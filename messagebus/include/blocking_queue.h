@@ -1,0 +1,81 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <list>
+#include <mutex>
+#include <utility>
+
+namespace message_bus {
+
+/// FIFO without a limit of its own, on which consumers block until an item arrives or the queue is canceled.
+/// Threads: every operation from any thread.
+template <typename T>
+class BlockingQueue final {
+public:
+    /// Appends `element` at the back; a canceled queue drops it silently. Wakes every Pop either way.
+    /// Returns: the number of items after the call.
+    std::size_t Enqueue(T element) {
+        std::list<T> node;
+        node.push_back(std::move(element));
+        std::size_t size = 0;
+        {
+            const std::lock_guard lock(mutex);
+            if (!canceled) {
+                items.splice(items.end(), node);
+            }
+            size = items.size();
+        }
+        notEmpty.notify_all();
+        return size;
+    }
+
+    /// Moves the front item into `element`. A canceled queue hands out what it still holds.
+    /// Returns: false, with `element` as it was, when there is nothing to hand out: canceled, or timed out.
+    /// Blocks: until an item arrives, the queue is canceled, or `timeoutMs` milliseconds have passed; 0: no limit.
+    bool Pop(T& element, unsigned timeoutMs) {
+        std::unique_lock lock(mutex);
+        const auto ready = [this] { return !items.empty() || canceled; };
+        if (timeoutMs == 0) {
+            notEmpty.wait(lock, ready);
+        } else {
+            notEmpty.wait_until(lock, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs), ready);
+        }
+        if (items.empty()) {
+            return false;
+        }
+        element = std::move(items.front());
+        items.pop_front();
+        return true;
+    }
+
+    std::size_t Size() const {
+        const std::lock_guard lock(mutex);
+        return items.size();
+    }
+
+    /// Ends every blocked Pop, and every later one that finds nothing. Cannot be undone.
+    void Cancel() {
+        {
+            const std::lock_guard lock(mutex);
+            canceled = true;
+        }
+        notEmpty.notify_all();
+        notFull.notify_all();
+    }
+
+    bool IsCanceled() const {
+        const std::lock_guard lock(mutex);
+        return canceled;
+    }
+
+private:
+    mutable std::mutex mutex; // guards all below
+    std::condition_variable notEmpty;
+    std::condition_variable notFull; // nobody waits on it: the queue has no capacity
+    bool canceled = false;
+    std::list<T> items;
+};
+
+} // namespace message_bus

@@ -1,0 +1,110 @@
+#pragma once
+
+#include "blocking_queue.h"
+#include "bus_interfaces.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <unordered_set>
+
+namespace message_bus {
+
+/// One pushed value. Shared by the inbound queue and every subscriber queue that receives it; never modified.
+struct Message {
+    Message(std::string messageTopic, long messageValue) : topic(std::move(messageTopic)), value(messageValue) {}
+
+    std::string topic; ///< of its publisher, at the time of the push
+    long value;
+};
+
+/// Fixed after registration, but for the queue. Outlives its registration while a Wait still holds it.
+struct Subscriber {
+    long id = -1;
+    std::string name; ///< not necessarily unique
+    std::unordered_set<std::string> topics;
+    BlockingQueue<std::shared_ptr<Message>> queue; ///< no limit: it grows until the subscriber waits or unregisters
+};
+
+/// The heart of the component: the registry of publishers and subscribers, the inbound queue, and the events thread
+/// that fans each message out to the queues of the subscribers of its topic.
+///
+/// Nothing expires by itself: a client that goes away without unregistering leaves its records behind.
+///
+/// Lock order: eventsMutex before publishersMutex and before the inbound queue's mutex; subscribersMutex before the
+/// inbound queue's and any subscriber queue's mutex. publishersMutex and subscribersMutex are never held together.
+class [[gnu::visibility("default")]] MessageBus final : public IProvider, public IProviderControl, public IWorker {
+public:
+    MessageBus() = default;
+    MessageBus(const MessageBus&) = delete;
+    MessageBus& operator=(const MessageBus&) = delete;
+
+    /// Joins the events thread, which somebody must have told to stop before: otherwise blocks until somebody does.
+    ~MessageBus() override;
+
+    cor::ResultCode Push(long publisherId, long message) override;
+
+    cor::ResultCode RegisterPublisher(const std::string& topic, long& publisherId) override;
+    cor::ResultCode RegisterSubscriber(const std::string& name, const std::set<std::string>& topics, long& subscriberId)
+        override;
+    cor::ResultCode UnregisterPublisher(long publisherId) override;
+    cor::ResultCode UnregisterSubscriber(long subscriberId) override;
+
+    /// Hands serving over through the connector before it blocks; without a connector (the bus was never run) a wait
+    /// that passes the look-up fails with 10.
+    cor::ResultCode Wait(long subscriberId, std::string& topic, long& message) override;
+
+    /// Returns: the topic, empty when there is no such publisher. Threads: any.
+    std::string GetPublisherTopicById(long publisherId) const;
+
+    /// Returns: the subscriber, empty when there is none with that id. Threads: any.
+    std::shared_ptr<Subscriber> GetSubscriberPtrById(long subscriberId) const;
+
+    /// Returns: the id of the first subscriber registered under `name`, -1 when there is none.
+    /// Threads: takes no lock; not while subscribers are registered or unregistered.
+    long GetSubscriberIdByName(const std::string& name) const;
+
+    /// Starts the events thread and the connector, then asks every 5 seconds whether to stop. Clients blocked in Wait
+    /// stay blocked.
+    /// Returns: true when the connector asked to stop; false when it threw.
+    /// Throws: std::system_error when the events thread cannot be started.
+    /// Blocks: until then. Threads: once, on the thread that owns the component.
+    bool Run(const std::shared_ptr<IConnector>& newConnector);
+
+    /// Starts the events thread; once per bus.
+    /// Throws: std::system_error when it cannot be started.
+    void Start();
+
+    /// Asks the events thread to finish its pass and end. Does not wait for it. Threads: any.
+    void Stop();
+
+private:
+    void EventsProcessor();
+    void WakeEventsThread() noexcept;
+
+    std::shared_ptr<IConnector> connector; // set by Run before anybody is served
+
+    std::list<std::shared_ptr<Subscriber>> subscribers; // registration order; guarded by subscribersMutex
+    std::map<std::string, long> publishers;             // topic to id; guarded by publishersMutex
+    BlockingQueue<std::shared_ptr<Message>> messageQueue;
+    std::atomic<long> lastId{0}; // publishers and subscribers share it; ids are never reused
+
+    mutable std::mutex subscribersMutex;
+    mutable std::mutex publishersMutex;
+    std::mutex eventsMutex;
+
+    std::thread eventsThread;
+    std::condition_variable eventsCondition;
+    std::atomic<bool> stopFlag{false};
+    // Intended to be a plain flag that some wakers set without eventsMutex: a wake-up that falls between the last look
+    // at the queue and the reset is lost until the next one. Accessed through std::atomic_ref.
+    bool eventsPending = false;
+};
+
+} // namespace message_bus

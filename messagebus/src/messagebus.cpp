@@ -1,0 +1,270 @@
+#include "message_bus.h"
+
+#include "diagnostics.h"
+
+#include <algorithm>
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+namespace message_bus {
+
+using cor::ResultCode;
+using diagnostics::Log;
+using diagnostics::LogLevel;
+
+namespace {
+
+constexpr auto Tag = "[MessageBus]";
+constexpr long NoId = -1;
+// A push is accepted while fewer are queued, so the queue can hold this many.
+constexpr std::size_t InboundLimit = 1025;
+constexpr std::chrono::nanoseconds StopPollInterval{5'000'000'000};
+
+auto FindPublisher(const std::map<std::string, long>& publishers, long id) {
+    return std::find_if(publishers.begin(), publishers.end(), [id](const auto& entry) { return entry.second == id; });
+}
+
+auto FindSubscriber(const std::list<std::shared_ptr<Subscriber>>& subscribers, long id) {
+    return std::find_if(subscribers.begin(), subscribers.end(), [id](const auto& entry) { return entry->id == id; });
+}
+
+} // namespace
+
+MessageBus::~MessageBus() {
+    if (eventsThread.joinable()) {
+        try {
+            eventsThread.join();
+        } catch (...) {
+            // Nobody is left to tell.
+        }
+    }
+}
+
+ResultCode MessageBus::RegisterPublisher(const std::string& topic, long& publisherId) {
+    std::unique_lock lock(publishersMutex, std::defer_lock);
+    try {
+        // The id is the caller's, as it came in: the line shows the caller's slot.
+        Log(LogLevel::Debug, "{}: RegisterPublisher id {} topic {}", Tag, publisherId, topic);
+        lock.lock();
+        if (publishers.contains(topic)) {
+            publisherId = NoId;
+            Log(LogLevel::Warning, "{}: the topic ({}) is already registered", Tag, topic);
+            return ResultCode::Conflict;
+        }
+        std::string key = topic;
+        const long id = ++lastId;
+        publishers.emplace(std::move(key), id);
+        publisherId = id;
+        Log(LogLevel::Debug, "{}: Publisher {} registered", Tag, id);
+        return ResultCode::Success;
+    } catch (const std::exception& error) {
+        Log(LogLevel::Error, "{}: {}", Tag, error.what());
+        return ResultCode::Failed;
+    }
+}
+
+ResultCode MessageBus::RegisterSubscriber(const std::string& name, const std::set<std::string>& topics,
+                                          long& subscriberId) {
+    std::unique_lock lock(subscribersMutex, std::defer_lock);
+    try {
+        // Intended: the id is consumed and handed out before anything can fail.
+        const long id = ++lastId;
+        subscriberId = id;
+        const auto subscriber = std::make_shared<Subscriber>();
+        subscriber->id = id;
+        subscriber->name = name;
+        subscriber->topics.insert(topics.begin(), topics.end());
+
+        lock.lock();
+        subscribers.push_back(subscriber);
+        lock.unlock();
+
+        WakeEventsThread();
+        Log(LogLevel::Debug, "{}: Subscriber with ID {} registered", Tag, id);
+        return ResultCode::Success;
+    } catch (const std::exception& error) {
+        Log(LogLevel::Error, "{}: {}", Tag, error.what());
+        return ResultCode::Failed;
+    }
+}
+
+ResultCode MessageBus::UnregisterPublisher(long publisherId) {
+    std::unique_lock lock(publishersMutex, std::defer_lock);
+    try {
+        WakeEventsThread(); // intended: before the look-up, and for an unknown id too
+        lock.lock();
+        const auto found = FindPublisher(publishers, publisherId);
+        if (found == publishers.end()) {
+            Log(LogLevel::Error, "{}: The publisher ID ({}) not found", Tag, publisherId);
+            return ResultCode::Conflict;
+        }
+        publishers.erase(found);
+        Log(LogLevel::Debug, "{}: The publisher ID ({}) has been removed", Tag, publisherId);
+        Log(LogLevel::Debug, "{}: The publisher with ID {} unregistered", Tag, publisherId);
+        return ResultCode::Success;
+    } catch (const std::exception& error) {
+        Log(LogLevel::Error, "{}: {}", Tag, error.what());
+        return ResultCode::Failed;
+    }
+}
+
+ResultCode MessageBus::UnregisterSubscriber(long subscriberId) {
+    std::unique_lock lock(subscribersMutex, std::defer_lock);
+    try {
+        lock.lock();
+        const auto found = FindSubscriber(subscribers, subscriberId);
+        if (found == subscribers.end()) {
+            Log(LogLevel::Error, "{}: The subscriber with ID ({}) not found", Tag, subscriberId);
+            return ResultCode::Conflict;
+        }
+        (*found)->queue.Cancel();
+        subscribers.erase(found);
+        Log(LogLevel::Debug, "{}: The subscriber ID ({}) has been removed", Tag, subscriberId);
+        return ResultCode::Success;
+    } catch (const std::exception& error) {
+        Log(LogLevel::Error, "{}: {}", Tag, error.what());
+        return ResultCode::Failed;
+    }
+}
+
+std::string MessageBus::GetPublisherTopicById(long publisherId) const {
+    const std::lock_guard lock(publishersMutex);
+    const auto found = FindPublisher(publishers, publisherId);
+    return found == publishers.end() ? std::string() : found->first;
+}
+
+std::shared_ptr<Subscriber> MessageBus::GetSubscriberPtrById(long subscriberId) const {
+    const std::lock_guard lock(subscribersMutex);
+    const auto found = FindSubscriber(subscribers, subscriberId);
+    return found == subscribers.end() ? nullptr : *found;
+}
+
+long MessageBus::GetSubscriberIdByName(const std::string& name) const {
+    const auto found = std::find_if(subscribers.begin(), subscribers.end(),
+                                    [&name](const auto& subscriber) { return subscriber->name == name; });
+    return found == subscribers.end() ? NoId : (*found)->id;
+}
+
+ResultCode MessageBus::Push(long publisherId, long message) {
+    const std::lock_guard lock(eventsMutex);
+    // Before the publisher is looked up: a full queue is full for unknown publishers too.
+    if (messageQueue.Size() >= InboundLimit) {
+        Log(LogLevel::Error, "{}: Message queue is full", Tag);
+        return ResultCode::Exhausted;
+    }
+    try {
+        std::string topic = GetPublisherTopicById(publisherId);
+        if (topic.empty()) {
+            return ResultCode::Success; // intended: an unknown publisher is told success, silently
+        }
+        Log(LogLevel::Debug, "{}: New message ({}) has been pushed to queue", Tag, topic);
+        messageQueue.Enqueue(std::make_shared<Message>(std::move(topic), message));
+        WakeEventsThread();
+        return ResultCode::Success;
+    } catch (const std::exception& error) {
+        Log(LogLevel::Error, "{}: {}", Tag, error.what());
+        return ResultCode::Failed;
+    }
+}
+
+void MessageBus::EventsProcessor() {
+    const std::atomic_ref<bool> pending(eventsPending);
+    try {
+        Log(LogLevel::Info, "{}: queue thread started", Tag);
+        while (!stopFlag) {
+            {
+                std::unique_lock lock(eventsMutex);
+                while (!pending.load(std::memory_order_relaxed)) {
+                    eventsCondition.wait(lock);
+                }
+            }
+            if (messageQueue.Size() != 0) {
+                const std::lock_guard lock(subscribersMutex);
+                while (messageQueue.Size() != 0) {
+                    std::shared_ptr<Message> message;
+                    messageQueue.Pop(message, 0); // cannot block: nobody else takes from this queue
+                    for (const auto& subscriber : subscribers) {
+                        if (subscriber->topics.contains(message->topic)) {
+                            subscriber->queue.Enqueue(message);
+                        }
+                    }
+                }
+            }
+            // Intended: a wake-up since the last look at the queue is lost here, until the next one.
+            pending.store(false, std::memory_order_relaxed);
+        }
+        Log(LogLevel::Info, "{}: queue thread stopped", Tag);
+    } catch (const std::exception& error) {
+        pending.store(false, std::memory_order_relaxed);
+        Log(LogLevel::Error, "{}: error occurred: {}", Tag, error.what());
+    }
+}
+
+void MessageBus::WakeEventsThread() noexcept {
+    std::atomic_ref<bool>(eventsPending).store(true, std::memory_order_relaxed);
+    eventsCondition.notify_one();
+}
+
+ResultCode MessageBus::Wait(long subscriberId, std::string& topic, long& message) {
+    Log(LogLevel::Debug, "Wait is called by subscriber ({})", subscriberId);
+    if (subscriberId == NoId) {
+        Log(LogLevel::Error, "{}: The clientID is not registered", Tag);
+        return ResultCode::Exhausted;
+    }
+    const auto subscriber = GetSubscriberPtrById(subscriberId);
+    if (!subscriber) {
+        Log(LogLevel::Error, "{}: The clientID is not registered", Tag);
+        return ResultCode::NotRegistered;
+    }
+    try {
+        if (!connector) {
+            throw std::logic_error("Wait before the bus runs");
+        }
+        connector->SwitchActiveIpcServer();
+        std::shared_ptr<Message> next;
+        subscriber->queue.Pop(next, 0);
+        if (subscriber->queue.IsCanceled()) {
+            Log(LogLevel::Debug, "{}: Canceled", Tag);
+            return ResultCode::NotRegistered; // a message that was taken is dropped with the subscriber
+        }
+        message = next->value;
+        topic = next->topic;
+        return ResultCode::Success;
+    } catch (const std::exception& error) {
+        Log(LogLevel::Error, "{}: {}", Tag, error.what());
+        return ResultCode::Failed;
+    }
+}
+
+bool MessageBus::Run(const std::shared_ptr<IConnector>& newConnector) {
+    connector = newConnector;
+    Start();
+    try {
+        if (!connector->ShouldBeStopped()) {
+            connector->RunServer();
+        }
+        while (!connector->ShouldBeStopped()) {
+            std::this_thread::sleep_for(StopPollInterval);
+        }
+        Stop();
+        return true;
+    } catch (const std::exception& error) {
+        Log(LogLevel::Error, "{}: {}", Tag, error.what());
+        Stop();
+        return false;
+    }
+}
+
+void MessageBus::Start() {
+    stopFlag.exchange(false);
+    std::atomic_ref<bool>(eventsPending).store(false, std::memory_order_relaxed);
+    eventsThread = std::thread(&MessageBus::EventsProcessor, this);
+}
+
+void MessageBus::Stop() {
+    stopFlag.exchange(true);
+    WakeEventsThread();
+}
+
+} // namespace message_bus
