@@ -25,13 +25,13 @@ def OwnFiles():
     return sorted(file for pattern in ("*.py", "*.lark", "templates/*.j2") for file in folder.glob(pattern))
 
 
-def Main():
+def Main(argv=None):
     parser = argparse.ArgumentParser(prog="idlc", description="Generates records, dispatch and client stubs.")
     parser.add_argument("file", help="IDL file that defines the entity or uses the file that does")
     parser.add_argument("--entity", required=True, help="qualified name of the entity, such as br.MessageBus")
     parser.add_argument("--output", required=True, type=Path, help="folder for the generated files")
     parser.add_argument("--depfile", type=Path, help="write what the output depends on, in the form make reads")
-    arguments = parser.parse_args()
+    arguments = parser.parse_args(argv)
 
     try:
         entity, files = model.Build(arguments.file, arguments.entity)

@@ -101,10 +101,12 @@ def RoundUp(value, alignment):
 def ReadText(path, position):
     """Reads a file; `position` is where it was asked for."""
     try:
+        if Path(path).exists() and not Path(path).is_file():  # a pipe would never end
+            raise ValueError
         data = Path(path).read_bytes()
     except (OSError, ValueError) as error:
-        reason = getattr(error, "strerror", None) or "not a file name"
-        raise IdlError(position, f"expected a readable file, but {syntax.FoundText(str(path))}: {reason}") from None
+        reason = getattr(error, "strerror", None) or "not a file"
+        raise IdlError(position, f"expected a readable file, but {syntax.Quoted(str(path))}: {reason}") from None
     try:
         return data.decode("utf-8")
     except UnicodeDecodeError as error:
@@ -180,6 +182,7 @@ class Checker:
                 largest = RECORD_SIZE - HEADER_SIZE
                 if not 2 <= field.type.length <= largest:
                     self.Fault(field.type.position, f"expected a string size from 2 to {largest}, its NUL included")
+                    continue
                 size, fieldAlignment, cppType = field.type.length, 1, ""
             else:
                 size = int(field.type.name.lstrip("uint")) // 8
@@ -203,7 +206,7 @@ class Checker:
         request = self.BuildRecord(f"{base}_req", [field for field in method.fields if field.direction == "in"])
         response = self.BuildRecord(f"{base}_res", [field for field in method.fields if field.direction == "out"])
         inRecords = {field.name: field for field in request.fields + response.fields}
-        return Method(method.doc, method.name.text, index, [inRecords[name] for name in known], request, response)
+        return Method(method.doc, method.name.text, index, [inRecords[name] for name in known if name in inRecords], request, response)
 
     def BuildInterface(self, interface):
         if not interface.methods:
@@ -223,7 +226,7 @@ class Checker:
         members = []
         for index, member in enumerate(component.members):
             self.ExpectNew(member.name, known, member)
-            self.ExpectUsable(member.name, {"header", "record"})
+            self.ExpectUsable(member.name, set())
             if self.Resolve(member.type, syntax.Interface) is None:
                 continue
             if member.type.text in usedBy:

@@ -1,5 +1,6 @@
 """Checked model to C++: renders the templates."""
 
+import textwrap
 from pathlib import Path
 
 import jinja2
@@ -14,30 +15,43 @@ TEMPLATES = {
 }
 
 
-def Declaration(field):
-    """A field as a member of its record."""
-    return f"char {field.name}[{field.length}];" if field.length else f"{field.cppType} {field.name};"
+LINE_WIDTH = 120
+
+
+def Declarations(fields):
+    """Fields as members of their record, each with its offset."""
+    members = [f"char {field.name}[{field.length}];" if field.length else f"{field.cppType} {field.name};"
+               for field in fields]
+    width = max((len(member) for member in members), default=0)
+    return [f"{member.ljust(width)} // offset {field.offset}" for member, field in zip(members, fields)]
 
 
 def Parameter(field):
-    """A field as a parameter of a client stub."""
     if field.direction == "in":
         return f"std::string_view {field.name}" if field.length else f"{field.cppType} {field.name}"
     return f"std::string& {field.name}" if field.length else f"{field.cppType}& {field.name}"
 
 
+def Parameters(method):
+    """The parameters of a client stub, on as many lines as they need."""
+    glued = [parameter.replace(" ", "\0") for parameter in ["NkBosTransport* transport", *map(Parameter, method.fields)]]
+    lines = textwrap.wrap(", ".join(glued), LINE_WIDTH - len("    ) {"), break_long_words=False)
+    return "\n    ".join(lines).replace("\0", " ")
+
+
+ENVIRONMENT = jinja2.Environment(
+    loader=jinja2.FileSystemLoader(Path(__file__).parent / "templates"),
+    undefined=jinja2.StrictUndefined,
+    trim_blocks=True,
+    lstrip_blocks=True,
+    keep_trailing_newline=True,
+    autoescape=False,
+)
+ENVIRONMENT.filters.update(declarations=Declarations, parameters=Parameters)
+
+
 def Render(entity, files):
     """Returns: the text of each output file by its name."""
-    environment = jinja2.Environment(
-        loader=jinja2.FileSystemLoader(Path(__file__).parent / "templates"),
-        undefined=jinja2.StrictUndefined,
-        trim_blocks=True,
-        lstrip_blocks=True,
-        keep_trailing_newline=True,
-        autoescape=False,
-    )
-    environment.filters["declaration"] = Declaration
-    environment.filters["parameter"] = Parameter
     methods = [(member, method) for member in entity.component.members for method in member.interface.methods]
     context = {
         "entity": entity,
@@ -52,6 +66,6 @@ def Render(entity, files):
         "returnsText": any(field.length for _, method in methods for field in method.response.fields),
     }
     return {
-        name.format(entity.cppName): environment.get_template(template).render(context)
+        name.format(entity.cppName): ENVIRONMENT.get_template(template).render(context)
         for name, template in TEMPLATES.items()
     }

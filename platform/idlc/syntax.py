@@ -34,7 +34,6 @@ DESCRIPTIONS = {
     "COMMA": "','",
     "COLON": "':'",
     "SEMICOLON": "';'",
-    "$END": "the end of the file",
 }
 
 
@@ -99,7 +98,7 @@ class Entity:
 
 
 @lark.v_args(inline=True)
-class TreeBuilder(lark.Transformer):
+class TreeBuilder(lark.Transformer_NonRecursive):
     def __init__(self, file):
         super().__init__()
         self.file = file
@@ -115,11 +114,12 @@ class TreeBuilder(lark.Transformer):
     def start(self, *definitions):
         return list(definitions)
 
-    def doc(self, before=(), comment=None):
+    def doc(self, lines=None, comment=None):
         if comment is None:
             return []
         # The text lands in comments of C++, where a control character or a trailing backslash would matter.
-        return before + ["".join(c if c.isprintable() else " " for c in comment[3:]).strip(" \\")]
+        lines.append("".join(c if c.isprintable() else " " for c in comment[3:]).strip(" \\"))
+        return lines
 
     item_doc = doc
 
@@ -164,10 +164,12 @@ def AlternativesText(terminals):
     return ", ".join(known[:-1]) + " or " + known[-1]
 
 
+def Quoted(text):
+    return "'" + "".join(c if c.isprintable() else c.encode("unicode_escape").decode() for c in text) + "'"
+
+
 def FoundText(text):
-    if len(text) > 40:
-        text = text[:40] + "..."
-    return "'" + "".join(c if c.isprintable() else f"\\x{ord(c):02x}" for c in text) + "'"
+    return Quoted(text if len(text) <= 40 else text[:40] + "...")
 
 
 def EndOf(file, text):
