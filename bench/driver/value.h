@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+
+// What a benchmark value carries: the topic and a sequence number, so that every subscriber can tell loss, repetition
+// and disorder apart. Negative values end a topic and carry its number of values.
+namespace bench {
+
+constexpr int sequenceBits = 40;
+
+constexpr std::int64_t SequenceValue(int topic, std::int64_t sequence) {
+    return (static_cast<std::int64_t>(topic) << sequenceBits) | sequence;
+}
+constexpr std::int64_t EndValue(int topic, std::int64_t count) {
+    return -1 - SequenceValue(topic, count);
+}
+
+constexpr bool IsEnd(std::int64_t value) {
+    return value < 0;
+}
+constexpr std::int64_t WithoutEnd(std::int64_t value) {
+    return IsEnd(value) ? -1 - value : value;
+}
+constexpr int TopicOf(std::int64_t value) {
+    return static_cast<int>(WithoutEnd(value) >> sequenceBits);
+}
+constexpr std::int64_t SequenceOf(std::int64_t value) {
+    return WithoutEnd(value) & ((std::int64_t{1} << sequenceBits) - 1);
+}
+
+} // namespace bench

@@ -1,0 +1,1 @@
+"""The benchmark's parts: processes, the systems compared, the measurements, the report."""

@@ -1,0 +1,148 @@
+"""The measurements. Each takes one pass of one system and returns a flat dict of figures."""
+
+import contextlib
+import json
+import os
+import subprocess
+import tempfile
+import time
+
+from .processes import Child, Failure, cpu_seconds, memory_kib
+from .systems import Context
+
+ONE_CPU = {0}
+
+
+class Bench:
+    """Runs single passes with the programs of `bin_directory`."""
+
+    def __init__(self, bin_directory, sizes):
+        self.bin_directory = bin_directory
+        self.sizes = sizes
+
+    @contextlib.contextmanager
+    def _server(self, system, cpus):
+        with tempfile.TemporaryDirectory(prefix=f"bench-{system.name}-") as directory:
+            server, address = system.start(Context(system.program(self.bin_directory), directory, cpus))
+            try:
+                yield server, address, directory
+            finally:
+                server.stop()
+
+    @contextlib.contextmanager
+    def _driver(self, system, verb, address, directory, cpus, **arguments):
+        command = [os.path.join(self.bin_directory, f"bench_{system.name}"), verb, "--address", address]
+        for name, value in arguments.items():
+            command += ["--" + name.replace("_", "-"), str(value)]
+        child = Child(verb, command, directory, cpus)
+        try:
+            yield child
+        finally:
+            child.stop()
+
+    def _exchange(self, system, subscribers=1, publishers=1, cpus=None, stamped=0, **plan):
+        """One publishing and one subscribing process; every value is checked by the subscriber."""
+        deadline = self.sizes.deadline_s
+        with self._server(system, cpus) as (server, address, directory):
+            with self._driver(system, "publish", address, directory, cpus, publishers=publishers, stamped=stamped,
+                              **plan) as publisher:
+                publisher.event("ready", deadline)
+                with self._driver(system, "subscribe", address, directory, cpus, subscribers=subscribers,
+                                  topics=publishers, stamped=stamped) as subscriber:
+                    subscriber.event("registered", deadline)
+                    publisher.say("go")
+                    published = publisher.event("published", deadline)
+                    received = subscriber.event("received", deadline)
+                    if subscriber.finish(deadline) != 0:
+                        raise Failure(f"lost {received['lost']}, repeated or out of order {received['repeated']}")
+                if publisher.finish(deadline) != 0:
+                    raise Failure(f"publisher failed: {publisher.errors()}")
+            server.stop()
+            cost = _cost({"server": server, "publisher": publisher, "subscriber": subscriber}, published["values"])
+        warm_up = plan.get("warm_up", 0) * publishers
+        if received["received"] != (published["values"] + warm_up) * subscribers:
+            raise Failure(f"{received['received']} values arrived of {published['values'] * subscribers}")
+        return published, received, cost
+
+    def publish(self, system, cpus=None, subscribers=1, publishers=1, seconds=None):
+        """M1: acknowledged publishes one at a time per publisher, with subscribers attached."""
+        published, _, cost = self._exchange(system, subscribers, publishers, cpus, seconds=seconds or self.sizes.m1_seconds,
+                                            warm_up=max(self.sizes.m1_warm_up // max(publishers, subscribers), 5))
+        elapsed_s = (published["endNs"] - published["startNs"]) / 1e9
+        return {"ops": published["values"] / elapsed_s, "p50": published["p50"], "p99": published["p99"],
+                "max": published["max"], "refused": published["refused"], **cost}
+
+    def idle_delivery(self, system):
+        """M2: one way, one value every 2 ms."""
+        _, received, _ = self._exchange(system, stamped=1, values=self.sizes.m2_values, interval_us=2000)
+        return {name: received[name] for name in ("p50", "p99", "max", "mean")}
+
+    def delivery(self, system, values, subscribers=1, publishers=1):
+        """M3 and M4: from the first publish to the last value received by anybody."""
+        published, received, cost = self._exchange(system, subscribers, publishers, values=values // publishers)
+        elapsed_s = (received["lastNs"] - published["startNs"]) / 1e9
+        return {"deliveries": received["received"] / elapsed_s, "values": published["values"],
+                "refused": published["refused"], **cost}
+
+    def waiting(self, system, subscribers):
+        """M5: what `subscribers` connections that wait cost the server, beside one silent publisher."""
+        deadline = self.sizes.deadline_s
+        with self._server(system, None) as (server, address, directory):
+            with self._driver(system, "publish", address, directory, None) as publisher:
+                publisher.event("ready", deadline)
+                time.sleep(self.sizes.settle_s)
+                before = memory_kib(server.pid)
+                with self._driver(system, "subscribe", address, directory, None,
+                                  subscribers=subscribers) as subscriber:
+                    registered = subscriber.event("registered", deadline)
+                    time.sleep(self.sizes.settle_s)
+                    after = memory_kib(server.pid)
+                    figures = {"registerMs": registered["registerNs"] / 1e6,
+                               "rssKib": (after["rss"] - before["rss"]) / subscribers,
+                               "pssKib": (after["pss"] - before["pss"]) / subscribers}
+                    if subscribers == 100:
+                        figures.update(self._idle_cpu(server))
+                    return figures
+
+    def _idle_cpu(self, server):
+        ticks, scheduled = cpu_seconds(server.pid)
+        start = time.monotonic()
+        time.sleep(self.sizes.idle_s)
+        elapsed = time.monotonic() - start
+        ticks_after, scheduled_after = cpu_seconds(server.pid)
+        return {"ticksPercent": (ticks_after - ticks) / elapsed * 100,
+                "cpuPercent": (scheduled_after - scheduled) / elapsed * 100}
+
+    def limit(self, name, cpus=None, apart=0):
+        """A raw round trip, or a thread made and joined."""
+        command = [os.path.join(self.bin_directory, "bench_limits"), name, "--seconds",
+                   str(self.sizes.limit_seconds), "--apart", str(apart)]
+        return _json_of(command, cpus)
+
+    def micro(self, minimum_s):
+        """The in-process benchmarks: {name: ns per operation}."""
+        program = os.path.join(self.bin_directory, "bench_micro")
+        if not os.access(program, os.X_OK):
+            raise Failure("bench_micro was not built")
+        report = _json_of([program, "--benchmark_format=json", f"--benchmark_min_time={minimum_s}"], None)
+        units = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
+        return {run["name"]: run["real_time"] * units[run["time_unit"]] for run in report["benchmarks"]
+                if run.get("run_type", "iteration") == "iteration"}
+
+
+def _cost(children, values):
+    """CPU time and context switches per published value of each process, its start and end included."""
+    figures = {}
+    for name, child in children.items():
+        usage = child.usage
+        figures[name + "CpuUs"] = (usage.ru_utime + usage.ru_stime) * 1e6 / values
+        figures[name + "Switches"] = (usage.ru_nvcsw + usage.ru_nivcsw) / values
+    return figures
+
+
+def _json_of(command, cpus):
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=600, check=False,
+                          preexec_fn=lambda: os.sched_setaffinity(0, cpus) if cpus else None)
+    if done.returncode != 0:
+        raise Failure(" ".join(done.stderr.decode(errors="replace").split())[-300:])
+    return json.loads(done.stdout)

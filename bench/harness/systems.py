@@ -1,0 +1,185 @@
+"""The systems compared: how each server is started, and what its figures mean."""
+
+import dataclasses
+import os
+import shutil
+import socket
+
+from .processes import Child, Failure, wait_for
+
+
+@dataclasses.dataclass(frozen=True)
+class System:
+    """One bus. `start(context)` returns (server process, address for its driver)."""
+    name: str
+    label: str
+    server: str             # the program looked up on PATH or beside the drivers
+    start: object
+    brokered: bool          # a server stands in the path of every value
+    acknowledges: bool      # a publish returns on an answer from the server
+    acknowledgement: str    # what a returned publish means
+    no_loss: str            # how loss is excluded
+    packages: str
+    most_subscribers: int = 1_000_000   # of one publisher
+
+    def missing(self, bin_directory):
+        """What keeps the system from being measured here, or None."""
+        if not os.access(os.path.join(bin_directory, f"bench_{self.name}"), os.X_OK):
+            return f"its driver bench_{self.name} was not built (packages: {self.packages})"
+        if self.program(bin_directory) is None:
+            return f"{self.server} is not installed (packages: {self.packages})"
+        return None
+
+    def program(self, bin_directory):
+        return shutil.which(self.server, path=os.pathsep.join((bin_directory, os.environ.get("PATH", ""))))
+
+
+@dataclasses.dataclass(frozen=True)
+class Context:
+    """Where a server runs."""
+    program: str
+    directory: str
+    cpus: object
+
+    def path(self, name):
+        return os.path.join(self.directory, name)
+
+    def write(self, name, text):
+        with open(self.path(name), "w", encoding="utf-8") as file:
+            file.write(text)
+        return self.path(name)
+
+    def child(self, arguments):
+        return Child("server", [self.program, *arguments], self.directory, self.cpus)
+
+
+def _accepts(path):
+    def check():
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as probe:
+            return probe.connect_ex(path) == 0
+    return check
+
+
+def _started(server, ready, what):
+    """Waits until a server is ready and ends it when it does not become so."""
+    try:
+        wait_for(ready, what, server)
+    except Failure:
+        server.stop()
+        raise
+    return server
+
+
+def _start_redis(context):
+    path = context.path("socket")
+    server = context.child(["--port", "0", "--unixsocket", path, "--save", "", "--appendonly", "no",
+                            "--client-output-buffer-limit", "pubsub 0 0 0", "--loglevel", "warning",
+                            "--dir", context.directory])
+    return _started(server, _accepts(path), "its socket"), path
+
+
+def _start_nats(context):
+    configuration = context.write("nats.conf", f"""
+host: 127.0.0.1
+port: -1
+ports_file_dir: "{context.directory}"
+max_pending: 4GB
+write_deadline: "120s"
+""")
+    server = context.child(["-c", configuration])
+    ports = context.path(f"nats-server_{server.pid}.ports")
+    _started(server, lambda: os.path.exists(ports) and os.path.getsize(ports) > 0, "its ports file")
+    with open(ports, encoding="utf-8") as file:
+        text = file.read()
+    return server, "nats://" + text.split("nats://", 1)[1].split('"', 1)[0]
+
+
+def _start_mosquitto(context):
+    path = context.path("socket")
+    configuration = context.write("mosquitto.conf", f"""
+listener 0 {path}
+user root
+allow_anonymous true
+persistence false
+set_tcp_nodelay true
+max_queued_messages 0
+max_inflight_messages 0
+log_type error
+""")
+    server = context.child(["-c", configuration])
+    return _started(server, _accepts(path), "its socket"), path
+
+
+def _start_dbus(context):
+    path = context.path("socket")
+    limits = ("max_incoming_bytes", "max_outgoing_bytes", "max_message_size", "service_start_timeout",
+              "max_completed_connections", "max_incomplete_connections", "max_connections_per_user",
+              "max_match_rules_per_connection", "max_replies_per_connection")
+    configuration = context.write("dbus.conf", f"""
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:path={path}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default"><allow send_destination="*"/><allow receive_sender="*"/><allow own="*"/></policy>
+  {"".join(f'<limit name="{name}">1000000000</limit>' for name in limits)}
+</busconfig>
+""")
+    server = context.child(["--config-file=" + configuration, "--nofork", "--nopidfile", "--print-address"])
+    return _started(server, _accepts(path), "its socket"), "unix:path=" + path
+
+
+def _start_zeromq(context):
+    server = context.child(["serve", "--address", context.directory])
+    return _started(server, _accepts(context.path("in")), "its socket"), context.directory
+
+
+def _start_iceoryx(context):
+    configuration = context.write("roudi.toml", """
+[general]
+version = 1
+
+[[segment]]
+
+[[segment.mempool]]
+size = 64
+count = 100000
+""")
+    server = context.child(["-c", configuration, "-m", "off", "-l", "warning"])
+    try:
+        while "ready for clients" not in server.line(20):
+            pass
+    except Failure:
+        server.stop()
+        raise
+    return server, "roudi"
+
+
+SYSTEMS = (
+    System("redis", "Redis", "redis-server", _start_redis, True, True,
+           "the reply to PUBLISH: the value is in every subscriber's output buffer",
+           "output buffers of subscribers without a limit, persistence off, unix socket",
+           "redis-server libhiredis-dev"),
+    System("nats", "NATS", "nats-server", _start_nats, True, True,
+           "the PONG to a PING sent behind the PUB (flush): the value has been routed",
+           "4 GB of pending data per connection before the server drops it, no limit in the client, loopback TCP",
+           "nats-server libnats-dev"),
+    System("mosquitto", "mosquitto", "mosquitto", _start_mosquitto, True, True,
+           "PUBACK of a QoS 1 publish",
+           "QoS 1 to the subscriber as well, its queue without a limit, unix socket",
+           "mosquitto libmosquitto-dev"),
+    System("dbus", "D-Bus", "dbus-daemon", _start_dbus, True, True,
+           "the daemon's reply to a Ping sent behind the signal: the signal has been routed",
+           "limits of a private daemon raised to 1 GB, unix socket",
+           "dbus-daemon libsystemd-dev"),
+    System("zeromq", "ZeroMQ proxy", "bench_zeromq", _start_zeromq, True, True,
+           "the proxy's reply (REQ to ROUTER), sent when the value is in every subscriber's queue (XPUB)",
+           "no high-water marks, unix sockets",
+           "libzmq3-dev cppzmq-dev"),
+    System("iceoryx", "iceoryx", "iox-roudi", _start_iceoryx, False, False,
+           "none: publish returns when the value is in every subscriber's queue in shared memory; no broker in the path",
+           "a full queue (256 values) blocks the publisher",
+           "iceoryx libiceoryx-posh-dev", most_subscribers=256),
+)
+OURS = "msgbus"

@@ -1,0 +1,278 @@
+// What the machine allows: round trips of a record between two processes over a socket pair and over shared memory, and
+// the price of a thread. Every record is checked. Prints one JSON object.
+//
+//   bench_limits seqpacket|shared-spin|shared-sleep|thread [--seconds S] [--apart 1]
+//
+// `--apart 1` puts the two processes on CPUs 0 and 1; without it the scheduler may put both on one.
+
+#include "options.h"
+#include "samples.h"
+
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace {
+
+using bench::NowNs;
+using bench::Samples;
+
+constexpr std::size_t recordSizeBytes = 1056;
+constexpr std::size_t threadStackBytes = std::size_t{1} << 20;
+constexpr std::uint64_t lastRecord = UINT64_MAX;
+
+/// The size of the bus's request and response records; the number makes every record different.
+struct Record {
+    std::uint64_t number = 0;
+    std::array<std::byte, recordSizeBytes - sizeof(std::uint64_t)> rest{};
+};
+static_assert(sizeof(Record) == recordSizeBytes);
+
+[[noreturn]] void Fail(const char* what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+/// One end of a two-way line of records.
+class ILine {
+public:
+    virtual ~ILine() = default;
+    virtual void Send(const Record& record) = 0;
+    virtual void Receive(Record& record) = 0;
+};
+
+class SocketLine final : public ILine {
+public:
+    explicit SocketLine(int socketDescriptor) : descriptor(socketDescriptor) {}
+
+    void Send(const Record& record) override {
+        if (send(descriptor, &record, sizeof(record), MSG_NOSIGNAL) != sizeof(record)) {
+            Fail("send");
+        }
+    }
+    void Receive(Record& record) override {
+        if (recv(descriptor, &record, sizeof(record), 0) != sizeof(record)) {
+            Fail("recv");
+        }
+    }
+
+private:
+    const int descriptor;
+};
+
+/// One direction in shared memory: the sequence word counts the records; each direction has its own cache lines.
+struct alignas(64) Cell {
+    std::atomic<std::uint32_t> sequence{0};
+    alignas(64) Record record;
+};
+struct Region {
+    Cell there;
+    Cell back;
+};
+
+enum class Waiting { Spin, Sleep };
+
+class SharedLine final : public ILine {
+public:
+    SharedLine(Cell& sendTo, Cell& receiveFrom, Waiting how) : out(sendTo), in(receiveFrom), waiting(how) {}
+
+    void Send(const Record& record) override {
+        out.record = record;
+        out.sequence.fetch_add(1, std::memory_order_release);
+        if (waiting == Waiting::Sleep) {
+            Futex(out.sequence, FUTEX_WAKE, 1);
+        }
+    }
+    void Receive(Record& record) override {
+        std::uint32_t now = 0;
+        while ((now = in.sequence.load(std::memory_order_acquire)) == seen) {
+            if (waiting == Waiting::Sleep) {
+                Futex(in.sequence, FUTEX_WAIT, seen);
+            } else {
+                __builtin_ia32_pause();
+            }
+        }
+        seen = now;
+        record = in.record;
+    }
+
+private:
+    static void Futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value) {
+        syscall(SYS_futex, &word, operation, value, nullptr, nullptr, 0);
+    }
+
+    Cell& out;
+    Cell& in;
+    const Waiting waiting;
+    std::uint32_t seen = 0;
+};
+
+void Echo(ILine& line) {
+    Record record;
+    do {
+        line.Receive(record);
+        line.Send(record);
+    } while (record.number != lastRecord);
+}
+
+Samples PingPong(ILine& line, double seconds) {
+    constexpr std::uint64_t warmUp = 1000;
+    Samples samples(4'000'000);
+    Record request;
+    Record answer;
+    const auto roundTrip = [&] {
+        line.Send(request);
+        line.Receive(answer);
+        if (answer.number != request.number) {
+            throw std::runtime_error("a record came back changed");
+        }
+        ++request.number;
+    };
+    while (request.number < warmUp) {
+        roundTrip();
+    }
+    const auto startNs = NowNs();
+    for (auto before = startNs; before - startNs < static_cast<std::int64_t>(seconds * 1e9);) {
+        roundTrip();
+        const auto after = NowNs();
+        samples.Add(after - before);
+        before = after;
+    }
+    request.number = lastRecord;
+    line.Send(request);
+    line.Receive(answer);
+    return samples;
+}
+
+enum class Placement { Scheduler, Apart };
+
+void RunOnCpu(std::size_t cpu) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    if (sched_setaffinity(0, sizeof(set), &set) != 0) {
+        Fail("sched_setaffinity");
+    }
+}
+
+/// Runs `body` in a child process while `work` runs here.
+template <typename Work>
+Samples WithChild(Placement placement, const std::function<void()>& body, Work work) {
+    if (placement == Placement::Apart) {
+        RunOnCpu(0);
+    }
+    const pid_t child = fork();
+    if (child < 0) {
+        Fail("fork");
+    }
+    if (child == 0) {
+        if (placement == Placement::Apart) {
+            RunOnCpu(1);
+        }
+        body();
+        std::_Exit(0);
+    }
+    auto samples = work();
+    if (waitpid(child, nullptr, 0) != child) {
+        Fail("waitpid");
+    }
+    return samples;
+}
+
+Samples Seqpacket(Placement placement, double seconds) {
+    std::array<int, 2> ends{};
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends.data()) != 0) {
+        Fail("socketpair");
+    }
+    SocketLine here(ends[0]);
+    SocketLine there(ends[1]);
+    return WithChild(
+        placement, [&] { Echo(there); }, [&] { return PingPong(here, seconds); });
+}
+
+Samples SharedMemory(Waiting waiting, Placement placement, double seconds) {
+    void* const memory =
+        mmap(nullptr, sizeof(Region), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    if (memory == MAP_FAILED) {
+        Fail("mmap");
+    }
+    const auto unmap = [](Region* region) { munmap(region, sizeof(Region)); };
+    const std::unique_ptr<Region, decltype(unmap)> region(new (memory) Region, unmap);
+    SharedLine here(region->there, region->back, waiting);
+    SharedLine there(region->back, region->there, waiting);
+    return WithChild(
+        placement, [&] { Echo(there); }, [&] { return PingPong(here, seconds); });
+}
+
+/// A thread made and joined, with the stack of a worker of the bus.
+Samples ThreadHandOver(double seconds) {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, threadStackBytes);
+    Samples samples(1'000'000);
+    const auto startNs = NowNs();
+    for (auto before = startNs; before - startNs < static_cast<std::int64_t>(seconds * 1e9);) {
+        pthread_t thread{};
+        errno = pthread_create(
+            &thread, &attributes, [](void*) -> void* { return nullptr; }, nullptr);
+        if (errno != 0) {
+            Fail("pthread_create");
+        }
+        pthread_join(thread, nullptr);
+        const auto after = NowNs();
+        samples.Add(after - before);
+        before = after;
+    }
+    pthread_attr_destroy(&attributes);
+    return samples;
+}
+
+Samples Measure(const std::string& what, Placement placement, double seconds) {
+    if (what == "seqpacket") {
+        return Seqpacket(placement, seconds);
+    }
+    if (what == "shared-spin") {
+        return SharedMemory(Waiting::Spin, placement, seconds);
+    }
+    if (what == "shared-sleep") {
+        return SharedMemory(Waiting::Sleep, placement, seconds);
+    }
+    if (what == "thread") {
+        return ThreadHandOver(seconds);
+    }
+    throw std::invalid_argument("unknown limit '" + what + "'");
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const bench::Options options(argc, argv);
+        const auto placement = options.Number("apart", 0) != 0 ? Placement::Apart : Placement::Scheduler;
+        auto samples = Measure(options.Verb(), placement, options.Real("seconds", 1));
+        std::cout << "{\"count\":" << samples.Count() << "," << samples.Json() << "}" << std::endl;
+        return 0;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
+        return 1;
+    }
+}
