@@ -41,6 +41,11 @@ public:
     /// Writes one record, whatever its level.
     void LogImpl(LogLevel level, const char* file, int line, const char* function, std::string& message);
 
+    /// The platform's own back end writes no record below `lowest`; Info until this is called. Other back ends decide
+    /// for themselves.
+    /// Threads: any.
+    static void SetThreshold(LogLevel lowest) noexcept;
+
     /// Returns: the back end used until now.
     /// Lifetime: `next` must outlive every log call; the caller keeps it.
     ILogBackEnd& SetBackEnd(ILogBackEnd& next) { return *backEnd.exchange(&next, std::memory_order_acq_rel); }

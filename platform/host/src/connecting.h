@@ -1,0 +1,29 @@
+#pragma once
+
+#include "guarded.h"
+#include "handle_table.h"
+#include "named_socket.h"
+
+namespace borven_host {
+
+/// Client: connects to a name, joins the channel behind it and gives it a handle.
+inline std::int32_t Connect(NameKind kind, const char* name, std::uint32_t timeoutMs, KnHandle* handle) noexcept {
+    if (name == nullptr || handle == nullptr || !IsName(name)) {
+        return KnStatusInvalidArgument;
+    }
+    return Guarded([&] {
+        const Deadline deadline = DeadlineIn(timeoutMs);
+        UniqueFd socket;
+        if (const auto status = ConnectToName(kind, name, deadline, socket); status != KnStatusOk) {
+            return status;
+        }
+        std::shared_ptr<Connection> connection;
+        if (const auto status = Connection::Join(std::move(socket), deadline, connection); status != KnStatusOk) {
+            return status;
+        }
+        *handle = HandleTable::Instance().Add(std::make_shared<End>(std::move(connection)));
+        return std::int32_t{KnStatusOk};
+    });
+}
+
+} // namespace borven_host

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+
+namespace borven_host {
+
+// What travels on a connection besides records. Both are shorter than a record, so that the length tells which is
+// which.
+
+inline constexpr std::uint32_t greetingMagic = 0x48565242; ///< "BRVH"
+inline constexpr std::uint32_t answerMagic = 0x41565242;   ///< "BRVA"
+inline constexpr std::uint16_t protocolVersion = 1;
+
+/// The client's first word.
+struct Greeting {
+    std::uint32_t magic;
+    std::uint16_t version;
+    std::uint16_t recordSize;
+};
+static_assert(sizeof(Greeting) == 8);
+
+/// The server's answer to the greeting; later, a status in place of a reply.
+struct Answer {
+    std::uint32_t magic;
+    std::uint16_t version;
+    std::uint16_t recordSize;
+    std::int32_t status;
+    std::uint32_t reserved;
+};
+static_assert(sizeof(Answer) == 16);
+
+Greeting MakeGreeting() noexcept;
+Answer MakeAnswer(std::int32_t status) noexcept;
+
+bool IsValid(const Greeting& greeting) noexcept;
+bool IsValid(const Answer& answer) noexcept;
+
+/// Sends `status` to the peer of `socket`. Returns: false when the peer is gone or does not take it. Blocks: never.
+bool SendAnswer(int socket, std::int32_t status) noexcept;
+
+} // namespace borven_host
