@@ -206,7 +206,8 @@ class Checker:
         request = self.BuildRecord(f"{base}_req", [field for field in method.fields if field.direction == "in"])
         response = self.BuildRecord(f"{base}_res", [field for field in method.fields if field.direction == "out"])
         inRecords = {field.name: field for field in request.fields + response.fields}
-        return Method(method.doc, method.name.text, index, [inRecords[name] for name in known if name in inRecords], request, response)
+        inOrder = [inRecords[name] for name in known if name in inRecords]
+        return Method(method.doc, method.name.text, index, inOrder, request, response)
 
     def BuildInterface(self, interface):
         if not interface.methods:

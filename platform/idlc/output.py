@@ -34,7 +34,8 @@ def Parameter(field):
 
 def Parameters(method):
     """The parameters of a client stub, on as many lines as they need."""
-    glued = [parameter.replace(" ", "\0") for parameter in ["NkBosTransport* transport", *map(Parameter, method.fields)]]
+    parameters = ["NkBosTransport* transport", *map(Parameter, method.fields)]
+    glued = [parameter.replace(" ", "\0") for parameter in parameters]
     lines = textwrap.wrap(", ".join(glued), LINE_WIDTH - len("    ) {"), break_long_words=False)
     return "\n    ".join(lines).replace("\0", " ")
 

@@ -54,7 +54,7 @@ SYNTAX = {
     "interface br.A { m(); }": f"1:18: expected {METHOD} or '}}', found 'm'",
     "interface br.A { M; }": "1:19: expected '(', found ';'",
     "interface br.A { M() }": "1:22: expected ';', found '}'",
-    "interface br.A { M(; }": f"1:20: expected 'in', 'out' or ')', found ';'",
+    "interface br.A { M(; }": "1:20: expected 'in', 'out' or ')', found ';'",
     "interface br.A { M(int8); }": "1:20: expected 'in', 'out' or ')', found 'int8'",
     "interface br.A { M(inout x: int8); }": "1:20: expected 'in', 'out' or ')', found 'inout'",
     "interface br.A { M(inx: int8); }": "1:20: expected 'in', 'out' or ')', found 'inx'",

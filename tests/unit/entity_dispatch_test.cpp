@@ -77,10 +77,10 @@ constexpr br_MessageBusCtl_ops CtlOps{&Handler<RegisterPublisher>,   &Handler<St
 constexpr br_MessageBusSubs_ops SubsOps{&Handler<Wait>};
 
 struct MethodRow {
-    std::uint16_t iid;
-    std::uint16_t mid;
     const char* name;
     std::size_t cleared;
+    std::uint16_t iid;
+    std::uint16_t mid;
     std::uint32_t size;
 };
 
@@ -89,14 +89,14 @@ void PrintTo(const MethodRow& row, std::ostream* out) {
 }
 
 constexpr MethodRow Methods[] = {
-    {0, 0, "Push", 32, 24},
-    {1, 0, "RegisterPublisher", 32, 32},
-    {1, 1, "StartSubs", 32, 32},
-    {1, 2, "Subscribe", 32, 24},
-    {1, 3, "FinishSubs", 32, 32},
-    {1, 4, "UnregisterPublisher", 32, 24},
-    {1, 5, "UnregisterSubscriber", 32, 24},
-    {2, 0, "Wait", 1056, 1056},
+    {"Push", 32, 0, 0, 24},
+    {"RegisterPublisher", 32, 1, 0, 32},
+    {"StartSubs", 32, 1, 1, 32},
+    {"Subscribe", 32, 1, 2, 24},
+    {"FinishSubs", 32, 1, 3, 32},
+    {"UnregisterPublisher", 32, 1, 4, 24},
+    {"UnregisterSubscriber", 32, 1, 5, 24},
+    {"Wait", 1056, 2, 0, 1056},
 };
 
 class EntityDispatch : public testing::Test {
@@ -143,8 +143,8 @@ protected:
     Scripted<br_MessageBusSubs> subs{};
     br_MessageBusComponent_component component{&provider, &ctl, &subs};
     br_MessageBus_component entity{&component};
-    br_MessageBus_component_req request;
-    br_MessageBus_component_res response;
+    br_MessageBus_component_req request{};
+    br_MessageBus_component_res response{};
     nk_arena requestArena{};
     nk_arena responseArena{};
 };
@@ -195,7 +195,7 @@ TEST_P(EntityDispatchOfMethod, Request_ReachesItsHandlerWithEverythingThatCameWi
 
 TEST_P(EntityDispatchOfMethod, Response_IsClearedToItsLimitBeforeTheHandlerRuns) {
     DispatchMethod();
-    const auto cleared = script.responseBefore.begin() + static_cast<std::ptrdiff_t>(GetParam().cleared);
+    auto* const cleared = script.responseBefore.begin() + static_cast<std::ptrdiff_t>(GetParam().cleared);
     EXPECT_TRUE(std::all_of(script.responseBefore.begin(), cleared, [](unsigned char byte) { return byte == 0; }));
     EXPECT_TRUE(std::all_of(cleared, script.responseBefore.end(), [](unsigned char byte) { return byte == Dirt; }));
 }
