@@ -126,8 +126,9 @@ class Bench:
             raise Failure("bench_micro was not built")
         report = _json_of([program, "--benchmark_format=json", f"--benchmark_min_time={minimum_s}"], None)
         units = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
-        return {run["name"]: run["real_time"] * units[run["time_unit"]] for run in report["benchmarks"]
-                if run.get("run_type", "iteration") == "iteration"}
+        return {run["name"].removesuffix("/manual_time"):
+                1e9 / run["items_per_second"] if "items_per_second" in run else run["real_time"] * units[run["time_unit"]]
+                for run in report["benchmarks"] if run.get("run_type", "iteration") == "iteration"}
 
 
 def _cost(children, values):

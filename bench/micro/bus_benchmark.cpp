@@ -1,0 +1,140 @@
+// The bus inside one process: what a push, a fan-out and a wait cost without any IPC. Where a benchmark works in
+// batches, a batch is one iteration and items_per_second counts the single operations.
+
+#include "bus_runner.h"
+#include "samples.h"
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <semaphore>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using bench::batchSize;
+using bench::BusRunner;
+using bench::NowNs;
+
+constexpr auto topic = "bench";
+
+double SecondsSince(std::int64_t beforeNs) {
+    return static_cast<double>(NowNs() - beforeNs) * 1e-9;
+}
+
+/// Push with the events thread at work on what was pushed, and one subscriber.
+void Push(benchmark::State& state) {
+    BusRunner::Run([&](BusRunner& runner) {
+        const long publisher = runner.Publisher(topic);
+        const long subscriber = runner.Subscriber(topic);
+        for ([[maybe_unused]] auto batch : state) {
+            const auto beforeNs = NowNs();
+            runner.Push(publisher, batchSize);
+            state.SetIterationTime(SecondsSince(beforeNs));
+            runner.Take(subscriber, batchSize);
+        }
+        state.counters["rescues"] = static_cast<double>(runner.Rescues());
+    });
+    state.SetItemsProcessed(state.iterations() * batchSize);
+}
+BENCHMARK(Push)->UseManualTime();
+
+/// Push without an events thread: nobody to wake, nobody to contend with.
+void PushAlone(benchmark::State& state) {
+    for ([[maybe_unused]] auto batch : state) {
+        message_bus::MessageBus bus;
+        long publisher = -1;
+        if (bus.RegisterPublisher(topic, publisher) != cor::ResultCode::Success) {
+            state.SkipWithError("RegisterPublisher failed");
+            break;
+        }
+        const auto beforeNs = NowNs();
+        for (long value = 0; value < batchSize; ++value) {
+            benchmark::DoNotOptimize(bus.Push(publisher, value));
+        }
+        state.SetIterationTime(SecondsSince(beforeNs));
+    }
+    state.SetItemsProcessed(state.iterations() * batchSize);
+}
+BENCHMARK(PushAlone)->UseManualTime();
+
+/// From the first push until the last of the subscribers has every value; one item is one delivery.
+void FanOut(benchmark::State& state) {
+    BusRunner::Run([&](BusRunner& runner) {
+        const long publisher = runner.Publisher(topic);
+        std::vector<long> subscribers;
+        for (long i = 0; i < state.range(0); ++i) {
+            subscribers.push_back(runner.Subscriber(topic));
+        }
+        for ([[maybe_unused]] auto batch : state) {
+            const auto beforeNs = NowNs();
+            runner.Push(publisher, batchSize);
+            runner.Take(subscribers.back(), batchSize);
+            state.SetIterationTime(SecondsSince(beforeNs));
+            for (std::size_t i = 0; i + 1 < subscribers.size(); ++i) {
+                runner.Take(subscribers[i], batchSize);
+            }
+        }
+        state.counters["rescues"] = static_cast<double>(runner.Rescues());
+    });
+    state.SetItemsProcessed(state.iterations() * batchSize * state.range(0));
+}
+BENCHMARK(FanOut)->UseManualTime()->Arg(1)->Arg(10)->Arg(100)->Arg(1000);
+
+/// Wait of a subscriber that has values queued.
+void WaitWithBacklog(benchmark::State& state) {
+    BusRunner::Run([&](BusRunner& runner) {
+        const long publisher = runner.Publisher(topic);
+        const long subscriber = runner.Subscriber(topic);
+        const long later = runner.Subscriber(topic); // has a value after `subscriber` has it
+        std::string gotTopic;
+        long gotValue = 0;
+        for ([[maybe_unused]] auto batch : state) {
+            runner.Push(publisher, batchSize);
+            runner.Take(later, batchSize);
+            const auto beforeNs = NowNs();
+            for (long i = 0; i < batchSize; ++i) {
+                benchmark::DoNotOptimize(runner.Bus().Wait(subscriber, gotTopic, gotValue));
+            }
+            state.SetIterationTime(SecondsSince(beforeNs));
+        }
+        state.counters["rescues"] = static_cast<double>(runner.Rescues());
+    });
+    state.SetItemsProcessed(state.iterations() * batchSize);
+}
+BENCHMARK(WaitWithBacklog)->UseManualTime();
+
+/// From a push to the return of a Wait that sleeps, with the events thread asleep as well.
+void WaitWithoutBacklog(benchmark::State& state) {
+    BusRunner::Run([&](BusRunner& runner) {
+        const long publisher = runner.Publisher(topic);
+        const long subscriber = runner.Subscriber(topic);
+        std::binary_semaphore returned(0);
+        std::int64_t returnedNs = 0;
+        std::jthread waiter([&] {
+            std::string gotTopic;
+            long gotValue = 0;
+            while (runner.Bus().Wait(subscriber, gotTopic, gotValue) == cor::ResultCode::Success) {
+                returnedNs = NowNs();
+                returned.release();
+            }
+        });
+        for ([[maybe_unused]] auto value : state) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200)); // both are asleep again by then
+            const auto beforeNs = NowNs();
+            runner.Push(publisher, 1);
+            while (!returned.try_acquire_for(bench::stuckAfter)) {
+                runner.Rescue();
+            }
+            state.SetIterationTime(static_cast<double>(returnedNs - beforeNs) * 1e-9);
+        }
+        if (runner.Bus().UnregisterSubscriber(subscriber) != cor::ResultCode::Success) {
+            state.SkipWithError("UnregisterSubscriber failed");
+        }
+        state.counters["rescues"] = static_cast<double>(runner.Rescues());
+    });
+}
+BENCHMARK(WaitWithoutBacklog)->UseManualTime();
+
+} // namespace
