@@ -39,7 +39,7 @@ Connection Connect(const std::string& address) {
 
 /// Member names have no dots.
 std::string MemberName(int topic) {
-    return "T" + std::to_string(topic);
+    return std::string("T").append(std::to_string(topic));
 }
 
 class DbusPublisher final : public IPublisher {
