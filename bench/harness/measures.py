@@ -31,7 +31,7 @@ class Bench:
 
     @contextlib.contextmanager
     def _driver(self, system, verb, address, directory, cpus, **arguments):
-        command = [os.path.join(self.bin_directory, f"bench_{system.name}"), verb, "--address", address]
+        command = [os.path.join(self.bin_directory, system.driver_program), verb, "--address", address]
         for name, value in arguments.items():
             command += ["--" + name.replace("_", "-"), str(value)]
         child = Child(verb, command, directory, cpus)

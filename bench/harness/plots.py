@@ -1,13 +1,28 @@
 """SVG plots of a run, the same bytes for the same results."""
 
+import math
 import os
 import re
 import sys
 
 from .systems import OURS
 
-COLOURS = {"msgbus": "#d1242f", "redis": "#1f77b4", "nats": "#2ca02c", "mosquitto": "#9467bd", "dbus": "#8c564b",
+COLOURS = {"msgbus": "#d1242f", "msgbus-static": "#e8888d",
+           "redis": "#1f77b4", "nats": "#2ca02c", "mosquitto": "#9467bd", "dbus": "#8c564b",
            "zeromq": "#ff7f0e", "iceoryx": "#7f7f7f"}
+
+
+def short(value):
+    """1234 as 1.2k: three characters or so for a tick or a bar."""
+    for limit, unit in ((1e6, "M"), (1e3, "k")):
+        if value >= limit:
+            return f"{value / limit:.{1 if value < 10 * limit and value % limit else 0}f}{unit}"
+    return f"{value:.{1 if value < 10 and value % 1 else 0}f}"
+
+
+def decades(values):
+    """The limits of a logarithmic axis: whole decades, so that plots of different runs look alike."""
+    return 10 ** math.floor(math.log10(min(values))), 10 ** math.ceil(math.log10(max(values) * 1.05))
 
 
 def draw(results, folder):
@@ -20,7 +35,11 @@ def draw(results, folder):
     matplotlib.use("svg")
     matplotlib.rcParams.update({"svg.hashsalt": "bench", "font.size": 9, "axes.spines.top": False,
                                 "axes.spines.right": False, "figure.constrained_layout.use": True})
-    from matplotlib import pyplot
+    from matplotlib import pyplot, ticker
+
+    def logarithmic(axis):
+        axis.set_major_formatter(ticker.FuncFormatter(lambda value, _: short(value)))
+        axis.set_minor_formatter(ticker.NullFormatter())
 
     def save(name, figure):
         figure.savefig(os.path.join(folder, name), metadata={"Date": None})
@@ -34,6 +53,7 @@ def draw(results, folder):
             return
         figure, axes = pyplot.subplots(figsize=(7, 0.7 + 0.42 * len(systems)))
         height = 0.8 / len(series)
+        drawn = []
         for number, (title, variant, what, scale) in enumerate(series):
             for row, system in enumerate(systems):
                 passes = [value * scale for value in results.passes(measure, variant, system.name, what)]
@@ -44,9 +64,14 @@ def draw(results, folder):
                           xerr=[[middle - min(passes)], [max(passes) - middle]], ecolor="#444444",
                           error_kw={"elinewidth": 0.8}, color=COLOURS.get(system.name, "#333333"),
                           alpha=1.0 if number == 0 else 0.45)
+                axes.annotate(short(middle), (max(passes), row + (number - (len(series) - 1) / 2) * height),
+                              xytext=(4, 0), textcoords="offset points", va="center", fontsize=7)
+                drawn += passes
         axes.set_yticks(range(len(systems)), [s.label for s in systems])
         axes.invert_yaxis()
         axes.set_xscale("log")
+        axes.set_xlim(*decades(drawn))
+        logarithmic(axes.xaxis)
         axes.set_xlabel(unit + ("" if len(series) == 1 else " (" + ", ".join(
             f"{'dark' if i == 0 else 'light'}: {title}" for i, (title, _, _, _) in enumerate(series)) + ")"))
         axes.grid(axis="x", which="major", alpha=0.3)
@@ -74,6 +99,10 @@ def draw(results, folder):
                           color=COLOURS.get(system.name, "#333333"), linewidth=2 if system.name == OURS else 1)
         axes.set_xscale("log")
         axes.set_yscale("log")
+        axes.set_ylim(*decades([value for line in axes.lines for value in line.get_ydata()]))
+        axes.set_xticks(sorted({value for line in axes.lines for value in line.get_xdata()}))
+        logarithmic(axes.xaxis)
+        logarithmic(axes.yaxis)
         axes.set_xlabel(axis)
         axes.set_ylabel("publishes/s" if what == "ops" else "deliveries/s")
         axes.grid(alpha=0.3)

@@ -42,7 +42,7 @@ class Results:
     def best(self, measure, variant, figure, better, among):
         """Returns: (figure, system) of the best of the peers `among` names, or None."""
         found = [(self.median(measure, variant, s.name, figure), s) for s in self.systems
-                 if s.name != OURS and among(s)]
+                 if not s.ours and among(s)]
         found = [pair for pair in found if pair[0] is not None]
         return better(found, key=lambda pair: pair[0]) if found else None
 

@@ -21,13 +21,23 @@ class System:
     no_loss: str            # how loss is excluded
     packages: str
     most_subscribers: int = 1_000_000   # of one publisher
+    driver: str = ""                    # the system whose driver it uses, when not its own
+
+    @property
+    def driver_program(self):
+        return f"bench_{self.driver or self.name}"
+
+    @property
+    def ours(self):
+        return OURS in (self.name, self.driver)
 
     def missing(self, bin_directory):
         """What keeps the system from being measured here, or None."""
-        if not os.access(os.path.join(bin_directory, f"bench_{self.name}"), os.X_OK):
-            return f"its driver bench_{self.name} was not built (packages: {self.packages})"
+        needs = f" (packages: {self.packages})" if self.packages else ""
+        if not os.access(os.path.join(bin_directory, self.driver_program), os.X_OK):
+            return f"its driver {self.driver_program} was not built{needs}"
         if self.program(bin_directory) is None:
-            return f"{self.server} is not installed (packages: {self.packages})"
+            return f"{self.server} is not there{needs}"
         return None
 
     def program(self, bin_directory):
@@ -49,8 +59,8 @@ class Context:
             file.write(text)
         return self.path(name)
 
-    def child(self, arguments):
-        return Child("server", [self.program, *arguments], self.directory, self.cpus)
+    def child(self, arguments, environment=None):
+        return Child("server", [self.program, *arguments], self.directory, self.cpus, environment)
 
 
 def _accepts(path):
@@ -68,6 +78,21 @@ def _started(server, ready, what):
         server.stop()
         raise
     return server
+
+
+def _start_msgbus(*options):
+    def start(context):
+        directory = context.path("runtime")
+        os.mkdir(directory, 0o700)
+        server = context.child([*options, "--log-level", "warning", "--ready-fd", "1"],
+                               {**os.environ, "BORVEN_RUNTIME_DIR": directory})
+        try:
+            server.line(20)
+        except Failure:
+            server.stop()
+            raise
+        return server, directory
+    return start
 
 
 def _start_redis(context):
@@ -156,7 +181,14 @@ count = 100000
     return server, "roudi"
 
 
+OURS = "msgbus"
+_OURS_ACKNOWLEDGED = "the server's reply to Push: the value is in the inbound queue"
+_OURS_NO_LOSS = "a full inbound queue (1025 values) refuses the push, which is repeated; queues of subscribers have no limit"
+
 SYSTEMS = (
+    System(OURS, "this bus", "msgbusd", _start_msgbus(), True, True, _OURS_ACKNOWLEDGED, _OURS_NO_LOSS, ""),
+    System("msgbus-static", "this bus, static", "msgbusd", _start_msgbus("--static"), True, True, _OURS_ACKNOWLEDGED,
+           _OURS_NO_LOSS, "", driver=OURS),
     System("redis", "Redis", "redis-server", _start_redis, True, True,
            "the reply to PUBLISH: the value is in every subscriber's output buffer",
            "output buffers of subscribers without a limit, persistence off, unix socket",
@@ -182,4 +214,3 @@ SYSTEMS = (
            "a full queue (256 values) blocks the publisher",
            "iceoryx libiceoryx-posh-dev", most_subscribers=256),
 )
-OURS = "msgbus"
