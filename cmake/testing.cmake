@@ -19,7 +19,7 @@ function(borven_test name)
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gtest_main GTest::gmock borven_warnings)
     # Found when ctest runs, not when the program is linked: a sanitized program may not start in every build sandbox.
-    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120 PROPERTIES ${properties})
+    gtest_discover_tests(${name} NO_PRETTY_VALUES DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120 PROPERTIES ${properties})
 endfunction()
 
 # One libFuzzer program, built only where BORVEN_BUILD_FUZZERS is on (the 'fuzz' preset; needs clang).
