@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <barrier>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -41,10 +42,11 @@ void OnThreads(int count, Body body) {
     }
 }
 
+/// The timed part ends with its values or its seconds, whichever comes first; 0 sets no limit.
 struct PublishPlan {
-    std::int64_t values; // to publish in the timed part; 0 when `seconds` decides
+    std::int64_t values;
+    double seconds;
     std::int64_t warmUp; // untimed values before
-    double seconds;      // length of the timed part
     long intervalUs;     // 0: as fast as the acknowledgements come
     bool stamped;        // values are the clock instead of sequence numbers
 };
@@ -72,17 +74,18 @@ PublishResult PublishAll(IPublisher& publisher, int topic, const PublishPlan& pl
     for (; sequence < plan.warmUp; ++sequence) {
         PublishSurely(publisher, nextValue(), result.refused);
     }
-    // Large enough to never grow inside the timed loop at the rates of this class of machine.
+    // Enough for what this class of machine publishes in the seconds of a run, so that it never grows in the timed
+    // loop.
     result.latencies = Samples(static_cast<std::size_t>(plan.values > 0 ? plan.values : 4'000'000));
+    const auto mostValues = plan.values > 0 ? plan.values : std::numeric_limits<std::int64_t>::max();
+    const auto mostNs =
+        plan.seconds > 0 ? static_cast<std::int64_t>(plan.seconds * 1e9) : std::numeric_limits<std::int64_t>::max();
     start.arrive_and_wait();
 
-    const auto limitNs =
-        plan.values > 0 ? std::numeric_limits<std::int64_t>::max() : static_cast<std::int64_t>(plan.seconds * 1e9);
-    const auto limit = plan.values > 0 ? plan.values : std::numeric_limits<std::int64_t>::max();
     result.startNs = NowNs();
     auto before = result.startNs;
     auto due = std::chrono::steady_clock::now();
-    while (result.values < limit && before - result.startNs < limitNs) {
+    while (result.values < mostValues && before - result.startNs < mostNs) {
         if (plan.intervalUs > 0) {
             due += std::chrono::microseconds(plan.intervalUs);
             std::this_thread::sleep_until(due);
@@ -102,7 +105,7 @@ PublishResult PublishAll(IPublisher& publisher, int topic, const PublishPlan& pl
 
 int PublishVerb(IDriver& driver, const Options& options) {
     const auto publishers = static_cast<int>(options.Number("publishers", 1));
-    const PublishPlan plan{options.Number("values", 0), options.Number("warm-up", 0), options.Real("seconds", 1),
+    const PublishPlan plan{options.Number("values", 0), options.Real("seconds", 0), options.Number("warm-up", 0),
                            options.Number("interval-us", 0), options.Number("stamped", 0) != 0};
     std::vector<std::unique_ptr<IPublisher>> connections;
     for (int i = 0; i < publishers; ++i) {
@@ -220,9 +223,10 @@ int RunDriver(const MakeDriver& makeDriver, int argc, char** argv) {
         if (options.Verb() == "subscribe") {
             return SubscribeVerb(*driver, options);
         }
-        std::fprintf(stderr, "usage: %s publish|subscribe --address ADDRESS [--name value]...\n", argv[0]);
+        std::fprintf(stderr, "usage: %s publish|subscribe --address ADDRESS [--name value]...\n",
+                     program_invocation_short_name);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
+        std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, error.what());
     }
     return 1;
 }

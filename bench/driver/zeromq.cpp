@@ -8,6 +8,7 @@
 #include <zmq.hpp>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -176,7 +177,7 @@ int main(int argc, char** argv) {
             return bench::Serve(options.Text("address", "."));
         }
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
+        std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, error.what());
         return 1;
     }
     return bench::RunDriver([](const auto& address) { return std::make_unique<bench::ZeromqDriver>(address); }, argc,

@@ -21,15 +21,15 @@ class System:
     no_loss: str            # how loss is excluded
     packages: str
     most_subscribers: int = 1_000_000   # of one publisher
-    driver: str = ""                    # the system whose driver it uses, when not its own
+    variant: str = ""                   # the system that it is a variant of: has its driver, and takes part in M1 to M4
 
     @property
     def driver_program(self):
-        return f"bench_{self.driver or self.name}"
+        return f"bench_{self.variant or self.name}"
 
     @property
     def ours(self):
-        return OURS in (self.name, self.driver)
+        return OURS in (self.name, self.variant)
 
     def missing(self, bin_directory):
         """What keeps the system from being measured here, or None."""
@@ -188,7 +188,7 @@ _OURS_NO_LOSS = "a full inbound queue (1025 values) refuses the push, which is r
 SYSTEMS = (
     System(OURS, "this bus", "msgbusd", _start_msgbus(), True, True, _OURS_ACKNOWLEDGED, _OURS_NO_LOSS, ""),
     System("msgbus-static", "this bus, static", "msgbusd", _start_msgbus("--static"), True, True, _OURS_ACKNOWLEDGED,
-           _OURS_NO_LOSS, "", driver=OURS),
+           _OURS_NO_LOSS, "", variant=OURS),
     System("redis", "Redis", "redis-server", _start_redis, True, True,
            "the reply to PUBLISH: the value is in every subscriber's output buffer",
            "output buffers of subscribers without a limit, persistence off, unix socket",

@@ -272,7 +272,7 @@ int main(int argc, char** argv) {
         std::cout << "{\"count\":" << samples.Count() << "," << samples.Json() << "}" << std::endl;
         return 0;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
+        std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, error.what());
         return 1;
     }
 }
