@@ -1,0 +1,297 @@
+#include "support/fault_points.h"
+
+#include "support/journal.h"
+
+#include <boost/thread/exceptions.hpp>
+#include <boost/thread/thread.hpp>
+
+#include <sys/mman.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <mutex>
+#include <new>
+#include <set>
+#include <sstream>
+#include <system_error>
+
+namespace test_support {
+
+void FaultPoint::Arm(long skip, long times) {
+    toSkip = skip;
+    toFail = times;
+}
+
+void FaultPoint::Disarm() {
+    toFail = 0;
+}
+
+bool FaultPoint::Strikes() noexcept {
+    if (toFail <= 0 || toSkip.fetch_sub(1) > 0) {
+        return false;
+    }
+    return toFail.fetch_sub(1) > 0;
+}
+
+namespace fault_points {
+
+FaultPoint boostThreadStart;
+FaultPoint boostThreadJoin;
+FaultPoint stdThreadStart;
+FaultPoint stdThreadJoin;
+FaultPoint mapMemory;
+
+namespace {
+
+std::atomic<long> pageSize{0};
+thread_local long mutexLocksToSkip = -1; // -1: not armed
+
+std::atomic<std::thread::id> allocatingThread{};
+std::atomic<long> allocationsToSkip{0};
+
+struct SleepScript {
+    std::mutex mutex; // guards run
+    std::function<void(std::chrono::nanoseconds)> run;
+};
+SleepScript& TheSleepScript() {
+    static SleepScript script;
+    return script;
+}
+
+/// The threads that are stopped somewhere.
+class Stopped {
+public:
+    void Enter() {
+        {
+            const std::lock_guard lock(mutex);
+            threads.insert(std::this_thread::get_id());
+        }
+        changed.notify_all();
+    }
+    void Leave() {
+        const std::lock_guard lock(mutex);
+        threads.erase(std::this_thread::get_id());
+    }
+    bool Await(std::thread::id thread) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, Patience, [&] { return threads.contains(thread); });
+    }
+
+private:
+    std::mutex mutex; // guards threads
+    std::condition_variable changed;
+    std::set<std::thread::id> threads;
+};
+
+Stopped& OnCondition() {
+    static Stopped threads;
+    return threads;
+}
+
+Stopped& OnMutex() {
+    static Stopped threads;
+    return threads;
+}
+
+thread_local bool noteBlocking = true; // off while a blocked thread is being noted
+
+} // namespace
+
+void SetPageSize(long sizeBytes) {
+    pageSize = sizeBytes;
+}
+
+void SetSleep(std::function<void(std::chrono::nanoseconds)> sleep) {
+    const std::lock_guard lock(TheSleepScript().mutex);
+    TheSleepScript().run = std::move(sleep);
+}
+
+void FailMutexLockOnThisThread(long skip) {
+    mutexLocksToSkip = skip;
+}
+
+void FailAllocation(std::thread::id thread, long skip) {
+    allocationsToSkip = skip;
+    allocatingThread = thread;
+}
+
+void DisarmAllocation() {
+    allocatingThread = std::thread::id();
+}
+
+bool AwaitSleepingOnCondition(std::thread::id thread) {
+    return OnCondition().Await(thread);
+}
+
+bool AwaitBlockedOnMutex(std::thread::id thread) {
+    return OnMutex().Await(thread);
+}
+
+void DisarmAll() {
+    for (auto* point : {&boostThreadStart, &boostThreadJoin, &stdThreadStart, &stdThreadJoin, &mapMemory}) {
+        point->Disarm();
+    }
+    SetPageSize(0);
+    SetSleep(nullptr);
+    mutexLocksToSkip = -1;
+    DisarmAllocation();
+}
+
+namespace {
+
+bool AllocationStrikes() noexcept {
+    if (allocatingThread.load(std::memory_order_relaxed) == std::thread::id() ||
+        allocatingThread.load() != std::this_thread::get_id() || allocationsToSkip.fetch_sub(1) > 0) {
+        return false;
+    }
+    DisarmAllocation();
+    return true;
+}
+
+bool MutexLockStrikes() noexcept {
+    return mutexLocksToSkip >= 0 && mutexLocksToSkip-- == 0;
+}
+
+std::function<void(std::chrono::nanoseconds)> SleepInstead() {
+    const std::lock_guard lock(TheSleepScript().mutex);
+    return TheSleepScript().run;
+}
+
+} // namespace
+} // namespace fault_points
+} // namespace test_support
+
+using namespace test_support;
+
+// The names are the linker's: __wrap_X stands for X, and __real_X is the X that was.
+extern "C" {
+
+bool __real__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(
+    boost::thread* self, const boost::thread_attributes& attributes);
+bool __wrap__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(
+    boost::thread* self, const boost::thread_attributes& attributes);
+bool __wrap__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(
+    boost::thread* self, const boost::thread_attributes& attributes) {
+    Journal::Instance().AddCall("boost thread, stack " + std::to_string(attributes.get_stack_size()));
+    return !fault_points::boostThreadStart.Strikes() &&
+           __real__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(self, attributes);
+}
+
+bool __real__ZN5boost6thread13join_noexceptEv(boost::thread* self);
+bool __wrap__ZN5boost6thread13join_noexceptEv(boost::thread* self);
+bool __wrap__ZN5boost6thread13join_noexceptEv(boost::thread* self) {
+    const bool joined = __real__ZN5boost6thread13join_noexceptEv(self);
+    if (fault_points::boostThreadJoin.Strikes()) {
+        throw boost::thread_resource_error(EINVAL, "scripted join failure");
+    }
+    return joined;
+}
+
+void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(std::thread* self,
+                                                                                                  void* state,
+                                                                                                  void (*depend)());
+void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(std::thread* self,
+                                                                                                  void* state,
+                                                                                                  void (*depend)());
+void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(std::thread* self,
+                                                                                                  void* state,
+                                                                                                  void (*depend)()) {
+    if (fault_points::stdThreadStart.Strikes()) {
+        throw std::system_error(EAGAIN, std::generic_category(), "scripted thread failure");
+    }
+    __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(self, state, depend);
+}
+
+void __real__ZNSt6thread4joinEv(std::thread* self);
+void __wrap__ZNSt6thread4joinEv(std::thread* self);
+void __wrap__ZNSt6thread4joinEv(std::thread* self) {
+    Journal::Instance().AddCall("join std thread");
+    __real__ZNSt6thread4joinEv(self);
+    if (fault_points::stdThreadJoin.Strikes()) {
+        throw std::system_error(EINVAL, std::generic_category(), "scripted join failure");
+    }
+}
+
+void __real__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condition_variable* self,
+                                                                      std::unique_lock<std::mutex>& lock);
+void __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condition_variable* self,
+                                                                      std::unique_lock<std::mutex>& lock);
+void __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condition_variable* self,
+                                                                      std::unique_lock<std::mutex>& lock) {
+    // With the mutex still held: whoever locks it after AwaitSleepingOnCondition finds this thread asleep.
+    fault_points::OnCondition().Enter();
+    __real__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(self, lock);
+    fault_points::OnCondition().Leave();
+}
+
+void* __real_mmap(void* address, std::size_t length, int protection, int flags, int descriptor, off_t offset);
+void* __wrap_mmap(void* address, std::size_t length, int protection, int flags, int descriptor, off_t offset);
+void* __wrap_mmap(void* address, std::size_t length, int protection, int flags, int descriptor, off_t offset) {
+    std::ostringstream call;
+    call << "mmap(" << (address == nullptr ? "null" : "address") << ", " << length << ", " << protection << ", 0x"
+         << std::hex << flags << std::dec << ", " << descriptor << ", " << offset << ")";
+    Journal::Instance().AddCall(call.str());
+    if (fault_points::mapMemory.Strikes()) {
+        errno = ENOMEM;
+        return MAP_FAILED;
+    }
+    return __real_mmap(address, length, protection, flags, descriptor, offset);
+}
+
+int __real_munmap(void* address, std::size_t length);
+int __wrap_munmap(void* address, std::size_t length);
+int __wrap_munmap(void* address, std::size_t length) {
+    Journal::Instance().AddCall("munmap(" + std::to_string(length) + ")");
+    return __real_munmap(address, length);
+}
+
+long __real_sysconf(int name);
+long __wrap_sysconf(int name);
+long __wrap_sysconf(int name) {
+    const long scripted = fault_points::pageSize;
+    return name == _SC_PAGESIZE && scripted != 0 ? scripted : __real_sysconf(name);
+}
+
+int __real_nanosleep(const timespec* request, timespec* remaining);
+int __wrap_nanosleep(const timespec* request, timespec* remaining);
+int __wrap_nanosleep(const timespec* request, timespec* remaining) {
+    const auto instead = fault_points::SleepInstead();
+    if (!instead) {
+        return __real_nanosleep(request, remaining);
+    }
+    instead(std::chrono::seconds(request->tv_sec) + std::chrono::nanoseconds(request->tv_nsec));
+    return 0;
+}
+
+int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    if (fault_points::MutexLockStrikes()) {
+        return EAGAIN;
+    }
+    if (!fault_points::noteBlocking) {
+        return __real_pthread_mutex_lock(mutex);
+    }
+    if (const int result = pthread_mutex_trylock(mutex); result != EBUSY) {
+        return result;
+    }
+    fault_points::noteBlocking = false;
+    fault_points::OnMutex().Enter();
+    const int result = __real_pthread_mutex_lock(mutex);
+    fault_points::OnMutex().Leave();
+    fault_points::noteBlocking = true;
+    return result;
+}
+
+void* __real__Znwm(std::size_t size);
+void* __wrap__Znwm(std::size_t size);
+void* __wrap__Znwm(std::size_t size) {
+    if (fault_points::AllocationStrikes()) {
+        throw std::bad_alloc();
+    }
+    return __real__Znwm(size);
+}
+
+} // extern "C"

@@ -1,0 +1,252 @@
+#include "support/in_process_platform.h"
+
+#include "kn/status.h"
+#include "support/in_process_channel.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <string_view>
+
+namespace test_support {
+
+namespace {
+
+bool IsName(const char* name) {
+    constexpr std::size_t longestName = 255;
+    if (name == nullptr) {
+        return false;
+    }
+    const std::string_view text(name);
+    return !text.empty() && text.size() <= longestName && text.find('/') == std::string_view::npos;
+}
+
+void PutName(char* buffer, const std::string& name) {
+    std::memcpy(buffer, name.c_str(), name.size() + 1);
+}
+
+} // namespace
+
+InProcessPlatform::InProcessPlatform() = default;
+InProcessPlatform::~InProcessPlatform() = default;
+
+KnHandle InProcessPlatform::RegisterStatic(const char* connection, const ServiceLocatorDescriptor* descriptors,
+                                           std::uint32_t count, std::uint32_t* iid) {
+    const std::lock_guard lock(mutex);
+    if (!IsName(connection) || (descriptors == nullptr && count != 0) || staticNames.contains(connection)) {
+        return KnInvalidHandle;
+    }
+    if (iid != nullptr) {
+        *iid = count == 0 ? 0 : descriptors[0].iid;
+    }
+    isClosed = false;
+    channels[++lastHandle] = std::make_shared<InProcessChannel>(InProcessChannel::DeadClient::ReplyReportsIt);
+    staticNames[connection] = lastHandle;
+    return lastHandle;
+}
+
+std::int32_t InProcessPlatform::ConnectStatic(const char* connection, KnHandle* handle) {
+    const std::lock_guard lock(mutex);
+    if (!IsName(connection) || handle == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    const auto found = staticNames.find(connection);
+    if (found == staticNames.end()) {
+        return KnStatusNotFound;
+    }
+    *handle = AddConnection(std::make_shared<InProcessConnection>(channels.at(found->second), ConnectionLimits{}));
+    return KnStatusOk;
+}
+
+std::int32_t InProcessPlatform::Publish(const char* type, const char* serverName, const char* service) {
+    const std::lock_guard lock(mutex);
+    if (!IsName(type) || !IsName(serverName) || !IsName(service)) {
+        return KnStatusInvalidArgument;
+    }
+    isClosed = false;
+    return services.emplace(service, type).second ? KnStatusOk : KnStatusAlreadyExists;
+}
+
+std::int32_t InProcessPlatform::Lookup(const char* service) const {
+    const std::lock_guard lock(mutex);
+    if (!IsName(service)) {
+        return KnStatusInvalidArgument;
+    }
+    return services.contains(service) ? KnStatusOk : KnStatusNotFound;
+}
+
+std::int32_t InProcessPlatform::Listen(std::uint32_t timeoutMs, char* clientName, char* serviceName) {
+    if (clientName == nullptr || serviceName == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    std::unique_lock lock(mutex);
+    const auto findNew = [this] {
+        return std::find_if(pending.begin(), pending.end(), [](const auto& client) { return !client->isListed; });
+    };
+    if (!changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                          [&] { return isClosed || findNew() != pending.end(); })) {
+        return KnStatusTimedOut;
+    }
+    if (isClosed) {
+        return KnStatusClosed;
+    }
+    auto& client = **findNew();
+    client.isListed = true;
+    PutName(clientName, client.name);
+    PutName(serviceName, client.service);
+    return KnStatusOk;
+}
+
+std::int32_t InProcessPlatform::Accept(const char* clientName, const char* serviceName, std::uint32_t iid,
+                                       KnHandle channel, KnHandle* handle) {
+    if (clientName == nullptr || serviceName == nullptr || handle == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    const std::lock_guard lock(mutex);
+    const auto found = std::find_if(pending.begin(), pending.end(), [&](const auto& client) {
+        return client->isListed && client->name == clientName && client->service == serviceName;
+    });
+    if (found == pending.end()) {
+        return KnStatusNotFound;
+    }
+    std::shared_ptr<InProcessChannel> serverEnd;
+    if (channel == KnInvalidHandle) {
+        serverEnd = std::make_shared<InProcessChannel>(InProcessChannel::DeadClient::ReplyAnswersOk);
+        channel = ++lastHandle;
+        channels[channel] = serverEnd;
+    } else if (const auto open = channels.find(channel); open != channels.end()) {
+        serverEnd = open->second;
+    } else {
+        return KnStatusClosed;
+    }
+    ConnectionLimits limits{static_cast<std::uint16_t>(iid), {}};
+    if (const auto count = methodCounts.find(services[serviceName]); count != methodCounts.end()) {
+        limits.methodCount = count->second;
+    }
+    const auto client = *found;
+    pending.erase(found);
+    client->handle = AddConnection(std::make_shared<InProcessConnection>(serverEnd, limits));
+    client->isAnswered = true;
+    *handle = channel;
+    changed.notify_all();
+    return KnStatusOk;
+}
+
+std::int32_t InProcessPlatform::Connect(const char* service, std::uint32_t timeoutMs, KnHandle* handle) {
+    if (!IsName(service) || handle == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    std::unique_lock lock(mutex);
+    if (!services.contains(service)) {
+        return KnStatusNotFound;
+    }
+    const auto client = std::make_shared<PendingClient>();
+    client->name = "client-" + std::to_string(++clientCount);
+    client->service = service;
+    pending.push_back(client);
+    changed.notify_all();
+    if (!changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return client->isAnswered; })) {
+        std::erase(pending, client);
+        return KnStatusTimedOut;
+    }
+    *handle = client->handle;
+    return client->status;
+}
+
+std::int32_t InProcessPlatform::SetMethodCount(const char* type, std::uint32_t methodCount) {
+    const std::lock_guard lock(mutex);
+    if (type == nullptr || *type == '\0') {
+        return KnStatusInvalidArgument;
+    }
+    methodCounts[type] = methodCount;
+    return KnStatusOk;
+}
+
+std::int32_t InProcessPlatform::Close(KnHandle handle) {
+    const std::lock_guard lock(mutex);
+    if (const auto channel = channels.find(handle); channel != channels.end()) {
+        channel->second->Close();
+        channels.erase(channel);
+        std::erase_if(staticNames, [handle](const auto& entry) { return entry.second == handle; });
+        return KnStatusOk;
+    }
+    if (const auto connection = connections.find(handle); connection != connections.end()) {
+        connection->second->Close();
+        connections.erase(connection);
+        return KnStatusOk;
+    }
+    return KnStatusInvalidArgument;
+}
+
+void InProcessPlatform::CloseServerEnds() {
+    const std::lock_guard lock(mutex);
+    for (const auto& [handle, channel] : channels) {
+        channel->Close();
+    }
+    channels.clear();
+    staticNames.clear();
+    services.clear();
+    for (const auto& client : pending) {
+        client->status = KnStatusClosed;
+        client->isAnswered = true;
+    }
+    pending.clear();
+    isClosed = true;
+    changed.notify_all();
+}
+
+std::shared_ptr<InProcessChannel> InProcessPlatform::FindChannel(KnHandle handle, std::int32_t& status) const {
+    const std::lock_guard lock(mutex);
+    const auto found = channels.find(handle);
+    if (found != channels.end()) {
+        status = KnStatusOk;
+        return found->second;
+    }
+    status =
+        handle == 0 || handle > lastHandle || connections.contains(handle) ? KnStatusInvalidArgument : KnStatusClosed;
+    return nullptr;
+}
+
+KnHandle InProcessPlatform::AddConnection(std::shared_ptr<InProcessConnection> connection) {
+    connections[++lastHandle] = std::move(connection);
+    return lastHandle;
+}
+
+std::int32_t InProcessPlatform::Receive(const NkBosTransport* transport, nk_message* request) {
+    if (transport == nullptr || transport->initialised == 0 || request == nullptr ||
+        NkGetSize(*request) != NkRecordSize) {
+        return KnStatusInvalidArgument;
+    }
+    std::int32_t status = 0;
+    const auto channel = FindChannel(transport->handle, status);
+    return channel ? channel->Receive(request) : status;
+}
+
+std::int32_t InProcessPlatform::Reply(const NkBosTransport* transport, const nk_message* response) {
+    if (transport == nullptr || transport->initialised == 0 || response == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    std::int32_t status = 0;
+    const auto channel = FindChannel(transport->handle, status);
+    return channel ? channel->Reply(response) : status;
+}
+
+std::int32_t InProcessPlatform::Call(const NkBosTransport* transport, const nk_message* request, nk_message* response) {
+    if (transport == nullptr || transport->initialised == 0 || request == nullptr || response == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    std::shared_ptr<InProcessConnection> connection;
+    {
+        const std::lock_guard lock(mutex);
+        const auto found = connections.find(transport->handle);
+        if (found == connections.end()) {
+            const bool wasClient =
+                transport->handle != 0 && transport->handle <= lastHandle && !channels.contains(transport->handle);
+            return wasClient ? KnStatusClosed : KnStatusInvalidArgument;
+        }
+        connection = found->second;
+    }
+    return connection->Call(request, response);
+}
+
+} // namespace test_support

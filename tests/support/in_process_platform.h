@@ -1,0 +1,81 @@
+#pragma once
+
+#include "kn/connection_manager.h"
+#include "kn/handle.h"
+#include "nk/transport.h"
+#include "ns/name_server.h"
+#include "service_locator.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace test_support {
+
+class InProcessChannel;
+class InProcessConnection;
+
+/// The contract of platform/include among the threads of one process: no sockets, no descriptors, no other users.
+///
+/// A channel is a queue of exchanges. An exchange is waiting (in the queue), owned (by the thread that received it) or
+/// finished (by a reply, or by the loss of either side); only the owner and whoever closes an end change that. The
+/// caller sleeps until its exchange is finished, so no loss leaves it waiting.
+///
+/// Threads: every operation from any thread, except as platform/include says.
+class InProcessPlatform final {
+public:
+    InProcessPlatform();
+    ~InProcessPlatform();
+
+    KnHandle RegisterStatic(const char* connection, const ServiceLocatorDescriptor* services, std::uint32_t count,
+                            std::uint32_t* iid);
+    std::int32_t ConnectStatic(const char* connection, KnHandle* handle);
+
+    std::int32_t Publish(const char* type, const char* serverName, const char* service);
+    std::int32_t Lookup(const char* service) const;
+
+    std::int32_t Listen(std::uint32_t timeoutMs, char* clientName, char* serviceName);
+    std::int32_t Accept(const char* clientName, const char* serviceName, std::uint32_t iid, KnHandle channel,
+                        KnHandle* handle);
+    std::int32_t Connect(const char* service, std::uint32_t timeoutMs, KnHandle* handle);
+
+    std::int32_t SetMethodCount(const char* type, std::uint32_t methodCount);
+
+    std::int32_t Close(KnHandle handle);
+    void CloseServerEnds();
+
+    std::int32_t Receive(const NkBosTransport* transport, nk_message* request);
+    std::int32_t Reply(const NkBosTransport* transport, const nk_message* response);
+    std::int32_t Call(const NkBosTransport* transport, const nk_message* request, nk_message* response);
+
+private:
+    struct PendingClient {
+        std::string name;
+        std::string service;
+        bool isListed = false; // given to a listener
+        bool isAnswered = false;
+        std::int32_t status = 0;
+        KnHandle handle = KnInvalidHandle;
+    };
+
+    std::shared_ptr<InProcessChannel> FindChannel(KnHandle handle, std::int32_t& status) const;
+    KnHandle AddConnection(std::shared_ptr<InProcessConnection> connection);
+
+    mutable std::mutex mutex; // guards all below
+    std::condition_variable changed;
+    KnHandle lastHandle = 0; // a closed handle is never given out again
+    std::map<KnHandle, std::shared_ptr<InProcessChannel>> channels;
+    std::map<KnHandle, std::shared_ptr<InProcessConnection>> connections;
+    std::map<std::string, KnHandle> staticNames;
+    std::map<std::string, std::string> services; // service to interface type
+    std::map<std::string, std::uint32_t> methodCounts;
+    std::list<std::shared_ptr<PendingClient>> pending;
+    std::uint64_t clientCount = 0;
+    bool isClosed = false; // by CloseServerEnds, until something is offered anew
+};
+
+} // namespace test_support

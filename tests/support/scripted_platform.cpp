@@ -1,0 +1,198 @@
+#include "support/scripted_platform.h"
+
+#include "bos/logger.h"
+#include "kn/policy.h"
+#include "kn/task.h"
+#include "support/journal.h"
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+
+using namespace test_support;
+
+namespace {
+
+std::atomic<ScriptedPlatform*> current{nullptr};
+
+/// The one that the test has made; one without a script where there is none, as in the platform battery.
+ScriptedPlatform& Platform() {
+    if (auto* platform = current.load()) {
+        return *platform;
+    }
+    static ScriptedPlatform unscripted;
+    return unscripted;
+}
+
+void Note(std::string call) {
+    Journal::Instance().AddCall(std::move(call));
+}
+
+std::string Text(const char* text) {
+    return text == nullptr ? "null" : "\"" + std::string(text) + "\"";
+}
+
+std::string Pointer(const void* pointer, const char* name) {
+    return pointer == nullptr ? "null" : std::string("&") + name;
+}
+
+/// Where log records go until a test sets a back end.
+class NoLog final : public bos::logger::ILogBackEnd {
+public:
+    bool IsEnabled(bos::logger::LogLevel) const override { return false; }
+    void Write(bos::logger::LogLevel, const char*, int, const char*, const std::string&) override {}
+};
+
+} // namespace
+
+namespace test_support {
+
+ScriptedPlatform::ScriptedPlatform() {
+    current = this;
+}
+
+ScriptedPlatform::~ScriptedPlatform() {
+    ScriptedPlatform* self = this;
+    current.compare_exchange_strong(self, nullptr);
+}
+
+void ScriptedPlatform::SetQuiet(bool isQuiet) {
+    quiet = isQuiet;
+}
+
+bool ScriptedPlatform::IsQuiet() const {
+    return quiet;
+}
+
+} // namespace test_support
+
+namespace bos::logger {
+
+BOSLogger& BOSLogger::RootLogger() {
+    static NoLog noLog;
+    static BOSLogger logger(noLog);
+    return logger;
+}
+
+void BOSLogger::LogImpl(LogLevel level, const char* file, int line, const char* function, std::string& message) {
+    backEnd.load(std::memory_order_acquire)->Write(level, file, line, function, message);
+}
+
+} // namespace bos::logger
+
+KnHandle ServiceLocatorRegister(const char* connection, const ServiceLocatorDescriptor* services, std::uint32_t count,
+                                std::uint32_t* iid) noexcept {
+    Note("ServiceLocatorRegister(" + Text(connection) + ", " + std::to_string(count) + ", " + Pointer(iid, "iid") +
+         ")");
+    return Platform().serviceLocatorRegister.Run(
+        [](auto... args) { return Platform().InProcess().RegisterStatic(args...); }, connection, services, count, iid);
+}
+
+std::int32_t ServiceLocatorConnect(const char* connection, std::uint32_t, KnHandle* handle) noexcept {
+    return Platform().InProcess().ConnectStatic(connection, handle);
+}
+
+std::int32_t KnTaskGetName(char* buffer, std::size_t sizeBytes) noexcept {
+    Note("KnTaskGetName(" + Pointer(buffer, "buffer") + ", " + std::to_string(sizeBytes) + ")");
+    return Platform().taskGetName.Run(
+        [](char* out, std::size_t room) -> std::int32_t {
+            if (out == nullptr || room == 0) {
+                return KnStatusInvalidArgument;
+            }
+            const std::string name = std::string("scripted").substr(0, room - 1);
+            std::memcpy(out, name.c_str(), name.size() + 1);
+            return KnStatusOk;
+        },
+        buffer, sizeBytes);
+}
+
+std::int32_t NsCreate(const char* name, std::uint32_t timeoutMs, NsHandle* nameServer) noexcept {
+    Note("NsCreate(" + Text(name) + ", " + std::to_string(timeoutMs) + ", " + Pointer(nameServer, "handle") + ")");
+    return Platform().nsCreate.Run(
+        [](const char*, std::uint32_t, NsHandle* out) -> std::int32_t {
+            if (out == nullptr) {
+                return KnStatusInvalidArgument;
+            }
+            *out = 1;
+            return KnStatusOk;
+        },
+        name, timeoutMs, nameServer);
+}
+
+std::int32_t NsPublishService(NsHandle nameServer, const char* type, const char* serverName,
+                              const char* service) noexcept {
+    Note("NsPublishService(" + std::to_string(nameServer) + ", " + Text(type) + ", " + Text(serverName) + ", " +
+         Text(service) + ")");
+    return Platform().nsPublishService.Run(
+        [](NsHandle, auto... names) { return Platform().InProcess().Publish(names...); }, nameServer, type, serverName,
+        service);
+}
+
+std::int32_t NsLookupService(NsHandle, const char* service) noexcept {
+    return Platform().InProcess().Lookup(service);
+}
+
+std::int32_t KnCmListen(const char* filter, std::uint32_t timeoutMs, char* clientName, char* serviceName) noexcept {
+    Note("KnCmListen(" + Text(filter) + ", " + std::to_string(timeoutMs) + ")");
+    return Platform().cmListen.Run([](const char*, auto... args) { return Platform().InProcess().Listen(args...); },
+                                   filter, timeoutMs, clientName, serviceName);
+}
+
+std::int32_t KnCmAccept(const char* clientName, const char* serviceName, std::uint32_t iid, KnHandle channel,
+                        KnHandle* handle) noexcept {
+    Note("KnCmAccept(" + Text(clientName) + ", " + Text(serviceName) + ", " + std::to_string(iid) + ", " +
+         std::to_string(channel) + ")");
+    return Platform().cmAccept.Run([](auto... args) { return Platform().InProcess().Accept(args...); }, clientName,
+                                   serviceName, iid, channel, handle);
+}
+
+std::int32_t KnCmConnect(const char* service, std::uint32_t timeoutMs, KnHandle* handle) noexcept {
+    return Platform().InProcess().Connect(service, timeoutMs, handle);
+}
+
+std::int32_t KnPolicySetMethodCount(const char* type, std::uint32_t methodCount) noexcept {
+    return Platform().InProcess().SetMethodCount(type, methodCount);
+}
+
+std::int32_t KnHandleClose(KnHandle handle) noexcept {
+    return Platform().InProcess().Close(handle);
+}
+
+void KnHandleCloseServerEnds() noexcept {
+    Platform().InProcess().CloseServerEnds();
+}
+
+std::int32_t NkBosTransport_Init(NkBosTransport* transport, KnHandle handle, void* arena,
+                                 std::uint64_t arenaSize) noexcept {
+    Note("NkBosTransport_Init(" + Pointer(transport, "transport") + ", " + std::to_string(handle) + ", " +
+         Pointer(arena, "arena") + ", " + std::to_string(arenaSize) + ")");
+    if (transport == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    *transport = {handle, 1, arena, arenaSize};
+    return KnStatusOk;
+}
+
+std::int32_t NkBosTransport_Receive(NkBosTransport* transport, nk_message* request, nk_arena* requestArena) noexcept {
+    if (!Platform().IsQuiet() && transport != nullptr && request != nullptr) {
+        Note("Receive(" + std::to_string(transport->handle) + ", room " + std::to_string(request->size) + ")");
+    }
+    return Platform().receive.Run([](const NkBosTransport* view, nk_message* record,
+                                     nk_arena*) { return Platform().InProcess().Receive(view, record); },
+                                  transport, request, requestArena);
+}
+
+std::int32_t NkBosTransport_Reply(NkBosTransport* transport, const nk_message* response,
+                                  const nk_arena* responseArena) noexcept {
+    if (!Platform().IsQuiet() && transport != nullptr) {
+        Note("Reply(" + std::to_string(transport->handle) + ")");
+    }
+    return Platform().reply.Run([](const NkBosTransport* view, const nk_message* record,
+                                   const nk_arena*) { return Platform().InProcess().Reply(view, record); },
+                                transport, response, responseArena);
+}
+
+std::int32_t NkBosTransport_Call(NkBosTransport* transport, const nk_message* request, const nk_arena*,
+                                 nk_message* response, nk_arena*) noexcept {
+    return Platform().InProcess().Call(transport, request, response);
+}

@@ -1,0 +1,158 @@
+// Defends the queue under both the inbound queue and every subscriber's: first in, first out, no limit, cancel for
+// good. Everything the bus promises about order and about ending a blocked wait stands on it.
+#include "blocking_queue.h"
+#include "support/bus_test.h"
+#include "support/fault_points.h"
+
+#include <future>
+#include <memory>
+
+namespace {
+
+using message_bus::BlockingQueue;
+using test_support::fault_points::AwaitSleepingOnCondition;
+
+class BlockingQueueTest : public test_support::BusTest {
+protected:
+    /// A Pop without limit on a thread of its own.
+    struct Popper {
+        explicit Popper(BlockingQueue<int>& queue)
+            : thread([this, &queue] {
+                  int element = 0;
+                  const bool popped = queue.Pop(element, 0);
+                  result.set_value({popped, element});
+              }),
+              id(thread.get_id()) {}
+        ~Popper() { thread.join(); }
+
+        std::promise<std::pair<bool, int>> result;
+        std::thread thread;
+        std::thread::id id;
+    };
+
+    BlockingQueue<int> queue;
+};
+
+TEST_F(BlockingQueueTest, Enqueue_ReturnsTheNumberOfItemsAfterTheCall) {
+    EXPECT_EQ(queue.Enqueue(7), 1U);
+    EXPECT_EQ(queue.Enqueue(8), 2U);
+    EXPECT_EQ(queue.Size(), 2U);
+}
+
+TEST_F(BlockingQueueTest, Pop_TakesTheOldestFirst) {
+    for (int value : {1, 2, 3}) {
+        queue.Enqueue(value);
+    }
+    int element = 0;
+    for (int value : {1, 2, 3}) {
+        EXPECT_TRUE(queue.Pop(element, 0));
+        EXPECT_EQ(element, value);
+    }
+    EXPECT_EQ(queue.Size(), 0U);
+}
+
+TEST_F(BlockingQueueTest, Pop_ReplacesAndReleasesWhatTheElementHeld) {
+    BlockingQueue<std::shared_ptr<int>> pointers;
+    pointers.Enqueue(std::make_shared<int>(2));
+    auto element = std::make_shared<int>(1);
+    const std::weak_ptr<int> former = element;
+    EXPECT_TRUE(pointers.Pop(element, 0));
+    EXPECT_EQ(*element, 2);
+    EXPECT_TRUE(former.expired());
+}
+
+TEST_F(BlockingQueueTest, Pop_MovesTheElementOutSoThatTheQueueKeepsNoReference) {
+    BlockingQueue<std::shared_ptr<int>> pointers;
+    pointers.Enqueue(std::make_shared<int>(2));
+    std::shared_ptr<int> element;
+    EXPECT_TRUE(pointers.Pop(element, 0));
+    EXPECT_EQ(element.use_count(), 1);
+}
+
+TEST_F(BlockingQueueTest, Pop_WithoutLimit_BlocksUntilAnItemArrives) {
+    Popper popper(queue);
+    ASSERT_TRUE(AwaitSleepingOnCondition(popper.id));
+    queue.Enqueue(5);
+    EXPECT_EQ(popper.result.get_future().get(), std::pair(true, 5));
+}
+
+TEST_F(BlockingQueueTest, Pop_WithATimeOutThatPasses_ReturnsFalseAndLeavesTheElement) {
+    int element = 41;
+    EXPECT_FALSE(queue.Pop(element, 1));
+    EXPECT_EQ(element, 41);
+}
+
+TEST_F(BlockingQueueTest, Pop_WithATimeOutAndAnItem_TakesItAtOnce) {
+    queue.Enqueue(5);
+    int element = 0;
+    EXPECT_TRUE(queue.Pop(element, 1));
+    EXPECT_EQ(element, 5);
+}
+
+TEST_F(BlockingQueueTest, Pop_WithATimeOut_EndsWithCancelBeforeTheTimeOut) {
+    queue.Cancel();
+    int element = 41;
+    EXPECT_FALSE(queue.Pop(element, 0xFFFFFFFF));
+    EXPECT_EQ(element, 41);
+}
+
+TEST_F(BlockingQueueTest, Pop_WithTheLongestTimeOut_WaitsForAnItem) {
+    std::promise<int> result;
+    std::thread popper([&] {
+        int element = 0;
+        queue.Pop(element, 0xFFFFFFFF);
+        result.set_value(element);
+    });
+    queue.Enqueue(6);
+    EXPECT_EQ(result.get_future().get(), 6);
+    popper.join();
+}
+
+TEST_F(BlockingQueueTest, Cancel_MakesEveryBlockedPopReturnFalseWithItsElementUntouched) {
+    Popper first(queue);
+    Popper second(queue);
+    ASSERT_TRUE(AwaitSleepingOnCondition(first.id));
+    ASSERT_TRUE(AwaitSleepingOnCondition(second.id));
+    queue.Cancel();
+    EXPECT_EQ(first.result.get_future().get(), std::pair(false, 0));
+    EXPECT_EQ(second.result.get_future().get(), std::pair(false, 0));
+}
+
+TEST_F(BlockingQueueTest, Cancel_LeavesWhatIsQueuedToBeHandedOut) {
+    queue.Enqueue(1);
+    queue.Enqueue(2);
+    queue.Cancel();
+    int element = 0;
+    EXPECT_TRUE(queue.Pop(element, 0));
+    EXPECT_EQ(element, 1);
+    EXPECT_TRUE(queue.Pop(element, 0));
+    EXPECT_EQ(element, 2);
+    EXPECT_FALSE(queue.Pop(element, 0));
+}
+
+TEST_F(BlockingQueueTest, Enqueue_OnACanceledQueue_DropsTheElementSilently) {
+    queue.Enqueue(1);
+    queue.Cancel();
+    EXPECT_EQ(queue.Enqueue(2), 1U);
+    EXPECT_EQ(queue.Size(), 1U);
+    EXPECT_TRUE(journal.Logs().empty());
+}
+
+TEST_F(BlockingQueueTest, IsCanceled_IsFalseUntilCancelAndTrueForEverAfter) {
+    EXPECT_FALSE(queue.IsCanceled());
+    queue.Cancel();
+    EXPECT_TRUE(queue.IsCanceled());
+    queue.Enqueue(1);
+    queue.Cancel();
+    EXPECT_TRUE(queue.IsCanceled());
+}
+
+TEST_F(BlockingQueueTest, Enqueue_HasNoLimit) {
+    constexpr int many = 100'000;
+    for (int value = 0; value < many; ++value) {
+        queue.Enqueue(value);
+    }
+    EXPECT_EQ(queue.Size(), static_cast<std::size_t>(many));
+}
+
+} // namespace
