@@ -58,11 +58,7 @@ KnHandle HandleTable::Add(std::shared_ptr<End> end) {
 std::int32_t HandleTable::Find(KnHandle handle, End*& end) noexcept {
     if (handle == lastFound.handle && lastFound.end) {
         end = lastFound.end.get();
-        if (end->isOpen.load(std::memory_order_acquire)) {
-            return KnStatusOk;
-        }
-        lastFound = {};
-        return KnStatusClosed;
+        return end->isOpen.load(std::memory_order_acquire) ? KnStatusOk : KnStatusClosed;
     }
     const std::shared_lock lock(entries->mutex);
     const auto found = entries->open.find(handle);

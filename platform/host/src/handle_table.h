@@ -31,8 +31,9 @@ public:
 
     KnHandle Add(std::shared_ptr<End> end);
 
-    /// Returns: 0 and `end`, valid until the thread's next look-up; KnStatusClosed for a handle that is no longer open;
-    /// KnStatusInvalidArgument for a number that never was a handle.
+    /// `end` is valid until the thread's next look-up of another handle.
+    /// Returns: 0 and `end`; KnStatusClosed for a handle that is no longer open, with `end` if the thread looked it up
+    /// last; KnStatusInvalidArgument for a number that never was a handle.
     std::int32_t Find(KnHandle handle, End*& end) noexcept;
 
     /// Returns: the end that the handle named, or null when it was not open.

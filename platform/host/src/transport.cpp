@@ -48,7 +48,9 @@ std::int32_t NkBosTransport_Reply(NkBosTransport* transport, const nk_message* r
         return KnStatusInvalidArgument;
     }
     End* end = nullptr;
-    if (const auto status = EndOf(transport, end); status != KnStatusOk) {
+    // The channel decides for a handle that was closed since: what this thread owes must not count as abandoned.
+    if (const auto status = EndOf(transport, end);
+        status != KnStatusOk && !(status == KnStatusClosed && end != nullptr)) {
         return status;
     }
     return end->channel ? end->channel->Reply(response) : KnStatusInvalidArgument;
