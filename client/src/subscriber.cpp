@@ -1,0 +1,205 @@
+#include "msgbus/subscriber.h"
+
+#include "connection.h"
+#include "recovery.h"
+
+#include "br_MessageBus_client.h"
+#include "cor/result_code.h"
+#include "kn/status.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+namespace msgbus {
+
+namespace {
+
+constexpr auto notRegistered = static_cast<std::int32_t>(cor::ResultCode::NotRegistered);
+constexpr auto conflict = static_cast<std::int32_t>(cor::ResultCode::Conflict);
+
+/// One registration with one server. A wait occupies its connection, so that unregistering needs another.
+class Registration final {
+public:
+    Registration(const std::string& name, const std::vector<std::string>& topics, Route route,
+                 std::chrono::milliseconds timeout)
+        : ctl(Service::Ctl, route, timeout), subs(Service::Subs, route, timeout) {
+        std::int64_t handshake = -1;
+        ThrowUnlessOk(br_MessageBusCtl_StartSubs_call(ctl.Transport(), name, handshake));
+        for (const auto& topic : topics) {
+            const std::int32_t status = br_MessageBusCtl_Subscribe_call(ctl.Transport(), handshake, topic);
+            if (status != 0) {
+                // The server keeps what is neither committed nor cancelled.
+                std::int64_t none = -1;
+                static_cast<void>(br_MessageBusCtl_FinishSubs_call(ctl.Transport(), handshake, 0, none));
+            }
+            ThrowUnlessOk(status, ResultCodeOf(status) == conflict ? "topic '" + topic + "' is named twice" : "");
+        }
+        ThrowUnlessOk(br_MessageBusCtl_FinishSubs_call(ctl.Transport(), handshake, 1, id));
+    }
+    Registration(const Registration&) = delete;
+    Registration& operator=(const Registration&) = delete;
+    ~Registration() { Unregister(); }
+
+    /// Returns: the status of the call; 0 when it was done before.
+    std::int32_t Unregister() noexcept {
+        const std::int64_t registered = std::exchange(id, -1);
+        return registered == -1 ? 0 : br_MessageBusCtl_UnregisterSubscriber_call(ctl.Transport(), registered);
+    }
+
+    std::int32_t Wait(std::int64_t subscriberId, Message& message) {
+        return br_MessageBusSubs_Wait_call(subs.Transport(), subscriberId, message.topic, message.value);
+    }
+
+    void EndWait() noexcept { subs.Close(); }
+    std::int64_t Id() const noexcept { return id; }
+
+private:
+    Connection ctl;
+    Connection subs;
+    std::int64_t id = -1; // -1: not registered
+};
+
+} // namespace
+
+class Subscriber::State final {
+public:
+    State(std::string subscriberName, std::vector<std::string> subscriberTopics, Options subscriberOptions)
+        : name(std::move(subscriberName)), topics(std::move(subscriberTopics)), options(std::move(subscriberOptions)),
+          route(ResolveRoute(options.route)) {
+        CheckText(name, "name");
+        for (const auto& topic : topics) {
+            CheckText(topic, "topic");
+        }
+        registration = Register();
+    }
+
+    std::optional<Message> Next() {
+        Message message;
+        while (true) {
+            const auto [current, id] = Current();
+            if (!current) {
+                return std::nullopt;
+            }
+            const std::int32_t status = current->Wait(id, message);
+            if (status == 0) {
+                return message;
+            }
+            if (!HandleFailure(status)) {
+                return std::nullopt;
+            }
+        }
+    }
+
+    void Cancel() noexcept {
+        const std::lock_guard lock(mutex);
+        if (std::exchange(canceled, true)) {
+            return;
+        }
+        pauseEnded.notify_all();
+        // A server that did not unregister the subscriber does not end the wait either.
+        if (registration && registration->Unregister() != 0) {
+            registration->EndWait();
+        }
+    }
+
+    const std::string& Name() const noexcept { return name; }
+
+    std::int64_t Id() const {
+        const std::lock_guard lock(mutex);
+        return registration->Id();
+    }
+
+private:
+    std::shared_ptr<Registration> Register() const {
+        return std::make_shared<Registration>(name, topics, route, options.connectTimeout);
+    }
+
+    /// Empty once canceled.
+    std::pair<std::shared_ptr<Registration>, std::int64_t> Current() const {
+        const std::lock_guard lock(mutex);
+        if (canceled) {
+            return {nullptr, -1};
+        }
+        return {registration, registration->Id()};
+    }
+
+    /// Returns: true when a restarted server was found; false once canceled. Throws otherwise.
+    bool HandleFailure(std::int32_t status) {
+        {
+            const std::lock_guard lock(mutex);
+            if (canceled) {
+                return false;
+            }
+            if (ResultCodeOf(status) == notRegistered) {
+                // Either somebody used this subscriber's id, or the server does that as it ends: only then does the
+                // next call fail in another way than with "no such id".
+                const std::int32_t answer = registration->Unregister();
+                if (ResultCodeOf(answer) == conflict) {
+                    throw RefusedError(notRegistered, "somebody else has unregistered subscriber '" + name + "'");
+                }
+                status = KnStatusClosed;
+            }
+        }
+        if (status != KnStatusClosed) {
+            ThrowUnlessOk(status);
+        }
+        return RegisterAnew();
+    }
+
+    bool RegisterAnew() {
+        std::shared_ptr<Registration> next;
+        const ServerGoneError loss(KnStatusClosed, "the message bus server is gone");
+        const bool found = Recover(
+            options, loss, [&] { next = Register(); },
+            [this](std::chrono::milliseconds duration) {
+                std::unique_lock lock(mutex);
+                return !pauseEnded.wait_for(lock, duration, [this] { return canceled; });
+            });
+        {
+            const std::lock_guard lock(mutex);
+            if (!found || canceled) {
+                return false;
+            }
+            registration.swap(next);
+        }
+        Notify(options, "subscribed as '" + name + "' again with a restarted server (id " + std::to_string(Id()) +
+                            "); what was not read before, and what was published meanwhile, is lost");
+        return true;
+    }
+
+    const std::string name;
+    const std::vector<std::string> topics;
+    const Options options;
+    const Route route;
+
+    mutable std::mutex mutex;
+    std::condition_variable pauseEnded; // guarded by mutex, as all below
+    bool canceled = false;
+    std::shared_ptr<Registration> registration; // replaced by Next only; shared with a wait under way
+};
+
+Subscriber::Subscriber(std::string name, std::vector<std::string> topics, Options options)
+    : state(std::make_unique<State>(std::move(name), std::move(topics), std::move(options))) {}
+Subscriber::Subscriber(Subscriber&&) noexcept = default;
+Subscriber& Subscriber::operator=(Subscriber&&) noexcept = default;
+Subscriber::~Subscriber() = default;
+
+std::optional<Message> Subscriber::Next() {
+    return state->Next();
+}
+
+void Subscriber::Cancel() noexcept {
+    state->Cancel();
+}
+
+const std::string& Subscriber::Name() const noexcept {
+    return state->Name();
+}
+
+std::int64_t Subscriber::Id() const {
+    return state->Id();
+}
+
+} // namespace msgbus
