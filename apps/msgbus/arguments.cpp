@@ -1,0 +1,69 @@
+#include "arguments.h"
+
+#include <charconv>
+#include <cmath>
+#include <iostream>
+#include <limits>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+constexpr std::size_t longestDeliveredTopic = 1022; // bytes; the bus cuts what it delivers
+
+constexpr std::pair<std::string_view, double> units[] = {{"ms", 1}, {"s", 1e3}, {"", 1e3}, {"m", 6e4}, {"h", 3.6e6}};
+
+} // namespace
+
+void Say(std::string_view sentence) {
+    std::string line("msgbus: ");
+    line.append(sentence).append("\n");
+    std::cerr << line << std::flush;
+}
+
+std::int64_t ParseValue(std::string_view text) {
+    std::int64_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error == std::errc::result_out_of_range) {
+        throw std::invalid_argument("'" + std::string(text) + "' does not fit into 64 bits: values run from " +
+                                    std::to_string(std::numeric_limits<std::int64_t>::min()) + " to " +
+                                    std::to_string(std::numeric_limits<std::int64_t>::max()));
+    }
+    if (error != std::errc() || end != text.data() + text.size()) {
+        throw std::invalid_argument("'" + std::string(text) + "' is not a 64-bit integer");
+    }
+    return value;
+}
+
+std::uint64_t ParseCount(std::string_view text) {
+    std::uint64_t count = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+    if (error != std::errc() || end != text.data() + text.size() || count == 0) {
+        throw std::invalid_argument("'" + std::string(text) + "' is not a count: want 1 or more");
+    }
+    return count;
+}
+
+std::chrono::milliseconds ParseDuration(std::string_view text) {
+    double number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error == std::errc()) {
+        const std::string_view unit = text.substr(static_cast<std::size_t>(end - text.data()));
+        for (const auto& [name, factorMs] : units) {
+            constexpr double longestMs = 1e12;
+            if (unit == name && number * factorMs >= 1 && number * factorMs <= longestMs) {
+                return std::chrono::milliseconds(std::llround(number * factorMs));
+            }
+        }
+    }
+    throw std::invalid_argument("'" + std::string(text) +
+                                "' is not a duration: want 1 ms or more, such as 10, 1.5s or 200ms");
+}
+
+void WarnAboutCutTopic(const std::string& topic) {
+    if (topic.size() > longestDeliveredTopic) {
+        Say("warning: subscribers see only the first " + std::to_string(longestDeliveredTopic) + " bytes of topic '" +
+            topic.substr(0, 20) + "...'");
+    }
+}

@@ -1,0 +1,163 @@
+#include "end_watch.h"
+
+#include "arguments.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <limits>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr milliseconds timeToRelease{3000};
+
+sigset_t EndingSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    return set;
+}
+
+int Checked(int descriptor) {
+    if (descriptor < 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot watch for signals");
+    }
+    return descriptor;
+}
+
+int SignalDescriptor() {
+    const sigset_t set = EndingSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    return Checked(signalfd(-1, &set, SFD_CLOEXEC));
+}
+
+void MakeReadable(int eventDescriptor) {
+    const std::uint64_t one = 1;
+    // Cannot fail: an event counter takes more than one.
+    static_cast<void>(!write(eventDescriptor, &one, sizeof one));
+}
+
+int RemainingMs(std::optional<steady_clock::time_point> deadline) {
+    if (!deadline) {
+        return -1;
+    }
+    const auto left = std::chrono::ceil<milliseconds>(*deadline - steady_clock::now()).count();
+    return static_cast<int>(std::clamp<milliseconds::rep>(left, 0, std::numeric_limits<int>::max()));
+}
+
+} // namespace
+
+EndWatch::EndWatch(std::optional<milliseconds> timeLimit, Output output)
+    : signalDescriptor(SignalDescriptor()), quitDescriptor(Checked(eventfd(0, EFD_CLOEXEC))),
+      endedDescriptor(Checked(eventfd(0, EFD_CLOEXEC))), thread([=, this] { Run(timeLimit, output); }) {}
+
+EndWatch::~EndWatch() {
+    MakeReadable(quitDescriptor);
+    thread.join();
+    for (const int descriptor : {signalDescriptor, quitDescriptor, endedDescriptor}) {
+        close(descriptor);
+    }
+}
+
+void EndWatch::OnEnd(std::function<void()> action) {
+    {
+        const std::lock_guard lock(mutex);
+        if (cause == Cause::None) {
+            endAction = std::move(action);
+            return;
+        }
+    }
+    action();
+}
+
+EndWatch::Cause EndWatch::WhyEnded() const {
+    const std::lock_guard lock(mutex);
+    return cause;
+}
+
+/// Returns: None when the program ends by itself.
+EndWatch::Cause EndWatch::AwaitCause(std::optional<milliseconds> timeLimit, Output output) const {
+    std::optional<steady_clock::time_point> deadline;
+    if (timeLimit) {
+        deadline = steady_clock::now() + *timeLimit;
+    }
+    while (true) {
+        // A negative descriptor is skipped; of stdout only the end of its reader is of interest.
+        std::array<pollfd, 3> watched{{{quitDescriptor, POLLIN, 0},
+                                       {signalDescriptor, POLLIN, 0},
+                                       {output == Output::Watched ? STDOUT_FILENO : -1, 0, 0}}};
+        const int ready = poll(watched.data(), watched.size(), RemainingMs(deadline));
+        if (watched[0].revents != 0) {
+            return Cause::None;
+        }
+        if (watched[1].revents != 0) {
+            return Cause::Signal;
+        }
+        if (watched[2].revents != 0) {
+            return Cause::OutputClosed;
+        }
+        if (ready == 0 && steady_clock::now() >= *deadline) {
+            return Cause::TimeLimit;
+        }
+    }
+}
+
+void EndWatch::Run(std::optional<milliseconds> timeLimit, Output output) {
+    const Cause found = AwaitCause(timeLimit, output);
+    if (found == Cause::None) {
+        return;
+    }
+    if (found == Cause::Signal) { // take it, and let the next one do what it does by default
+        signalfd_siginfo taken{};
+        static_cast<void>(!read(signalDescriptor, &taken, sizeof taken));
+    }
+    std::function<void()> action;
+    {
+        const std::lock_guard lock(mutex);
+        cause = found;
+        action.swap(endAction);
+    }
+    MakeReadable(endedDescriptor);
+    std::thread releasing([this, release = std::move(action)] {
+        if (release) {
+            release();
+            const std::lock_guard lock(mutex);
+            isReleased = true;
+        }
+    });
+    const sigset_t set = EndingSignals();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+
+    pollfd quit{quitDescriptor, POLLIN, 0};
+    const auto deadline = steady_clock::now() + timeToRelease;
+    while (poll(&quit, 1, RemainingMs(deadline)) <= 0 && steady_clock::now() < deadline) {
+    }
+    if (quit.revents != 0) {
+        releasing.join();
+        return;
+    }
+    bool released = false;
+    {
+        const std::lock_guard lock(mutex);
+        released = isReleased;
+    }
+    if (!released) {
+        Say("the message bus server does not answer; leaving without it");
+    }
+    if (found == Cause::TimeLimit) {
+        _exit(static_cast<int>(ExitStatus::TimedOut));
+    }
+    _exit(static_cast<int>(released ? ExitStatus::Done : ExitStatus::NoServer));
+}

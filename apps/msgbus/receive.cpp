@@ -1,0 +1,87 @@
+#include "arguments.h"
+#include "end_watch.h"
+#include "msgbus/subscriber.h"
+
+#include <nlohmann/json.hpp>
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace {
+
+/// One line per message, whatever is in its topic.
+std::string FormatPlain(const msgbus::Message& message) {
+    std::string line;
+    for (const char character : message.topic) {
+        if (const auto byte = static_cast<unsigned char>(character); byte < 0x20 || byte == 0x7F) {
+            std::array<char, 5> escape{};
+            std::snprintf(escape.data(), escape.size(), "\\x%02x", byte);
+            line += escape.data();
+        } else {
+            line += character;
+        }
+    }
+    return line + ' ' + std::to_string(message.value) + '\n';
+}
+
+std::string FormatJson(const msgbus::Message& message, const std::string& subscriber) {
+    const nlohmann::ordered_json object{{"topic", message.topic}, {"value", message.value}, {"subscriber", subscriber}};
+    return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
+}
+
+/// Returns: false when nobody reads any more. Throws: std::system_error.
+bool WriteOut(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = write(STDOUT_FILENO, text.data(), text.size());
+        if (count >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno == EPIPE) {
+            return false;
+        } else if (errno == EAGAIN) { // somebody who shares it made it non-blocking
+            pollfd output{STDOUT_FILENO, POLLOUT, 0};
+            poll(&output, 1, -1);
+        } else if (errno != EINTR) {
+            throw std::system_error(errno, std::generic_category(), "cannot write the messages");
+        }
+    }
+    return true;
+}
+
+ExitStatus Print(msgbus::Subscriber& subscriber, const EndWatch& watch, const ReceiveArguments& arguments) {
+    for (std::uint64_t received = 0; received != arguments.count; ++received) {
+        const auto message = subscriber.Next();
+        if (!message) {
+            return watch.WhyEnded() == EndWatch::Cause::TimeLimit ? ExitStatus::TimedOut : ExitStatus::Done;
+        }
+        if (!WriteOut(arguments.json ? FormatJson(*message, arguments.name) : FormatPlain(*message))) {
+            return ExitStatus::Done;
+        }
+    }
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+ExitStatus Receive(const ReceiveArguments& arguments) {
+    for (const auto& topic : arguments.topics) {
+        WarnAboutCutTopic(topic);
+    }
+    // The watch uses the subscriber, but blocks signals before anything is registered.
+    std::optional<msgbus::Subscriber> subscriber;
+    EndWatch watch(arguments.timeLimit, EndWatch::Output::Watched);
+    subscriber.emplace(arguments.name, arguments.topics, arguments.options);
+    Say("subscribed as '" + arguments.name + "' (id " + std::to_string(subscriber->Id()) + ")");
+    watch.OnEnd([&subscriber] { subscriber->Cancel(); });
+
+    const ExitStatus status = Print(*subscriber, watch, arguments);
+    subscriber->Cancel(); // here and not in the destructor: under the watch
+    return status;
+}
