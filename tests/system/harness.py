@@ -1,0 +1,215 @@
+"""Real processes as a script: start, connect, subscribe, expect, kill, expect, clean exit.
+
+Nothing here sleeps to wait: every step waits for a condition with a deadline, and a test that fails shows what every
+process of it has said. BORVEN_BIN tells where the programs are, BORVEN_TEST_MODE which mode to test.
+"""
+
+import os
+import queue
+import signal
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+PATIENCE = float(os.environ.get("BORVEN_TEST_PATIENCE", "60"))  # seconds; only ends what hangs
+BIN = os.environ["BORVEN_BIN"]
+MODE = os.environ["BORVEN_TEST_MODE"]
+
+DONE, FAILED, USAGE, REFUSED, NO_SERVER, TIMED_OUT = 0, 1, 2, 3, 4, 124
+
+
+class Process:
+    """A program and the lines that it writes, as they come."""
+
+    def __init__(self, test, arguments, environment, stdout=subprocess.PIPE, pass_fds=()):
+        self.test = test
+        self.arguments = arguments
+        self.seen = []
+        self.popen = subprocess.Popen(arguments, stdin=subprocess.PIPE, stdout=stdout, stderr=subprocess.PIPE,
+                                      env=environment, pass_fds=pass_fds)
+        self.out = queue.Queue()
+        self.err = queue.Queue()
+        self.readers = [threading.Thread(target=self._read, args=each, daemon=True)
+                        for each in ((self.popen.stdout, self.out), (self.popen.stderr, self.err))]
+        for reader in self.readers:
+            reader.start()
+
+    def _read(self, stream, lines):
+        if stream is not None:
+            for line in stream:
+                text = line.decode(errors="replace").rstrip("\n")
+                self.seen.append(text)
+                lines.put(text)
+        lines.put(None)
+
+    def expect(self, line):
+        """The next line on stdout is `line`."""
+        self.test.assertEqual(self._next(self.out), line, self)
+
+    def expect_all(self, lines):
+        for line in lines:
+            self.expect(line)
+
+    def expect_end(self):
+        """Nothing more on stdout."""
+        self.test.assertIsNone(self._next(self.out), self)
+
+    def next_line(self):
+        line = self._next(self.out)
+        self.test.assertIsNotNone(line, f"{self} ended")
+        return line
+
+    def expect_error(self, part):
+        """Some line on stderr, now or later, contains `part`."""
+        while True:
+            line = self._next(self.err)
+            self.test.assertIsNotNone(line, f"{self} never said '{part}'")
+            if part in line:
+                return line
+
+    def _next(self, lines):
+        try:
+            return lines.get(timeout=PATIENCE)
+        except queue.Empty:
+            self.test.fail(f"{self} said nothing more")
+
+    def write(self, text):
+        try:
+            self.popen.stdin.write(text.encode())
+            self.popen.stdin.flush()
+        except BrokenPipeError:
+            pass  # it has ended; whether it should have is for the test to say
+
+    def end_input(self):
+        try:
+            self.popen.stdin.close()
+        except BrokenPipeError:
+            pass
+
+    def signal(self, number):
+        self.popen.send_signal(number)
+
+    def kill(self):
+        self.popen.kill()
+        self.popen.wait()
+
+    def wait(self):
+        try:
+            status = self.popen.wait(PATIENCE)
+        except subprocess.TimeoutExpired:
+            self.test.fail(f"{self} did not end")
+        for reader in self.readers:
+            reader.join(PATIENCE)
+        return status
+
+    def expect_exit(self, status):
+        self.test.assertEqual(self.wait(), status, self)
+
+    def close(self):
+        if self.popen.poll() is None:
+            self.popen.send_signal(signal.SIGCONT)
+            self.kill()
+        for reader in self.readers:
+            reader.join(PATIENCE)
+        for stream in (self.popen.stdin, self.popen.stdout, self.popen.stderr):
+            if stream is not None:
+                try:
+                    stream.close()
+                except BrokenPipeError:
+                    pass
+
+    def __str__(self):
+        command = " ".join(os.path.basename(word)[:40] for word in self.arguments)
+        return f"[{command}] (status {self.popen.poll()})"
+
+
+class Server(Process):
+    """msgbusd, once it serves."""
+
+    def __init__(self, test, *options, log_level="debug"):
+        ready, tell = os.pipe()
+        super().__init__(test, [f"{BIN}/msgbusd", f"--{MODE}", "--log-level", log_level, "--ready-fd", str(tell),
+                                *options], test.environment, pass_fds=(tell,))
+        os.close(tell)
+        with os.fdopen(ready, "rb") as pipe:
+            said = pipe.read()
+        test.assertEqual(said, b"READY\n", f"{self} did not get ready: {self.seen}")
+
+    def stop(self):
+        """SIGTERM, and what must hold when it has ended."""
+        self.signal(signal.SIGTERM)
+        self.expect_exit(0)
+        self.test.assertEqual(os.listdir(self.test.runtime), [], "the server left something behind")
+
+
+class BusTest(unittest.TestCase):
+    """A runtime directory of its own; every process that is still there at the end is killed."""
+
+    maxDiff = None
+
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory(prefix="borven-system-")
+        self.addCleanup(directory.cleanup)
+        self.runtime = os.path.join(directory.name, "runtime")
+        os.mkdir(self.runtime, 0o700)
+        self.environment = {**os.environ, "BORVEN_RUNTIME_DIR": self.runtime, "BORVEN_BUS": MODE}
+        self.processes = []
+        self.addCleanup(self._end_all)
+
+    def _end_all(self):
+        for process in self.processes:
+            process.close()
+            print(f"--- {process}")  # shown only when the test fails
+            print("\n".join(process.seen[-60:]))
+
+    def start(self, *arguments, **options):
+        process = Process(self, list(arguments), self.environment, **options)
+        self.processes.append(process)
+        return process
+
+    def server(self, *options, **more):
+        server = Server(self, *options, **more)
+        self.processes.append(server)
+        return server
+
+    def msgbus(self, *arguments, **options):
+        return self.start(f"{BIN}/msgbus", *arguments, **options)
+
+    def sub(self, *topics, name="reader", options=(), **more):
+        """A subscriber, once it is registered."""
+        process = self.msgbus("sub", *topics, "--name", name, *options, **more)
+        process.expect_error(f"subscribed as '{name}'")
+        return process
+
+    def pub(self, topic, *options):
+        """A publisher that takes values from its standard input, once it is registered."""
+        process = self.msgbus("pub", topic, "-l", "-v", *options)
+        process.expect_error(f"publishing topic '{topic}'")
+        return process
+
+    def publish(self, topic, *values):
+        """Publishes from start to end."""
+        process = self.msgbus("pub", topic, "--", *(str(value) for value in values))
+        process.expect_exit(DONE)
+
+    def expect_working(self):
+        """A value still finds its way."""
+        reader = self.sub("still-working", name="probe", options=("-n", "1"))
+        self.publish("still-working", 42)
+        reader.expect("still-working 42")
+        reader.expect_exit(DONE)
+
+
+def main():
+    unittest.main(buffer=True)
+
+
+def wait_until(test, condition, what):
+    """For what only the outside can tell. Looks again and again, with a deadline."""
+    deadline = time.monotonic() + PATIENCE
+    while not condition():
+        if time.monotonic() > deadline:
+            test.fail(f"waited in vain: {what}")
+        time.sleep(0.01)

@@ -1,0 +1,83 @@
+// A client that takes the first steps of a client's life and then waits to be killed: `stopping_client STEP` tells that
+// it is there by writing the step's name.
+
+#include "br_MessageBus_client.h"
+#include "kn/connection_manager.h"
+#include "nk/transport.h"
+#include "service_locator.h"
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+#include <string_view>
+
+namespace {
+
+constexpr std::uint32_t timeoutMs = 60000;
+
+NkBosTransport Connect(const char* service) {
+    const std::string_view mode = std::getenv("BORVEN_BUS");
+    KnHandle handle = KnInvalidHandle;
+    const std::int32_t status = mode == "static" ? ServiceLocatorConnect("msgbus_connection_id", timeoutMs, &handle)
+                                                 : KnCmConnect(service, timeoutMs, &handle);
+    if (status != 0) {
+        std::cerr << "stopping_client: cannot connect: " << status << '\n';
+        std::exit(1);
+    }
+    NkBosTransport transport{};
+    NkBosTransport_Init(&transport, handle, nullptr, 0);
+    return transport;
+}
+
+void Expect(std::int32_t status) {
+    if (status != 0) {
+        std::cerr << "stopping_client: refused: " << status << '\n';
+        std::exit(1);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const std::string_view last = argc == 2 ? argv[1] : "";
+    const auto stopAt = [last](std::string_view step) {
+        if (step == last) {
+            std::cout << step << std::endl;
+            while (true) {
+                pause();
+            }
+        }
+    };
+    std::int64_t registration = -1;
+    std::int64_t subscriber = -1;
+    std::int64_t publisher = -1;
+    std::int64_t value = 0;
+    std::string topic;
+
+    auto ctl = Connect(br_MessageBusComponent_ctl_service);
+    stopAt("connected");
+    Expect(br_MessageBusCtl_StartSubs_call(&ctl, "victim", registration));
+    stopAt("started");
+    Expect(br_MessageBusCtl_Subscribe_call(&ctl, registration, "victims"));
+    stopAt("named-a-topic");
+    Expect(br_MessageBusCtl_FinishSubs_call(&ctl, registration, 1, subscriber));
+    stopAt("subscribed");
+    auto subs = Connect(br_MessageBusComponent_subs_service);
+    stopAt("connected-to-wait");
+    Expect(br_MessageBusCtl_RegisterPublisher_call(&ctl, "victims", publisher));
+    stopAt("registered-a-publisher");
+    auto provider = Connect(br_MessageBusComponent_provider_service);
+    Expect(br_MessageBusProvider_Push_call(&provider, publisher, 1));
+    stopAt("pushed");
+    Expect(br_MessageBusSubs_Wait_call(&subs, subscriber, topic, value));
+    stopAt("received");
+    if (last == "waiting") {
+        std::cout << last << std::endl;
+        Expect(br_MessageBusSubs_Wait_call(&subs, subscriber, topic, value));
+    }
+    std::cerr << "stopping_client: no step is named '" << last << "'\n";
+    return 2;
+}

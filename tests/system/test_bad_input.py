@@ -1,0 +1,147 @@
+"""Bad input gets a clear sentence on stderr and its exit status, and nothing on stdout."""
+
+import os
+import socket
+
+from harness import BIN, DONE, FAILED, MODE, NO_SERVER, USAGE, BusTest, main
+
+
+class BadInput(BusTest):
+
+    def refuse(self, arguments, status, sentence, program="msgbus"):
+        process = self.start(f"{BIN}/{program}", *arguments)
+        process.expect_exit(status)
+        said = "\n".join(process.seen)
+        self.assertIn(sentence, said)
+        process.expect_end()
+
+    def test_unknown_options(self):
+        self.refuse(["--frobnicate"], USAGE, "--frobnicate", "msgbusd")
+        self.refuse(["pub", "t", "1", "--frobnicate"], USAGE, "--frobnicate")
+        self.refuse(["sub", "t", "--name", "n", "-x"], USAGE, "-x")
+        self.refuse(["frobnicate"], USAGE, "unknown command 'frobnicate'")
+
+    def test_missing_arguments(self):
+        self.refuse([], USAGE, "subcommand")
+        self.refuse(["pub"], USAGE, "topic")
+        self.refuse(["pub", "t"], USAGE, "nothing to publish")
+        self.refuse(["sub", "--name", "n"], USAGE, "topics")
+        self.refuse(["sub", "t"], USAGE, "--name")
+
+    def test_both_modes_at_once(self):
+        self.refuse(["--static", "--dynamic"], USAGE, "excludes", "msgbusd")
+        self.refuse(["pub", "t", "1", "--static", "--dynamic"], USAGE, "excludes")
+
+    def test_values_and_lines_at_once(self):
+        self.refuse(["pub", "t", "1", "-l"], USAGE, "excludes")
+
+    def test_topics_that_are_too_long(self):
+        self.server()
+        for length in (1024, 1025, 5000):
+            self.refuse(["pub", "x" * length, "1"], USAGE, f"the topic has {length} bytes; at most 1023")
+            self.refuse(["sub", "x" * length, "--name", "n"], USAGE, f"the topic has {length} bytes; at most 1023")
+        self.refuse(["sub", "t", "--name", "x" * 1024], USAGE, "the name has 1024 bytes; at most 1023")
+
+    def test_empty_topics_and_names(self):
+        self.server()
+        self.refuse(["pub", "", "1"], USAGE, "the topic is empty")
+        self.refuse(["sub", "", "--name", "n"], USAGE, "the topic is empty")
+        self.refuse(["sub", "t", "", "--name", "n"], USAGE, "the topic is empty")
+        self.refuse(["sub", "t", "--name", ""], USAGE, "the name is empty")
+
+    def test_values_that_are_no_64_bit_integers(self):
+        self.server()
+        for text in ("x", "", "1.5", "1e3", "0x10", " 1", "1 ", "+", "-", "--5"):
+            self.refuse(["pub", "t", "--", text], USAGE, f"'{text}' is not a 64-bit integer")
+        for text in (str(2**63), str(-2**63 - 1), "9" * 100):
+            self.refuse(["pub", "t", "--", text], USAGE, f"'{text}' does not fit into 64 bits")
+
+    def test_one_bad_value_among_good_ones_publishes_none(self):
+        self.server()
+        reader = self.sub("t", options=("-n", "1"))
+        self.refuse(["pub", "t", "1", "2", "three"], USAGE, "'three' is not a 64-bit integer")
+        self.publish("t", 4)
+        reader.expect("t 4")
+
+    def test_a_bad_line_is_named_and_the_lines_before_it_are_published(self):
+        self.server()
+        reader = self.sub("t", options=("-n", "2"))
+        publisher = self.pub("t")
+        publisher.write("1\n2\nthree\n4\n")
+        publisher.expect_error("line 3: 'three' is not a 64-bit integer; the 2 before it were published")
+        publisher.expect_exit(USAGE)
+        reader.expect_all(["t 1", "t 2"])
+
+    def test_a_line_without_end(self):
+        self.server()
+        publisher = self.pub("t")
+        publisher.write("1" * 100000)
+        publisher.expect_error("line 1: ")
+        publisher.expect_exit(USAGE)
+
+    def test_counts_and_durations(self):
+        for count in ("0", "-1", "x", "1.5"):
+            self.refuse(["sub", "t", "--name", "n", "-n", count], USAGE, f"'{count}' is not a count")
+        for duration in ("0", "-1", "x", "5parsecs", "", "nan", "inf", "1e300"):
+            self.refuse(["sub", "t", "--name", "n", "-W", duration], USAGE, f"'{duration}' is not a duration")
+
+    def test_no_server(self):
+        self.refuse(["pub", "t", "1"], NO_SERVER, f"no message bus server is running in {MODE} mode")
+        self.refuse(["sub", "t", "--name", "n"], NO_SERVER, "no message bus server is running")
+        del self.environment["BORVEN_BUS"]
+        self.refuse(["pub", "t", "1"], NO_SERVER, "no message bus server is running")
+
+    def test_a_server_of_the_other_mode_only(self):
+        self.server()
+        other = "dynamic" if MODE == "static" else "static"
+        self.refuse(["pub", "t", "1", f"--{other}"], NO_SERVER, f"no message bus server is running in {other} mode")
+
+    def test_an_environment_that_names_no_mode(self):
+        self.environment["BORVEN_BUS"] = "quantum"
+        self.refuse(["pub", "t", "1"], USAGE, "BORVEN_BUS is 'quantum'; it must be 'static' or 'dynamic'")
+
+    def test_options_of_the_server(self):
+        self.refuse(["--log-level", "loud"], USAGE, "--log-level", "msgbusd")
+        self.refuse(["--log-level", "0"], USAGE, "--log-level", "msgbusd")
+        for descriptor in ("x", "-1", "1.5", "9999999999"):
+            self.refuse(["--ready-fd", descriptor], USAGE, "--ready-fd", "msgbusd")
+        self.refuse(["--ready-fd", "77"], USAGE, "--ready-fd 77: Bad file descriptor", "msgbusd")
+        self.refuse(["surplus"], USAGE, "surplus", "msgbusd")
+
+    def test_a_runtime_directory_that_cannot_be_used(self):
+        self.environment["BORVEN_RUNTIME_DIR"] = "/proc/nowhere"
+        self.refuse([f"--{MODE}", "--log-level", "off"], FAILED, "cannot offer the bus", "msgbusd")
+        self.refuse(["pub", "t", "1"], NO_SERVER if self.is_missing_server() else FAILED, "msgbus: ")
+
+    def is_missing_server(self):
+        return self.msgbus("pub", "t", "1").wait() == NO_SERVER
+
+    def test_help_and_version_are_no_errors(self):
+        for program in ("msgbus", "msgbusd"):
+            for option in ("--help", "--version"):
+                process = self.start(f"{BIN}/{program}", option)
+                process.expect_exit(DONE)
+                self.assertIn(program, "\n".join(process.seen))
+
+    def test_strangers_at_the_sockets_harm_nobody(self):
+        self.server()
+        held = []
+        for root, _, names in os.walk(self.runtime):
+            for name in names:
+                for junk in (b"", b"x", b"\xff" * 1056, b"\0" * 65536):
+                    stranger = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+                    held.append(stranger)
+                    try:
+                        stranger.connect(os.path.join(root, name))
+                        if junk:
+                            stranger.send(junk)
+                    except OSError:
+                        pass  # nobody has to listen to it
+        self.expect_working()
+        for stranger in held:
+            stranger.close()
+        self.expect_working()
+
+
+if __name__ == "__main__":
+    main()

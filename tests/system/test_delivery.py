@@ -1,0 +1,142 @@
+"""What is published arrives: whole, in order, at everybody who asked for it and nobody else."""
+
+import json
+import signal
+
+from harness import DONE, MODE, BusTest, main
+
+
+class Delivery(BusTest):
+
+    def test_one_publisher_reaches_two_subscribers_in_order(self):
+        self.server()
+        readers = [self.sub("t", name=name, options=("-n", "300")) for name in ("left", "right")]
+        publisher = self.pub("t")
+        publisher.write("".join(f"{value}\n" for value in range(300)))
+        publisher.end_input()
+        publisher.expect_exit(DONE)
+        for reader in readers:
+            reader.expect_all(f"t {value}" for value in range(300))
+            reader.expect_end()
+            reader.expect_exit(DONE)
+
+    def test_two_topics_reach_one_subscriber_in_the_order_of_their_pushes(self):
+        self.server()
+        reader = self.sub("a", "b", options=("-n", "6"))
+        for value in range(3):
+            self.publish("a", value)
+            self.publish("b", -value)
+        reader.expect_all(["a 0", "b 0", "a 1", "b -1", "a 2", "b -2"])
+        reader.expect_exit(DONE)
+
+    def test_a_subscriber_gets_no_topic_that_it_did_not_name(self):
+        self.server()
+        reader = self.sub("mine", options=("-n", "1"))
+        self.publish("other", 1)
+        self.publish("mine", 2)
+        reader.expect("mine 2")
+        reader.expect_end()
+
+    def test_two_subscribers_of_one_name_both_receive(self):
+        self.server()
+        readers = [self.sub("t", name="same", options=("-n", "1")) for _ in range(2)]
+        self.publish("t", 5)
+        for reader in readers:
+            reader.expect("t 5")
+
+    def test_values_have_64_bits(self):
+        self.server()
+        extremes = [-2**63, -1, 0, 1, 2**63 - 1]
+        reader = self.sub("t", options=("-n", "5"))
+        self.publish("t", *extremes)
+        reader.expect_all(f"t {value}" for value in extremes)
+
+    def test_a_negative_value_is_no_option(self):
+        self.server()
+        reader = self.sub("t", options=("-n", "1"))
+        self.msgbus("pub", "t", "-7").expect_exit(DONE)
+        reader.expect("t -7")
+
+    def test_the_last_line_needs_no_line_end(self):
+        self.server()
+        reader = self.sub("t", options=("-n", "2"))
+        publisher = self.pub("t")
+        publisher.write("1\n2")
+        publisher.end_input()
+        publisher.expect_exit(DONE)
+        reader.expect_all(["t 1", "t 2"])
+
+    def test_a_line_is_published_at_once(self):
+        self.server()
+        reader = self.sub("t")
+        publisher = self.pub("t")
+        for value in range(3):
+            publisher.write(f"{value}\n")
+            reader.expect(f"t {value}")
+
+    def test_json_tells_topic_and_value_exactly(self):
+        self.server()
+        topic = 'with "quotes", a \\ and\nnew line \u00e4'
+        reader = self.sub(topic, options=("-n", "1", "--json"))
+        self.publish(topic, 2**63 - 1)
+        message = json.loads(reader.next_line())
+        self.assertEqual((message["topic"], message["value"]), (topic, 2**63 - 1))
+        reader.expect_end()
+
+    def test_plain_output_is_one_line_whatever_the_topic(self):
+        self.server()
+        reader = self.sub("two\nlines", options=("-n", "1"))
+        self.publish("two\nlines", 1)
+        reader.expect("two\\x0alines 1")
+        reader.expect_end()
+
+    def test_a_subscriber_that_does_not_read_loses_nothing(self):
+        self.server()
+        reader = self.sub("t", options=("-n", "5000"))
+        reader.signal(signal.SIGSTOP)
+        publisher = self.pub("t")
+        publisher.write("".join(f"{value}\n" for value in range(5000)))
+        publisher.end_input()
+        publisher.expect_exit(DONE)
+        reader.signal(signal.SIGCONT)
+        reader.expect_all(f"t {value}" for value in range(5000))
+        reader.expect_exit(DONE)
+
+    def test_a_topic_of_1023_bytes_arrives_without_its_last_one_and_both_sides_are_warned(self):
+        self.server()
+        topic = "x" * 1023
+        reader = self.msgbus("sub", topic, "--name", "reader", "-n", "1")
+        reader.expect_error("warning: subscribers see only the first 1022 bytes")
+        reader.expect_error("subscribed as")
+        publisher = self.msgbus("pub", topic, "1")
+        publisher.expect_error("warning: subscribers see only the first 1022 bytes")
+        publisher.expect_exit(DONE)
+        reader.expect("x" * 1022 + " 1")
+
+    def test_a_topic_of_1022_bytes_arrives_whole(self):
+        self.server()
+        topic = "y" * 1022
+        reader = self.sub(topic, options=("-n", "1"))
+        self.publish(topic, 1)
+        reader.expect(topic + " 1")
+
+    def test_delivery_is_the_same_without_the_shortcuts_of_the_server(self):
+        self.server("--no-fast-wait", "--no-flush-wake")
+        reader = self.sub("t", options=("-n", "100"))
+        self.publish("t", *range(100))
+        reader.expect_all(f"t {value}" for value in range(100))
+        reader.expect_exit(DONE)
+
+    def test_clients_find_the_server_by_themselves(self):
+        self.server()
+        del self.environment["BORVEN_BUS"]
+        self.expect_working()
+
+    def test_an_option_overrules_the_environment(self):
+        self.server()
+        self.environment["BORVEN_BUS"] = "dynamic" if MODE == "static" else "static"
+        self.msgbus("pub", "t", "1", f"--{MODE}").expect_exit(DONE)
+
+
+if __name__ == "__main__":
+    main()
