@@ -10,6 +10,7 @@
 // - The name of a connection leads to one server end. A live one is not stolen: the second server gets the invalid
 //   handle. What a crashed server left behind is replaced.
 // - Only peers of the server's own user are heard; the directory that holds the names is theirs alone.
+// - Names are as in ns/name_server.h, but the two kinds do not meet.
 
 /// A service offered on a static connection.
 struct ServiceLocatorDescriptor {
@@ -28,6 +29,6 @@ KnHandle ServiceLocatorRegister(const char* connection, const ServiceLocatorDesc
 /// Client: connects to the static connection `connection`.
 ///
 /// Returns: 0 and `*handle`; KnStatusNotFound when no live server holds the name; KnStatusBusy; KnStatusDenied;
-/// KnStatusTimedOut; KnStatusNoResources.
+/// KnStatusTimedOut; KnStatusClosed when the server went away meanwhile; KnStatusInvalidArgument; KnStatusNoResources.
 /// Blocks: up to `timeoutMs` milliseconds. Threads: any.
 std::int32_t ServiceLocatorConnect(const char* connection, std::uint32_t timeoutMs, KnHandle* handle) noexcept;

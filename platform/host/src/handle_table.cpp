@@ -4,13 +4,12 @@
 
 #include <mutex>
 #include <pthread.h>
-#include <shared_mutex>
 #include <unordered_map>
 
 namespace borven_host {
 
 struct HandleTable::Entries {
-    std::shared_mutex mutex; ///< guards everything below
+    std::mutex mutex; ///< guards everything below
     std::unordered_map<KnHandle, std::shared_ptr<End>> open;
     KnHandle next = 1;
     bool hasWrapped = false;
@@ -60,7 +59,7 @@ std::int32_t HandleTable::Find(KnHandle handle, End*& end) noexcept {
         end = lastFound.end.get();
         return end->isOpen.load(std::memory_order_acquire) ? KnStatusOk : KnStatusClosed;
     }
-    const std::shared_lock lock(entries->mutex);
+    const std::lock_guard lock(entries->mutex);
     const auto found = entries->open.find(handle);
     if (found == entries->open.end()) {
         const bool wasOpen =

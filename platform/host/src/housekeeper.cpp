@@ -87,6 +87,8 @@ Housekeeper& Housekeeper::Instance() {
 }
 
 Housekeeper::Housekeeper() {
+    // What registers last is locked first by fork, and the logger is locked inside of these locks.
+    static_cast<void>(bos::logger::BOSLogger::RootLogger());
     ::pthread_atfork(
         [] {
             Instance().lifeMutex.lock();
@@ -498,6 +500,9 @@ std::int32_t Housekeeper::Join(Visitors::iterator visitor, const std::shared_ptr
 
 void Housekeeper::SeeLeaving(Visitors::iterator visitor) {
     auto& [id, leaving] = *visitor;
+    if (leaving.stage == Stage::Left) {
+        return; // its socket and its process may tell in one batch
+    }
     if (leaving.stage == Stage::Announced) {
         Unwatch(leaving);
         leaving.stage = Stage::Left;

@@ -4,6 +4,8 @@
 #include "housekeeper.h"
 #include "log.h"
 
+#include <new>
+
 using namespace borven_host;
 using bos::logger::LogLevel;
 
@@ -29,11 +31,12 @@ KnHandle ServiceLocatorRegister(const char* connection, const ServiceLocatorDesc
         return KnStatusOk;
     });
     if (status != KnStatusOk) {
-        Guarded([&] {
+        try {
             Log(LogLevel::Error, {"the connection ", connection == nullptr ? "(null)" : connection,
                                   " cannot be registered: ", KnStatusText(status)});
-            return KnStatusOk;
-        });
+        } catch (const std::bad_alloc&) {
+            // The status tells what the log cannot.
+        }
     }
     return handle;
 }

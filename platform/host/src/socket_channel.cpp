@@ -280,8 +280,12 @@ Arrival Await(int socket, int process, Deadline deadline) noexcept {
 std::size_t Take(int socket, void* buffer, std::size_t size) noexcept {
     while (true) {
         const ssize_t length = ::recv(socket, buffer, size, MSG_DONTWAIT | MSG_TRUNC);
-        if (length >= 0 || errno != EINTR) {
-            return length < 0 ? 0 : static_cast<std::size_t>(length);
+        if (length >= 0) {
+            return static_cast<std::size_t>(length);
+        }
+        // A server that closed without reading what we sent: the kernel says so once, before the answer that it left.
+        if (errno != EINTR && errno != ECONNRESET) {
+            return 0;
         }
     }
 }

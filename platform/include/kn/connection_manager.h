@@ -25,8 +25,9 @@ inline constexpr std::size_t KnCmNameSize = 1024; ///< size of the name buffers 
 
 /// Waits for one connection request to any service that this task has published.
 ///
-/// `filter`: null for every client. `clientName`, `serviceName`: buffers of KnCmNameSize bytes; on success they hold
-/// the asking client's name, unique among the requests that are pending, and the service it asks for.
+/// `filter`: null for every client, else the task name of those that are wanted. `clientName`, `serviceName`: buffers
+/// of KnCmNameSize bytes; on success they hold the asking client's name, unique among the requests that are pending,
+/// and the service it asks for.
 ///
 /// Returns: 0; KnStatusTimedOut; KnStatusClosed after KnHandleCloseServerEnds.
 /// Blocks: up to `timeoutMs` milliseconds. Threads: any number at once; each request is given to one of them.
@@ -38,7 +39,8 @@ std::int32_t KnCmListen(const char* filter, std::uint32_t timeoutMs, char* clien
 /// `*handle`: on success the handle of the channel that the client has joined.
 ///
 /// Returns: 0; KnStatusNotFound when no such request is pending; KnStatusPeerGone when the client is gone;
-/// KnStatusClosed when `channel` is not open; KnStatusNoResources.
+/// KnStatusClosed when `channel` is not open; KnStatusBusy when it has all the clients it takes; KnStatusNoResources.
+/// The client gets the same status, and its request is used up, unless it is KnStatusNotFound.
 /// Threads: any.
 std::int32_t KnCmAccept(const char* clientName, const char* serviceName, std::uint32_t iid, KnHandle channel,
                         KnHandle* handle) noexcept;

@@ -14,6 +14,7 @@ inline constexpr KnHandle KnInvalidHandle = 0xFFFFFFFF;
 ///   receive or reply too; every blocked or later call of its clients returns KnStatusClosed.
 /// - Closing a client end makes a call blocked on it return KnStatusClosed; the server loses that connection only.
 /// - A handle value is not given out again while a thread may still use the closed one.
+/// - A child made by fork has no open handle; what it inherited answers KnStatusClosed.
 ///
 /// Returns: 0; KnStatusInvalidArgument for a handle that is not open.
 /// Blocks: never on a peer. Threads: any.

@@ -32,6 +32,7 @@ struct NkBosTransport {
 // - A reply carries the record's size word; what lies behind that size arrives as zeros.
 // - No step waits for a word, a lock or a buffer that only a client could release.
 // - Nothing is delivered to a process of another user.
+// - An arena that holds out-of-line data is refused with KnStatusInvalidArgument, since none can travel.
 
 /// Binds `transport` to a channel. `arena` and `arenaSize` offer memory for out-of-line data: null and 0 for none.
 ///

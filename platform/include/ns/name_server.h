@@ -7,19 +7,20 @@
 // Contract:
 // - A service published by a live server cannot be published by a second one; the second gets KnStatusAlreadyExists.
 // - The entries of a server that died disappear by themselves.
-// - Names are 1 to 255 bytes without NUL and without '/'.
+// - Names are 1 to 255 bytes without NUL and without '/', and neither "." nor "..".
 
 using NsHandle = std::uint32_t;
 
 /// Connects to the name server `name` (null: the default one).
 ///
-/// Returns: 0 and `*nameServer`; KnStatusDenied when the runtime directory is not ours alone; KnStatusNoResources.
+/// Returns: 0 and `*nameServer`; KnStatusNotFound when there is no name server of that name; KnStatusDenied when the
+/// runtime directory is not ours alone; KnStatusNoResources.
 /// Blocks: up to `timeoutMs` milliseconds, 0xFFFFFFFF without limit. Threads: any.
 std::int32_t NsCreate(const char* name, std::uint32_t timeoutMs, NsHandle* nameServer) noexcept;
 
 /// Publishes `service`, an implementation of the interface `type`, on behalf of the server `serverName`.
 ///
-/// Returns: 0; KnStatusAlreadyExists; KnStatusInvalidArgument; KnStatusNoResources.
+/// Returns: 0; KnStatusAlreadyExists; KnStatusInvalidArgument; KnStatusDenied; KnStatusNoResources.
 /// Threads: any.
 std::int32_t NsPublishService(NsHandle nameServer, const char* type, const char* serverName,
                               const char* service) noexcept;

@@ -1,0 +1,12 @@
+#pragma once
+
+/// What the battery needs of an implementation beyond platform/include. Each implementation defines these once.
+namespace platform_test {
+
+/// Called before each test: a platform in which no name is taken.
+void BeginTest();
+
+/// Called after each test, when every server end is closed: fails the test if anything was left behind.
+void EndTest();
+
+} // namespace platform_test

@@ -1,0 +1,208 @@
+// A process for the tests to talk to, and to kill. Its arguments are steps, done in order; each says on standard output
+// what came of it. "wait" goes on when a line arrives on standard input.
+#include "bos/logger.h"
+#include "kn/connection_manager.h"
+#include "kn/handle.h"
+#include "kn/status.h"
+#include "nk/transport.h"
+#include "ns/name_server.h"
+#include "service_locator.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr std::uint32_t timeoutMs = 60000;
+
+struct Record {
+    nk_message header{};
+    std::array<char, NkRecordSize - sizeof(nk_message)> body{};
+};
+
+class Peer {
+public:
+    explicit Peer(std::vector<std::string> arguments) : steps(std::move(arguments)) {}
+
+    int Run() {
+        const std::map<std::string_view, std::function<void()>> known{
+            {"register", [this] { Say(server = ServiceLocatorRegister(Next().c_str(), nullptr, 0, nullptr)); }},
+            {"publish", [this] { Say(NsPublishService(NameServer(), "test.Type", "peer", Next().c_str())); }},
+            {"connect", [this] { Say(ServiceLocatorConnect(Next().c_str(), timeoutMs, &client)); }},
+            {"ask", [this] { Say(KnCmConnect(Next().c_str(), timeoutMs, &client)); }},
+            {"call", [this] { Say(Call(std::atoll(Next().c_str()))); }},
+            {"call-many", [this] { CallMany(std::atoi(Next().c_str())); }},
+            {"listen", [this] { Say(KnCmListen(nullptr, timeoutMs, asker.data(), service.data())); }},
+            {"accept", [this] { Say(KnCmAccept(asker.data(), service.data(), 0, server, &server)); }},
+            {"receive", [this] { Say(Receive()); }},
+            {"reply", [this] { Say(Reply()); }},
+            {"serve", [this] { Serve(); }},
+            {"close-all", [this] { Say((KnHandleCloseServerEnds(), 0)); }},
+            {"wait", [this] { Say(std::getchar() == EOF ? -1 : 0); }},
+            {"fork", [this] { Say(Fork([] { return 0; })); }},
+            {"fork-and-stay", [this] { Say(ForkAndStay()); }},
+            {"fork-and-call", [this] { Say(Fork([this] { return Call(1); })); }},
+            {"fork-and-connect", [this] { ForkAndConnect(); }},
+            {"use-up-descriptors", [this] { UseUpDescriptors(); }},
+            {"give-them-back", [this] { GiveThemBack(); }},
+            {"close-stderr", [this] { Say(::close(STDERR_FILENO)); }},
+            {"close-stdin-and-stderr", [this] { Say(::close(STDIN_FILENO) + ::close(STDERR_FILENO)); }},
+            {"log", [this] { Log(Next()); }},
+        };
+        while (at < steps.size()) {
+            step = Next();
+            const auto found = known.find(step);
+            if (found == known.end()) {
+                std::fprintf(stderr, "no such step: %s\n", step.c_str());
+                return 2;
+            }
+            found->second();
+        }
+        return 0;
+    }
+
+private:
+    const std::string& Next() { return steps.at(at++); }
+
+    template <typename Number>
+    void Say(Number number) {
+        // One write each: a forked child must not inherit half of it.
+        const std::string line = step + ' ' + std::to_string(static_cast<std::int64_t>(number)) + '\n';
+        if (::write(STDOUT_FILENO, line.data(), line.size()) < 0) {
+            std::_Exit(3);
+        }
+    }
+
+    static NsHandle NameServer() {
+        NsHandle nameServer = 0;
+        NsCreate(nullptr, timeoutMs, &nameServer);
+        return nameServer;
+    }
+
+    NkBosTransport TransportOf(KnHandle handle) const {
+        NkBosTransport transport{};
+        NkBosTransport_Init(&transport, handle, nullptr, 0);
+        return transport;
+    }
+
+    std::int32_t Call(std::int64_t value) {
+        Record request;
+        Record response;
+        NkSetSize(request.header, NkRecordSize);
+        std::memcpy(request.body.data(), &value, sizeof value);
+        NkBosTransport transport = TransportOf(client);
+        return NkBosTransport_Call(&transport, &request.header, nullptr, &response.header, nullptr);
+    }
+
+    void CallMany(int count) {
+        int failed = 0;
+        for (int i = 0; i < count; ++i) {
+            failed += Call(i) != KnStatusOk;
+        }
+        Say(failed);
+    }
+
+    std::int32_t Receive() {
+        NkSetSize(received.header, NkRecordSize);
+        NkBosTransport transport = TransportOf(server);
+        return NkBosTransport_Receive(&transport, &received.header, nullptr);
+    }
+
+    std::int32_t Reply() {
+        NkBosTransport transport = TransportOf(server);
+        return NkBosTransport_Reply(&transport, &received.header, nullptr);
+    }
+
+    void Serve() {
+        std::thread([this] {
+            while (Receive() == KnStatusOk) {
+                Reply();
+            }
+        }).detach();
+        Say(0);
+    }
+
+    /// Returns: what `step` returned in the child.
+    static std::int32_t Fork(const std::function<std::int32_t()>& childStep) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            std::exit(-childStep()); // with everything that exit does
+        }
+        int status = 0;
+        while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        }
+        return WIFEXITED(status) ? -WEXITSTATUS(status) : -128;
+    }
+
+    /// The child holds every descriptor that this process holds, until standard input ends.
+    static pid_t ForkAndStay() {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            char byte = 0;
+            while (::read(STDIN_FILENO, &byte, 1) > 0) {
+            }
+            std::_Exit(0);
+        }
+        return child;
+    }
+
+    void ForkAndConnect() {
+        const std::string name = Next();
+        Say(Fork([&] {
+            const auto status = ServiceLocatorConnect(name.c_str(), timeoutMs, &client);
+            return status == KnStatusOk ? Call(1) : status;
+        }));
+    }
+
+    void UseUpDescriptors() {
+        rlimit limit{64, 64};
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        for (int fd = 0; fd >= 0;) {
+            fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+            usedUp.push_back(fd);
+        }
+        Say(errno == EMFILE ? 0 : errno);
+    }
+
+    void GiveThemBack() {
+        for (const int fd : usedUp) {
+            ::close(fd);
+        }
+        Say(0);
+    }
+
+    void Log(std::string text) {
+        bos::logger::BOSLogger::RootLogger().LogImpl(bos::logger::LogLevel::Error, "peer", 1, "Log", text);
+        Say(0);
+    }
+
+    const std::vector<std::string> steps;
+    std::size_t at = 0;
+    std::string step;
+    KnHandle server = KnInvalidHandle;
+    KnHandle client = KnInvalidHandle;
+    Record received;
+    std::array<char, KnCmNameSize> asker{};
+    std::array<char, KnCmNameSize> service{};
+    std::vector<int> usedUp;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    return Peer({argv + 1, argv + argc}).Run();
+}
