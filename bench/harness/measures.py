@@ -39,6 +39,9 @@ class Bench:
             yield child
         finally:
             child.stop()
+            for name in system.litter:
+                with contextlib.suppress(FileNotFoundError):
+                    os.unlink(name.format(pid=child.pid))
 
     def _exchange(self, system, subscribers=1, publishers=1, cpus=None, stamped=0, **plan):
         """One publishing and one subscribing process; every value is checked by the subscriber."""

@@ -23,6 +23,8 @@ class System:
     most_subscribers: int = 1_000_000   # of one publisher
     variant: str = ""                   # the system that it is a variant of: has its driver, and takes part in M1 to M4
 
+    litter: tuple = ()                  # what a driver process that is stopped half-way leaves behind, outside its directory
+
     @property
     def driver_program(self):
         return f"bench_{self.variant or self.name}"
@@ -212,5 +214,6 @@ SYSTEMS = (
     System("iceoryx", "iceoryx", "iox-roudi", _start_iceoryx, False, False,
            "none: publish returns when the value is in every subscriber's queue in shared memory; no broker in the path",
            "a full queue (256 values) blocks the publisher",
-           "iceoryx libiceoryx-posh-dev", most_subscribers=256),
+           "iceoryx libiceoryx-posh-dev", most_subscribers=256,
+           litter=("/tmp/bench-{pid}", "/tmp/bench-{pid}.lock")),
 )
