@@ -3,11 +3,8 @@
 import os
 import signal
 import subprocess
-import time
 
 from harness import BIN, DONE, FAILED, MODE, NO_SERVER, REFUSED, TIMED_OUT, BusTest, main, wait_until
-
-STOP_LIMIT = 6.0 * float(os.environ.get("BORVEN_TEST_SLOWNESS", "1"))  # seconds: the poll of the bus, and one
 
 
 class Leaving(BusTest):
@@ -185,13 +182,15 @@ class Stopping(BusTest):
         self.assertEqual(os.listdir(self.runtime), [])
 
     def test_a_stop_is_in_time_and_quiet(self):
-        server = self.server(log_level="warning")
-        for number in range(5):
-            self.sub("t", name=f"r{number}", options=("--reconnect", "0"))
-        began = time.monotonic()
-        server.stop()
-        self.assertLess(time.monotonic() - began, STOP_LIMIT)
-        self.assertEqual(server.seen, [])
+        def attempt():
+            server = self.server(log_level="warning")
+            for number in range(5):
+                self.sub("t", name=f"r{number}", options=("--reconnect", "0"))
+            in_time = server.stops_in_time()
+            self.assertEqual(server.seen, [])
+            return in_time
+
+        self.expect_once(attempt)
 
     def test_a_second_signal_ends_the_server_at_once(self):
         server = self.server()
