@@ -1,1 +1,285 @@
+// Defends the logger's back end on Linux: one record is one line, and no reader of standard error stops a writer.
+#include "process.h"
 
+#include "bos/logger.h"
+
+#include <csignal>
+#include <regex>
+#include <sys/socket.h>
+#include <termios.h>
+
+namespace platform_test {
+namespace {
+
+using bos::logger::BOSLogger;
+using bos::logger::LogLevel;
+
+/// Puts another stream in the place of standard error for the length of a test.
+class StandardError : public ::testing::Test {
+protected:
+    void SetUp() override {
+        saved = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+        ::unsetenv("NO_COLOR");
+    }
+    void TearDown() override {
+        ::dup2(saved, STDERR_FILENO);
+        ::close(saved);
+        for (const int fd : opened) {
+            ::close(fd);
+        }
+    }
+
+    void Redirect(int fd) { ASSERT_EQ(STDERR_FILENO, ::dup2(fd, STDERR_FILENO)); }
+
+    /// Returns: the reading end of a pipe that is now standard error.
+    int RedirectToPipe() {
+        int ends[2];
+        EXPECT_EQ(0, ::pipe2(ends, O_CLOEXEC));
+        Redirect(ends[1]);
+        ::close(ends[1]);
+        return Keep(ends[0]);
+    }
+
+    int Keep(int fd) {
+        opened.push_back(fd);
+        return fd;
+    }
+
+    void RestoreNow() { ::dup2(saved, STDERR_FILENO); }
+
+    static void Log(const std::string& text, LogLevel level = LogLevel::Error) {
+        std::string message = text;
+        BOSLogger::RootLogger().LogImpl(level, "file.cpp", 12, "Function", message);
+    }
+
+    /// What can be read without waiting.
+    static std::string ReadAvailable(int fd) {
+        std::string text;
+        pollfd waited{fd, POLLIN, 0};
+        while (::poll(&waited, 1, 0) == 1 && (waited.revents & POLLIN) != 0) {
+            std::array<char, 4096> buffer{};
+            const ssize_t length = ::read(fd, buffer.data(), buffer.size());
+            if (length <= 0) {
+                break;
+            }
+            text.append(buffer.data(), static_cast<std::size_t>(length));
+        }
+        return text;
+    }
+
+    static std::string ReadToTheEnd(int fd) {
+        std::string text;
+        std::array<char, 4096> buffer{};
+        ssize_t length = 0;
+        while ((length = ::read(fd, buffer.data(), buffer.size())) > 0) {
+            text.append(buffer.data(), static_cast<std::size_t>(length));
+        }
+        return text;
+    }
+
+    static std::vector<std::string> LinesOf(const std::string& text) {
+        std::vector<std::string> lines;
+        std::istringstream stream(text);
+        for (std::string line; std::getline(stream, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    }
+
+    int saved = -1;
+    std::vector<int> opened;
+};
+
+TEST_F(StandardError, GetsOneLinePerRecord) {
+    const int reader = RedirectToPipe();
+    Log("text", LogLevel::Debug);
+    Log("text", LogLevel::Info);
+    Log("text", LogLevel::Warning);
+    Log("text", LogLevel::Error);
+    const auto lines = LinesOf(ReadAvailable(reader));
+    const std::array<std::string, 4> levels{"DEBUG", "INFO ", "WARN ", "ERROR"};
+    ASSERT_EQ(levels.size(), lines.size());
+    for (std::size_t i = 0; i < levels.size(); ++i) {
+        const std::regex wanted("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{6}Z " + levels[i] + " \\[" +
+                                std::to_string(::gettid()) + "\\] file\\.cpp:12 Function: text");
+        EXPECT_TRUE(std::regex_match(lines[i], wanted)) << lines[i];
+    }
+}
+
+TEST_F(StandardError, NeverSeesControlCharacters) {
+    const int reader = RedirectToPipe();
+    using namespace std::literals;
+    Log(std::string("a\nb\tc\rd\0e\x1b[31mf\x7fg\xc2\x9bh\x9b"
+                    "i\xc3\xa9j\xf0\x9f\x98\x80"sv));
+    EXPECT_THAT(
+        ReadAvailable(reader),
+        ::testing::EndsWith(": a\\nb\\tc\\x0dd\\x00e\\x1b[31mf\\x7fg\\xc2\\x9bh\\x9bi\xc3\xa9j\xf0\x9f\x98\x80\n"));
+}
+
+TEST_F(StandardError, GetsWholeLinesFromManyThreads) {
+    constexpr int threads = 4;
+    constexpr int each = 200;
+    const int reader = RedirectToPipe();
+    Background reading([&] { return ReadToTheEnd(reader); });
+    {
+        std::vector<std::unique_ptr<Background<void>>> writers;
+        for (int i = 0; i < threads; ++i) {
+            writers.push_back(std::make_unique<Background<void>>([i] {
+                for (int count = 0; count < each; ++count) {
+                    // Every other one is longer than what a pipe takes in one piece.
+                    Log(std::string(count % 2 == 0 ? 100 : 6000, static_cast<char>('a' + i)));
+                }
+            }));
+        }
+    }
+    // Ends what the last line may have left over, and tells what was lost.
+    std::string text;
+    Log("end");
+    RestoreNow();
+    Log("restored"); // the logger lets go of the pipe
+    text = reading.Get();
+
+    const std::regex line("\\S+ ERROR \\[\\d+\\] file\\.cpp:12 Function: (a+|b+|c+|d+|end)");
+    const std::regex report("\\S+ WARN  log: (\\d+) records were dropped, nobody read them");
+    int written = 0;
+    int dropped = 0;
+    auto lines = LinesOf(text);
+    ASSERT_FALSE(lines.empty());
+    if (text.back() != '\n') {
+        lines.pop_back(); // it was cut off when the stream changed
+        ++dropped;
+    }
+    for (const auto& found : lines) {
+        std::smatch match;
+        if (std::regex_match(found, match, report)) {
+            dropped += std::stoi(match[1]);
+        } else {
+            EXPECT_TRUE(std::regex_match(found, line)) << found.substr(0, 200);
+            ++written;
+        }
+    }
+    EXPECT_GT(written, 0);
+    EXPECT_LE(written + dropped, threads * each + 1);
+}
+
+TEST_F(StandardError, ThatNobodyReads_StopsNobody_AndTellsLaterWhatWasLost) {
+    constexpr int records = 3000;
+    const int reader = RedirectToPipe();
+    for (int i = 0; i < records; ++i) {
+        Log("text");
+    }
+    std::string text = ReadAvailable(reader);
+    Log("text");
+    text += ReadAvailable(reader);
+    const auto lines = LinesOf(text);
+    const auto report = std::find_if(lines.begin(), lines.end(),
+                                     [](const auto& line) { return line.find("were dropped") != std::string::npos; });
+    ASSERT_NE(lines.end(), report);
+    const auto number = report->find("log: ") + 5;
+    const int dropped = std::stoi(report->substr(number));
+    EXPECT_GT(dropped, 0);
+    EXPECT_EQ(records + 1, static_cast<int>(lines.size()) - 1 + dropped) << "each is either there or counted";
+}
+
+TEST_F(StandardError, WhoseReaderWentAway_StopsNobody) {
+    ::signal(SIGPIPE, SIG_DFL);
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_CLOEXEC));
+    Redirect(ends[1]);
+    ::close(ends[1]);
+    ::close(ends[0]);
+    for (int i = 0; i < 10; ++i) {
+        Log("text");
+    }
+    sigset_t pending;
+    ::sigpending(&pending);
+    EXPECT_EQ(0, ::sigismember(&pending, SIGPIPE));
+}
+
+TEST_F(StandardError, ThatIsClosed_StopsNobody) {
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_CLOEXEC));
+    ::close(STDERR_FILENO);
+    Log("text");
+    Redirect(Keep(ends[1]));
+    Log("again");
+    EXPECT_THAT(ReadAvailable(Keep(ends[0])), ::testing::EndsWith(": again\n"));
+}
+
+TEST_F(StandardError, KeepsItsBlockingMode_WhichOthersShare) {
+    RedirectToPipe();
+    const int before = ::fcntl(STDERR_FILENO, F_GETFL);
+    Log("text");
+    EXPECT_EQ(before, ::fcntl(STDERR_FILENO, F_GETFL));
+    EXPECT_EQ(0, before & O_NONBLOCK);
+}
+
+TEST_F(StandardError, ThatIsASocket_Works_AndStopsNobody) {
+    int ends[2];
+    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
+    Redirect(ends[1]);
+    ::close(ends[1]);
+    Keep(ends[0]);
+    Log("first");
+    EXPECT_THAT(ReadAvailable(ends[0]), ::testing::EndsWith(": first\n"));
+    for (int i = 0; i < 5000; ++i) {
+        Log("text");
+    }
+    ReadAvailable(ends[0]);
+    Log("last");
+    EXPECT_THAT(ReadAvailable(ends[0]), ::testing::EndsWith(": last\n"));
+}
+
+TEST_F(StandardError, ThatIsAFile_IsContinued_NotOverwritten) {
+    std::string path = (std::filesystem::temp_directory_path() / "borven-log-XXXXXX").string();
+    const int file = Keep(::mkstemp(path.data()));
+    ASSERT_GE(file, 0);
+    Redirect(file);
+    ASSERT_EQ(7, ::write(STDERR_FILENO, "before\n", 7));
+    Log("text");
+    ASSERT_EQ(6, ::write(STDERR_FILENO, "after\n", 6));
+    std::ifstream stream(path);
+    const std::string text(std::istreambuf_iterator<char>(stream), {});
+    EXPECT_TRUE(std::regex_match(text, std::regex("before\n.*: text\nafter\n"))) << text;
+    std::filesystem::remove(path);
+}
+
+TEST_F(StandardError, ThatIsATerminal_IsColoured) {
+    ::setenv("TERM", "xterm", 1);
+    const int master = Keep(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(0, ::grantpt(master));
+    ASSERT_EQ(0, ::unlockpt(master));
+    const int terminal = Keep(::open(::ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_GE(terminal, 0);
+    Redirect(terminal);
+    Log("text");
+    const std::string coloured = ReadAvailable(master);
+    EXPECT_THAT(coloured, ::testing::StartsWith("\x1b[31m"));
+    EXPECT_THAT(coloured, ::testing::HasSubstr("text\x1b[0m"));
+    Log("text", LogLevel::Info);
+    EXPECT_THAT(ReadAvailable(master), ::testing::Not(::testing::HasSubstr("\x1b")));
+}
+
+TEST_F(StandardError, ThatIsNoTerminal_IsNotColoured) {
+    const int reader = RedirectToPipe();
+    Log("text");
+    EXPECT_THAT(ReadAvailable(reader), ::testing::Not(::testing::HasSubstr("\x1b")));
+}
+
+TEST_F(StandardError, GetsAtExit_WhatItDidNotTakeBefore) {
+    const int reader = RedirectToPipe();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        for (int i = 0; i < 3000; ++i) {
+            Log("text");
+        }
+        ReadAvailable(reader);
+        std::exit(0);
+    }
+    ::waitpid(child, nullptr, 0);
+    EXPECT_THAT(ReadAvailable(reader), ::testing::HasSubstr("records were dropped"));
+}
+
+} // namespace
+} // namespace platform_test

@@ -1,1 +1,219 @@
+// Defends the runtime directory: whose it is, what may stand in it, and that nothing stays.
+#include "process.h"
+#include "raw_socket.h"
 
+#include "bos/logger.h"
+
+#include <mutex>
+
+namespace platform_test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class RuntimeDirectory : public PlatformTest, public bos::logger::ILogBackEnd {
+protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        backEndBefore = &bos::logger::BOSLogger::RootLogger().SetBackEnd(*this);
+        root = std::getenv("BORVEN_RUNTIME_DIR");
+    }
+
+    void TearDown() override {
+        ::unsetenv("XDG_RUNTIME_DIR");
+        Use(root);
+        bos::logger::BOSLogger::RootLogger().SetBackEnd(*backEndBefore);
+        PlatformTest::TearDown();
+    }
+
+    bool IsEnabled(bos::logger::LogLevel) const override { return true; }
+    void Write(bos::logger::LogLevel, const char*, int, const char*, const std::string& message) override {
+        const std::lock_guard lock(mutex);
+        log += message + '\n';
+    }
+
+    static void Use(const fs::path& directory) { ::setenv("BORVEN_RUNTIME_DIR", directory.c_str(), 1); }
+
+    /// Nobody gets in, and the log says why.
+    void ExpectRefused(const fs::path& directory, const char* reason) {
+        Use(directory);
+        std::uint32_t iid = 0;
+        EXPECT_EQ(KnInvalidHandle, ServiceLocatorRegister("line", nullptr, 0, &iid));
+        NsHandle nameServer = 0;
+        EXPECT_EQ(KnStatusDenied, NsCreate(nullptr, 0, &nameServer));
+        EXPECT_THAT(log, ::testing::HasSubstr(directory.string()));
+        EXPECT_THAT(log, ::testing::HasSubstr(reason));
+    }
+
+    fs::path root;
+    bos::logger::ILogBackEnd* backEndBefore = nullptr;
+    std::mutex mutex;
+    std::string log;
+};
+
+TEST_F(RuntimeDirectory, ThatIsMissing_IsMadeForItsOwnerOnly_ByAServer) {
+    Use(root / "made");
+    KnHandle handle = 0;
+    EXPECT_EQ(KnStatusNotFound, ServiceLocatorConnect("line", 0, &handle));
+    EXPECT_FALSE(fs::exists(root / "made")) << "a client makes nothing";
+    {
+        const Handle server = RegisterStatic();
+        EXPECT_EQ(fs::perms::owner_all, fs::status(root / "made").permissions());
+    }
+    EXPECT_TRUE(fs::remove(root / "made")) << "nothing is left in it";
+}
+
+TEST_F(RuntimeDirectory, WithoutAChoice_IsTheSessions) {
+    ::unsetenv("BORVEN_RUNTIME_DIR");
+    ::setenv("XDG_RUNTIME_DIR", root.c_str(), 1);
+    {
+        const Handle server = RegisterStatic();
+        const Handle client = ConnectStatic();
+        EXPECT_TRUE(fs::is_socket(root / "borven" / "static" / "line"));
+    }
+    EXPECT_TRUE(fs::remove(root / "borven"));
+}
+
+TEST_F(RuntimeDirectory, ThatOthersMayEnter_IsRefused) {
+    fs::create_directory(root / "open");
+    for (const unsigned mode : {0710u, 0701u, 0750u, 0777u}) {
+        ASSERT_EQ(0, ::chmod((root / "open").c_str(), mode));
+        ExpectRefused(root / "open", "0700");
+        KnHandle handle = 0;
+        EXPECT_EQ(KnStatusDenied, ServiceLocatorConnect("line", 0, &handle));
+        log.clear();
+    }
+    fs::remove(root / "open");
+}
+
+TEST_F(RuntimeDirectory, ThatIsALink_IsRefused) {
+    fs::create_directory(root / "target");
+    ASSERT_EQ(0, ::chmod((root / "target").c_str(), 0700));
+    fs::create_directory_symlink(root / "target", root / "link");
+    ExpectRefused(root / "link", "symbolic link");
+    fs::remove(root / "link");
+    fs::remove(root / "target");
+}
+
+TEST_F(RuntimeDirectory, ThatIsAFile_IsRefused) {
+    std::ofstream(root / "file") << "text";
+    ExpectRefused(root / "file", "not a directory");
+    fs::remove(root / "file");
+}
+
+TEST_F(RuntimeDirectory, WhoseParentIsMissing_IsRefused) {
+    ExpectRefused(root / "no" / "such", "No such file");
+}
+
+TEST_F(RuntimeDirectory, OfAnotherUser_IsRefused) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can give a directory away";
+    }
+    fs::create_directory(root / "theirs");
+    ASSERT_EQ(0, ::chmod((root / "theirs").c_str(), 0700));
+    ASSERT_EQ(0, ::chown((root / "theirs").c_str(), 65534, 65534));
+    ExpectRefused(root / "theirs", "another user");
+    fs::remove(root / "theirs");
+}
+
+TEST_F(RuntimeDirectory, WithALongPath_Works) {
+    fs::path path = root;
+    for (int i = 0; i < 10; ++i) {
+        path /= std::string(60, 'd');
+        fs::create_directory(path);
+    }
+    ASSERT_EQ(0, ::chmod(path.c_str(), 0700));
+    Use(path);
+    {
+        const std::string name(255, 'n');
+        const Handle server = RegisterStatic(name.c_str());
+        const Handle client = ConnectStatic(name.c_str());
+        const Echoers echoers(server.Get());
+        EXPECT_EQ(KnStatusOk, CallWith(client.Get(), 1));
+    }
+    EXPECT_TRUE(fs::is_empty(path));
+    fs::remove_all(root / std::string(60, 'd'));
+}
+
+TEST_F(RuntimeDirectory, ThatIsChosenAnewMeanwhile_StillLosesItsNamesAtTheEnd) {
+    fs::create_directory(root / "first");
+    ASSERT_EQ(0, ::chmod((root / "first").c_str(), 0700));
+    Use(root / "first");
+    {
+        const Handle server = RegisterStatic();
+        Use(root / "second");
+    }
+    EXPECT_TRUE(fs::remove(root / "first")) << "nothing is left in it";
+}
+
+TEST_F(RuntimeDirectory, WithWhatACrashLeftUnfinished_Works) {
+    {
+        const RawSocket unfinished;
+        unfinished.ListenAs("unfinished");
+    }
+    const Handle server = RegisterStatic();
+    const Handle client = ConnectStatic();
+}
+
+TEST_F(RuntimeDirectory, AFileUnderAName_IsNeitherReplacedNorRemoved) {
+    fs::create_directory(root / "static");
+    std::ofstream(root / "static" / "line") << "text";
+    std::uint32_t iid = 0;
+    EXPECT_EQ(KnInvalidHandle, ServiceLocatorRegister("line", nullptr, 0, &iid));
+    EXPECT_THAT(log, ::testing::HasSubstr("not ours"));
+    KnHandle handle = 0;
+    EXPECT_EQ(KnStatusDenied, ServiceLocatorConnect("line", 0, &handle));
+    EXPECT_TRUE(fs::is_regular_file(root / "static" / "line"));
+    fs::remove_all(root / "static");
+}
+
+TEST_F(RuntimeDirectory, ALiveSocketOfAnotherKind_IsNotStolen) {
+    const RawSocket other(SOCK_STREAM);
+    other.ListenAs("static/line");
+    std::uint32_t iid = 0;
+    EXPECT_EQ(KnInvalidHandle, ServiceLocatorRegister("line", nullptr, 0, &iid));
+    EXPECT_TRUE(fs::is_socket(root / "static" / "line"));
+    other.Forget();
+}
+
+TEST_F(RuntimeDirectory, AServerWhoseNameSomebodyElseHas_LeavesItToThem) {
+    Handle first = RegisterStatic();
+    fs::remove(root / "static" / "line");
+    const Handle second = RegisterStatic();
+    EXPECT_EQ(KnStatusOk, first.Close());
+    const Handle client = ConnectStatic();
+    const Echoers echoers(second.Get());
+    EXPECT_EQ(KnStatusOk, CallWith(client.Get(), 1));
+}
+
+TEST_F(RuntimeDirectory, ThatVanishes_CostsTheServerItsNameOnly) {
+    fs::create_directory(root / "gone");
+    ASSERT_EQ(0, ::chmod((root / "gone").c_str(), 0700));
+    Use(root / "gone");
+    Handle server = RegisterStatic();
+    const Handle client = ConnectStatic();
+    fs::remove_all(root / "gone");
+    KnHandle handle = 0;
+    EXPECT_EQ(KnStatusNotFound, ServiceLocatorConnect("line", 0, &handle));
+    {
+        const Echoers echoers(server.Get());
+        EXPECT_EQ(KnStatusOk, CallWith(client.Get(), 1));
+    }
+}
+
+TEST_F(RuntimeDirectory, ManyStartsAndStops_LeaveNothingOpen) {
+    { RegisterStatic(); }
+    const std::size_t before = OpenDescriptors();
+    for (int i = 0; i < 20; ++i) {
+        Handle server = RegisterStatic();
+        const Handle client = ConnectStatic();
+        ASSERT_EQ(KnStatusOk, Publish("service"));
+        const Joined joined = Join("service");
+        KnHandleCloseServerEnds();
+    }
+    // The last ends that a thread looked up stay with it until it looks up others.
+    EXPECT_LE(OpenDescriptors(), before + 2);
+}
+
+} // namespace
+} // namespace platform_test

@@ -42,7 +42,8 @@ public:
     Process(Process&&) = delete;
     ~Process() {
         if (pid > 0) {
-            Kill();
+            Signal(SIGKILL);
+            Wait();
         }
         CloseInput();
         ::close(output);
