@@ -23,7 +23,7 @@ TEST_F(RudeClient, ARecordOfAnotherSize_IsAnsweredAndNeverReceived) {
     const Echoers echoers(server.Get());
     const RawSocket client = JoinRaw();
     const std::vector<char> bytes(8192, '\x01');
-    for (const std::size_t size : {0, 1, 8, 16, 24, 1055, 1057, 2112, 8192}) {
+    for (const auto size : std::initializer_list<std::size_t>{0, 1, 8, 16, 24, 1055, 1057, 2112, 8192}) {
         ASSERT_TRUE(client.Send(bytes.data(), size));
         EXPECT_EQ(KnStatusBadRecord, client.Answer()) << size;
     }
@@ -68,7 +68,7 @@ TEST_F(RudeClient, ThatGreetsWrongly_IsRefused) {
         EXPECT_EQ(KnStatusDenied, client.Answer());
         EXPECT_TRUE(client.HasEnded());
     }
-    for (const std::size_t size : {1, 7, 9, 1056}) {
+    for (const auto size : std::initializer_list<std::size_t>{1, 7, 9, 1056}) {
         const RawSocket client;
         ASSERT_EQ(0, client.Connect("static/line"));
         const std::vector<char> bytes(size, 'x');
@@ -269,7 +269,7 @@ TEST_F(RudeServer, ThatAnswersWrongly_IsRefused) {
         ASSERT_TRUE(client.Send(&answer, sizeof answer));
         EXPECT_EQ(KnStatusDenied, connecting.Get());
     }
-    for (const std::size_t size : {1, 15, 17, 1056}) {
+    for (const auto size : std::initializer_list<std::size_t>{1, 15, 17, 1056}) {
         KnHandle handle = 99;
         Background connecting([&] { return ServiceLocatorConnect("line", patienceMs, &handle); });
         const RawSocket client = server.Accept();
