@@ -32,7 +32,7 @@ struct Options {
 
     /// Told in a sentence when the server is gone, and what may have been lost when another one was found. Called on
     /// the thread that noticed it; must not call back into the client.
-    std::function<void(const std::string& sentence)> onNotice;
+    std::function<void(const std::string& sentence)> onNotice{};
 };
 
 } // namespace msgbus

@@ -1,0 +1,196 @@
+#pragma once
+
+#include "br_MessageBus.h"
+#include "kn/handle.h"
+#include "nk/transport.h"
+#include "service_locator.h"
+#include "support/bus_test.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace test_support {
+
+/// A server on the static channel that answers what the test says, and notes what it was asked:
+///   RegisterPublisher(heat)   StartSubs(reader)   Subscribe(7, heat)   FinishSubs(7, 1)   Push(1, 42)   ...
+/// Two threads serve, so that one may block in Wait.
+class FakeServer final {
+public:
+    FakeServer() {
+        self.component = {&provider, &ctl, &subs};
+        self.entity = {&self.component};
+        KnHandle handle = ServiceLocatorRegister("msgbus_connection_id", nullptr, 0, &iid);
+        NkBosTransport_Init(&transport, handle, nullptr, 0);
+        for (auto& thread : threads) {
+            thread = std::thread([this] { Serve(); });
+        }
+    }
+    ~FakeServer() {
+        Release();
+        KnHandleClose(transport.handle);
+        for (auto& thread : threads) {
+            thread.join();
+        }
+    }
+    FakeServer(const FakeServer&) = delete;
+    FakeServer& operator=(const FakeServer&) = delete;
+
+    /// `method` answers the bus's result code `code`, the next `times` times.
+    void Answer(const std::string& method, std::int32_t code, int times = 1) {
+        const std::lock_guard lock(mutex);
+        answers[method] = {code, times};
+    }
+
+    /// Ends the Waits that are blocked, and all later ones, with "not registered".
+    void Release() {
+        {
+            const std::lock_guard lock(mutex);
+            isReleased = true;
+        }
+        released.notify_all();
+    }
+
+    std::vector<std::string> Asked() const {
+        const std::lock_guard lock(mutex);
+        return asked;
+    }
+
+    void AwaitAsked(const std::string& request) const {
+        std::unique_lock lock(mutex);
+        wasAsked.wait(lock, [&] { return std::find(asked.begin(), asked.end(), request) != asked.end(); });
+    }
+
+    /// What Wait delivers instead of blocking.
+    void Deliver(const std::string& topic, std::int64_t value) {
+        const std::lock_guard lock(mutex);
+        messages.emplace_back(topic, value);
+    }
+
+    static constexpr std::int64_t PublisherId = 11;
+    static constexpr std::int64_t RegistrationId = 7;
+    static constexpr std::int64_t SubscriberId = 12;
+
+private:
+    struct Self {
+        br_MessageBusComponent_component component;
+        br_MessageBus_component entity;
+    };
+    struct Provider : br_MessageBusProvider {
+        FakeServer* server;
+    };
+    struct Ctl : br_MessageBusCtl {
+        FakeServer* server;
+    };
+    struct Subs : br_MessageBusSubs {
+        FakeServer* server;
+    };
+
+    template <typename Interface>
+    static FakeServer& Of(Interface* interface) {
+        if constexpr (std::is_same_v<Interface, br_MessageBusProvider>) {
+            return *static_cast<Provider*>(interface)->server;
+        } else if constexpr (std::is_same_v<Interface, br_MessageBusCtl>) {
+            return *static_cast<Ctl*>(interface)->server;
+        } else {
+            return *static_cast<Subs*>(interface)->server;
+        }
+    }
+
+    std::int32_t Note(const std::string& method, const std::string& arguments) {
+        const std::lock_guard lock(mutex);
+        asked.push_back(method + "(" + arguments + ")");
+        wasAsked.notify_all();
+        const auto answer = answers.find(method);
+        if (answer == answers.end() || answer->second.second == 0) {
+            return 0;
+        }
+        --answer->second.second;
+        return Result(answer->second.first);
+    }
+
+    std::int32_t Wait(const br_MessageBusSubs_Wait_req& request, br_MessageBusSubs_Wait_res& response) {
+        if (const std::int32_t result = Note("Wait", std::to_string(request.subscriberId)); result != 0) {
+            return result;
+        }
+        std::unique_lock lock(mutex);
+        if (!messages.empty()) {
+            messages.front().first.copy(response.topic, sizeof response.topic);
+            response.message = messages.front().second;
+            messages.erase(messages.begin());
+            return 0;
+        }
+        released.wait(lock, [&] { return isReleased; });
+        return Result(1);
+    }
+
+    static std::int32_t Result(std::int32_t code) { return code == 0 ? 0 : -(2 * code + 1) * 0x4000; }
+
+    void Serve() {
+        while (true) {
+            br_MessageBus_component_req request{};
+            br_MessageBus_component_res response{};
+            nk_arena arena{};
+            request.header.size = NkRecordSize;
+            if (NkBosTransport_Receive(&transport, &request.header, &arena) != 0) {
+                return;
+            }
+            br_MessageBus_entity_dispatch(&self.entity, &request.header, &arena, &response.header, &arena);
+            NkBosTransport_Reply(&transport, &response.header, &arena);
+        }
+    }
+
+    static constexpr br_MessageBusProvider_ops providerOps{[](auto* object, auto* request, auto*, auto*, auto*) {
+        return Of(object).Note("Push", std::to_string(request->publisherId) + ", " + std::to_string(request->message));
+    }};
+    static constexpr br_MessageBusCtl_ops ctlOps{
+        [](auto* object, auto* request, auto*, auto* response, auto*) {
+            response->publisherId = PublisherId;
+            return Of(object).Note("RegisterPublisher", request->topic);
+        },
+        [](auto* object, auto* request, auto*, auto* response, auto*) {
+            response->registrationId = RegistrationId;
+            return Of(object).Note("StartSubs", request->name);
+        },
+        [](auto* object, auto* request, auto*, auto*, auto*) {
+            return Of(object).Note("Subscribe", std::to_string(request->registrationId) + ", " + request->topic);
+        },
+        [](auto* object, auto* request, auto*, auto* response, auto*) {
+            response->subscriberId = SubscriberId;
+            return Of(object).Note("FinishSubs",
+                                   std::to_string(request->registrationId) + ", " + std::to_string(request->commit));
+        },
+        [](auto* object, auto* request, auto*, auto*, auto*) {
+            return Of(object).Note("UnregisterPublisher", std::to_string(request->publisherId));
+        },
+        [](auto* object, auto* request, auto*, auto*, auto*) {
+            const std::int32_t result = Of(object).Note("UnregisterSubscriber", std::to_string(request->subscriberId));
+            Of(object).Release();
+            return result;
+        }};
+    static constexpr br_MessageBusSubs_ops subsOps{
+        [](auto* object, auto* request, auto*, auto* response, auto*) { return Of(object).Wait(*request, *response); }};
+
+    Provider provider{{&providerOps}, this};
+    Ctl ctl{{&ctlOps}, this};
+    Subs subs{{&subsOps}, this};
+    Self self{};
+    std::uint32_t iid = 0;
+    NkBosTransport transport{};
+    std::thread threads[2];
+
+    mutable std::mutex mutex; // guards all below
+    mutable std::condition_variable wasAsked;
+    std::condition_variable released;
+    bool isReleased = false;
+    std::vector<std::string> asked;
+    std::map<std::string, std::pair<std::int32_t, int>> answers; // method to code, and how often
+    std::vector<std::pair<std::string, std::int64_t>> messages;
+};
+
+} // namespace test_support

@@ -1,0 +1,174 @@
+// Defends the publisher of the client library: every refusal is told, nothing is lost without a word, and a server that
+// is gone is noticed.
+#include "fake_server.h"
+#include "msgbus/error.h"
+#include "msgbus/publisher.h"
+#include "support/scripted_platform.h"
+
+#include "kn/status.h"
+
+#include <optional>
+#include <stdexcept>
+
+namespace {
+
+using msgbus::Options;
+using msgbus::Publisher;
+using msgbus::RefusedError;
+using test_support::FakeServer;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+const Options OnStatic{.route = msgbus::Route::Static};
+
+template <typename Error, typename Action>
+std::optional<Error> Thrown(const Action& action) {
+    try {
+        action();
+    } catch (const Error& error) {
+        return error;
+    }
+    return std::nullopt;
+}
+
+class PublisherTest : public test_support::BusTest {
+protected:
+    test_support::ScriptedPlatform platform;
+};
+
+TEST_F(PublisherTest, Life_RegistersPushesAndUnregisters) {
+    FakeServer server;
+    {
+        Publisher publisher("heat", OnStatic);
+        EXPECT_EQ(publisher.Id(), FakeServer::PublisherId);
+        publisher.Push(-5);
+    }
+    EXPECT_THAT(server.Asked(), ElementsAre("RegisterPublisher(heat)", "Push(11, -5)", "UnregisterPublisher(11)"));
+}
+
+TEST_F(PublisherTest, Move_TakesTheRegistrationAlong) {
+    FakeServer server;
+    {
+        Publisher first("heat", OnStatic);
+        Publisher second = std::move(first);
+        second.Push(1);
+    }
+    EXPECT_THAT(server.Asked(), ElementsAre("RegisterPublisher(heat)", "Push(11, 1)", "UnregisterPublisher(11)"));
+}
+
+TEST_F(PublisherTest, Construction_WithATopicThatCannotBeSent_ThrowsAndSendsNothing) {
+    FakeServer server;
+    for (const auto& topic : {std::string(), std::string(1024, 'x'), std::string("a\0b", 3)}) {
+        EXPECT_THROW(Publisher(topic, OnStatic), std::invalid_argument);
+    }
+    EXPECT_THAT(server.Asked(), IsEmpty());
+}
+
+TEST_F(PublisherTest, Construction_ForATakenTopic_SaysSo) {
+    FakeServer server;
+    server.Answer("RegisterPublisher", 8);
+    const auto error = Thrown<RefusedError>([] { Publisher("heat", OnStatic); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->Code(), 8);
+    EXPECT_STREQ(error->what(), "topic 'heat' already has a publisher");
+}
+
+TEST_F(PublisherTest, Construction_WithoutAServer_SaysSo) {
+    const auto error = Thrown<msgbus::NoServerError>([] { Publisher("heat", OnStatic); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->Code(), KnStatusNotFound);
+    EXPECT_STREQ(error->what(), "no message bus server is running in static mode");
+}
+
+TEST_F(PublisherTest, Construction_WithoutAMode_FindsTheStaticServerWhenThereAreNoServices) {
+    unsetenv("BORVEN_BUS");
+    FakeServer server;
+    EXPECT_NO_THROW(Publisher("heat"));
+}
+
+TEST_F(PublisherTest, EveryRefusalOfAPush_ComesWithItsNumberAndASentence) {
+    FakeServer server;
+    Publisher publisher("heat", OnStatic);
+    for (std::int32_t code = 1; code <= 10; ++code) {
+        if (code == 2) { // the queue is full: that one is for retrying
+            continue;
+        }
+        server.Answer("Push", code);
+        const auto error = Thrown<RefusedError>([&] { publisher.Push(1); });
+        ASSERT_TRUE(error) << code;
+        EXPECT_EQ(error->Code(), code);
+        EXPECT_EQ(error->what(), msgbus::DescribeResult(code));
+    }
+}
+
+TEST_F(PublisherTest, TryPush_IntoAFullQueue_IsFalse) {
+    FakeServer server;
+    Publisher publisher("heat", OnStatic);
+    server.Answer("Push", 2);
+    EXPECT_FALSE(publisher.TryPush(1));
+    EXPECT_TRUE(publisher.TryPush(2));
+}
+
+TEST_F(PublisherTest, Push_IntoAFullQueue_RetriesUntilItIsTaken) {
+    FakeServer server;
+    Publisher publisher("heat", OnStatic);
+    server.Answer("Push", 2, 3);
+    publisher.Push(1);
+    EXPECT_THAT(server.Asked(),
+                ElementsAre("RegisterPublisher(heat)", "Push(11, 1)", "Push(11, 1)", "Push(11, 1)", "Push(11, 1)"));
+}
+
+TEST_F(PublisherTest, Push_IntoAQueueThatStaysFull_ThrowsTwoInTheEnd) {
+    FakeServer server;
+    Options options = OnStatic;
+    options.fullQueueTimeout = std::chrono::milliseconds(5);
+    Publisher publisher("heat", options);
+    server.Answer("Push", 2, 1000000);
+    const auto error = Thrown<RefusedError>([&] { publisher.Push(1); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->Code(), 2);
+    EXPECT_THAT(error->what(), HasSubstr("the value was not published"));
+}
+
+TEST_F(PublisherTest, Push_ToAServerThatIsGone_SaysWhichValueIsInDoubt) {
+    std::optional<FakeServer> server(std::in_place);
+    Publisher publisher("heat", OnStatic);
+    server.reset();
+    const auto error = Thrown<msgbus::ServerGoneError>([&] { publisher.Push(77); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->Code(), KnStatusClosed);
+    EXPECT_THAT(error->what(), HasSubstr("value 77 was not acknowledged"));
+}
+
+TEST_F(PublisherTest, Push_ToARestartedServer_RegistersAndPushesAgainAndTellsWhatMayBeLost) {
+    std::optional<FakeServer> server(std::in_place);
+    Options options = OnStatic;
+    options.reconnectFor = std::chrono::hours(1);
+    std::vector<std::string> notices;
+    options.onNotice = [&](const std::string& sentence) { notices.push_back(sentence); };
+    Publisher publisher("heat", options);
+    server.reset();
+    server.emplace();
+    publisher.Push(77);
+    EXPECT_THAT(server->Asked(), ElementsAre("RegisterPublisher(heat)", "Push(11, 77)"));
+    EXPECT_THAT(notices, ElementsAre(HasSubstr("the message bus server is gone"), HasSubstr("may arrive twice")));
+}
+
+TEST_F(PublisherTest, Close_OfAPublisherThatSomebodyElseUnregistered_SaysSo) {
+    FakeServer server;
+    Publisher publisher("heat", OnStatic);
+    server.Answer("UnregisterPublisher", 8);
+    const auto error = Thrown<RefusedError>([&] { publisher.Close(); });
+    ASSERT_TRUE(error);
+    EXPECT_THAT(error->what(), HasSubstr("somebody else has unregistered the publisher of topic 'heat'"));
+}
+
+TEST_F(PublisherTest, Push_AfterClose_IsNoSuccess) {
+    FakeServer server;
+    Publisher publisher("heat", OnStatic);
+    publisher.Close();
+    EXPECT_THROW(publisher.Push(1), msgbus::PlatformError);
+}
+
+} // namespace
