@@ -154,7 +154,7 @@ public:
 
         const auto existing = accepted.find(service);
         const unsigned known = existing == accepted.end() ? InvalidHandle : existing->second;
-        const std::int32_t status = KnCmAccept(clientBuffer.data(), serviceBuffer.data(), iid, known, &handle);
+        const std::int32_t status = KnCmAccept(client.c_str(), service.c_str(), iid, known, &handle);
         if (known != InvalidHandle) {
             handle = known;
         }
