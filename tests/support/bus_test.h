@@ -24,7 +24,7 @@ public:
 
 protected:
     Journal& journal = Journal::Instance();
-    Watchdog watchdog{std::chrono::seconds(100)};
+    Watchdog watchdog{std::chrono::seconds(60)};
     LogCapture log;
 };
 

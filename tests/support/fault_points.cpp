@@ -51,14 +51,27 @@ thread_local long mutexLocksToSkip = -1; // -1: not armed
 std::atomic<std::thread::id> allocatingThread{};
 std::atomic<long> allocationsToSkip{0};
 
-struct SleepScript {
-    std::mutex mutex; // guards run
-    std::function<void(std::chrono::nanoseconds)> run;
+/// What a test wants to be done at some place.
+template <typename... Args>
+class Hook {
+public:
+    void Set(std::function<void(Args...)> newAction) {
+        const std::lock_guard lock(mutex);
+        action = std::move(newAction);
+    }
+    std::function<void(Args...)> Get() {
+        const std::lock_guard lock(mutex);
+        return action;
+    }
+
+private:
+    std::mutex mutex; // guards action
+    std::function<void(Args...)> action;
 };
-SleepScript& TheSleepScript() {
-    static SleepScript script;
-    return script;
-}
+
+Hook<std::chrono::nanoseconds> sleepHook;
+Hook<> boostJoinHook;
+Hook<> boostStartHook;
 
 /// The threads that are stopped somewhere.
 class Stopped {
@@ -103,9 +116,16 @@ void SetPageSize(long sizeBytes) {
     pageSize = sizeBytes;
 }
 
+void BeforeBoostJoin(std::function<void()> action) {
+    boostJoinHook.Set(std::move(action));
+}
+
+void AfterBoostStart(std::function<void()> action) {
+    boostStartHook.Set(std::move(action));
+}
+
 void SetSleep(std::function<void(std::chrono::nanoseconds)> sleep) {
-    const std::lock_guard lock(TheSleepScript().mutex);
-    TheSleepScript().run = std::move(sleep);
+    sleepHook.Set(std::move(sleep));
 }
 
 void FailMutexLockOnThisThread(long skip) {
@@ -135,6 +155,8 @@ void DisarmAll() {
     }
     SetPageSize(0);
     SetSleep(nullptr);
+    BeforeBoostJoin(nullptr);
+    AfterBoostStart(nullptr);
     mutexLocksToSkip = -1;
     DisarmAllocation();
 }
@@ -154,11 +176,6 @@ bool MutexLockStrikes() noexcept {
     return mutexLocksToSkip >= 0 && mutexLocksToSkip-- == 0;
 }
 
-std::function<void(std::chrono::nanoseconds)> SleepInstead() {
-    const std::lock_guard lock(TheSleepScript().mutex);
-    return TheSleepScript().run;
-}
-
 } // namespace
 } // namespace fault_points
 } // namespace test_support
@@ -175,13 +192,22 @@ bool __wrap__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(
 bool __wrap__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(
     boost::thread* self, const boost::thread_attributes& attributes) {
     Journal::Instance().AddCall("boost thread, stack " + std::to_string(attributes.get_stack_size()));
-    return !fault_points::boostThreadStart.Strikes() &&
-           __real__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(self, attributes);
+    if (fault_points::boostThreadStart.Strikes() ||
+        !__real__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(self, attributes)) {
+        return false;
+    }
+    if (const auto action = fault_points::boostStartHook.Get()) {
+        action();
+    }
+    return true;
 }
 
 bool __real__ZN5boost6thread13join_noexceptEv(boost::thread* self);
 bool __wrap__ZN5boost6thread13join_noexceptEv(boost::thread* self);
 bool __wrap__ZN5boost6thread13join_noexceptEv(boost::thread* self) {
+    if (const auto action = fault_points::boostJoinHook.Get()) {
+        action();
+    }
     const bool joined = __real__ZN5boost6thread13join_noexceptEv(self);
     if (fault_points::boostThreadJoin.Strikes()) {
         throw boost::thread_resource_error(EINVAL, "scripted join failure");
@@ -257,7 +283,7 @@ long __wrap_sysconf(int name) {
 int __real_nanosleep(const timespec* request, timespec* remaining);
 int __wrap_nanosleep(const timespec* request, timespec* remaining);
 int __wrap_nanosleep(const timespec* request, timespec* remaining) {
-    const auto instead = fault_points::SleepInstead();
+    const auto instead = fault_points::sleepHook.Get();
     if (!instead) {
         return __real_nanosleep(request, remaining);
     }

@@ -39,6 +39,12 @@ extern FaultPoint mapMemory;        ///< mmap answers MAP_FAILED
 /// 0: the system's page size.
 void SetPageSize(long sizeBytes);
 
+/// Called in every join of a boost::thread before it joins; null: nothing.
+void BeforeBoostJoin(std::function<void()> action);
+
+/// Called in every start of a boost::thread after the thread runs, before its starter knows; null: nothing.
+void AfterBoostStart(std::function<void()> action);
+
 /// In place of every sleep while set; null: sleep.
 void SetSleep(std::function<void(std::chrono::nanoseconds)> sleep);
 

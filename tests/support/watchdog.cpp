@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
 
 namespace test_support {
 
@@ -32,9 +34,11 @@ Watchdog::~Watchdog() {
 }
 
 void PrintJournal() {
-    std::cerr << "--- what happened\n";
-    for (const auto& entry : Journal::Instance().All()) {
-        std::cerr << entry << '\n';
+    constexpr std::ptrdiff_t most = 300;
+    const auto all = Journal::Instance().All();
+    std::cerr << "--- what happened (" << all.size() << " entries)\n";
+    for (auto entry = all.end() - std::min(most, std::ssize(all)); entry != all.end(); ++entry) {
+        std::cerr << *entry << '\n';
     }
     std::cerr << "---" << std::endl;
 }
