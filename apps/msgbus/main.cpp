@@ -2,12 +2,11 @@
 
 #include "arguments.h"
 #include "msgbus/error.h"
+#include "standard_descriptors.h"
 
 #include <CLI/CLI.hpp>
 
-#include <fcntl.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <functional>
 #include <optional>
@@ -23,17 +22,6 @@ constexpr const char* footer =
     "then "
     "for the\nstatic channel. BORVEN_RUNTIME_DIR tells where.\n"
     "Exit status: 0 done, 1 failed, 2 usage, 3 refused by the bus, 4 no server or server gone, 124 time-out.";
-
-/// Gives a descriptor to each of the standard three that was closed, so that no connection ever takes its number.
-void OccupyStandardDescriptors() {
-    int descriptor = 0;
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
-        descriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
-    }
-    if (descriptor >= 0) {
-        close(descriptor);
-    }
-}
 
 /// The options that both commands take.
 class CommonOptions final {

@@ -9,6 +9,7 @@
 #include "log_threshold.h"
 #include "message_bus.h"
 #include "signal_watch.h"
+#include "standard_descriptors.h"
 #include "subscriber_ledger.h"
 
 #include "br_MessageBus.h"
@@ -57,17 +58,6 @@ int Fail(std::string_view sentence) {
 
 const char* ModeName(ConnectionType type) {
     return type == ConnectionType::Static ? "static" : "dynamic";
-}
-
-/// Gives a descriptor to each of the standard three that was closed, so that no channel ever takes its number.
-void OccupyStandardDescriptors() {
-    int descriptor = 0;
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
-        descriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
-    }
-    if (descriptor >= 0) {
-        close(descriptor);
-    }
 }
 
 /// Every client connection takes descriptors; the usual soft limit is meant for programs that select().
