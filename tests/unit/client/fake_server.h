@@ -145,36 +145,9 @@ private:
         }
     }
 
-    static constexpr br_MessageBusProvider_ops providerOps{[](auto* object, auto* request, auto*, auto*, auto*) {
-        return Of(object).Note("Push", std::to_string(request->publisherId) + ", " + std::to_string(request->message));
-    }};
-    static constexpr br_MessageBusCtl_ops ctlOps{
-        [](auto* object, auto* request, auto*, auto* response, auto*) {
-            response->publisherId = PublisherId;
-            return Of(object).Note("RegisterPublisher", request->topic);
-        },
-        [](auto* object, auto* request, auto*, auto* response, auto*) {
-            response->registrationId = RegistrationId;
-            return Of(object).Note("StartSubs", request->name);
-        },
-        [](auto* object, auto* request, auto*, auto*, auto*) {
-            return Of(object).Note("Subscribe", std::to_string(request->registrationId) + ", " + request->topic);
-        },
-        [](auto* object, auto* request, auto*, auto* response, auto*) {
-            response->subscriberId = SubscriberId;
-            return Of(object).Note("FinishSubs",
-                                   std::to_string(request->registrationId) + ", " + std::to_string(request->commit));
-        },
-        [](auto* object, auto* request, auto*, auto*, auto*) {
-            return Of(object).Note("UnregisterPublisher", std::to_string(request->publisherId));
-        },
-        [](auto* object, auto* request, auto*, auto*, auto*) {
-            const std::int32_t result = Of(object).Note("UnregisterSubscriber", std::to_string(request->subscriberId));
-            Of(object).Release();
-            return result;
-        }};
-    static constexpr br_MessageBusSubs_ops subsOps{
-        [](auto* object, auto* request, auto*, auto* response, auto*) { return Of(object).Wait(*request, *response); }};
+    static const br_MessageBusProvider_ops providerOps;
+    static const br_MessageBusCtl_ops ctlOps;
+    static const br_MessageBusSubs_ops subsOps;
 
     Provider provider{{&providerOps}, this};
     Ctl ctl{{&ctlOps}, this};
@@ -192,5 +165,36 @@ private:
     std::map<std::string, std::pair<std::int32_t, int>> answers; // method to code, and how often
     std::vector<std::pair<std::string, std::int64_t>> messages;
 };
+
+inline const br_MessageBusProvider_ops FakeServer::providerOps{[](auto* object, auto* request, auto*, auto*, auto*) {
+    return Of(object).Note("Push", std::to_string(request->publisherId) + ", " + std::to_string(request->message));
+}};
+inline const br_MessageBusCtl_ops FakeServer::ctlOps{
+    [](auto* object, auto* request, auto*, auto* response, auto*) {
+        response->publisherId = PublisherId;
+        return Of(object).Note("RegisterPublisher", request->topic);
+    },
+    [](auto* object, auto* request, auto*, auto* response, auto*) {
+        response->registrationId = RegistrationId;
+        return Of(object).Note("StartSubs", request->name);
+    },
+    [](auto* object, auto* request, auto*, auto*, auto*) {
+        return Of(object).Note("Subscribe", std::to_string(request->registrationId) + ", " + request->topic);
+    },
+    [](auto* object, auto* request, auto*, auto* response, auto*) {
+        response->subscriberId = SubscriberId;
+        return Of(object).Note("FinishSubs",
+                               std::to_string(request->registrationId) + ", " + std::to_string(request->commit));
+    },
+    [](auto* object, auto* request, auto*, auto*, auto*) {
+        return Of(object).Note("UnregisterPublisher", std::to_string(request->publisherId));
+    },
+    [](auto* object, auto* request, auto*, auto*, auto*) {
+        const std::int32_t result = Of(object).Note("UnregisterSubscriber", std::to_string(request->subscriberId));
+        Of(object).Release();
+        return result;
+    }};
+inline const br_MessageBusSubs_ops FakeServer::subsOps{
+    [](auto* object, auto* request, auto*, auto* response, auto*) { return Of(object).Wait(*request, *response); }};
 
 } // namespace test_support
