@@ -69,6 +69,7 @@ void DisarmAll();
 
 /// Disarms everything when it goes: the first member of a test that uses fault points, so the last to go.
 struct Disarmer {
+    Disarmer() { DisarmAll(); }
     ~Disarmer() { DisarmAll(); }
 };
 
