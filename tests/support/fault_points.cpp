@@ -146,7 +146,10 @@ bool AwaitSleepingOnCondition(std::thread::id thread) {
 }
 
 bool AwaitBlockedOnMutex(std::thread::id thread) {
-    return OnMutex().Await(thread);
+    noteBlocking = false; // its own lock would be noted under itself
+    const bool isBlocked = OnMutex().Await(thread);
+    noteBlocking = true;
+    return isBlocked;
 }
 
 void DisarmAll() {

@@ -18,7 +18,8 @@ bool IsName(const char* name) {
         return false;
     }
     const std::string_view text(name);
-    return !text.empty() && text.size() <= longestName && text.find('/') == std::string_view::npos;
+    return !text.empty() && text.size() <= longestName && text.find('/') == std::string_view::npos && text != "." &&
+           text != "..";
 }
 
 void PutName(char* buffer, const std::string& name) {
@@ -58,30 +59,34 @@ std::int32_t InProcessPlatform::ConnectStatic(const char* connection, KnHandle* 
     return KnStatusOk;
 }
 
-std::int32_t InProcessPlatform::Publish(const char* type, const char* serverName, const char* service) {
+std::int32_t InProcessPlatform::Publish(NsHandle nameServer, const char* type, const char* serverName,
+                                        const char* service) {
     const std::lock_guard lock(mutex);
-    if (!IsName(type) || !IsName(serverName) || !IsName(service)) {
+    if (nameServer != TheNameServer || !IsName(type) || !IsName(serverName) || !IsName(service)) {
         return KnStatusInvalidArgument;
     }
     isClosed = false;
     return services.emplace(service, type).second ? KnStatusOk : KnStatusAlreadyExists;
 }
 
-std::int32_t InProcessPlatform::Lookup(const char* service) const {
+std::int32_t InProcessPlatform::Lookup(NsHandle nameServer, const char* service) const {
     const std::lock_guard lock(mutex);
-    if (!IsName(service)) {
+    if (nameServer != TheNameServer || !IsName(service)) {
         return KnStatusInvalidArgument;
     }
     return services.contains(service) ? KnStatusOk : KnStatusNotFound;
 }
 
-std::int32_t InProcessPlatform::Listen(std::uint32_t timeoutMs, char* clientName, char* serviceName) {
+std::int32_t InProcessPlatform::Listen(const char* filter, std::uint32_t timeoutMs, char* clientName,
+                                       char* serviceName) {
     if (clientName == nullptr || serviceName == nullptr) {
         return KnStatusInvalidArgument;
     }
     std::unique_lock lock(mutex);
-    const auto findNew = [this] {
-        return std::find_if(pending.begin(), pending.end(), [](const auto& client) { return !client->isListed; });
+    const bool hearsUs = filter == nullptr || std::string_view(filter) == TaskName;
+    const auto findNew = [&] {
+        return std::find_if(pending.begin(), pending.end(),
+                            [&](const auto& client) { return hearsUs && !client->isListed; });
     };
     if (!changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
                           [&] { return isClosed || findNew() != pending.end(); })) {
@@ -109,6 +114,11 @@ std::int32_t InProcessPlatform::Accept(const char* clientName, const char* servi
     if (found == pending.end()) {
         return KnStatusNotFound;
     }
+    const auto client = *found;
+    pending.erase(found);
+    if (client->isGone) {
+        return KnStatusPeerGone;
+    }
     std::shared_ptr<InProcessChannel> serverEnd;
     if (channel == KnInvalidHandle) {
         serverEnd = std::make_shared<InProcessChannel>(InProcessChannel::DeadClient::ReplyAnswersOk);
@@ -117,14 +127,15 @@ std::int32_t InProcessPlatform::Accept(const char* clientName, const char* servi
     } else if (const auto open = channels.find(channel); open != channels.end()) {
         serverEnd = open->second;
     } else {
+        client->status = KnStatusClosed;
+        client->isAnswered = true;
+        changed.notify_all();
         return KnStatusClosed;
     }
     ConnectionLimits limits{static_cast<std::uint16_t>(iid), {}};
     if (const auto count = methodCounts.find(services[serviceName]); count != methodCounts.end()) {
         limits.methodCount = count->second;
     }
-    const auto client = *found;
-    pending.erase(found);
     client->handle = AddConnection(std::make_shared<InProcessConnection>(serverEnd, limits));
     client->isAnswered = true;
     *handle = channel;
@@ -146,7 +157,10 @@ std::int32_t InProcessPlatform::Connect(const char* service, std::uint32_t timeo
     pending.push_back(client);
     changed.notify_all();
     if (!changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return client->isAnswered; })) {
-        std::erase(pending, client);
+        client->isGone = true;
+        if (!client->isListed) { // else its acceptance has to fail
+            std::erase(pending, client);
+        }
         return KnStatusTimedOut;
     }
     *handle = client->handle;

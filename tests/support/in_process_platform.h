@@ -28,6 +28,9 @@ class InProcessConnection;
 /// Threads: every operation from any thread, except as platform/include says.
 class InProcessPlatform final {
 public:
+    static constexpr const char* TaskName = "scripted";
+    static constexpr NsHandle TheNameServer = 1;
+
     InProcessPlatform();
     ~InProcessPlatform();
 
@@ -35,10 +38,10 @@ public:
                             std::uint32_t* iid);
     std::int32_t ConnectStatic(const char* connection, KnHandle* handle);
 
-    std::int32_t Publish(const char* type, const char* serverName, const char* service);
-    std::int32_t Lookup(const char* service) const;
+    std::int32_t Publish(NsHandle nameServer, const char* type, const char* serverName, const char* service);
+    std::int32_t Lookup(NsHandle nameServer, const char* service) const;
 
-    std::int32_t Listen(std::uint32_t timeoutMs, char* clientName, char* serviceName);
+    std::int32_t Listen(const char* filter, std::uint32_t timeoutMs, char* clientName, char* serviceName);
     std::int32_t Accept(const char* clientName, const char* serviceName, std::uint32_t iid, KnHandle channel,
                         KnHandle* handle);
     std::int32_t Connect(const char* service, std::uint32_t timeoutMs, KnHandle* handle);
@@ -58,6 +61,7 @@ private:
         std::string service;
         bool isListed = false; // given to a listener
         bool isAnswered = false;
+        bool isGone = false; // its own time-out passed
         std::int32_t status = 0;
         KnHandle handle = KnInvalidHandle;
     };

@@ -39,9 +39,20 @@ std::string Pointer(const void* pointer, const char* name) {
 /// Where log records go until a test sets a back end.
 class NoLog final : public bos::logger::ILogBackEnd {
 public:
-    bool IsEnabled(bos::logger::LogLevel) const override { return false; }
+    static NoLog& Instance() {
+        static NoLog noLog;
+        return noLog;
+    }
+
+    bool IsEnabled(bos::logger::LogLevel level) const override { return level >= threshold; }
     void Write(bos::logger::LogLevel, const char*, int, const char*, const std::string&) override {}
+
+    std::atomic<bos::logger::LogLevel> threshold{bos::logger::LogLevel::Info};
 };
+
+bool IsEmpty(const nk_arena* arena) {
+    return arena == nullptr || (arena->start == arena->current && arena->current == arena->end);
+}
 
 } // namespace
 
@@ -69,9 +80,12 @@ bool ScriptedPlatform::IsQuiet() const {
 namespace bos::logger {
 
 BOSLogger& BOSLogger::RootLogger() {
-    static NoLog noLog;
-    static BOSLogger logger(noLog);
+    static BOSLogger logger(NoLog::Instance());
     return logger;
+}
+
+void BOSLogger::SetThreshold(LogLevel lowest) noexcept {
+    NoLog::Instance().threshold = lowest;
 }
 
 void BOSLogger::LogImpl(LogLevel level, const char* file, int line, const char* function, std::string& message) {
@@ -99,7 +113,7 @@ std::int32_t KnTaskGetName(char* buffer, std::size_t sizeBytes) noexcept {
             if (out == nullptr || room == 0) {
                 return KnStatusInvalidArgument;
             }
-            const std::string name = std::string("scripted").substr(0, room - 1);
+            const std::string name = std::string(InProcessPlatform::TaskName).substr(0, room - 1);
             std::memcpy(out, name.c_str(), name.size() + 1);
             return KnStatusOk;
         },
@@ -109,11 +123,14 @@ std::int32_t KnTaskGetName(char* buffer, std::size_t sizeBytes) noexcept {
 std::int32_t NsCreate(const char* name, std::uint32_t timeoutMs, NsHandle* nameServer) noexcept {
     Note("NsCreate(" + Text(name) + ", " + std::to_string(timeoutMs) + ", " + Pointer(nameServer, "handle") + ")");
     return Platform().nsCreate.Run(
-        [](const char*, std::uint32_t, NsHandle* out) -> std::int32_t {
+        [](const char* wanted, std::uint32_t, NsHandle* out) -> std::int32_t {
             if (out == nullptr) {
                 return KnStatusInvalidArgument;
             }
-            *out = 1;
+            if (wanted != nullptr) {
+                return KnStatusNotFound;
+            }
+            *out = InProcessPlatform::TheNameServer;
             return KnStatusOk;
         },
         name, timeoutMs, nameServer);
@@ -123,19 +140,18 @@ std::int32_t NsPublishService(NsHandle nameServer, const char* type, const char*
                               const char* service) noexcept {
     Note("NsPublishService(" + std::to_string(nameServer) + ", " + Text(type) + ", " + Text(serverName) + ", " +
          Text(service) + ")");
-    return Platform().nsPublishService.Run(
-        [](NsHandle, auto... names) { return Platform().InProcess().Publish(names...); }, nameServer, type, serverName,
-        service);
+    return Platform().nsPublishService.Run([](auto... args) { return Platform().InProcess().Publish(args...); },
+                                           nameServer, type, serverName, service);
 }
 
-std::int32_t NsLookupService(NsHandle, const char* service) noexcept {
-    return Platform().InProcess().Lookup(service);
+std::int32_t NsLookupService(NsHandle nameServer, const char* service) noexcept {
+    return Platform().InProcess().Lookup(nameServer, service);
 }
 
 std::int32_t KnCmListen(const char* filter, std::uint32_t timeoutMs, char* clientName, char* serviceName) noexcept {
     Note("KnCmListen(" + Text(filter) + ", " + std::to_string(timeoutMs) + ")");
-    return Platform().cmListen.Run([](const char*, auto... args) { return Platform().InProcess().Listen(args...); },
-                                   filter, timeoutMs, clientName, serviceName);
+    return Platform().cmListen.Run([](auto... args) { return Platform().InProcess().Listen(args...); }, filter,
+                                   timeoutMs, clientName, serviceName);
 }
 
 std::int32_t KnCmAccept(const char* clientName, const char* serviceName, std::uint32_t iid, KnHandle channel,
@@ -177,9 +193,11 @@ std::int32_t NkBosTransport_Receive(NkBosTransport* transport, nk_message* reque
     if (!Platform().IsQuiet() && transport != nullptr && request != nullptr) {
         Note("Receive(" + std::to_string(transport->handle) + ", room " + std::to_string(request->size) + ")");
     }
-    return Platform().receive.Run([](const NkBosTransport* view, nk_message* record,
-                                     nk_arena*) { return Platform().InProcess().Receive(view, record); },
-                                  transport, request, requestArena);
+    return Platform().receive.Run(
+        [](const NkBosTransport* view, nk_message* record, nk_arena*) -> std::int32_t {
+            return Platform().InProcess().Receive(view, record);
+        },
+        transport, request, requestArena);
 }
 
 std::int32_t NkBosTransport_Reply(NkBosTransport* transport, const nk_message* response,
@@ -187,12 +205,17 @@ std::int32_t NkBosTransport_Reply(NkBosTransport* transport, const nk_message* r
     if (!Platform().IsQuiet() && transport != nullptr) {
         Note("Reply(" + std::to_string(transport->handle) + ")");
     }
-    return Platform().reply.Run([](const NkBosTransport* view, const nk_message* record,
-                                   const nk_arena*) { return Platform().InProcess().Reply(view, record); },
-                                transport, response, responseArena);
+    return Platform().reply.Run(
+        [](const NkBosTransport* view, const nk_message* record, const nk_arena* arena) -> std::int32_t {
+            return IsEmpty(arena) ? Platform().InProcess().Reply(view, record) : KnStatusInvalidArgument;
+        },
+        transport, response, responseArena);
 }
 
-std::int32_t NkBosTransport_Call(NkBosTransport* transport, const nk_message* request, const nk_arena*,
+std::int32_t NkBosTransport_Call(NkBosTransport* transport, const nk_message* request, const nk_arena* requestArena,
                                  nk_message* response, nk_arena*) noexcept {
+    if (!IsEmpty(requestArena)) {
+        return KnStatusInvalidArgument;
+    }
     return Platform().InProcess().Call(transport, request, response);
 }
