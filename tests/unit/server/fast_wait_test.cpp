@@ -18,7 +18,7 @@ namespace fault_points = test_support::fault_points;
 
 class FastWaitTest : public test_support::BusTest {
 protected:
-    const fault_points::Disarmer disarmer;
+    const fault_points::Disarmer disarmer{};
     long publisher = -1;
     long subscriber = -1;
     long later = -1; // what it has got, the one before has got

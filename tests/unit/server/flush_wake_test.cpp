@@ -24,7 +24,7 @@ const std::string TopicInLog(FlushWake::Topic);
 
 class FlushWakeTest : public test_support::BusTest {
 protected:
-    const fault_points::Disarmer disarmer;
+    const fault_points::Disarmer disarmer{};
     long publisher = -1;
     long subscriber = -1;
     RunningBus bus{MakeBus()};

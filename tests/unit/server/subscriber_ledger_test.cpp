@@ -14,7 +14,7 @@ namespace fault_points = test_support::fault_points;
 
 class SubscriberLedgerTest : public test_support::BusTest {
 protected:
-    const fault_points::Disarmer disarmer;
+    const fault_points::Disarmer disarmer{};
     RunningBus bus;
     SubscriberLedger ledger{*bus};
 
