@@ -192,7 +192,7 @@ TEST_F(HandlersTest, Subscribe_PassesIdAndTopicOnAndWritesNothing) {
 }
 
 TEST_F(HandlersTest, FinishSubs_CommitsForEveryFlagButZero) {
-    for (const std::uint8_t flag : {1, 2, 255}) {
+    for (const auto flag : std::initializer_list<std::uint8_t>{1, 2, 255}) {
         EXPECT_EQ(StartSubs("reader"), 0);
         const auto id = Field();
         EXPECT_EQ(FinishSubs(id, flag), 0);
