@@ -128,10 +128,15 @@ TEST_F(ConnectionManager, AClientThatGaveUp_IsNoRequestAnyMore) {
 
 TEST_F(ConnectionManager, AClientThatGaveUpBeforeItsAcceptance_CostsOneFailedAccept) {
     ASSERT_EQ(KnStatusOk, Publish("service"));
-    Asking asking("service", 200);
-    const Request request = Listen();
+    Request request;
+    std::uint32_t timeoutMs = 25;
+    do { // until it is heard before it gives up
+        timeoutMs *= 2;
+        Asking asking("service", timeoutMs);
+        request = Listen(timeoutMs);
+        ASSERT_EQ(KnStatusTimedOut, asking.status.Get());
+    } while (request.status == KnStatusTimedOut);
     ASSERT_EQ(KnStatusOk, request.status);
-    ASSERT_EQ(KnStatusTimedOut, asking.status.Get());
     KnHandle channel = 99;
     EXPECT_EQ(KnStatusPeerGone, Accept(request, &channel));
     EXPECT_EQ(99u, channel);

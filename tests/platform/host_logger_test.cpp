@@ -20,6 +20,9 @@ protected:
     void SetUp() override {
         saved = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
         ::unsetenv("NO_COLOR");
+        // What earlier tests left to tell is told here.
+        RedirectToPipe();
+        Log("ready");
     }
     void TearDown() override {
         ::dup2(saved, STDERR_FILENO);
