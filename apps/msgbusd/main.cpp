@@ -125,7 +125,10 @@ int Serve(const Settings& settings) {
     }
     std::optional<msgbus_server::FastWait> fastWait;
     if (settings.fastWait) {
-        fastWait.emplace(bus, bus);
+        using Linger = msgbus_server::FastWait::Linger;
+        // The workers of the static channel serve publishers too.
+        fastWait.emplace(bus, bus,
+                         settings.connectionType == ConnectionType::Dynamic ? Linger::InAStream : Linger::Never);
     }
     message_bus::IProvider& provider = flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus;
     message_bus::IWorker& worker = fastWait ? static_cast<message_bus::IWorker&>(*fastWait) : bus;

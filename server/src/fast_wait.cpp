@@ -12,13 +12,16 @@ using diagnostics::LogLevel;
 
 constexpr const char* tag = "[MessageBus]"; // the lines are the bus's, whoever writes them
 constexpr unsigned popTimeoutMs = 1;        // the least: the item that was seen may go to another wait
+constexpr std::chrono::microseconds quickGap{200};
+constexpr int quickDeliveriesOfAStream = 4;
 
 } // namespace
 
 cor::ResultCode FastWait::Wait(long subscriberId, std::string& topic, long& message) {
     try {
         const auto subscriber = bus.GetSubscriberPtrById(subscriberId);
-        if (subscriber && subscriber->queue.Size() != 0) {
+        const bool isDue = IsDueAnyMoment(subscriberId);
+        if (subscriber && (isDue || subscriber->queue.Size() != 0)) {
             std::shared_ptr<message_bus::Message> next;
             const bool taken = subscriber->queue.Pop(next, popTimeoutMs);
             const bool canceled = subscriber->queue.IsCanceled();
@@ -32,14 +35,39 @@ cor::ResultCode FastWait::Wait(long subscriberId, std::string& topic, long& mess
             if (taken) {
                 message = next->value;
                 topic = next->topic;
+                NoteDelivery(subscriberId);
                 return ResultCode::Success;
             }
+            quickDeliveries.store(0, std::memory_order_relaxed); // the stream has ended
         }
     } catch (const std::exception& error) {
         Log(LogLevel::Error, "{}: {}", tag, error.what());
         return ResultCode::Failed;
     }
-    return blockingWorker.Wait(subscriberId, topic, message);
+    const ResultCode result = blockingWorker.Wait(subscriberId, topic, message);
+    if (result == ResultCode::Success) {
+        NoteDelivery(subscriberId);
+    }
+    return result;
+}
+
+bool FastWait::IsDueAnyMoment(long subscriberId) const {
+    return linger == Linger::InAStream && lastSubscriber.load(std::memory_order_relaxed) == subscriberId &&
+           quickDeliveries.load(std::memory_order_relaxed) >= quickDeliveriesOfAStream;
+}
+
+void FastWait::NoteDelivery(long subscriberId) {
+    if (linger == Linger::Never) {
+        return;
+    }
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const auto before =
+        std::chrono::steady_clock::duration(lastDelivery.exchange(now.count(), std::memory_order_relaxed));
+    if (lastSubscriber.exchange(subscriberId, std::memory_order_relaxed) == subscriberId && now - before < quickGap) {
+        quickDeliveries.fetch_add(1, std::memory_order_relaxed);
+    } else {
+        quickDeliveries.store(0, std::memory_order_relaxed);
+    }
 }
 
 } // namespace msgbus_server

@@ -3,6 +3,7 @@
 #include "fast_wait.h"
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
+#include "timed_sleeps.h"
 
 namespace {
 
@@ -12,6 +13,7 @@ using test_support::Delivered;
 using test_support::NotDelivered;
 using test_support::PendingWait;
 using test_support::RunningBus;
+using test_support::TimedSleeps;
 using test_support::WaitOn;
 using testing::ElementsAre;
 namespace fault_points = test_support::fault_points;
@@ -23,7 +25,8 @@ protected:
     long subscriber = -1;
     long later = -1; // what it has got, the one before has got
     RunningBus bus{MakeBus()};
-    FastWait fastWait{*bus, *bus};
+    FastWait fastWait{*bus, *bus, FastWait::Linger::Never};
+    FastWait lingeringWait{*bus, *bus, FastWait::Linger::InAStream};
 
     void SetUp() override { ASSERT_TRUE(bus.isReady); }
 
@@ -36,6 +39,9 @@ protected:
         return made;
     }
 
+    void TakeAStream(long id);
+    int TimedSleepsOfWait(FastWait& worker, long id);
+
     /// Waits until it is in the subscriber's queue, and forgets how it got there.
     void Deliver(long value) {
         ASSERT_EQ(bus->Push(publisher, value), ResultCode::Success);
@@ -44,6 +50,29 @@ protected:
         journal.Clear();
     }
 };
+
+/// Lets `id` take so many values in a row, from its queue, that more are due any moment.
+void FastWaitTest::TakeAStream(long id) {
+    const auto queued = bus->GetSubscriberPtrById(id);
+    for (long i = 0; i < 16; ++i) {
+        queued->queue.Enqueue(std::make_shared<message_bus::Message>("heat", i));
+    }
+    for (long i = 0; i < 16; ++i) {
+        ASSERT_EQ(WaitOn(lingeringWait, id), Delivered("heat", i));
+    }
+}
+
+/// How often a wait that finds nothing sleeps with a time-out before it hands over.
+int FastWaitTest::TimedSleepsOfWait(FastWait& worker, long id) {
+    journal.Clear();
+    const int before = TimedSleeps();
+    PendingWait waiting(worker, id);
+    EXPECT_TRUE(journal.Await("SwitchActiveIpcServer"));
+    const int sleeps = TimedSleeps() - before;
+    bus->GetSubscriberPtrById(id)->queue.Enqueue(std::make_shared<message_bus::Message>("heat", 99));
+    EXPECT_EQ(waiting.Get(), Delivered("heat", 99));
+    return sleeps;
+}
 
 TEST_F(FastWaitTest, Wait_WithQueuedValues_TakesThemInOrderWithoutAHandOver) {
     Deliver(1);
@@ -87,6 +116,31 @@ TEST_F(FastWaitTest, Wait_ThatFailsInside_ReturnsTenAndLogsWhy) {
     log.Before("1 Wait: Wait is called", [] { throw std::runtime_error("out of paper"); });
     EXPECT_EQ(WaitOn(fastWait, subscriber), NotDelivered(10));
     EXPECT_THAT(journal.All(), ElementsAre("4 Wait: [MessageBus]: out of paper"));
+}
+
+TEST_F(FastWaitTest, Wait_InAStream_HoldsItsWorkerForAMomentBeforeItHandsOver) {
+    // On a busy machine values may be too far apart for a stream; then there is another one.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    bool hasLingered = false;
+    while (!hasLingered && std::chrono::steady_clock::now() < deadline) {
+        TakeAStream(subscriber);
+        hasLingered = TimedSleepsOfWait(lingeringWait, subscriber) == 1;
+    }
+    EXPECT_TRUE(hasLingered);
+    EXPECT_EQ(TimedSleepsOfWait(lingeringWait, subscriber), 0) << "the stream has ended";
+}
+
+TEST_F(FastWaitTest, Wait_OfAnotherSubscriberThanTheStreams_HandsOverAtOnce) {
+    TakeAStream(subscriber);
+    EXPECT_EQ(TimedSleepsOfWait(lingeringWait, later), 0);
+}
+
+TEST_F(FastWaitTest, Wait_InAStreamWhereLingeringIsOff_HandsOverAtOnce) {
+    for (int i = 0; i < 16; ++i) {
+        bus->GetSubscriberPtrById(subscriber)->queue.Enqueue(std::make_shared<message_bus::Message>("heat", i));
+        ASSERT_EQ(WaitOn(fastWait, subscriber), Delivered("heat", i));
+    }
+    EXPECT_EQ(TimedSleepsOfWait(fastWait, subscriber), 0);
 }
 
 } // namespace
