@@ -38,7 +38,7 @@ HandleTable::HandleTable() : entries(std::make_unique<Entries>()) {
                          // The ends stay in the table for good: closing them would end the parent's.
                          auto& table = *Instance().entries;
                          for (const auto& [handle, end] : table.open) {
-                             end->isOpen.store(false, std::memory_order_relaxed);
+                             end->isInherited.store(true, std::memory_order_relaxed);
                          }
                          table.mutex.unlock();
                      });
@@ -57,7 +57,7 @@ KnHandle HandleTable::Add(std::shared_ptr<End> end) {
 std::int32_t HandleTable::Find(KnHandle handle, End*& end) noexcept {
     if (handle == lastFound.handle && lastFound.end) {
         end = lastFound.end.get();
-        return end->isOpen.load(std::memory_order_acquire) ? KnStatusOk : KnStatusClosed;
+        return end->isInherited.load(std::memory_order_relaxed) ? KnStatusClosed : KnStatusOk;
     }
     const std::lock_guard lock(entries->mutex);
     const auto found = entries->open.find(handle);
@@ -68,18 +68,17 @@ std::int32_t HandleTable::Find(KnHandle handle, End*& end) noexcept {
     }
     lastFound = {handle, found->second};
     end = lastFound.end.get();
-    return end->isOpen.load(std::memory_order_acquire) ? KnStatusOk : KnStatusClosed;
+    return end->isInherited.load(std::memory_order_relaxed) ? KnStatusClosed : KnStatusOk;
 }
 
 std::shared_ptr<End> HandleTable::Remove(KnHandle handle) noexcept {
     const std::lock_guard lock(entries->mutex);
     const auto found = entries->open.find(handle);
-    if (found == entries->open.end() || !found->second->isOpen.load(std::memory_order_relaxed)) {
+    if (found == entries->open.end() || found->second->isInherited.load(std::memory_order_relaxed)) {
         return nullptr;
     }
     auto end = std::move(found->second);
     entries->open.erase(found);
-    end->isOpen.store(false, std::memory_order_release);
     return end;
 }
 
@@ -88,10 +87,9 @@ std::vector<std::shared_ptr<End>> HandleTable::RemoveServerEnds() {
     std::vector<std::shared_ptr<End>> ends;
     ends.reserve(entries->open.size());
     std::erase_if(entries->open, [&](const auto& entry) {
-        if (!entry.second->channel || !entry.second->isOpen.load(std::memory_order_relaxed)) {
+        if (!entry.second->channel || entry.second->isInherited.load(std::memory_order_relaxed)) {
             return false;
         }
-        entry.second->isOpen.store(false, std::memory_order_release);
         ends.push_back(entry.second);
         return true;
     });

@@ -10,14 +10,14 @@
 
 namespace borven_host {
 
-/// One end of a channel that a handle names: exactly one of the two is set.
+/// One end of a channel that a handle names: exactly one of the two is set. Whether it is closed the end knows itself.
 struct End final {
     explicit End(std::shared_ptr<Channel> serverEnd) : channel(std::move(serverEnd)) {}
     explicit End(std::shared_ptr<Connection> clientEnd) : connection(std::move(clientEnd)) {}
 
     const std::shared_ptr<Channel> channel;
     const std::shared_ptr<Connection> connection;
-    std::atomic<bool> isOpen{true};
+    std::atomic<bool> isInherited{false}; ///< by this process, from the one that forked it
 };
 
 /// The handles of this process. A handle is the next number of a counter; a closed one comes again only after all four
@@ -31,9 +31,8 @@ public:
 
     KnHandle Add(std::shared_ptr<End> end);
 
-    /// `end` is valid until the thread's next look-up of another handle.
-    /// Returns: 0 and `end`; KnStatusClosed for a handle that is no longer open, with `end` if the thread looked it up
-    /// last; KnStatusInvalidArgument for a number that never was a handle.
+    /// Returns: 0 and `end`, valid until the thread's next look-up and perhaps closed meanwhile; KnStatusClosed for a
+    /// handle that is no longer open; KnStatusInvalidArgument for a number that never was a handle.
     std::int32_t Find(KnHandle handle, End*& end) noexcept;
 
     /// Returns: the end that the handle named, or null when it was not open.

@@ -48,9 +48,7 @@ std::int32_t NkBosTransport_Reply(NkBosTransport* transport, const nk_message* r
         return KnStatusInvalidArgument;
     }
     End* end = nullptr;
-    // The channel decides for a handle that was closed since: what this thread owes must not count as abandoned.
-    if (const auto status = EndOf(transport, end);
-        status != KnStatusOk && !(status == KnStatusClosed && end != nullptr)) {
+    if (const auto status = EndOf(transport, end); status != KnStatusOk) {
         return status;
     }
     return end->channel ? end->channel->Reply(response) : KnStatusInvalidArgument;
