@@ -264,6 +264,30 @@ TEST_F(StandardError, ThatIsATerminal_IsColoured) {
     EXPECT_THAT(ReadAvailable(master), ::testing::Not(::testing::HasSubstr("\x1b")));
 }
 
+TEST_F(StandardError, ThatCannotBeOpenedASecondTime_Works) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can become somebody who may not open the terminal";
+    }
+    const int master = Keep(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_EQ(0, ::grantpt(master));
+    ASSERT_EQ(0, ::unlockpt(master));
+    const int terminal = Keep(::open(::ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_GE(terminal, 0);
+    const std::string text(2000, 'x'); // more than goes out in one piece
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool isOther = ::setresgid(65534, 65534, 65534) == 0 && ::setresuid(65534, 65534, 65534) == 0;
+        ::dup2(terminal, STDERR_FILENO);
+        const bool mayOpen = ::open("/proc/self/fd/2", O_WRONLY | O_NOCTTY) >= 0;
+        Log(text);
+        std::_Exit(isOther && !mayOpen ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_THAT(ReadAvailable(master), ::testing::HasSubstr(": " + text));
+}
+
 TEST_F(StandardError, ThatIsNoTerminal_IsNotColoured) {
     const int reader = RedirectToPipe();
     Log("text");

@@ -5,6 +5,7 @@
 #include "bos/logger.h"
 
 #include <mutex>
+#include <sys/file.h>
 
 namespace platform_test {
 namespace {
@@ -144,6 +145,18 @@ TEST_F(RuntimeDirectory, ThatIsChosenAnewMeanwhile_StillLosesItsNamesAtTheEnd) {
         Use(root / "second");
     }
     EXPECT_TRUE(fs::remove(root / "first")) << "nothing is left in it";
+}
+
+TEST_F(RuntimeDirectory, ThatSomebodyKeepsLocked_StopsNobodyForGood) {
+    Handle before = RegisterStatic("before");
+    const int lock = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(0, ::flock(lock, LOCK_EX));
+    std::uint32_t iid = 0;
+    EXPECT_EQ(KnInvalidHandle, ServiceLocatorRegister("line", nullptr, 0, &iid));
+    EXPECT_THAT(log, ::testing::HasSubstr("locked"));
+    EXPECT_EQ(KnStatusOk, before.Close());
+    ::close(lock);
+    Reclaim("before");
 }
 
 TEST_F(RuntimeDirectory, WithWhatACrashLeftUnfinished_Works) {

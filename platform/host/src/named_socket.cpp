@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <thread>
 
 namespace borven_host {
 
@@ -68,12 +69,25 @@ UniqueFd OpenSocket(int flags) {
 }
 
 /// Locks `directory` until `lock` closes: a description of its own, so that it also excludes threads of this process.
+/// Whoever holds it does so for a few system calls. Somebody who was stopped in between must not stop us too, and flock
+/// knows no time limit, so this asks again and again.
 std::int32_t Lock(int directory, UniqueFd& lock) {
+    constexpr std::chrono::seconds patience{2};
+    constexpr std::chrono::milliseconds pause{1};
     lock = UniqueFd(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    while (!lock || ::flock(lock.Get(), LOCK_EX) != 0) {
-        if (!lock || errno != EINTR) {
+    if (!lock) {
+        return KnStatusNoResources;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
             return KnStatusNoResources;
         }
+        if (std::chrono::steady_clock::now() > deadline) {
+            Log(LogLevel::Error, {"somebody keeps the runtime directory locked"});
+            return KnStatusTimedOut;
+        }
+        std::this_thread::sleep_for(pause);
     }
     return KnStatusOk;
 }

@@ -24,10 +24,12 @@ bool IsName(std::string_view name) noexcept;
 /// together cannot both find a name free, and nothing but the socket is ever left in the directory.
 class NamedSocket final {
 public:
-    /// Returns: 0 and `socket`; KnStatusAlreadyExists; KnStatusDenied; KnStatusNoResources.
+    /// Returns: 0 and `socket`; KnStatusAlreadyExists; KnStatusDenied; KnStatusTimedOut when somebody keeps the
+    /// directory locked; KnStatusNoResources.
     static std::int32_t Create(NameKind kind, std::string_view name, std::unique_ptr<NamedSocket>& socket);
 
-    /// Gives the name up before the socket closes, unless somebody else has it by now. A forked child closes only.
+    /// Gives the name up before the socket closes, unless somebody else has it by now. Where that cannot be found out
+    /// in time, the name is left to be replaced. A forked child closes only.
     ~NamedSocket();
 
     NamedSocket(const NamedSocket&) = delete;

@@ -20,7 +20,7 @@ std::int32_t NsCreate(const char* name, std::uint32_t timeoutMs, NsHandle* nameS
 
 /// Publishes `service`, an implementation of the interface `type`, on behalf of the server `serverName`.
 ///
-/// Returns: 0; KnStatusAlreadyExists; KnStatusInvalidArgument; KnStatusDenied; KnStatusNoResources.
+/// Returns: 0; KnStatusAlreadyExists; KnStatusInvalidArgument; KnStatusDenied; KnStatusTimedOut; KnStatusNoResources.
 /// Threads: any.
 std::int32_t NsPublishService(NsHandle nameServer, const char* type, const char* serverName,
                               const char* service) noexcept;
