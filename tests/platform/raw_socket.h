@@ -30,6 +30,8 @@ inline sockaddr_un AddressOf(const std::string& path) {
 class RawSocket final {
 public:
     explicit RawSocket(int type = SOCK_SEQPACKET) : fd(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0)) {}
+    RawSocket(const RawSocket&) = delete;
+    RawSocket& operator=(const RawSocket&) = delete;
     RawSocket(RawSocket&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
     RawSocket& operator=(RawSocket&& other) noexcept {
         std::swap(fd, other.fd);

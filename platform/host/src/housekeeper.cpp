@@ -312,7 +312,7 @@ void Housekeeper::CloseNow(Channel& channel) {
 }
 
 void Housekeeper::Run() {
-    std::array<epoll_event, 64> events;
+    std::array<epoll_event, 64> events{};
     int timeout = -1;
     while (true) {
         const int count = ::epoll_wait(poller.Get(), events.data(), static_cast<int>(events.size()), timeout);

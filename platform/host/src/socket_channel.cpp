@@ -99,6 +99,9 @@ struct Owed {
         std::shared_ptr<Channel::Client> client;
     };
 
+    Owed() = default;
+    Owed(const Owed&) = delete;
+    Owed& operator=(const Owed&) = delete;
     ~Owed() {
         if (owner != ::getpid()) {
             return; // a forked child owes nothing

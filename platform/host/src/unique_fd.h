@@ -12,6 +12,8 @@ class UniqueFd final {
 public:
     UniqueFd() = default;
     explicit UniqueFd(int owned) : number(AboveStandardStreams(owned)) {}
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
     UniqueFd(UniqueFd&& other) noexcept : number(std::exchange(other.number, -1)) {}
     UniqueFd& operator=(UniqueFd&& other) noexcept {
         std::swap(number, other.number);

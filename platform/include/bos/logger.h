@@ -33,6 +33,7 @@ public:
     /// The logger of this process, with the platform's back end until another one is set.
     static BOSLogger& RootLogger();
 
+    ~BOSLogger() = default;
     BOSLogger(const BOSLogger&) = delete;
     BOSLogger& operator=(const BOSLogger&) = delete;
 
