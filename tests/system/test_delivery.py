@@ -3,7 +3,7 @@
 import json
 import signal
 
-from harness import DONE, MODE, BusTest, main
+from harness import BIN, DONE, FAILED, MODE, BusTest, main
 
 
 class Delivery(BusTest):
@@ -126,6 +126,15 @@ class Delivery(BusTest):
         self.publish("t", *range(100))
         reader.expect_all(f"t {value}" for value in range(100))
         reader.expect_exit(DONE)
+
+    def test_the_examples_talk_to_each_other(self):
+        server = self.server()
+        reader = self.start(f"{BIN}/example_subscribe")
+        server.expect_error("Wait is called by subscriber")
+        self.start(f"{BIN}/example_publish_one").expect_exit(DONE)
+        reader.expect("temperature 21")
+        server.kill()
+        reader.expect_exit(FAILED)
 
     def test_clients_find_the_server_by_themselves(self):
         self.server()
