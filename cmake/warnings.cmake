@@ -1,4 +1,8 @@
-option(BORVEN_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
+set(warnings_as_errors OFF)
+if(DEFINED ENV{CI})
+    set(warnings_as_errors ON)
+endif()
+option(BORVEN_WARNINGS_AS_ERRORS "Treat compiler warnings as errors; the default in CI" ${warnings_as_errors})
 
 # Applied to every target of ours through this interface library, never to third-party code.
 add_library(borven_warnings INTERFACE)
