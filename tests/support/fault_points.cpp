@@ -185,13 +185,15 @@ bool MutexLockStrikes() noexcept {
 
 using namespace test_support;
 
-// The names are the linker's: __wrap_X stands for X, and __real_X is the X that was.
+// The names are the linker's: __wrap_X stands for X, and __real_X is the X that was. What stands for a member function
+// has to lie where one may: a pointer to a member with an odd address means a virtual one.
 extern "C" {
 
 bool __real__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(
     boost::thread* self, const boost::thread_attributes& attributes);
-bool __wrap__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(
-    boost::thread* self, const boost::thread_attributes& attributes);
+[[gnu::aligned(2)]] bool
+__wrap__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(boost::thread* self,
+                                                                         const boost::thread_attributes& attributes);
 bool __wrap__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(
     boost::thread* self, const boost::thread_attributes& attributes) {
     Journal::Instance().AddCall("boost thread, stack " + std::to_string(attributes.get_stack_size()));
@@ -206,7 +208,7 @@ bool __wrap__ZN5boost6thread21start_thread_noexceptERKNS_17thread_attributesE(
 }
 
 bool __real__ZN5boost6thread13join_noexceptEv(boost::thread* self);
-bool __wrap__ZN5boost6thread13join_noexceptEv(boost::thread* self);
+[[gnu::aligned(2)]] bool __wrap__ZN5boost6thread13join_noexceptEv(boost::thread* self);
 bool __wrap__ZN5boost6thread13join_noexceptEv(boost::thread* self) {
     if (const auto action = fault_points::boostJoinHook.Get()) {
         action();
@@ -221,9 +223,8 @@ bool __wrap__ZN5boost6thread13join_noexceptEv(boost::thread* self) {
 void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(std::thread* self,
                                                                                                   void* state,
                                                                                                   void (*depend)());
-void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(std::thread* self,
-                                                                                                  void* state,
-                                                                                                  void (*depend)());
+[[gnu::aligned(2)]] void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
+    std::thread* self, void* state, void (*depend)());
 void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(std::thread* self,
                                                                                                   void* state,
                                                                                                   void (*depend)()) {
@@ -234,7 +235,7 @@ void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_
 }
 
 void __real__ZNSt6thread4joinEv(std::thread* self);
-void __wrap__ZNSt6thread4joinEv(std::thread* self);
+[[gnu::aligned(2)]] void __wrap__ZNSt6thread4joinEv(std::thread* self);
 void __wrap__ZNSt6thread4joinEv(std::thread* self) {
     Journal::Instance().AddCall("join std thread");
     __real__ZNSt6thread4joinEv(self);
@@ -245,8 +246,9 @@ void __wrap__ZNSt6thread4joinEv(std::thread* self) {
 
 void __real__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condition_variable* self,
                                                                       std::unique_lock<std::mutex>& lock);
-void __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condition_variable* self,
-                                                                      std::unique_lock<std::mutex>& lock);
+[[gnu::aligned(2)]] void
+__wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condition_variable* self,
+                                                                 std::unique_lock<std::mutex>& lock);
 void __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condition_variable* self,
                                                                       std::unique_lock<std::mutex>& lock) {
     // With the mutex still held: whoever locks it after AwaitSleepingOnCondition finds this thread asleep.

@@ -90,7 +90,7 @@ std::int32_t InProcessChannel::Reply(const nk_message* response) {
 void InProcessChannel::Abandon(Exchange& exchange) {
     const std::lock_guard lock(mutex);
     exchange.isFinished = true;
-    exchange.status = KnStatusAbandoned;
+    exchange.status = isClosed ? KnStatusClosed : KnStatusAbandoned;
     changed.notify_all();
 }
 

@@ -25,7 +25,9 @@ ScriptedPlatform& Platform() {
 }
 
 void Note(std::string call) {
-    Journal::Instance().AddCall(std::move(call));
+    if (!Platform().IsQuiet()) {
+        Journal::Instance().AddCall(std::move(call));
+    }
 }
 
 std::string Text(const char* text) {

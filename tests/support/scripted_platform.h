@@ -89,7 +89,7 @@ public:
     Script<std::int32_t(NkBosTransport*, nk_message*, nk_arena*)> receive;
     Script<std::int32_t(NkBosTransport*, const nk_message*, const nk_arena*)> reply;
 
-    /// Without the journal's entries for receive and reply: for tests with much traffic.
+    /// Without entries in the journal: for tests with much traffic.
     void SetQuiet(bool isQuiet);
     bool IsQuiet() const;
 
