@@ -1,4 +1,5 @@
 #pragma once
 
 // How records travel. This is the one place that chooses.
-#include "socket_channel.h"
+#include "shared_memory_channel.h"
+#include "shared_memory_connection.h"
