@@ -48,6 +48,7 @@ struct alignas(64) SlotHalf {
 
     static constexpr std::size_t pieceSize = 64;
     static constexpr std::size_t firstPieceSize = 48; ///< what is left of the word's line
+    static constexpr std::size_t lastPieceSize = 48;
     static constexpr std::size_t pieceCount = 17;
 
     static constexpr std::size_t PieceStart(std::size_t piece) {
@@ -58,35 +59,61 @@ struct alignas(64) SlotHalf {
     /// Copies the first `used` bytes of a record in. Returns: its pieces. What lies behind them counts as zeros.
     std::uint32_t Put(const void* source, std::size_t used) noexcept {
         const auto* bytes = static_cast<const std::byte*>(source);
-        std::uint32_t pieces = 0;
-        for (std::size_t piece = 0; piece < pieceCount && PieceStart(piece) < used; ++piece) {
-            const std::size_t start = PieceStart(piece);
-            const std::size_t length = PieceEnd(piece) - start;
-            std::array<std::byte, pieceSize> copy{};
-            std::memcpy(copy.data(), bytes + start, std::min(length, used - start));
-            const auto words = std::bit_cast<std::array<std::uint64_t, pieceSize / sizeof(std::uint64_t)>>(copy);
-            std::uint64_t all = 0;
-            for (const std::uint64_t each : words) {
-                all |= each;
-            }
-            if (all != 0) {
-                std::memcpy(record.data() + start, copy.data(), length);
-                pieces |= 1U << piece;
-            }
+        std::uint32_t pieces = PutPiece<firstPieceSize>(0, bytes, used);
+        for (std::size_t piece = 1; piece < pieceCount - 1 && PieceStart(piece) < used; ++piece) {
+            pieces |= PutPiece<pieceSize>(piece, bytes, used);
         }
-        return pieces;
+        return pieces | PutPiece<lastPieceSize>(pieceCount - 1, bytes, used);
     }
 
     /// Copies a whole record out, once: what the other side does to it later is not seen any more.
     void Get(void* target, std::uint32_t pieces) const noexcept {
         auto* bytes = static_cast<std::byte*>(target);
-        std::memset(bytes, 0, NkRecordSize);
-        for (; pieces != 0; pieces &= pieces - 1) {
-            const auto piece = static_cast<std::size_t>(std::countr_zero(pieces));
-            const std::size_t start = PieceStart(piece);
-            std::memcpy(bytes + start, record.data() + start, PieceEnd(piece) - start);
+        GetPiece<firstPieceSize>(0, bytes, pieces);
+        for (std::size_t piece = 1; piece < pieceCount - 1; ++piece) {
+            GetPiece<pieceSize>(piece, bytes, pieces);
         }
+        GetPiece<lastPieceSize>(pieceCount - 1, bytes, pieces);
         std::atomic_signal_fence(std::memory_order_seq_cst); // the compiler shall not read a second time either
+    }
+
+private:
+    template <std::size_t Size>
+    std::uint32_t PutPiece(std::size_t piece, const std::byte* bytes, std::size_t used) noexcept {
+        const std::size_t start = PieceStart(piece);
+        if (start >= used) {
+            return 0;
+        }
+        std::array<std::byte, Size> cut;
+        const std::byte* source = bytes + start;
+        if (used - start < Size) {
+            cut.fill(std::byte{0});
+            std::memcpy(cut.data(), source, used - start);
+            source = cut.data();
+        }
+        // Sixteen bytes at a time: most pieces are looked at and not moved.
+        using Block = std::uint64_t __attribute__((vector_size(16)));
+        Block all{};
+        for (std::size_t i = 0; i < Size; i += sizeof(Block)) {
+            Block block;
+            std::memcpy(&block, source + i, sizeof block);
+            all |= block;
+        }
+        if ((all[0] | all[1]) == 0) {
+            return 0;
+        }
+        std::memcpy(record.data() + start, source, Size);
+        return 1U << piece;
+    }
+
+    template <std::size_t Size>
+    void GetPiece(std::size_t piece, std::byte* bytes, std::uint32_t pieces) const noexcept {
+        const std::size_t start = PieceStart(piece);
+        if ((pieces >> piece & 1) != 0) {
+            std::memcpy(bytes + start, record.data() + start, Size);
+        } else {
+            std::memset(bytes + start, 0, Size);
+        }
     }
 };
 static_assert(SlotHalf::PieceEnd(SlotHalf::pieceCount - 1) == NkRecordSize);

@@ -20,17 +20,23 @@ inline void Pause() noexcept {
 /// Looks until `look` returns true, at most for `limit`. Returns: whether it did.
 template <typename Look>
 bool SpinUntil(SteadyClock::duration limit, const Look& look) noexcept {
-    constexpr int looksPerClock = 32; // reading the clock costs about as much as one pause
-    if (look()) {
+    constexpr int looksPerClock = 32; // reading the clock costs about as much as a pause: the first looks do without
+    const auto looks = [&look] {
+        for (int i = 0; i < looksPerClock; ++i) {
+            if (look()) {
+                return true;
+            }
+            Pause();
+        }
+        return false;
+    };
+    if (looks()) {
         return true;
     }
     const auto end = SteadyClock::now() + limit;
     do {
-        for (int i = 0; i < looksPerClock; ++i) {
-            Pause();
-            if (look()) {
-                return true;
-            }
+        if (looks()) {
+            return true;
         }
     } while (SteadyClock::now() < end);
     return false;
