@@ -10,7 +10,8 @@ std::string ToString(const LogRecord& record) {
 }
 
 Journal& Journal::Instance() {
-    static Journal journal;
+    // Never destroyed: a detached remover may still write its last line while the process ends.
+    static Journal& journal = *new Journal;
     return journal;
 }
 
