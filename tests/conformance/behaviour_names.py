@@ -15,7 +15,7 @@ def main(build, document):
                              text=True).stdout
     existing = {test["name"] for test in json.loads(listing[listing.index("{"):])["tests"]}
     with open(document, encoding="utf-8") as text:
-        named = set(re.findall(r"`((?:system\.\w+\.\w+|\w+Test)\.\w+)`", text.read()))
+        named = set(re.findall(r"`((?:system\.\w+\.\w+|(?:\w+/)?\w+Test)\.\w+(?:/\w+)?)`", text.read()))
     missing = sorted(named - existing)
     for name in missing:
         print(f"{document} names a test that does not exist: {name}")
