@@ -171,6 +171,10 @@ int Serve(const Settings& settings) {
     KnHandleCloseServerEnds();
     server->WaitAllThreads();
     server.reset(); // the connector's is the last one: it joins the other threads while what they use is still there
+    // The events thread may have missed the request to stop, as any wake-up (docs/threading.md), and the bus waits for
+    // it. A push, even of nobody's, takes its lock: after that it sleeps where it can be woken, or has ended.
+    bus.Push(-1, 0);
+    bus.Stop();
     return stoppedInOrder ? 0 : exitFailed;
 }
 
