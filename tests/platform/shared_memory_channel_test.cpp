@@ -315,11 +315,11 @@ TEST(SharedMemoryChannel, ClosingWhileAllCall_EndsEverybody) {
     for (int round = 0; round < 30; ++round) {
         Channel channel(Channel::DeadClient::ReplyAnswersOk);
         std::vector<Client> joined;
+        std::atomic<int> calls{0};
         std::vector<std::unique_ptr<Background<void>>> running;
         for (int i = 0; i < 4; ++i) {
             joined.push_back(JoinOverOneMapping(channel));
         }
-        std::atomic<int> calls{0};
         for (int i = 0; i < 4; ++i) {
             running.push_back(std::make_unique<Background<void>>([&, i] {
                 std::int32_t status = KnStatusOk;
