@@ -13,10 +13,25 @@ using test_support::Delivered;
 using test_support::NotDelivered;
 using test_support::PendingWait;
 using test_support::RunningBus;
-using test_support::TimedSleeps;
 using test_support::WaitOn;
 using testing::ElementsAre;
 namespace fault_points = test_support::fault_points;
+
+/// Passes waits on, and notes how often their thread had slept with a deadline before they came here.
+class NotingWorker final : public message_bus::IWorker {
+public:
+    explicit NotingWorker(message_bus::IWorker& worker) : next(worker) {}
+
+    ResultCode Wait(long subscriberId, std::string& topic, long& message) override {
+        timedSleeps = test_support::TimedSleepsOfThisThread();
+        return next.Wait(subscriberId, topic, message);
+    }
+
+    std::atomic<int> timedSleeps{-1};
+
+private:
+    message_bus::IWorker& next;
+};
 
 class FastWaitTest : public test_support::BusTest {
 protected:
@@ -25,8 +40,9 @@ protected:
     long subscriber = -1;
     long later = -1; // what it has got, the one before has got
     RunningBus bus{MakeBus()};
-    FastWait fastWait{*bus, *bus, FastWait::Linger::Never};
-    FastWait lingeringWait{*bus, *bus, FastWait::Linger::InAStream};
+    NotingWorker blocking{*bus};
+    FastWait fastWait{*bus, blocking, FastWait::Linger::Never};
+    FastWait lingeringWait{*bus, blocking, FastWait::Linger::InAStream};
 
     void SetUp() override { ASSERT_TRUE(bus.isReady); }
 
@@ -65,13 +81,11 @@ void FastWaitTest::TakeAStream(long id) {
 /// How often a wait that finds nothing sleeps with a time-out before it hands over.
 int FastWaitTest::TimedSleepsOfWait(FastWait& worker, long id) {
     journal.Clear();
-    const int before = TimedSleeps();
     PendingWait waiting(worker, id);
     EXPECT_TRUE(journal.Await("SwitchActiveIpcServer"));
-    const int sleeps = TimedSleeps() - before;
     bus->GetSubscriberPtrById(id)->queue.Enqueue(std::make_shared<message_bus::Message>("heat", 99));
     EXPECT_EQ(waiting.Get(), Delivered("heat", 99));
-    return sleeps;
+    return blocking.timedSleeps;
 }
 
 TEST_F(FastWaitTest, Wait_WithQueuedValues_TakesThemInOrderWithoutAHandOver) {

@@ -2,8 +2,8 @@
 
 namespace test_support {
 
-/// How often threads other than the main one have gone to sleep on a condition variable with a deadline, in code
-/// compiled into this program.
-int TimedSleeps();
+/// How often the calling thread has gone to sleep on a condition variable with a deadline, in code compiled into this
+/// program.
+int TimedSleepsOfThisThread();
 
 } // namespace test_support
