@@ -3,6 +3,7 @@
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 
+#include <future>
 #include <stdexcept>
 #include <system_error>
 
@@ -230,10 +231,14 @@ TEST_F(LifecycleTest, Destructor_DoesNotAskForAStopAndBlocksUntilSomebodyDoes) {
     bus->Start();
     AwaitIdleEventsThread(*bus);
     MessageBus* const running = bus.get();
+    // The one who asks must be through before the bus is gone.
+    std::promise<void> isAsked;
+    log.Before(Stopped, [&] { isAsked.get_future().wait(); });
     std::thread destroying([&] { bus.reset(); });
     EXPECT_TRUE(journal.Await("join std thread"));
     EXPECT_EQ(journal.Count(Stopped), 0U);
     running->Stop();
+    isAsked.set_value();
     destroying.join();
     EXPECT_EQ(journal.Count(Stopped), 1U);
 }
