@@ -54,7 +54,7 @@ public:
             {"close-all", [this] { Say((KnHandleCloseServerEnds(), 0)); }},
             {"wait", [this] { Say(std::getchar() == EOF ? -1 : 0); }},
             {"fork", [this] { Say(Fork([] { return 0; })); }},
-            {"fork-and-stay", [this] { Say(ForkAndStay()); }},
+            {"fork-and-stay", [this] { ForkAndStay(); }},
             {"fork-and-call", [this] { Say(Fork([this] { return Call(1); })); }},
             {"fork-and-connect", [this] { ForkAndConnect(); }},
             {"use-up-descriptors", [this] { UseUpDescriptors(); }},
@@ -149,15 +149,15 @@ private:
     }
 
     /// The child holds every descriptor that this process holds, until standard input ends.
-    static pid_t ForkAndStay() {
-        const pid_t child = ::fork();
-        if (child == 0) {
+    /// The child tells its number, when it has let go of what belongs to its parent.
+    void ForkAndStay() {
+        if (::fork() == 0) {
+            Say(::getpid());
             char byte = 0;
             while (::read(STDIN_FILENO, &byte, 1) > 0) {
             }
             std::_Exit(0);
         }
-        return child;
     }
 
     void ForkAndConnect() {
