@@ -205,7 +205,7 @@ public:
                                     Check(NkBosTransport_Reply(&transport, response.Message(), &responseArena) == 0);
                                 } while (!stop->load());
                             } catch (const tua::Exception& error) {
-                                Log(LogLevel::Error, "{}: {}", self, diagnostics::Describe(error));
+                                Log(LogLevel::Error, "{}: {}", self, diagnostics::Described{error});
                             } catch (const std::exception& error) {
                                 Log(LogLevel::Error, "{}: {}", self, error.what());
                             } catch (...) {

@@ -63,4 +63,16 @@ inline std::string Describe(const tua::Exception& exception) {
     return Cast<std::string>(std::u16string_view(text));
 }
 
+/// An exception as the argument of a log line: described only when the line is written.
+struct Described {
+    const tua::Exception& exception;
+};
+
 } // namespace diagnostics
+
+template <>
+struct fmt::formatter<diagnostics::Described> : fmt::formatter<std::string_view> {
+    auto format(const diagnostics::Described& described, fmt::format_context& context) const {
+        return fmt::formatter<std::string_view>::format(diagnostics::Describe(described.exception), context);
+    }
+};

@@ -309,7 +309,7 @@ void IpcServer::RunIpcDispatcher(unsigned handle) {
         try {
             ServeOnce(handle);
         } catch (const tua::Exception& error) {
-            Log(LogLevel::Error, "{}: {}", self, diagnostics::Describe(error));
+            Log(LogLevel::Error, "{}: {}", self, diagnostics::Described{error});
         } catch (const std::exception& error) {
             Log(LogLevel::Error, "{}: {}", self, error.what());
         } catch (...) {

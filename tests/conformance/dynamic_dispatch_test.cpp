@@ -240,6 +240,18 @@ TEST_F(DynamicDispatchTest, RunIpcDispatcher_WhosePassFails_LogsItUnmapsAndGoesO
                                     "4 RunIpcDispatcher: RunIpcDispatcher: [^-]*\\. At messagebus/.*\\([0-9]+\\) ")));
 }
 
+TEST_F(DynamicDispatchTest, RunIpcDispatcher_WhosePassFailsWithLevelFourDisabled_AllocatesNothingForALine) {
+    log.SetThreshold(5);
+    journal.Ignore("munmap"); // noting it could allocate
+    platform.receive.Once([&](auto...) {
+        server->SetStopSignal();
+        fault_points::FailAllocation(std::this_thread::get_id());
+        return KnStatusClosed;
+    });
+    EXPECT_NO_THROW(server->RunIpcDispatcher(9));
+    fault_points::DisarmAllocation();
+}
+
 TEST_F(DynamicDispatchTest, RunIpcDispatcher_OfTheInvalidHandle_FailsItsCheckInEveryPass) {
     int passes = 0;
     log.Before("4 RunIpcDispatcher", [&] {

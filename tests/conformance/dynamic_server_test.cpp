@@ -309,6 +309,20 @@ TEST_F(DynamicServerTest, Dispatcher_WhoseReceiveFails_EndsWithACheckWithoutAMes
     EXPECT_THAT(journal.Calls("munmap"), SizeIs(2));
 }
 
+TEST_F(DynamicServerTest, Dispatcher_WhoseReceiveFailsWithLevelFourDisabled_AllocatesNothingForALine) {
+    log.SetThreshold(5);
+    journal.Ignore("munmap"); // noting it could allocate
+    platform.receive.Once([&](auto...) {
+        journal.AddCall("failing");
+        fault_points::FailAllocation(std::this_thread::get_id());
+        return KnStatusClosed;
+    });
+    AddThread(9);
+    ASSERT_TRUE(journal.Await("failing"));
+    server.reset(); // an exception out of the thread would have ended the process
+    EXPECT_THAT(journal.Logs(), IsEmpty());
+}
+
 TEST_F(DynamicServerTest, Dispatcher_WhoseDispatchFails_EndsWithoutAReply) {
     Receives(Request(5, 0));
     AddThread(9);

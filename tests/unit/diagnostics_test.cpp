@@ -2,6 +2,7 @@
 // these words and levels.
 #include "diagnostics.h"
 #include "support/bus_test.h"
+#include "support/fault_points.h"
 
 #include <stdexcept>
 
@@ -10,6 +11,7 @@ namespace {
 using bos::logger::LogLevel;
 using diagnostics::Check;
 using diagnostics::Describe;
+using diagnostics::Described;
 using diagnostics::Log;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -120,6 +122,17 @@ TEST_F(DiagnosticsTest, Check_WithoutAMessage_ThrowsAnEmptyOne) {
 TEST_F(DiagnosticsTest, Describe_GivesWhatMessageAndPlace) {
     const tua::CheckFailedException error("src/file.cpp", 42, u"invalid handle");
     EXPECT_EQ(Describe(error), std::string(error.what()) + " - invalid handle. At src/file.cpp(42) ");
+}
+
+TEST_F(DiagnosticsTest, Log_OfAnException_DescribesItOnlyWhenItsLevelIsEnabled) {
+    const test_support::fault_points::Disarmer disarmer;
+    const tua::CheckFailedException error("src/file.cpp", 42, u"invalid handle");
+    Log(LogLevel::Error, "{}: {}", "tag", Described{error});
+    EXPECT_THAT(journal.Logs(), ElementsAre("4 TestBody: tag: " + Describe(error)));
+    log.SetThreshold(5);
+    test_support::fault_points::FailAllocation(std::this_thread::get_id());
+    EXPECT_NO_THROW(Log(LogLevel::Error, "{}: {}", "tag", Described{error}));
+    test_support::fault_points::DisarmAllocation();
 }
 
 TEST_F(DiagnosticsTest, Describe_WithoutAMessage_HasNoDash) {
