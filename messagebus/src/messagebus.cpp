@@ -228,8 +228,9 @@ ResultCode MessageBus::Wait(long subscriberId, std::string& topic, long& message
             Log(LogLevel::Debug, "{}: Canceled", Tag);
             return ResultCode::NotRegistered; // a message that was taken is dropped with the subscriber
         }
+        std::string text = next->topic; // all that can fail, before either output is written
         message = next->value;
-        topic = next->topic;
+        topic = std::move(text);
         return ResultCode::Success;
     } catch (const std::exception& error) {
         Log(LogLevel::Error, "{}: {}", Tag, error.what());

@@ -2,6 +2,8 @@
 
 #include "diagnostics.h"
 
+#include <utility>
+
 namespace msgbus_server {
 
 namespace {
@@ -33,8 +35,9 @@ cor::ResultCode FastWait::Wait(long subscriberId, std::string& topic, long& mess
                 return ResultCode::NotRegistered;
             }
             if (taken) {
+                std::string text = next->topic; // all that can fail, before either output is written
                 message = next->value;
-                topic = next->topic;
+                topic = std::move(text);
                 NoteDelivery(subscriberId);
                 return ResultCode::Success;
             }

@@ -185,6 +185,17 @@ TEST_F(WaitTest, Wait_WhoseConnectorThrows_ReturnsTenLogsTheTextAndTakesNoMessag
     EXPECT_EQ(WaitOn(*running, reader), Delivered("heat", 1));
 }
 
+TEST_F(WaitTest, Wait_WithoutMemoryForTheTopic_ReturnsTenAndLeavesTheOutputs) {
+    const long reader = Subscriber();
+    Give(reader, std::string(100, 'x'), 1);
+    running.connector->onSwitch = [] {
+        fault_points::FailAllocation(std::this_thread::get_id());
+        return ResultCode::Success;
+    };
+    EXPECT_EQ(WaitOn(*running, reader), NotDelivered(10));
+    EXPECT_EQ(journal.Count("4 Wait: [MessageBus]: std::bad_alloc"), 1U);
+}
+
 TEST_F(WaitTest, Wait_WhoseCancelLineThrows_ReturnsTen) {
     const long reader = Subscriber();
     running.connector->onSwitch = [&] { return running->UnregisterSubscriber(reader); };

@@ -132,6 +132,14 @@ TEST_F(FastWaitTest, Wait_ThatFailsInside_ReturnsTenAndLogsWhy) {
     EXPECT_THAT(journal.All(), ElementsAre("4 Wait: [MessageBus]: out of paper"));
 }
 
+TEST_F(FastWaitTest, Wait_WithoutMemoryForTheTopic_ReturnsTenAndLeavesTheOutputsAlone) {
+    const std::string topic(100, 'x');
+    bus->GetSubscriberPtrById(subscriber)->queue.Enqueue(std::make_shared<message_bus::Message>(topic, 1));
+    log.SetThreshold(5); // a line would need memory before the topic does
+    fault_points::FailAllocation(std::this_thread::get_id());
+    EXPECT_EQ(WaitOn(fastWait, subscriber), NotDelivered(10));
+}
+
 TEST_F(FastWaitTest, Wait_InAStream_HoldsItsWorkerForAMomentBeforeItHandsOver) {
     // On a busy machine values may be too far apart for a stream; then there is another one.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
