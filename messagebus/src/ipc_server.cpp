@@ -134,23 +134,26 @@ void IpcServer::CreateThread(std::function<void()> fn) {
 }
 
 void IpcServer::RemoveThread(boost::thread::id id, IpcServer* server) {
+    // Only a failed join is survived: intended, anything else leaves and ends the process.
+    std::unique_lock lock(workersMutex);
+    auto& workers = server->workers;
+    const auto found = std::find_if(workers.begin(), workers.end(),
+                                    [id](const auto& worker) { return worker->thread.get_id() == id; });
+    if (found == workers.end()) {
+        return;
+    }
     try {
-        const std::lock_guard lock(workersMutex);
-        auto& workers = server->workers;
-        const auto found = std::find_if(workers.begin(), workers.end(),
-                                        [id](const auto& worker) { return worker->thread.get_id() == id; });
-        if (found == workers.end()) {
-            return;
-        }
         if ((*found)->thread.joinable()) {
             (*found)->thread.join();
         }
-        workers.erase(found);
-        ++removals;
-        removals.notify_all();
     } catch (const std::exception& error) {
+        lock.unlock();
         Log(LogLevel::Error, "Error during remove thread: {}", error.what());
+        return;
     }
+    workers.erase(found);
+    ++removals;
+    removals.notify_all();
 }
 
 std::shared_ptr<WorkerThread> IpcServer::GetCurrentIpcThread() const {

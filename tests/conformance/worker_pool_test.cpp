@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <stdexcept>
+#include <system_error>
 
 namespace {
 
@@ -261,6 +262,34 @@ TEST_F(WorkerPoolTest, RemoveThread_WhoseJoinFails_LogsItAndKeepsTheRecord) {
     EXPECT_FALSE(record.expired());
     RemoveLeftOver(*server);
     EXPECT_TRUE(record.expired());
+}
+
+TEST_F(WorkerPoolTest, RemoveThread_LetsAnythingButAStandardExceptionOfTheJoinPassAndReleasesTheLock) {
+    Gate gate;
+    boost::thread::id worker;
+    server->CreateThread([&] {
+        worker = boost::this_thread::get_id();
+        gate.Pass();
+    });
+    gate.AwaitReached();
+    fault_points::BeforeBoostJoin([] { throw 42; });
+    EXPECT_THROW(IpcServer::RemoveThread(worker, server.get()), int);
+    fault_points::BeforeBoostJoin(nullptr);
+    fault_points::FailMutexLockOnThisThread(); // not a failure of the join
+    EXPECT_THROW(IpcServer::RemoveThread(worker, server.get()), std::system_error);
+    EXPECT_THAT(journal.Logs(), IsEmpty());
+    gate.Open();
+    server->WaitAllThreads(); // its remover finds lock and record
+}
+
+TEST_F(WorkerPoolDeathTest, Worker_WhoseRemoverFailsWithAnythingElse_EndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            fault_points::BeforeBoostJoin([] { throw 42; });
+            RunAsWorker(*server, [] {});
+        },
+        testing::KilledBySignal(SIGABRT), "");
 }
 
 TEST_F(WorkerPoolTest, RemoveThread_HoldsTheOneLockOfTheProcessWhileItJoins) {
