@@ -18,7 +18,8 @@ class SubscribeHelper;
 /// Joins the bus to the platform's IPC: owns the IPC server, the handshake and what the method handlers call.
 /// Threads: Init before RunServer, on the hosting thread; everything else from any serving thread.
 /// Lifetime: the IPC server's workers use this object; it must outlive them.
-class [[gnu::visibility("default")]] BosConnector final : public IConnector {
+/// Not final: SwitchActiveIpcServer asks ShouldBeStopped of whatever derives from it.
+class [[gnu::visibility("default")]] BosConnector : public IConnector {
 public:
     explicit BosConnector(std::shared_ptr<bos_ipc::IpcServer> server);
     BosConnector(const BosConnector&) = delete;

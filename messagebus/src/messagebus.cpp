@@ -243,7 +243,7 @@ bool MessageBus::Run(const std::shared_ptr<IConnector>& newConnector) {
     Start();
     try {
         if (!connector->ShouldBeStopped()) {
-            connector->RunServer();
+            connector->RunServer(); // intended: the result is not looked at, only an exception counts
         }
         while (!connector->ShouldBeStopped()) {
             std::this_thread::sleep_for(StopPollInterval);

@@ -156,6 +156,20 @@ TEST_F(ConnectorTest, SwitchActiveIpcServer_OnAStoppedConnector_StartsNobodyButR
     EXPECT_THAT(journal.Calls("boost thread"), SizeIs(2)); // the worker and its remover
 }
 
+TEST_F(ConnectorTest, SwitchActiveIpcServer_AsksWhetherToStopOfWhateverDerivesFromTheConnector) {
+    class StoppedConnector final : public BosConnector {
+    public:
+        using BosConnector::BosConnector;
+        bool ShouldBeStopped() override { return true; }
+    };
+    StoppedConnector stopped(server);
+    RunAsWorker(*server, [&] {
+        EXPECT_EQ(stopped.SwitchActiveIpcServer(), ResultCode::Success);
+        EXPECT_EQ(server->GetCurrentIpcThread()->shutdownMarker, 0U);
+    });
+    EXPECT_THAT(journal.Calls("boost thread"), SizeIs(2)); // the worker and its remover
+}
+
 TEST_F(ConnectorTest, SwitchActiveIpcServer_WithoutAReplacement_LogsTheCodeAndRetiresTheCallingWorkerAllTheSame) {
     const auto dynamicServer = std::make_shared<IpcServer>(ConnectionType::Dynamic);
     BosConnector dynamically(dynamicServer);
