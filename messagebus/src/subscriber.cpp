@@ -35,6 +35,7 @@ ResultCode SubscribeHelper::Subscribe(long id, const std::string& topic) {
         return ResultCode::Failed;
     }
     if (!found->second.topics.insert(topic).second) {
+        // Intended: without the tag, and spelt like this.
         Log(LogLevel::Error, "Unable to finish registration - the topic already exists in the registartion list of the "
                              "client.");
         return ResultCode::Conflict;
@@ -49,6 +50,7 @@ ResultCode SubscribeHelper::FinishSubscribing(long id, bool complete, long& subs
             const std::lock_guard lock(mutex);
             const auto found = registrations.find(id);
             if (found == registrations.end()) {
+                // Intended: without the tag.
                 Log(LogLevel::Error, "Unable to finish registration - the registration id is not recognized.");
                 return ResultCode::Conflict;
             }
