@@ -5,6 +5,7 @@
 #include "support/journal.h"
 
 #include <atomic>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -96,6 +97,17 @@ public:
     [[nodiscard]] bool AwaitIdle() const {
         constexpr long nobody = -99;
         return fault_points::AwaitSleepingOnCondition(eventsThread) && bus->Push(nobody, 0) != cor::ResultCode::Failed;
+    }
+
+    /// Runs `wake`, which wakes the idle events thread once, and waits until that is idle again: a push that follows
+    /// cannot meet the wake-up.
+    [[nodiscard]] bool Settle(const std::function<void()>& wake) const {
+        if (!AwaitIdle()) {
+            return false;
+        }
+        const auto sleeps = fault_points::SleepsOnCondition(eventsThread);
+        wake();
+        return fault_points::AwaitMoreSleepsOnCondition(eventsThread, sleeps) && AwaitIdle();
     }
 
     /// Ends Run, and the events thread surely: the stop request of Run itself may come between the thread's test of its

@@ -5,15 +5,18 @@
 #include <boost/thread/exceptions.hpp>
 #include <boost/thread/thread.hpp>
 
+#include <linux/futex.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <condition_variable>
+#include <cstdarg>
+#include <map>
 #include <mutex>
 #include <new>
-#include <set>
 #include <sstream>
 #include <system_error>
 
@@ -51,15 +54,32 @@ thread_local long mutexLocksToSkip = -1; // -1: not armed
 std::atomic<std::thread::id> allocatingThread{};
 std::atomic<long> allocationsToSkip{0};
 
+thread_local int sleepsWithDeadline = 0;
+thread_local bool noting = true;
+
+/// As long as one lives, what the calling thread does is neither noted nor made to fail: it is the fault points' own.
+class Unnoted {
+public:
+    Unnoted() : before(std::exchange(noting, false)) {}
+    ~Unnoted() { noting = before; }
+    Unnoted(const Unnoted&) = delete;
+    Unnoted& operator=(const Unnoted&) = delete;
+
+private:
+    bool before;
+};
+
 /// What a test wants to be done at some place.
 template <typename... Args>
 class Hook {
 public:
     void Set(std::function<void(Args...)> newAction) {
+        const Unnoted unnoted;
         const std::lock_guard lock(mutex);
         action = std::move(newAction);
     }
     std::function<void(Args...)> Get() {
+        const Unnoted unnoted;
         const std::lock_guard lock(mutex);
         return action;
     }
@@ -72,33 +92,67 @@ private:
 Hook<std::chrono::nanoseconds> sleepHook;
 Hook<> boostJoinHook;
 Hook<> boostStartHook;
+Hook<> notifyOneHook;
 
-/// The threads that are stopped somewhere.
+/// The threads that stop somewhere.
 class Stopped {
 public:
     void Enter() {
+        const Unnoted unnoted;
         {
             const std::lock_guard lock(mutex);
-            threads.insert(std::this_thread::get_id());
+            auto& thread = threads[std::this_thread::get_id()];
+            thread.isInside = true;
+            ++thread.times;
         }
         changed.notify_all();
     }
     void Leave() {
+        const Unnoted unnoted;
         const std::lock_guard lock(mutex);
-        threads.erase(std::this_thread::get_id());
+        threads[std::this_thread::get_id()].isInside = false;
     }
-    bool Await(std::thread::id thread) {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, Patience, [&] { return threads.contains(thread); });
+    std::size_t Times(std::thread::id thread) {
+        const Unnoted unnoted;
+        const std::lock_guard lock(mutex);
+        return threads[thread].times;
+    }
+    bool AwaitInside(std::thread::id thread) {
+        return Await([&] { return threads[thread].isInside; });
+    }
+    bool AwaitMoreTimes(std::thread::id thread, std::size_t times) {
+        return Await([&] { return threads[thread].times > times; });
     }
 
 private:
+    struct Stops {
+        bool isInside = false;
+        std::size_t times = 0;
+    };
+
+    template <typename Condition>
+    bool Await(const Condition& condition) {
+        const Unnoted unnoted;
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, Patience, condition);
+    }
+
     std::mutex mutex; // guards threads
     std::condition_variable changed;
-    std::set<std::thread::id> threads;
+    std::map<std::thread::id, Stops> threads;
 };
 
 Stopped& OnCondition() {
+    static Stopped threads;
+    return threads;
+}
+
+Stopped& WithDeadline() {
+    static Stopped threads;
+    return threads;
+}
+
+Stopped& OnAtomic() {
     static Stopped threads;
     return threads;
 }
@@ -107,8 +161,6 @@ Stopped& OnMutex() {
     static Stopped threads;
     return threads;
 }
-
-thread_local bool noteBlocking = true; // off while a blocked thread is being noted
 
 } // namespace
 
@@ -122,6 +174,10 @@ void BeforeBoostJoin(std::function<void()> action) {
 
 void AfterBoostStart(std::function<void()> action) {
     boostStartHook.Set(std::move(action));
+}
+
+void BeforeNotifyOne(std::function<void()> action) {
+    notifyOneHook.Set(std::move(action));
 }
 
 void SetSleep(std::function<void(std::chrono::nanoseconds)> sleep) {
@@ -142,14 +198,31 @@ void DisarmAllocation() {
 }
 
 bool AwaitSleepingOnCondition(std::thread::id thread) {
-    return OnCondition().Await(thread);
+    return OnCondition().AwaitInside(thread);
+}
+
+std::size_t SleepsOnCondition(std::thread::id thread) {
+    return OnCondition().Times(thread);
+}
+
+bool AwaitMoreSleepsOnCondition(std::thread::id thread, std::size_t times) {
+    return OnCondition().AwaitMoreTimes(thread, times);
+}
+
+bool AwaitSleepingWithDeadline(std::thread::id thread) {
+    return WithDeadline().AwaitInside(thread);
+}
+
+int SleepsWithDeadlineOfThisThread() {
+    return sleepsWithDeadline;
+}
+
+bool AwaitSleepingOnAtomic(std::thread::id thread) {
+    return OnAtomic().AwaitInside(thread);
 }
 
 bool AwaitBlockedOnMutex(std::thread::id thread) {
-    noteBlocking = false; // its own lock would be noted under itself
-    const bool isBlocked = OnMutex().Await(thread);
-    noteBlocking = true;
-    return isBlocked;
+    return OnMutex().AwaitInside(thread);
 }
 
 void DisarmAll() {
@@ -160,6 +233,7 @@ void DisarmAll() {
     SetSleep(nullptr);
     BeforeBoostJoin(nullptr);
     AfterBoostStart(nullptr);
+    BeforeNotifyOne(nullptr);
     mutexLocksToSkip = -1;
     DisarmAllocation();
 }
@@ -257,6 +331,56 @@ void __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condi
     fault_points::OnCondition().Leave();
 }
 
+int __real_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                                  const timespec* deadline);
+int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                                  const timespec* deadline);
+int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                                  const timespec* deadline) {
+    if (!fault_points::noting) {
+        return __real_pthread_cond_clockwait(condition, mutex, clock, deadline);
+    }
+    ++fault_points::sleepsWithDeadline;
+    fault_points::WithDeadline().Enter();
+    const int result = __real_pthread_cond_clockwait(condition, mutex, clock, deadline);
+    fault_points::WithDeadline().Leave();
+    return result;
+}
+
+void __real__ZNSt18condition_variable10notify_oneEv(std::condition_variable* self);
+[[gnu::aligned(2)]] void __wrap__ZNSt18condition_variable10notify_oneEv(std::condition_variable* self);
+void __wrap__ZNSt18condition_variable10notify_oneEv(std::condition_variable* self) {
+    if (const auto action = fault_points::notifyOneHook.Get()) {
+        action();
+    }
+    __real__ZNSt18condition_variable10notify_oneEv(self);
+}
+
+long __real_syscall(long number, ...);
+long __wrap_syscall(long number, ...);
+long __wrap_syscall(long number, ...) {
+    va_list list;
+    va_start(list, number);
+    long arguments[6]; // a system call has no more, and takes no notice of those that it does not have
+    for (long& argument : arguments) {
+        argument = va_arg(list, long);
+    }
+    va_end(list);
+    const bool isWait =
+        number == SYS_futex && (static_cast<int>(arguments[1]) & FUTEX_CMD_MASK) == FUTEX_WAIT && fault_points::noting;
+    if (isWait) {
+        fault_points::OnAtomic().Enter();
+    }
+    const long result =
+        __real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
+    if (isWait) {
+        const int error = errno; // belongs to the call
+        fault_points::OnAtomic().Leave();
+        errno = error;
+    }
+    return result;
+}
+
 void* __real_mmap(void* address, std::size_t length, int protection, int flags, int descriptor, off_t offset);
 void* __wrap_mmap(void* address, std::size_t length, int protection, int flags, int descriptor, off_t offset);
 void* __wrap_mmap(void* address, std::size_t length, int protection, int flags, int descriptor, off_t offset) {
@@ -299,27 +423,25 @@ int __wrap_nanosleep(const timespec* request, timespec* remaining) {
 int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    if (!fault_points::noting) {
+        return __real_pthread_mutex_lock(mutex);
+    }
     if (fault_points::MutexLockStrikes()) {
         return EAGAIN;
-    }
-    if (!fault_points::noteBlocking) {
-        return __real_pthread_mutex_lock(mutex);
     }
     if (const int result = pthread_mutex_trylock(mutex); result != EBUSY) {
         return result;
     }
-    fault_points::noteBlocking = false;
     fault_points::OnMutex().Enter();
     const int result = __real_pthread_mutex_lock(mutex);
     fault_points::OnMutex().Leave();
-    fault_points::noteBlocking = true;
     return result;
 }
 
 void* __real__Znwm(std::size_t size);
 void* __wrap__Znwm(std::size_t size);
 void* __wrap__Znwm(std::size_t size) {
-    if (fault_points::AllocationStrikes()) {
+    if (fault_points::noting && fault_points::AllocationStrikes()) {
         throw std::bad_alloc();
     }
     return __real__Znwm(size);

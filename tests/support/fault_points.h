@@ -45,6 +45,9 @@ void BeforeBoostJoin(std::function<void()> action);
 /// Called in every start of a boost::thread after the thread runs, before its starter knows; null: nothing.
 void AfterBoostStart(std::function<void()> action);
 
+/// Called on the notifying thread before each std::condition_variable::notify_one; must not throw. Null: nothing.
+void BeforeNotifyOne(std::function<void()> action);
+
 /// In place of every sleep while set; null: sleep.
 void SetSleep(std::function<void(std::chrono::nanoseconds)> sleep);
 
@@ -60,6 +63,20 @@ void DisarmAllocation();
 /// Waits until `thread` sleeps in std::condition_variable::wait and has given up the mutex that it waits with, or will
 /// before anybody else can lock it. Returns: false when it did not within Patience.
 [[nodiscard]] bool AwaitSleepingOnCondition(std::thread::id thread);
+
+/// How often `thread` has gone to sleep like that.
+std::size_t SleepsOnCondition(std::thread::id thread);
+/// Waits until `thread` has gone to sleep like that more than `times` times. Returns: false when not within Patience.
+[[nodiscard]] bool AwaitMoreSleepsOnCondition(std::thread::id thread, std::size_t times);
+
+/// As AwaitSleepingOnCondition, for a wait with a deadline. Only code compiled into the test program counts.
+[[nodiscard]] bool AwaitSleepingWithDeadline(std::thread::id thread);
+/// How often the calling thread has gone to sleep like that.
+int SleepsWithDeadlineOfThisThread();
+
+/// Waits until `thread` sleeps in std::atomic::wait, or will unless the value changes. Only code compiled into the test
+/// program counts, and only atomics of the size of a futex. Returns: false when it did not within Patience.
+[[nodiscard]] bool AwaitSleepingOnAtomic(std::thread::id thread);
 
 /// Waits until `thread` is blocked on a mutex that another thread holds. Only code compiled into the test program
 /// counts. Returns: false when it was not within Patience.

@@ -3,7 +3,6 @@
 #include "fast_wait.h"
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
-#include "timed_sleeps.h"
 
 namespace {
 
@@ -23,7 +22,7 @@ public:
     explicit NotingWorker(message_bus::IWorker& worker) : next(worker) {}
 
     ResultCode Wait(long subscriberId, std::string& topic, long& message) override {
-        timedSleeps = test_support::TimedSleepsOfThisThread();
+        timedSleeps = fault_points::SleepsWithDeadlineOfThisThread();
         return next.Wait(subscriberId, topic, message);
     }
 
