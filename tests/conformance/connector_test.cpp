@@ -6,6 +6,7 @@
 #include "support/bus_harness.h"
 #include "support/ipc_harness.h"
 
+#include <cstdlib>
 #include <stdexcept>
 
 namespace {
@@ -47,6 +48,8 @@ protected:
     std::unique_ptr<BosConnector> connector = std::make_unique<BosConnector>(server);
 };
 
+using ConnectorDeathTest = ConnectorTest;
+
 TEST_F(ConnectorTest, Init_LogsItsStartAndItsEndAroundTheServersInit) {
     platform.serviceLocatorRegister.Once(7);
     EXPECT_TRUE(InitWithBus(*connector));
@@ -74,6 +77,18 @@ TEST_F(ConnectorTest, Init_ServesProviderCtlAndSubsUnderTheirInterfaceIndexes) {
     EXPECT_EQ(journal.Count("1 RegisterPublisher: [MessageBus]: RegisterPublisher id -1 topic "), 1U);
     EXPECT_EQ(journal.Count("1 Wait: Wait is called by subscriber (0)"), 1U);
     EXPECT_EQ(Replies()[0].record.header.size, 24U);
+}
+
+TEST_F(ConnectorDeathTest, Init_BuildsTheTableOfResultCodes) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a process in which nobody has used it before
+    EXPECT_EXIT(
+        {
+            InitWithBus(*connector);
+            fault_points::FailAllocation(std::this_thread::get_id());
+            connector->ToIpcResultCode(ResultCode::Conflict);
+            std::_Exit(0);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST_F(ConnectorTest, Init_ASecondTime_DropsWhatWasPendingAndBeginsItsIdsAgain) {
@@ -163,6 +178,10 @@ TEST_F(ConnectorTest, SwitchActiveIpcServer_AsksWhetherToStopOfWhateverDerivesFr
         bool ShouldBeStopped() override { return true; }
     };
     StoppedConnector stopped(server);
+    platform.receive.Always([&](auto...) { // of a replacement, if there is one
+        server->SetStopSignal();
+        return KnStatusClosed;
+    });
     RunAsWorker(*server, [&] {
         EXPECT_EQ(stopped.SwitchActiveIpcServer(), ResultCode::Success);
         EXPECT_EQ(server->GetCurrentIpcThread()->shutdownMarker, 0U);

@@ -240,6 +240,16 @@ TEST_F(DynamicDispatchTest, RunIpcDispatcher_WhosePassFails_LogsItUnmapsAndGoesO
                                     "4 RunIpcDispatcher: RunIpcDispatcher: [^-]*\\. At messagebus/.*\\([0-9]+\\) ")));
 }
 
+TEST_F(DynamicDispatchTest, RunIpcDispatcher_WhoseDispatchAnswersMinus42_FailsThatPassAsAfterAnyOtherFailure) {
+    fake.onPush = [](auto...) { return -42; };
+    Receives(Request(ProviderIid, 0));
+    Receives(Request(SubsIid, 0), [&] { server->SetStopSignal(); });
+    server->RunIpcDispatcher(9);
+    EXPECT_THAT(journal.Logs(), ElementsAre(testing::MatchesRegex(
+                                    "4 RunIpcDispatcher: RunIpcDispatcher: [^-]*\\. At messagebus/.*\\([0-9]+\\) ")));
+    EXPECT_THAT(Replies(), SizeIs(1)); // to the second request
+}
+
 TEST_F(DynamicDispatchTest, RunIpcDispatcher_WhosePassFailsWithLevelFourDisabled_AllocatesNothingForALine) {
     log.SetThreshold(5);
     journal.Ignore("munmap"); // noting it could allocate
@@ -358,7 +368,7 @@ TEST_F(DynamicDispatchTest, DispatchIpcServer_WithoutAnyConnection_LogsTheInterf
 
 TEST_F(DynamicDispatchTest, DispatchIpcServer_WhoseLineThrows_ReleasesItsLock) {
     log.Before("4 DispatchIpcServer: Cannot", [] { throw std::runtime_error("out of paper"); });
-    RunAsWorker(*server, [&] { server->DispatchIpcServer(); });
+    RunAsWorker(*server, [&] { EXPECT_EQ(server->DispatchIpcServer(), 10); });
     EXPECT_THAT(journal.Logs(), ElementsAre("4 DispatchIpcServer: Error during DispatchIpcServer"));
     platform.cmListen.Once(KnStatusTimedOut);
     EXPECT_EQ(server->DispatchDynamic(), 0);
@@ -413,11 +423,11 @@ TEST_F(DynamicDispatchTest, DispatchIpcServer_WhoseWorkerCannotBeStarted_Returns
     IpcServer::RemoveThread(boost::thread::id(), &statically); // what the failure left behind
 }
 
-TEST_F(DynamicDispatchTest, DispatchIpcServer_OutOfWhoseStartAnExceptionComes_LogsIt) {
+TEST_F(DynamicDispatchTest, DispatchIpcServer_OutOfWhoseStartAnExceptionComes_LogsItAndReturnsTen) {
     IpcServer statically(ConnectionType::Static);
     fault_points::boostThreadStart.Arm();
     log.Before("4 CreateThread", [] { throw std::runtime_error("out of paper"); });
-    EXPECT_NO_THROW(statically.DispatchIpcServer());
+    EXPECT_EQ(statically.DispatchIpcServer(), 10);
     EXPECT_THAT(journal.Logs(), ElementsAre("4 DispatchIpcServer: Error during DispatchIpcServer"));
     IpcServer::RemoveThread(boost::thread::id(), &statically);
 }
@@ -427,14 +437,26 @@ TEST_F(DynamicDispatchTest, DispatchIpcServer_OutOfWhoseStartAnExceptionComes_Lo
 TEST_F(DynamicDispatchTest, Destructor_WaitsForTheListenInProgressAndJoinsTheDispatchers) {
     Asks(Ctl, 9);
     platform.receive.Always(KnStatusClosed);
-    platform.cmListen.Always([&](auto...) {
-        journal.AddCall("listening");
+    journal.Ignore("join std thread"); // this test's own
+    Gate listening;
+    platform.cmListen.Once([&](auto...) {
+        listening.Pass();
+        journal.AddCall("listen over");
         return KnStatusTimedOut;
     });
     EXPECT_EQ(server->Run(), 0);
-    ASSERT_TRUE(journal.Await("listening"));
-    server.reset();
-    EXPECT_THAT(journal.Logs(4), SizeIs(1)); // the dispatcher's own end
+    listening.AwaitReached();
+    ASSERT_TRUE(journal.AwaitPrefix("4 operator()")); // the dispatcher's own end
+    std::thread destroying([&] {
+        server.reset();
+        journal.AddCall("destroyed");
+    });
+    EXPECT_TRUE(fault_points::AwaitSleepingOnAtomic(destroying.get_id())); // waits for the pool
+    listening.Open();
+    destroying.join();
+    EXPECT_THAT(journal.Calls("listen over"), SizeIs(1));
+    EXPECT_EQ(journal.Calls().back(), "destroyed");
+    EXPECT_THAT(journal.Logs(4), SizeIs(1));
 }
 
 } // namespace

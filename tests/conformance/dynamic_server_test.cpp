@@ -252,19 +252,26 @@ TEST_F(DynamicServerTest, Dispatcher_OffersEmptyArenasJustBehindTheirStoredLengt
 }
 
 TEST_F(DynamicServerTest, Dispatcher_ResetsSizeWordAndArenasBeforeEveryReceive) {
-    bool isReset = false;
-    platform.receive.Once([](NkBosTransport*, nk_message* request, nk_arena* arena) {
+    std::vector<bool> requestIsReset;
+    std::vector<bool> responseIsReset;
+    const auto receive = [&](NkBosTransport*, nk_message* request, nk_arena* arena) {
+        requestIsReset.push_back(request->size == 1056 && arena->current == arena->start);
         request->size = 24; // what a receive may leave behind
         arena->current = nullptr;
         return KnStatusOk;
-    });
-    platform.receive.Once([&](NkBosTransport*, nk_message* request, nk_arena* arena) {
-        isReset = request->size == 1056 && arena->current == arena->start;
-        return KnStatusClosed;
-    });
+    };
+    fake.onPush = [&](const void*, const nk_arena*, void*, nk_arena* arena) {
+        responseIsReset.push_back(arena->current == arena->start);
+        arena->current = nullptr; // and a handler
+        return 0;
+    };
+    platform.receive.Once(receive);
+    platform.receive.Once(receive);
+    platform.receive.Once(KnStatusClosed);
     AddThread(9);
     LogsAfterEnd();
-    EXPECT_TRUE(isReset);
+    EXPECT_THAT(requestIsReset, ElementsAre(true, true));
+    EXPECT_THAT(responseIsReset, ElementsAre(true, true));
 }
 
 TEST_F(DynamicServerTest, Dispatcher_OfTheInvalidHandle_EndsWithItsCheckBeforeAnyCall) {
@@ -286,6 +293,33 @@ TEST_F(DynamicServerTest, Dispatcher_ChecksTheHandleBeforeTheEntity) {
     server->AddIpcThread<br_MessageBus_component_req, 0, br_MessageBus_component_res, 0>(
         static_cast<br_MessageBus_component*>(nullptr), &br_MessageBus_entity_dispatch, 0xFFFFFFFF);
     EXPECT_THAT(LogsAfterEnd(), ElementsAre(testing::HasSubstr(" - invalid handle. At ")));
+}
+
+TEST_F(DynamicServerTest, Dispatcher_StartedWhileItsServerGoesDown_ChecksThatBehindTheHandleAndBeforeTheEntity) {
+    platform.receive.Always(KnStatusClosed);
+    AddThread(9);
+    ASSERT_TRUE(AwaitEnd());
+    DynamicServer* const goingDown = server.get();
+    const auto start = [&](br_MessageBus_component* served, unsigned handle) {
+        const auto lines = journal.Logs().size();
+        goingDown->AddIpcThread<br_MessageBus_component_req, 0, br_MessageBus_component_res, 0>(
+            served, &br_MessageBus_entity_dispatch, handle);
+        EXPECT_TRUE(journal.AwaitPrefix("4 operator()", lines + 1));
+    };
+    bool isFirst = true;
+    fault_points::BeforeBoostJoin([&] { // within the destructor, which joins the first thread
+        if (std::exchange(isFirst, false)) {
+            start(&entity, 10);
+            start(nullptr, 11);
+            start(nullptr, 0xFFFFFFFF);
+        }
+    });
+    journal.Clear();
+    server.reset();
+    EXPECT_THAT(journal.Logs(), ElementsAre(testing::HasSubstr(" - shutdown is true. At "),
+                                            testing::HasSubstr(" - shutdown is true. At "),
+                                            testing::HasSubstr(" - invalid handle. At ")));
+    EXPECT_THAT(journal.Calls("NkBosTransport_Init"), IsEmpty());
 }
 
 TEST_F(DynamicServerTest, Dispatcher_WithoutMemoryForItsArenas_EndsWithItsCheckAndUnmapsWhatItHas) {
@@ -329,6 +363,15 @@ TEST_F(DynamicServerTest, Dispatcher_WhoseDispatchFails_EndsWithoutAReply) {
     EXPECT_THAT(LogsAfterEnd(), ElementsAre(MatchesRegex("4 operator\\(\\): operator\\(\\): [^-]*\\. At .*")));
     EXPECT_THAT(Replies(), IsEmpty());
     EXPECT_THAT(journal.Calls("munmap"), SizeIs(2));
+}
+
+TEST_F(DynamicServerTest, Dispatcher_WhoseDispatchAnswersMinus42_EndsAsAfterAnyOtherFailure) {
+    fake.onPush = [](auto...) { return -42; };
+    Receives(Request(ProviderIid, 0));
+    AddThread(9);
+    EXPECT_THAT(LogsAfterEnd(), ElementsAre(MatchesRegex("4 operator\\(\\): operator\\(\\): [^-]*\\. At .*")));
+    EXPECT_THAT(Replies(), IsEmpty());
+    EXPECT_THAT(journal.Calls("Receive"), SizeIs(1));
 }
 
 TEST_F(DynamicServerTest, Dispatcher_WhoseReplyFails_Ends) {

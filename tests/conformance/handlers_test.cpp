@@ -2,19 +2,23 @@
 // and cut. These bytes are what every client sees.
 #include "bos_connector.h"
 #include "ipc_handlers.h"
+#include "subscribe_helper.h"
 #include "support/bus_harness.h"
 #include "support/ipc_harness.h"
 
 #include <algorithm>
+#include <array>
 #include <stdexcept>
 
 namespace {
 
 using cor::ResultCode;
 using message_bus::BosConnector;
+using test_support::Gate;
 using test_support::IpcTest;
 using testing::ElementsAre;
 using testing::IsEmpty;
+namespace fault_points = test_support::fault_points;
 
 /// A bus that does what a test says and remembers what it was asked.
 class FakeBus final : public message_bus::IProvider, public message_bus::IProviderControl, public message_bus::IWorker {
@@ -109,6 +113,11 @@ protected:
         return ctl->ops->UnregisterPublisher(ctl, &request.ctl_UnregisterPublisher, nullptr,
                                              &response.ctl_UnregisterPublisher, nullptr);
     }
+    std::int32_t UnregisterSubscriber(long id) {
+        request.ctl_UnregisterSubscriber.subscriberId = id;
+        return ctl->ops->UnregisterSubscriber(ctl, &request.ctl_UnregisterSubscriber, nullptr,
+                                              &response.ctl_UnregisterSubscriber, nullptr);
+    }
     std::int32_t Wait(long id) {
         request.subs_Wait.subscriberId = id;
         return subs->ops->Wait(subs, &request.subs_Wait, nullptr, &response.subs_Wait, nullptr);
@@ -173,9 +182,9 @@ TEST_F(HandlersTest, StartSubs_WritesTheRegistrationId) {
     EXPECT_TRUE(IsUntouched(32));
 }
 
-TEST_F(HandlersTest, StartSubs_ThatFails_LeavesItsFieldUntouched) {
+TEST_F(HandlersTest, StartSubs_ThatThrows_LeavesItsFieldUntouched) {
     Put(request.ctl_StartSubs.name, "reader");
-    test_support::fault_points::FailAllocation(std::this_thread::get_id());
+    fault_points::FailAllocation(std::this_thread::get_id());
     EXPECT_THROW(ctl->ops->StartSubs(ctl, &request.ctl_StartSubs, nullptr, &response.ctl_StartSubs, nullptr),
                  std::bad_alloc);
     EXPECT_TRUE(IsUntouched());
@@ -213,10 +222,7 @@ TEST_F(HandlersTest, FinishSubs_WithoutASubscriber_WritesMinusOne) {
 
 TEST_F(HandlersTest, Unregister_PassesTheIdToItsOwnOperationAndWritesNothing) {
     EXPECT_EQ(Unregister(7), 0);
-    request.ctl_UnregisterSubscriber.subscriberId = 8;
-    EXPECT_EQ(ctl->ops->UnregisterSubscriber(ctl, &request.ctl_UnregisterSubscriber, nullptr,
-                                             &response.ctl_UnregisterSubscriber, nullptr),
-              0);
+    EXPECT_EQ(UnregisterSubscriber(8), 0);
     EXPECT_THAT(bus->calls, ElementsAre("UnregisterPublisher 7", "UnregisterSubscriber 8"));
     EXPECT_TRUE(IsUntouched());
 }
@@ -286,20 +292,77 @@ TEST_F(HandlersTest, Handlers_DoNotBoundAStringByItsArray) {
     EXPECT_THAT(bus->calls, ElementsAre("RegisterPublisher " + std::string(1028, 'x') + " -1"));
 }
 
-TEST_F(HandlersTest, Handlers_HoldTheirTargetForTheLengthOfTheCall) {
-    const std::weak_ptr<FakeBus> target = bus;
-    bool wasAlive = false;
-    FakeBus* const raw = bus.get();
-    raw->action = [&] {
-        raw->action = nullptr;
-        platform.serviceLocatorRegister.Once(8);
-        connector.Init(nullptr, nullptr, nullptr); // releases the connector's references
-        wasAlive = !target.expired();
+TEST_F(HandlersTest, Handlers_OfTheBus_HoldItForTheLengthOfTheCall) {
+    const std::vector<std::function<std::int32_t()>> calls{
+        [&] { return Push(1, 1); }, [&] { return RegisterPublisher("heat"); }, [&] { return Unregister(1); },
+        [&] { return UnregisterSubscriber(1); }};
+    for (const auto& call : calls) {
+        bus = std::make_shared<FakeBus>();
+        connector.Init(bus, bus, bus);
+        const std::weak_ptr<FakeBus> target = bus;
+        bool wasAlive = false;
+        bus->action = [&] {
+            connector.Init(nullptr, nullptr, nullptr); // releases the connector's references
+            wasAlive = !target.expired();
+        };
+        bus.reset();
+        EXPECT_EQ(call(), 0);
+        EXPECT_TRUE(wasAlive);
+        EXPECT_TRUE(target.expired());
+    }
+}
+
+TEST_F(HandlersTest, Handlers_OfTheHandshake_HoldItForTheLengthOfTheCall) {
+    const std::weak_ptr<message_bus::SubscribeHelper> target = connector.GetSubscribeHelper();
+    // Each on a thread and with records of its own: Subscribe keeps the handshake's lock, the others wait for it.
+    const auto call = [this](auto method) {
+        return [this, method] {
+            auto ownRequest = test_support::Request(test_support::CtlIid, 0);
+            br_MessageBus_component_res ownResponse;
+            method(ctl, ownRequest, ownResponse);
+        };
     };
-    bus.reset();
-    EXPECT_EQ(Push(1, 1), 0);
-    EXPECT_TRUE(wasAlive);
-    EXPECT_TRUE(target.expired());
+    Gate gate;
+    log.Before("4 Subscribe", [&] { gate.Pass(); });
+    std::thread subscribing(call([](auto* self, auto& in, auto& out) {
+        self->ops->Subscribe(self, &in.ctl_Subscribe, nullptr, &out.ctl_Subscribe, nullptr);
+    }));
+    gate.AwaitReached();
+    std::thread starting(call([](auto* self, auto& in, auto& out) {
+        self->ops->StartSubs(self, &in.ctl_StartSubs, nullptr, &out.ctl_StartSubs, nullptr);
+    }));
+    std::thread finishing(call([](auto* self, auto& in, auto& out) {
+        self->ops->FinishSubs(self, &in.ctl_FinishSubs, nullptr, &out.ctl_FinishSubs, nullptr);
+    }));
+    EXPECT_TRUE(fault_points::AwaitBlockedOnMutex(starting.get_id()));
+    EXPECT_TRUE(fault_points::AwaitBlockedOnMutex(finishing.get_id()));
+    const auto kept = target.lock(); // for a handler that does not
+    connector.Init(bus, bus, bus);   // releases the connector's reference
+    EXPECT_EQ(target.use_count(), 1 + 3);
+    gate.Open();
+    for (auto* thread : {&subscribing, &starting, &finishing}) {
+        thread->join();
+    }
+    EXPECT_EQ(target.use_count(), 1);
+}
+
+TEST_F(HandlersTest, Handlers_LeaveBothArenasAlone) {
+    br_MessageBusComponent_component component{provider, ctl, subs};
+    br_MessageBus_component entity{&component};
+    const std::vector<std::pair<std::uint16_t, std::uint16_t>> methods{{0, 0}, {1, 0}, {1, 1}, {1, 2},
+                                                                       {1, 3}, {1, 4}, {1, 5}, {2, 0}};
+    for (const auto& [iid, mid] : methods) {
+        std::array<char, 64> memory{};
+        nk_arena requestArena{memory.data(), memory.data() + 8, memory.data() + 32};
+        nk_arena responseArena{memory.data() + 32, memory.data() + 32, memory.data() + 64};
+        const auto asked = test_support::Request(iid, mid);
+        EXPECT_EQ(
+            br_MessageBus_entity_dispatch(&entity, &asked.header, &requestArena, &response.header, &responseArena), 0);
+        EXPECT_EQ(requestArena.current, memory.data() + 8);
+        EXPECT_EQ(responseArena.current, memory.data() + 32);
+        EXPECT_EQ(responseArena.end, memory.data() + 64);
+        EXPECT_EQ(memory, (std::array<char, 64>{})) << iid << ", " << mid;
+    }
 }
 
 TEST_F(HandlersTest, InterfaceObjects_AreOnePerProcessAndLeadToTheLastConnector) {

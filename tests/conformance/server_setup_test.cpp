@@ -28,11 +28,14 @@ protected:
     /// Removes the record that a failed thread start leaves behind, so that the server can be destroyed.
     static void RemoveLeftOver(IpcServer& server) { IpcServer::RemoveThread(boost::thread::id(), &server); }
 
-    /// A worker that comes and goes, which wakes whoever waits for the pool.
-    void RunAsWorkerBeside(IpcServer& server) {
-        const auto removers = journal.Calls("boost thread").size() + 2;
+    /// A worker that has come and gone when it returns.
+    static void RunAsWorkerBeside(IpcServer& server) {
+        std::promise<void> joining; // with the pool's lock
+        fault_points::BeforeBoostJoin([&] { joining.set_value(); });
         server.CreateThread([] {});
-        EXPECT_TRUE(journal.Await(StartsThread, removers));
+        joining.get_future().wait();
+        EXPECT_EQ(server.GetCurrentIpcThread(), nullptr); // takes that lock
+        fault_points::BeforeBoostJoin(nullptr);
     }
 };
 
@@ -245,19 +248,28 @@ TEST_F(ServerSetupTest, Run_InDynamicMode_StartsExactlyOneWorkerThatListens) {
     EXPECT_THAT(journal.Calls("KnCmListen"), ElementsAre("KnCmListen(null, 5000)"));
 }
 
+TEST_F(ServerSetupTest, Run_AfterAFailedInit_ServesTheZeroedTransport) {
+    platform.serviceLocatorRegister.Once(KnInvalidHandle);
+    IpcServer server(ConnectionType::Static);
+    EXPECT_EQ(Init(server), 6);
+    Receives(Request(test_support::ProviderIid, 0), [&] { server.SetStopSignal(); });
+    EXPECT_EQ(server.Run(), 0);
+    server.WaitAllThreads();
+    EXPECT_THAT(journal.Calls("Receive"), ElementsAre("Receive(0, room 1056)"));
+    EXPECT_THAT(Replies(), SizeIs(1));
+}
+
 TEST_F(ServerSetupTest, Run_WithoutAThread_ReturnsZeroAllTheSameAndLeavesARecordThatWaitAllThreadsWaitsFor) {
     IpcServer server(ConnectionType::Static);
     fault_points::boostThreadStart.Arm();
     EXPECT_EQ(server.Run(), 0);
     EXPECT_THAT(journal.Logs(), ElementsAre("4 CreateThread: Error during CreateThread"));
-    std::promise<void> started;
     std::thread waiting([&] {
-        started.set_value();
         server.WaitAllThreads();
         journal.AddCall("all gone");
     });
-    started.get_future().wait();
-    RunAsWorkerBeside(server);
+    EXPECT_TRUE(fault_points::AwaitSleepingOnAtomic(waiting.get_id()));
+    RunAsWorkerBeside(server); // its removal wakes whoever waits
     journal.AddCall("removing");
     RemoveLeftOver(server);
     waiting.join();

@@ -306,27 +306,38 @@ TEST_F(WorkerPoolTest, RemoveThread_HoldsTheOneLockOfTheProcessWhileItJoins) {
 }
 
 TEST_F(WorkerPoolTest, RemoveThread_KeepsTheOrderOfTheOthers) {
-    Gate first;
+    Gate leaving;
     Gate second;
-    server->CreateThread([&] { first.Pass(); });
-    first.AwaitReached();
-    const auto before = journal.Calls("boost thread").size();
-    server->CreateThread([] {}); // comes and goes between the other two
-    EXPECT_TRUE(journal.Await(StartsThread, before + 2));
-    bool refused = false;
-    server->CreateThread([&] {
-        second.Pass();
-        try {
-            server->WaitAllThreads();
-        } catch (const boost::thread_resource_error&) {
-            refused = true;
+    Gate third;
+    const auto waitForThePool = [&](Gate& gate, const std::string& name) {
+        gate.Pass();
+        // Refused at once to whoever is the first; anybody else waits until that is himself.
+        EXPECT_THROW(server->WaitAllThreads(), boost::thread_resource_error);
+        journal.AddCall(name + " is the first");
+    };
+    server->CreateThread([&] { leaving.Pass(); });
+    server->CreateThread([&] { waitForThePool(second, "second"); });
+    server->CreateThread([&] { waitForThePool(third, "third"); });
+    for (Gate* gate : {&leaving, &second, &third}) {
+        gate->AwaitReached();
+    }
+    std::promise<void> joining; // with the pool's lock
+    bool isFirst = true;
+    fault_points::BeforeBoostJoin([&] {
+        if (std::exchange(isFirst, false)) {
+            joining.set_value();
         }
     });
-    second.AwaitReached();
-    second.Open(); // not the first record: waits for the others instead of being refused at once
-    first.Open();
+    leaving.Open();
+    joining.get_future().wait();
+    EXPECT_EQ(server->GetCurrentIpcThread(), nullptr); // takes that lock: the first worker is removed
+    third.Open();
+    second.Open();
     server->WaitAllThreads();
-    EXPECT_TRUE(refused); // once it is the first
+    EXPECT_THAT(journal.Calls("second"), SizeIs(1));
+    const auto all = journal.All();
+    EXPECT_LT(std::find(all.begin(), all.end(), "second is the first"),
+              std::find(all.begin(), all.end(), "third is the first"));
 }
 
 // ---------------------------------------------------------------------------------------------------- WaitAllThreads
@@ -378,6 +389,25 @@ TEST_F(WorkerPoolTest, Destructor_SetsTheStopSignalAndWaitsUntilEveryWorkerHasLe
     gate.Open();
     server.reset();
     EXPECT_EQ(journal.Count("worker left"), 1U);
+}
+
+TEST_F(WorkerPoolTest, Destructor_WaitsForAStaticWorkerUntilItsNextRequestIsServed) {
+    journal.Ignore("join std thread"); // this test's own
+    EXPECT_EQ(Init(*server), 0);
+    Gate receiving;
+    Receives(test_support::Request(test_support::ProviderIid, 0), [&] { receiving.Pass(); });
+    EXPECT_EQ(server->Run(), 0);
+    receiving.AwaitReached();
+    std::thread destroying([&] {
+        server.reset();
+        journal.AddCall("destroyed");
+    });
+    EXPECT_TRUE(fault_points::AwaitSleepingOnAtomic(destroying.get_id())); // waits for the pool
+    receiving.Open();
+    destroying.join();
+    EXPECT_THAT(Replies(), SizeIs(1));
+    EXPECT_THAT(journal.Calls("Receive"), SizeIs(1));
+    EXPECT_EQ(journal.Calls().back(), "destroyed");
 }
 
 TEST_F(WorkerPoolDeathTest, Destructor_OnTheFirstWorker_EndsTheProcess) {

@@ -11,15 +11,16 @@ namespace {
 
 using message_bus::BlockingQueue;
 using test_support::fault_points::AwaitSleepingOnCondition;
+using test_support::fault_points::AwaitSleepingWithDeadline;
 
 class BlockingQueueTest : public test_support::BusTest {
 protected:
-    /// A Pop without limit on a thread of its own.
+    /// A Pop on a thread of its own.
     struct Popper {
-        explicit Popper(BlockingQueue<int>& queue)
-            : thread([this, &queue] {
+        explicit Popper(BlockingQueue<int>& queue, unsigned timeoutMs = 0)
+            : thread([this, &queue, timeoutMs] {
                   int element = 0;
-                  const bool popped = queue.Pop(element, 0);
+                  const bool popped = queue.Pop(element, timeoutMs);
                   result.set_value({popped, element});
               }),
               id(thread.get_id()) {}
@@ -90,22 +91,20 @@ TEST_F(BlockingQueueTest, Pop_WithATimeOutAndAnItem_TakesItAtOnce) {
 }
 
 TEST_F(BlockingQueueTest, Pop_WithATimeOut_EndsWithCancelBeforeTheTimeOut) {
+    Popper popper(queue, 0xFFFFFFFF);
+    ASSERT_TRUE(AwaitSleepingWithDeadline(popper.id));
     queue.Cancel();
+    EXPECT_EQ(popper.result.get_future().get(), std::pair(false, 0));
     int element = 41;
-    EXPECT_FALSE(queue.Pop(element, 0xFFFFFFFF));
+    EXPECT_FALSE(queue.Pop(element, 0xFFFFFFFF)); // nor does it begin to wait
     EXPECT_EQ(element, 41);
 }
 
 TEST_F(BlockingQueueTest, Pop_WithTheLongestTimeOut_WaitsForAnItem) {
-    std::promise<int> result;
-    std::thread popper([&] {
-        int element = 0;
-        queue.Pop(element, 0xFFFFFFFF);
-        result.set_value(element);
-    });
+    Popper popper(queue, 0xFFFFFFFF);
+    ASSERT_TRUE(AwaitSleepingWithDeadline(popper.id));
     queue.Enqueue(6);
-    EXPECT_EQ(result.get_future().get(), 6);
-    popper.join();
+    EXPECT_EQ(popper.result.get_future().get(), std::pair(true, 6));
 }
 
 TEST_F(BlockingQueueTest, Cancel_MakesEveryBlockedPopReturnFalseWithItsElementUntouched) {

@@ -99,9 +99,9 @@ constexpr MethodRow Methods[] = {
     {"Wait", 1056, 2, 0, 1056},
 };
 
-class EntityDispatch : public testing::Test {
+class EntityDispatchTest : public testing::Test {
 protected:
-    EntityDispatch() {
+    EntityDispatchTest() {
         provider.ops = &ProviderOps;
         ctl.ops = &CtlOps;
         subs.ops = &SubsOps;
@@ -149,15 +149,15 @@ protected:
     nk_arena responseArena{};
 };
 
-class EntityDispatchOfMethod : public EntityDispatch, public testing::WithParamInterface<MethodRow> {
+class EntityDispatchOfMethodTest : public EntityDispatchTest, public testing::WithParamInterface<MethodRow> {
 protected:
     std::int32_t DispatchMethod() { return Dispatch(GetParam().iid, GetParam().mid); }
 };
 
-INSTANTIATE_TEST_SUITE_P(, EntityDispatchOfMethod, testing::ValuesIn(Methods),
+INSTANTIATE_TEST_SUITE_P(, EntityDispatchOfMethodTest, testing::ValuesIn(Methods),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(EntityDispatch, UnknownInterface_ReturnsMinusTwoAndLeavesTheResponseAlone) {
+TEST_F(EntityDispatchTest, UnknownInterface_ReturnsMinusTwoAndLeavesTheResponseAlone) {
     const Bytes before = Response();
     for (const std::uint16_t iid : std::initializer_list<std::uint16_t>{3, 4, 255, 256, 65535}) {
         EXPECT_EQ(Dispatch(iid, 0), -2) << iid;
@@ -166,7 +166,7 @@ TEST_F(EntityDispatch, UnknownInterface_ReturnsMinusTwoAndLeavesTheResponseAlone
     EXPECT_EQ(script.calls, 0);
 }
 
-TEST_F(EntityDispatch, UnknownMethod_ReturnsMinusTwoAndSetsTheIndexesAlone) {
+TEST_F(EntityDispatchTest, UnknownMethod_ReturnsMinusTwoAndSetsTheIndexesAlone) {
     struct {
         std::uint16_t iid;
         std::uint16_t mid;
@@ -182,7 +182,7 @@ TEST_F(EntityDispatch, UnknownMethod_ReturnsMinusTwoAndSetsTheIndexesAlone) {
     EXPECT_EQ(script.calls, 0);
 }
 
-TEST_P(EntityDispatchOfMethod, Request_ReachesItsHandlerWithEverythingThatCameWithIt) {
+TEST_P(EntityDispatchOfMethodTest, Request_ReachesItsHandlerWithEverythingThatCameWithIt) {
     EXPECT_EQ(DispatchMethod(), 0);
     EXPECT_EQ(script.calls, 1);
     EXPECT_EQ(script.called, GetParam().name);
@@ -193,14 +193,14 @@ TEST_P(EntityDispatchOfMethod, Request_ReachesItsHandlerWithEverythingThatCameWi
     EXPECT_EQ(script.responseArena, &responseArena);
 }
 
-TEST_P(EntityDispatchOfMethod, Response_IsClearedToItsLimitBeforeTheHandlerRuns) {
+TEST_P(EntityDispatchOfMethodTest, Response_IsClearedToItsLimitBeforeTheHandlerRuns) {
     DispatchMethod();
     auto* const cleared = script.responseBefore.begin() + static_cast<std::ptrdiff_t>(GetParam().cleared);
     EXPECT_TRUE(std::all_of(script.responseBefore.begin(), cleared, [](unsigned char byte) { return byte == 0; }));
     EXPECT_TRUE(std::all_of(cleared, script.responseBefore.end(), [](unsigned char byte) { return byte == Dirt; }));
 }
 
-TEST_P(EntityDispatchOfMethod, Success_SetsIndexesAndSizeAndNothingElse) {
+TEST_P(EntityDispatchOfMethodTest, Success_SetsIndexesAndSizeAndNothingElse) {
     EXPECT_EQ(DispatchMethod(), 0);
     EXPECT_EQ(response.header.iid, GetParam().iid);
     EXPECT_EQ(response.header.mid, GetParam().mid);
@@ -209,13 +209,13 @@ TEST_P(EntityDispatchOfMethod, Success_SetsIndexesAndSizeAndNothingElse) {
     EXPECT_TRUE(std::equal(after.begin() + 8, after.end(), script.responseBefore.begin() + 8));
 }
 
-TEST_P(EntityDispatchOfMethod, Success_KeepsBits23To30OfTheSizeWord) {
+TEST_P(EntityDispatchOfMethodTest, Success_KeepsBits23To30OfTheSizeWord) {
     script.action = [](nk_message& header) { header.size = 0xFFFFFFFF; };
     EXPECT_EQ(DispatchMethod(), 0);
     EXPECT_EQ(response.header.size, 0x7F800000 | GetParam().size);
 }
 
-TEST_P(EntityDispatchOfMethod, ClientFailure_BecomesAnErrorReplyWithItsCode) {
+TEST_P(EntityDispatchOfMethodTest, ClientFailure_BecomesAnErrorReplyWithItsCode) {
     constexpr std::int32_t results[] = {-16384,  -49152,  -81920,  -114688, -147456, -180224,
                                         -212992, -245760, -278528, -311296, -344064};
     for (std::uint16_t code = 0; code <= 10; ++code) {
@@ -228,7 +228,7 @@ TEST_P(EntityDispatchOfMethod, ClientFailure_BecomesAnErrorReplyWithItsCode) {
     }
 }
 
-TEST_P(EntityDispatchOfMethod, ClientFailure_LeavesTheRestOfTheResponseAsTheHandlerDid) {
+TEST_P(EntityDispatchOfMethodTest, ClientFailure_LeavesTheRestOfTheResponseAsTheHandlerDid) {
     script.action = [](nk_message& header) {
         header.size = 0xFFFFFFFF;
         std::memset(reinterpret_cast<unsigned char*>(&header) + 24, 0x5C, 8);
@@ -244,7 +244,7 @@ TEST_P(EntityDispatchOfMethod, ClientFailure_LeavesTheRestOfTheResponseAsTheHand
     EXPECT_TRUE(std::equal(after.begin() + 26, after.end(), expected.begin() + 26));
 }
 
-TEST_P(EntityDispatchOfMethod, ClientFailure_CarriesTheLow16BitsOfItsShiftedValue) {
+TEST_P(EntityDispatchOfMethodTest, ClientFailure_CarriesTheLow16BitsOfItsShiftedValue) {
     struct {
         std::int32_t result;
         std::uint16_t value;
@@ -261,7 +261,7 @@ TEST_P(EntityDispatchOfMethod, ClientFailure_CarriesTheLow16BitsOfItsShiftedValu
     }
 }
 
-TEST_P(EntityDispatchOfMethod, OtherFailure_IsReturnedUnchangedWithTheIndexesSet) {
+TEST_P(EntityDispatchOfMethodTest, OtherFailure_IsReturnedUnchangedWithTheIndexesSet) {
     for (const std::int32_t result :
          {-42, -1, -2, -0x3FFF, -0x8000, 0x8000, std::numeric_limits<std::int32_t>::min()}) {
         std::memset(response.record, Dirt, sizeof(response.record));
@@ -278,7 +278,7 @@ TEST_P(EntityDispatchOfMethod, OtherFailure_IsReturnedUnchangedWithTheIndexesSet
     }
 }
 
-TEST_P(EntityDispatchOfMethod, Exception_PassesThrough) {
+TEST_P(EntityDispatchOfMethodTest, Exception_PassesThrough) {
     script.action = [](nk_message&) { throw std::runtime_error("from the handler"); };
     EXPECT_THROW(DispatchMethod(), std::runtime_error);
 }

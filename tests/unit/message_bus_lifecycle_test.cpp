@@ -209,6 +209,25 @@ TEST_F(LifecycleTest, Stop_LetsTheThreadDrainWhatIsQueuedThenEnds) {
     EXPECT_EQ(running->GetSubscriberPtrById(reader)->queue.Size(), 2U);
 }
 
+TEST_F(LifecycleTest, StoppedBus_RegistersAcceptsPushesUpToItsLimitAndServesWaits) {
+    RunningBus running;
+    running.Stop();
+    ASSERT_TRUE(journal.Await(Stopped));
+    long reader = 0;
+    EXPECT_EQ(running->RegisterSubscriber("reader", {"heat"}, reader), ResultCode::Success);
+    const long publisher = Publisher(*running, "heat");
+    for (long value = 0; value < 1025; ++value) {
+        ASSERT_EQ(running->Push(publisher, value), ResultCode::Success) << value;
+    }
+    EXPECT_EQ(running->Push(publisher, 0), ResultCode::Exhausted); // nobody drains
+    const auto record = running->GetSubscriberPtrById(reader);
+    EXPECT_EQ(record->queue.Size(), 0U);
+    record->queue.Enqueue(std::make_shared<message_bus::Message>("heat", 7));
+    EXPECT_EQ(WaitOn(*running, reader), Delivered("heat", 7));
+    EXPECT_EQ(running->UnregisterSubscriber(reader), ResultCode::Success);
+    EXPECT_EQ(running->UnregisterPublisher(publisher), ResultCode::Success);
+}
+
 TEST_F(LifecycleTest, Stop_MayBeCalledWithoutAStartedThread) {
     bus->Stop();
     EXPECT_EQ(bus->Push(Publisher(*bus, "heat"), 1), ResultCode::Success);
@@ -251,7 +270,7 @@ TEST_F(LifecycleTest, Destructor_DropsAFailureOfTheJoin) {
     EXPECT_THAT(journal.Logs(3), IsEmpty());
 }
 
-TEST_F(LifecycleTest, Destructor_ReleasesMessagesThenSubscribersAndTheConnectorLast) {
+TEST_F(LifecycleTest, Destructor_ReleasesTheSubscribersBeforeTheConnector) {
     connector->Stop();
     EXPECT_TRUE(bus->Run(connector));
     long reader = 0;

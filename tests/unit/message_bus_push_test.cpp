@@ -14,11 +14,15 @@ using message_bus::MessageBus;
 using test_support::AwaitIdleEventsThread;
 using test_support::Delivered;
 using test_support::Gate;
+using test_support::LogRecord;
 using test_support::PendingWait;
 using test_support::RunningBus;
 using test_support::WaitOn;
+using testing::Each;
 using testing::ElementsAre;
+using testing::Field;
 using testing::IsEmpty;
+using testing::Ne;
 namespace fault_points = test_support::fault_points;
 
 constexpr long InboundRoom = 1025;
@@ -37,6 +41,12 @@ protected:
     static long Subscriber(MessageBus& target, const std::set<std::string>& topics) {
         long id = -5;
         EXPECT_EQ(target.RegisterSubscriber("reader", topics, id), ResultCode::Success);
+        return id;
+    }
+    /// The wake-up that goes with it is over when it returns.
+    static long Subscriber(RunningBus& running, const std::set<std::string>& topics) {
+        long id = -5;
+        EXPECT_TRUE(running.Settle([&] { id = Subscriber(*running, topics); }));
         return id;
     }
     /// Pushes until the bus refuses. Returns: how many it accepted.
@@ -123,16 +133,12 @@ TEST_F(PushTest, Push_LetsExceptionsPassThatAreNotStandardOnesAndReleasesItsLock
 
 TEST_F(PushTest, Push_HoldsTheEventsLockThroughoutSoThatPushesTakeTurns) {
     const long publisher = Publisher(bus, "heat");
-    Gate gate;
-    bool first = true;
-    log.Before("1 Push", [&] {
-        if (std::exchange(first, false)) {
-            gate.Pass();
-        }
-    });
+    Gate gate; // behind all else that a push does
+    fault_points::BeforeNotifyOne([&] { gate.Pass(); });
     std::thread holding([&] { EXPECT_EQ(bus.Push(publisher, 1), ResultCode::Success); });
     gate.AwaitReached();
-    std::thread next([&] { EXPECT_EQ(bus.Push(-1, 2), ResultCode::Success); });
+    EXPECT_EQ(journal.Count("1 Push: [MessageBus]: New message (heat) has been pushed to queue"), 1U);
+    std::thread next([&] { EXPECT_EQ(bus.Push(-1, 2), ResultCode::Success); }); // wakes nobody
     EXPECT_TRUE(fault_points::AwaitBlockedOnMutex(next.get_id()));
     gate.Open();
     holding.join();
@@ -141,10 +147,10 @@ TEST_F(PushTest, Push_HoldsTheEventsLockThroughoutSoThatPushesTakeTurns) {
 
 TEST_F(PushTest, Push_AfterUnregistration_ReturnsZeroAndDeliversNothing) {
     RunningBus running;
-    const long reader = Subscriber(*running, {"heat", "light"});
+    const long reader = Subscriber(running, {"heat", "light"});
     const long gone = Publisher(*running, "heat");
     const long publisher = Publisher(*running, "light");
-    EXPECT_EQ(running->UnregisterPublisher(gone), ResultCode::Success);
+    EXPECT_TRUE(running.Settle([&] { EXPECT_EQ(running->UnregisterPublisher(gone), ResultCode::Success); }));
     EXPECT_EQ(running->Push(gone, 1), ResultCode::Success);
     ASSERT_TRUE(running.AwaitIdle());
     EXPECT_EQ(running->Push(publisher, 2), ResultCode::Success);
@@ -153,7 +159,7 @@ TEST_F(PushTest, Push_AfterUnregistration_ReturnsZeroAndDeliversNothing) {
 
 TEST_F(PushTest, Push_WakesTheSleepingEventsThread) {
     RunningBus running;
-    const long reader = Subscriber(*running, {"heat"});
+    const long reader = Subscriber(running, {"heat"});
     const long publisher = Publisher(*running, "heat");
     for (long value : {1L, 2L, 3L}) {
         ASSERT_TRUE(running.AwaitIdle());
@@ -164,7 +170,7 @@ TEST_F(PushTest, Push_WakesTheSleepingEventsThread) {
 
 TEST_F(PushTest, Push_KeepsEveryBitOfTheValue) {
     RunningBus running;
-    const long reader = Subscriber(*running, {"heat"});
+    const long reader = Subscriber(running, {"heat"});
     const long publisher = Publisher(*running, "heat");
     for (long value : {LONG_MIN, LONG_MAX, -1L, 0L}) {
         ASSERT_TRUE(running.AwaitIdle());
@@ -205,8 +211,8 @@ TEST_F(PushTest, EventsThread_DeliversInPushOrderAcrossTopicsAndToEverySubscribe
 
 TEST_F(PushTest, EventsThread_MatchesTopicsExactly) {
     RunningBus running;
-    const long near = Subscriber(*running, {"hea", "heatt", "Heat", ""});
-    const long reader = Subscriber(*running, {"heat"});
+    const long near = Subscriber(running, {"hea", "heatt", "Heat", ""});
+    const long reader = Subscriber(running, {"heat"});
     const long publisher = Publisher(*running, "heat");
     ASSERT_TRUE(running.AwaitIdle());
     EXPECT_EQ(running->Push(publisher, 1), ResultCode::Success);
@@ -220,7 +226,7 @@ TEST_F(PushTest, EventsThread_SharesOneRecordAmongTheQueuesOfATopic) {
     const auto second = prepared->GetSubscriberPtrById(Subscriber(*prepared, {"heat"}));
     EXPECT_EQ(prepared->Push(Publisher(*prepared, "heat"), 5), ResultCode::Success);
     RunningBus running(prepared);
-    Subscriber(*running, {}); // wakes the events thread
+    Subscriber(running, {}); // wakes the events thread
     std::shared_ptr<Message> ofFirst;
     std::shared_ptr<Message> ofSecond;
     ASSERT_TRUE(first->queue.Pop(ofFirst, 0));
@@ -234,16 +240,16 @@ TEST_F(PushTest, EventsThread_DiscardsAMessageThatNobodyWantsWithoutALine) {
     RunningBus running;
     const long publisher = Publisher(*running, "heat");
     const long lightPublisher = Publisher(*running, "light");
-    const long witness = Subscriber(*running, {"light"});
-    ASSERT_TRUE(running.AwaitIdle());
-    EXPECT_EQ(running->Push(publisher, 1), ResultCode::Success);
+    const long witness = Subscriber(running, {"light"});
     ASSERT_TRUE(running.AwaitIdle());
     journal.Clear();
+    EXPECT_EQ(running->Push(publisher, 1), ResultCode::Success);
+    ASSERT_TRUE(running.AwaitIdle());
     EXPECT_EQ(running->Push(lightPublisher, 2), ResultCode::Success);
     EXPECT_EQ(WaitOn(*running, witness), Delivered("light", 2)); // the message before it has been looked at
     ASSERT_TRUE(running.AwaitIdle());
-    EXPECT_THAT(journal.Logs(2), IsEmpty());
-    const long late = Subscriber(*running, {"heat"});
+    EXPECT_THAT(journal.Records(), Each(Field(&LogRecord::function, Ne("EventsProcessor"))));
+    const long late = Subscriber(running, {"heat"});
     ASSERT_TRUE(running.AwaitIdle());
     EXPECT_EQ(running->Push(publisher, 3), ResultCode::Success);
     EXPECT_EQ(WaitOn(*running, late), Delivered("heat", 3));
@@ -265,8 +271,8 @@ TEST_F(PushTest, EventsThread_DeliversToWhoeverIsRegisteredWhenItProcessesTheMes
 
 TEST_F(PushTest, EventsThread_DrainsWithoutTheEventsLock) {
     RunningBus running;
-    const long reader = Subscriber(*running, {"heat"});
-    const long leaving = Subscriber(*running, {"heat"});
+    const long reader = Subscriber(running, {"heat"});
+    const long leaving = Subscriber(running, {"heat"});
     const long publisher = Publisher(*running, "heat");
     ASSERT_TRUE(running.AwaitIdle());
     Gate gate; // keeps the subscribers' lock, so that the drain cannot begin
@@ -282,11 +288,34 @@ TEST_F(PushTest, EventsThread_DrainsWithoutTheEventsLock) {
     EXPECT_EQ(WaitOn(*running, reader), Delivered("heat", 2));
 }
 
+TEST_F(PushTest, EventsThread_HoldsTheSubscribersLockWhileItDelivers) {
+    RunningBus running;
+    const long reader = Subscriber(running, {"heat"});
+    const auto record = running->GetSubscriberPtrById(reader);
+    const long publisher = Publisher(*running, "heat");
+    Gate gate; // keeps the queue's lock, so that the delivery cannot end
+    Message former("", 0);
+    std::shared_ptr<Message> element(&former, [&](Message*) { gate.Pass(); });
+    record->queue.Enqueue(std::make_shared<Message>("heat", 1));
+    std::thread taking([&] { record->queue.Pop(element, 0); });
+    gate.AwaitReached();
+    EXPECT_EQ(running->Push(publisher, 2), ResultCode::Success);
+    ASSERT_TRUE(fault_points::AwaitBlockedOnMutex(running.eventsThread));
+    std::promise<long> found;
+    std::thread looking([&] { found.set_value(running->GetSubscriberPtrById(reader)->id); });
+    EXPECT_TRUE(fault_points::AwaitBlockedOnMutex(looking.get_id()));
+    gate.Open();
+    taking.join();
+    looking.join();
+    EXPECT_EQ(found.get_future().get(), reader);
+    EXPECT_EQ(WaitOn(*running, reader), Delivered("heat", 2));
+}
+
 TEST_F(PushTest, EventsThread_OffersAMessageInRegistrationOrderAndEndsWithALineWhenItFails) {
     RunningBus running;
     const long publisher = Publisher(*running, "heat");
-    const auto first = running->GetSubscriberPtrById(Subscriber(*running, {"heat"}));
-    const auto second = running->GetSubscriberPtrById(Subscriber(*running, {"heat"}));
+    const auto first = running->GetSubscriberPtrById(Subscriber(running, {"heat"}));
+    const auto second = running->GetSubscriberPtrById(Subscriber(running, {"heat"}));
     ASSERT_TRUE(running.AwaitIdle());
     fault_points::FailAllocation(running.eventsThread, 1);
     EXPECT_EQ(running->Push(publisher, 1), ResultCode::Success);
@@ -312,7 +341,7 @@ TEST_F(PushTest, EventsThread_DrainsAFullQueueAndMakesRoom) {
     const long publisher = Publisher(*prepared, "heat");
     EXPECT_EQ(Fill(*prepared, publisher), InboundRoom);
     RunningBus running(prepared);
-    const long reader = Subscriber(*running, {"heat"});
+    const long reader = Subscriber(running, {"heat"});
     for (long value = 0; value < InboundRoom; ++value) {
         ASSERT_EQ(WaitOn(*running, reader), Delivered("heat", value));
     }
@@ -324,8 +353,8 @@ TEST_F(PushTest, SubscriberQueues_HaveNoLimit) {
     log.SetThreshold(2);
     constexpr long rounds = 3;
     constexpr long perRound = 1000;
-    const auto reader = running->GetSubscriberPtrById(Subscriber(*running, {"heat"}));
-    const long witness = Subscriber(*running, {"light"});
+    const auto reader = running->GetSubscriberPtrById(Subscriber(running, {"heat"}));
+    const long witness = Subscriber(running, {"light"});
     const long publisher = Publisher(*running, "heat");
     const long lightPublisher = Publisher(*running, "light");
     for (long round = 0; round < rounds; ++round) {

@@ -38,6 +38,12 @@ protected:
         EXPECT_EQ(target.RegisterSubscriber(name, topics, id), ResultCode::Success);
         return id;
     }
+    /// The wake-up that goes with it is over when it returns.
+    long Subscriber(RunningBus& running, const std::set<std::string>& topics, const std::string& name = "reader") {
+        long id = -5;
+        EXPECT_TRUE(running.Settle([&] { id = Subscriber(*running, topics, name); }));
+        return id;
+    }
 
     MessageBus bus;
 };
@@ -220,8 +226,8 @@ TEST_F(RegistryTest, RegisterSubscriber_AcceptsATakenNameAndTheFirstOfThatNameIs
 
 TEST_F(RegistryTest, RegisterSubscriber_WithoutTopics_SucceedsAndNeverReceives) {
     RunningBus running;
-    const long deaf = Subscriber(*running, {}, "deaf");
-    const long reader = Subscriber(*running, {"heat"});
+    const long deaf = Subscriber(running, {}, "deaf");
+    const long reader = Subscriber(running, {"heat"});
     const long publisher = Publisher(*running, "heat");
     ASSERT_TRUE(running.AwaitIdle());
     EXPECT_EQ(running->Push(publisher, 1), ResultCode::Success);
@@ -235,8 +241,19 @@ TEST_F(RegistryTest, RegisterSubscriber_WakesTheEventsThreadAfterItIsListed) {
     EXPECT_EQ(stranded->Push(publisher, 9), ResultCode::Success);
     RunningBus running(stranded); // Start forgets the wake-up of that push
     ASSERT_TRUE(running.AwaitIdle());
+    bool wasListed = false;
+    fault_points::BeforeNotifyOne([&] { wasListed = running->GetSubscriberPtrById(2) != nullptr; });
     const long late = Subscriber(*running, {"heat"});
+    fault_points::BeforeNotifyOne(nullptr);
+    EXPECT_TRUE(wasListed);
     EXPECT_EQ(WaitOn(*running, late), Delivered("heat", 9));
+}
+
+TEST_F(RegistryTest, RegisterSubscriber_OfATopicThatNobodyPublishesYet_ReceivesItOnceSomebodyDoes) {
+    RunningBus running;
+    const long reader = Subscriber(running, {"heat"});
+    EXPECT_EQ(running->Push(Publisher(*running, "heat"), 1), ResultCode::Success);
+    EXPECT_EQ(WaitOn(*running, reader), Delivered("heat", 1));
 }
 
 // ---------------------------------------------------------------------------------------------- UnregisterPublisher
@@ -310,6 +327,19 @@ TEST_F(RegistryTest, UnregisterPublisher_LeavesWhatWasPushedToBeDelivered) {
     EXPECT_EQ(running->Push(successor, 10), ResultCode::Success);
     EXPECT_EQ(WaitOn(*running, reader), Delivered("heat", 9));
     EXPECT_EQ(WaitOn(*running, reader), Delivered("heat", 10));
+}
+
+TEST_F(RegistryTest, UnregisterPublisher_HoldsThePublishersLockToItsLastLine) {
+    const long id = Publisher(bus, "heat");
+    Gate gate;
+    log.Before("1 UnregisterPublisher: [MessageBus]: The publisher with ID", [&] { gate.Pass(); });
+    std::thread unregistering([&] { EXPECT_EQ(bus.UnregisterPublisher(id), ResultCode::Success); });
+    gate.AwaitReached();
+    std::thread looking([&] { EXPECT_EQ(bus.GetPublisherTopicById(id), ""); });
+    EXPECT_TRUE(fault_points::AwaitBlockedOnMutex(looking.get_id()));
+    gate.Open();
+    unregistering.join();
+    looking.join();
 }
 
 TEST_F(RegistryTest, UnregisterPublisher_WhoseLineThrows_ReturnsTenAndReleasesTheLock) {

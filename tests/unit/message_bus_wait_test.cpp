@@ -33,7 +33,8 @@ protected:
     }
     long Subscriber(const std::set<std::string>& topics = {"heat"}) {
         long id = -5;
-        EXPECT_EQ(running->RegisterSubscriber("reader", topics, id), ResultCode::Success);
+        EXPECT_TRUE(
+            running.Settle([&] { EXPECT_EQ(running->RegisterSubscriber("reader", topics, id), ResultCode::Success); }));
         return id;
     }
     /// Puts a message into the subscriber's own queue, past the events thread.
