@@ -1,0 +1,129 @@
+// Any arguments for msgbus and msgbusd. Each command line is either understood, and then its settings keep what the
+// help promises, or refused with the status for usage and a sentence; or it asks for the help or the version.
+//
+// Input: the words of a command line, the program's name first, with a NUL between them.
+
+#include "fuzzing.h"
+
+#include "msgbus/arguments.h"
+#include "msgbus/exit_status.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <cerrno>
+#include <iostream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// The programs' own main functions, renamed by their build here.
+int MsgbusMain(int argc, char** argv);
+int MsgbusdMain(int argc, char** argv);
+
+namespace {
+
+using fuzzing::Require;
+
+int commandsRun = 0;
+
+void CheckOptions(const msgbus::Options& options) {
+    Require(options.reconnectFor.count() >= 0, "a time is not negative");
+    Require(static_cast<bool>(options.onNotice), "notices are told");
+}
+
+/// Keeps what is written to a stream while it lives.
+class Captured final {
+public:
+    explicit Captured(std::ostream& written) : stream(written), before(written.rdbuf(kept.rdbuf())) {}
+    Captured(const Captured&) = delete;
+    Captured& operator=(const Captured&) = delete;
+    ~Captured() { stream.rdbuf(before); }
+
+    std::string Text() const { return kept.str(); }
+
+private:
+    std::ostringstream kept;
+    std::ostream& stream;
+    std::streambuf* before;
+};
+
+} // namespace
+
+// In place of the commands themselves.
+
+ExitStatus Publish(const PublishArguments& arguments) {
+    ++commandsRun;
+    CheckOptions(arguments.options);
+    Require(arguments.values.empty() == arguments.fromInput, "values come from one place");
+    WarnAboutCutTopic(arguments.topic);
+    for (const auto& text : arguments.values) {
+        const auto value = ParseValue(text);
+        const bool hasSign = text.starts_with('-');
+        Require(text.find_first_not_of("0123456789", hasSign ? 1 : 0) == std::string::npos, "a value is digits");
+        errno = 0;
+        Require(value == std::strtoll(text.c_str(), nullptr, 10) && errno == 0, "a value is what its digits say");
+    }
+    return ExitStatus::Done;
+}
+
+ExitStatus Receive(const ReceiveArguments& arguments) {
+    ++commandsRun;
+    CheckOptions(arguments.options);
+    Require(!arguments.topics.empty(), "there is a topic");
+    Require(!arguments.count || *arguments.count > 0, "a count is 1 or more");
+    constexpr std::chrono::milliseconds longest{1'000'000'000'000};
+    Require(!arguments.timeLimit || (arguments.timeLimit->count() >= 1 && *arguments.timeLimit <= longest),
+            "a time limit is 1 ms or more");
+    return ExitStatus::Done;
+}
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    // No directory can be made there: msgbusd gives up before it serves.
+    ::setenv("BORVEN_RUNTIME_DIR", "/dev/null/none", 1);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    std::vector<std::string> words;
+    std::string_view left(reinterpret_cast<const char*>(data), size);
+    for (std::size_t end = 0; end != std::string_view::npos; left.remove_prefix(std::min(left.size(), end + 1))) {
+        end = left.find('\0');
+        words.emplace_back(left.substr(0, end));
+    }
+    std::vector<char*> arguments;
+    for (auto& word : words) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    const bool isServer = words.front() == "msgbusd";
+
+    sigset_t signals;
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &signals);
+    commandsRun = 0;
+    const Captured output(std::cout);
+    const Captured errors(std::cerr);
+    const int status = (isServer ? MsgbusdMain : MsgbusMain)(static_cast<int>(words.size()), arguments.data());
+    ::pthread_sigmask(SIG_SETMASK, &signals, nullptr);
+
+    const std::string ownName = isServer ? "msgbusd: " : "msgbus: ";
+    switch (status) {
+    case 0:
+        Require(commandsRun == 1 || !output.Text().empty(), "it has done something, or told something");
+        break;
+    case 1: // msgbusd, which was let in no further
+        Require(isServer && errors.Text().starts_with(ownName), "the server tells why it cannot serve");
+        break;
+    case 2:
+        Require(errors.Text().starts_with(ownName) || errors.Text().find('\n' + ownName) != std::string::npos,
+                "a usage error is a sentence of this program");
+        Require(output.Text().empty(), "a usage error goes to the standard error stream");
+        break;
+    default:
+        Require(false, "no other status follows from arguments alone");
+    }
+    return 0;
+}
