@@ -23,6 +23,7 @@ CPP_KEYWORDS = set(
     thread_local throw true try typedef typeid typename union unsigned using virtual void volatile wchar_t while xor
     xor_eq""".split()
 )
+CPP_KEYWORDS.add("errno")  # a macro wherever <string> is
 
 
 @dataclass(frozen=True)

@@ -93,6 +93,7 @@ SEMANTICS = {
     GOOD_INTERFACE + "interface br.B { M(); }\ncomponent br.C { a: br.A; a: br.B; }":
         "3:27: expected a new name, but 'a' is already defined at {file}:3:18",
     "interface br.A { M(in class: int8); }": "1:23: expected a name that is not a word of C++, found 'class'",
+    "interface br.A { M(in errno: int8); }": "1:23: expected a name that is not a word of C++, found 'errno'",
     "interface br.A { M(in header: int8); }": "1:23: expected another name: generated code uses 'header' itself",
     "interface br.A { M(out transport: int8); }": "1:24: expected another name: generated code uses 'transport' itself",
     "interface br.A { M(out exchange: int8); }": "1:24: expected another name: generated code uses 'exchange' itself",

@@ -1,0 +1,151 @@
+"""Defends the compiler with texts that nobody wrote: generated ones that are right compile, with every record laid out as
+docs/idl.md says; those that break one rule give the error at its place.
+
+IDLC_SEED repeats a run, which prints it; IDLC_GENERATED sets how many texts are tried."""
+
+import os
+import random
+import re
+import tempfile
+import unittest
+from pathlib import Path
+
+from compiler import Compile
+from mutation_test import ERROR, Edit
+
+SEED = int(os.environ.get("IDLC_SEED", "20240811"))
+ROUNDS = int(os.environ.get("IDLC_GENERATED", "120"))
+HEADER, RECORD = 24, 1056
+SMALL = ["a", "in", "out", "use", "string", "int8", "component", "x1", "self", "request", "record", "size", "ops", "std"]
+INTEGERS = [f"{sign}int{bits}" for sign in ("", "u") for bits in (8, 16, 32, 64)]
+
+
+def RoundUp(value, alignment):
+    return -(-value // alignment) * alignment
+
+
+class Source:
+    """A set of files that define the entity gen.E, and what has to come out."""
+
+    def __init__(self, dice):
+        self.dice = dice
+        self.files = {}  # name to lines
+        self.sizes = {}  # record to bytes
+        interfaces = [self.Interface(number) for number in range(dice.randrange(1, 5))]
+        names = [f"File{number}.idl" for number in range(len(interfaces))]
+        for number, (name, lines) in enumerate(zip(names, interfaces)):
+            # Any others and itself: each is read once.
+            self.files[name] = [f'use "{dice.choice(names)}";' for _ in range(dice.randrange(3))] + lines
+        members = [f"    {member}: gen.I{number};"
+                   for number, member in enumerate(dice.sample(SMALL, len(interfaces)))]
+        dice.shuffle(members)
+        self.files["Top.idl"] = ([f'use "{name}";' for name in names] + ["component gen.C {"] + members
+                                 + ["}", f"entity gen.E {{ {dice.choice(SMALL)}: gen.C; }}"])
+
+    def Interface(self, number):
+        lines = [f"interface gen.I{number} {{"]
+        for method in range(self.dice.randrange(1, 6)):
+            end = {"in": HEADER, "out": HEADER}
+            alignment = {"in": 4, "out": 4}
+            fields = []
+            for name in self.dice.sample(SMALL, self.dice.randrange(0, 8)):
+                direction = self.dice.choice(("in", "out"))
+                if self.dice.randrange(3) == 0:
+                    room = RECORD - end[direction]
+                    if room < 2:
+                        continue
+                    size = self.dice.choice((2, room, self.dice.randrange(2, room + 1)))
+                    kind, aligned = f"string<{size}>", 1
+                else:
+                    kind = self.dice.choice(INTEGERS)
+                    size = aligned = int(kind.lstrip("uint")) // 8
+                place = RoundUp(end[direction], aligned)
+                if place + size > RECORD:
+                    continue
+                end[direction] = place + size
+                alignment[direction] = max(alignment[direction], aligned)
+                fields.append(f"{direction} {name}: {kind}")
+            lines.append(f"    M{method}({', '.join(fields)});")
+            for direction, suffix in (("in", "req"), ("out", "res")):
+                self.sizes[f"gen_I{number}_M{method}_{suffix}"] = RoundUp(end[direction], alignment[direction])
+        return lines + ["}"]
+
+    def Write(self, folder):
+        for name, lines in self.files.items():
+            (folder / name).write_text("\n".join(lines) + "\n")
+
+    def Break(self):
+        """Breaks one rule. Returns: the file and the line of the fault."""
+        name = self.dice.choice([name for name in self.files if name != "Top.idl"])
+        lines = self.files[name]
+        last = len(lines) - 1  # closes the interface
+        number = re.search(r"gen\.I(\d)", "\n".join(lines)).group(1)
+        choice = self.dice.randrange(7)
+        if choice == 0:
+            lines[last:last] = ["    M0();"]
+        elif choice == 1:
+            lines[last:last] = ["    Long(in a: string<1032>, in b: uint8);"]
+        elif choice == 2:
+            lines[last:last] = ["    Short(out a: string<1>);"]
+        elif choice == 3:
+            lines[last:last] = ["    Words(in class: int8);"]
+        elif choice == 4:
+            lines[last:last] = ["    Twice(in a: int8, out a: int8);"]
+        elif choice == 5:
+            lines[last:last] = ["    Unended()"]
+            last += 1
+        else:
+            lines.append(f"interface gen.I{number} {{ Again(); }}")
+            last += 1
+        return name, last + 1
+
+
+class Generated(unittest.TestCase):
+    def setUp(self):
+        print(f"IDLC_SEED={SEED}")
+        self.dice = random.Random(SEED)
+        temporary = tempfile.TemporaryDirectory()
+        self.addCleanup(temporary.cleanup)
+        self.root = Path(temporary.name)
+
+    def Round(self, number):
+        folder = self.root / str(number)
+        folder.mkdir()
+        return folder, Source(self.dice)
+
+    def test_a_text_that_is_right_compiles_and_its_records_have_their_sizes(self):
+        for number in range(ROUNDS):
+            folder, source = self.Round(number)
+            source.Write(folder)
+            with self.subTest(round=number, files=source.files):
+                self.assertEqual((0, []), Compile(folder / "Top.idl", "gen.E", folder / "output"))
+                records = (folder / "output" / "gen_E.h").read_text()
+                sizes = re.findall(r"static_assert\(sizeof\((gen_I\d_M\d_re[qs])\) == (\d+)\)", records)
+                self.assertEqual(source.sizes, {name: int(size) for name, size in sizes})
+
+    def test_a_text_that_breaks_one_rule_gives_the_error_at_its_place(self):
+        for number in range(ROUNDS):
+            folder, source = self.Round(number)
+            name, line = source.Break()
+            source.Write(folder)
+            with self.subTest(round=number, files=source.files):
+                status, errors = Compile(folder / "Top.idl", "gen.E", folder / "output")
+                self.assertEqual((1, 1), (status, len(errors)), errors)
+                self.assertTrue(errors[0].startswith(f"{folder / name}:{line}:"), errors)
+                self.assertFalse((folder / "output").exists())
+
+    def test_a_text_after_random_edits_compiles_or_gives_placed_errors(self):
+        for number in range(ROUNDS):
+            folder, source = self.Round(number)
+            source.Write(folder)
+            victim = folder / self.dice.choice(sorted(source.files))
+            victim.write_bytes(Edit(self.dice, victim.read_bytes()))
+            with self.subTest(round=number, file=victim.name, text=victim.read_bytes()):
+                status, errors = Compile(folder / "Top.idl", "gen.E", folder / "output")
+                self.assertEqual(status == 1, bool(errors))
+                for error in errors:
+                    self.assertRegex(error, ERROR)
+
+
+if __name__ == "__main__":
+    unittest.main()
