@@ -74,7 +74,7 @@ private:
 
     template <typename Object>
     static Object As(const Record& record) {
-        Object object;
+        Object object{};
         std::memcpy(&object, record.data(), sizeof object);
         return object;
     }

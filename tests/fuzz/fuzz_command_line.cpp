@@ -10,9 +10,9 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <signal.h>
 
 #include <cerrno>
+#include <csignal>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
@@ -95,6 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         words.emplace_back(left.substr(0, end));
     }
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (auto& word : words) {
         arguments.push_back(word.data());
     }

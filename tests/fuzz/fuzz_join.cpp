@@ -175,15 +175,15 @@ public:
 
     void Leave() { *this = Visitor(); }
 
-    void Say(const std::string& text, std::size_t descriptors) {
+    void Say(std::string text, std::size_t descriptors) {
         if (!socket) {
             return;
         }
         constexpr std::size_t mostDescriptors = 8;
-        std::array<int, mostDescriptors> passed;
+        std::array<int, mostDescriptors> passed{};
         passed.fill(STDERR_FILENO);
         alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof passed)> control{};
-        iovec content{const_cast<char*>(text.data()), text.size()};
+        iovec content{text.data(), text.size()};
         msghdr message{};
         message.msg_iov = &content;
         message.msg_iovlen = 1;
@@ -200,7 +200,7 @@ public:
         const bool isSent = ::sendmsg(socket.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
         if (!firstWord) {
             Require(isSent || hasShut, "there is room for the first message");
-            firstWord = text;
+            firstWord = std::move(text);
         }
     }
 

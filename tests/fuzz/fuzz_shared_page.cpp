@@ -202,7 +202,7 @@ private:
             std::fill_n(page, pageSize, input.Number<std::uint8_t>());
             break;
         case 8: {
-            const std::uint64_t count = input.Number<std::uint64_t>();
+            const auto count = input.Number<std::uint64_t>();
             ::fcntl(client.bell.Get(), F_SETFL, O_NONBLOCK);
             static_cast<void>(!::write(client.bell.Get(), &count, sizeof count));
             break;
