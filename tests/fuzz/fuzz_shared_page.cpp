@@ -178,7 +178,13 @@ private:
             break;
         case 3: {
             Record record{};
-            HeaderOf(record) = {*screening.onlyInterface, input.Number<std::uint8_t>(), NkRecordSize, {}};
+            const auto wrongInterface = input.Number<std::uint8_t>();
+            const auto method = input.Number<std::uint8_t>();
+            const auto wrongSize = std::uint32_t{input.Number<std::uint8_t>()} << input.Below(32);
+            HeaderOf(record) = {static_cast<std::uint16_t>(*screening.onlyInterface ^ wrongInterface),
+                                method,
+                                std::uint32_t{NkRecordSize} ^ wrongSize,
+                                {}};
             const auto body = input.Bytes(64);
             std::memcpy(record.data() + sizeof(nk_message), body.data(), body.size());
             const auto pieces = slot.request.Put(record.data(), record.size());
@@ -287,6 +293,7 @@ private:
         for (const auto& client : hostile) {
             if (client->HasReply()) {
                 Require(client->ReplyWord().Status() != KnStatusOk, "without a receiver there are refusals only");
+                Require(client->ReplyWord().Sequence() == client->answered + 1, "the next request is taken only");
                 client->answered = client->ReplyWord().Sequence();
             }
             sights.push_back({client.get(), client->RequestWord(), client->Request() == request});
@@ -322,6 +329,7 @@ private:
             Require(client->ReplyWord().Sequence() == word.Sequence(), "the reply says to which request it belongs");
             Require(client->ReplyWord().Status() == KnStatusOk && client->Response() == response,
                     "the reply arrives, with zeros behind its size");
+            Require(word.Sequence() == client->answered + 1, "the next request is taken only");
             client->answered = word.Sequence();
         }
         Require(answered <= 1, "one reply goes to one client");

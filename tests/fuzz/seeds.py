@@ -52,20 +52,23 @@ def SharedPages():
     def deed(choice, data=b"", client=0):
         return bytes([choice, client]) + data
 
-    good = deed(3, b"\1" + b"body".ljust(64, b"\0"))
+    def request(method, wrong_interface=0, wrong_size=0, shift=0, client=0):
+        return deed(3, bytes([wrong_interface, method, wrong_size, shift]) + b"body".ljust(64, b"\0"), client)
+
+    good = request(1)
     stories = {
         "calls": call * 3,
         "good": good + call + good + call,
-        "refused_method": deed(3, b"\3" + bytes(64)) + call,
+        "refused": request(3) + call + request(1, 3) + call + request(1, 0, 1) + call + request(1, 0, 1, 31) + call,
         "any_pieces": deed(2, struct.pack("<I", 0x1FFFF)) + call,
         "wrong_sequence": deed(4, struct.pack("<Q", 9 << 32)) + deed(15) + call,
         "zeroed": good + call + deed(7, b"\0") + deed(15) + call,
         "scribbled": deed(6, struct.pack("<HB", 64, 64) + bytes(range(64))) + deed(15) + call,
-        "asleep": deed(5, struct.pack("<I", 1)) + deed(10, b"\0")
-        + deed(9, struct.pack("<Q", 2**64 - 2)) + good + call,
+        "asleep": deed(5, struct.pack("<I", 1)) + deed(9, struct.pack("<Q", 2**64 - 2)) + deed(10, b"\0")
+        + good + call,
         "ringing": deed(14, b"\x4f") + call + deed(14, b"\x4f") + call,
         "gone": good + deed(12, b"\2") + call + deed(13) + call,
-        "two": bytes([1]) + good + deed(3, b"\0" + bytes(64), 1) + call,
+        "two": bytes([1]) + good + request(0, client=1) + call,
         "talks": deed(11, b"\x10" + b"uninvited message"[:16]) + call,
         # Takes the request of the first, whose page changes before the reply.
         "meanwhile": good + call + bytes([1, 0, 7, 0xFF]) + call,
