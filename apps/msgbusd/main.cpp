@@ -6,6 +6,7 @@
 #include "fast_wait.h"
 #include "flush_wake.h"
 #include "ipc_server.h"
+#include "keep_together.h"
 #include "log_threshold.h"
 #include "message_bus.h"
 #include "signal_watch.h"
@@ -48,6 +49,7 @@ struct Settings {
     int logLevel = static_cast<int>(LogLevel::Info);
     bool fastWait = true;
     bool flushWake = true;
+    bool keepTogether = true;
     std::optional<int> readyDescriptor;
 };
 
@@ -130,7 +132,12 @@ int Serve(const Settings& settings) {
         fastWait.emplace(bus, bus,
                          settings.connectionType == ConnectionType::Dynamic ? Linger::InAStream : Linger::Never);
     }
-    message_bus::IProvider& provider = flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus;
+    message_bus::IProvider* provider = flushWake ? static_cast<message_bus::IProvider*>(&*flushWake) : &bus;
+    std::optional<msgbus_server::KeepTogether> keepTogether;
+    // The workers of the static channel share one poller, which leaves little to hand over.
+    if (settings.keepTogether && settings.connectionType == ConnectionType::Dynamic) {
+        provider = &keepTogether.emplace(*provider);
+    }
     message_bus::IWorker& worker = fastWait ? static_cast<message_bus::IWorker&>(*fastWait) : bus;
 
     auto server = std::make_shared<bos_ipc::IpcServer>(settings.connectionType);
@@ -145,7 +152,7 @@ int Serve(const Settings& settings) {
     for (const auto& interface : br_MessageBus_interfaces) {
         KnPolicySetMethodCount(interface.type, interface.methodCount);
     }
-    if (!connector.Init(Lend<message_bus::IProviderControl>(control), Lend(provider), Lend(worker))) {
+    if (!connector.Init(Lend<message_bus::IProviderControl>(control), Lend(*provider), Lend(worker))) {
         KnHandleCloseServerEnds();
         return Fail(ReasonOfFailure(settings.connectionType));
     }
@@ -197,6 +204,8 @@ int main(int argc, char** argv) {
     app.add_flag("!--no-fast-wait", settings.fastWait, "replace the worker for every wait, values queued or not");
     app.add_flag("!--no-flush-wake", settings.flushWake,
                  "leave the last value of a burst to the next push when its wake-up was lost");
+    app.add_flag("!--no-keep-together", settings.keepTogether,
+                 "dynamic mode: leave the threads to the scheduler, however many values come");
     app.add_option("--ready-fd", settings.readyDescriptor, "write READY to this descriptor when serving, and close it")
         ->type_name("FD");
     app.failure_message([](const CLI::App*, const CLI::Error& error) {

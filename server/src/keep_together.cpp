@@ -1,0 +1,76 @@
+#include "keep_together.h"
+
+#include <dirent.h>
+
+#include <cstdlib>
+#include <memory>
+
+namespace msgbus_server {
+
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr std::chrono::microseconds shortGap{100};
+constexpr std::chrono::milliseconds longGap{1};
+
+} // namespace
+
+KeepTogether::KeepTogether(message_bus::IProvider& publisher, Clock clock) : provider(publisher), now(clock) {
+    if (sched_getaffinity(0, sizeof all, &all) != 0) {
+        return; // more processors than the set holds: they stay as they are
+    }
+    for (std::size_t processor = CPU_SETSIZE; processor-- > 0;) {
+        if (CPU_ISSET(processor, &all)) {
+            CPU_SET(processor, &one);
+            break;
+        }
+    }
+}
+
+cor::ResultCode KeepTogether::Push(long publisherId, long message) {
+    const cor::ResultCode result = provider.Push(publisherId, message);
+    const auto time = now().time_since_epoch();
+    Note(time - steady_clock::duration(lastPush.exchange(time.count(), std::memory_order_relaxed)));
+    return result;
+}
+
+void KeepTogether::Note(steady_clock::duration gap) {
+    if (gap < shortGap) {
+        slow.store(0, std::memory_order_relaxed);
+        // Again after as many more: a thread inherits its place from its parent, and one that was just being made may
+        // have been missed.
+        constexpr int times = 4;
+        const int count = quick.load(std::memory_order_relaxed);
+        if (count < times * quickPushes) {
+            quick.store(count + 1, std::memory_order_relaxed);
+            if ((count + 1) % quickPushes == 0 && CPU_COUNT(&all) > 1) {
+                areTogether.store(true, std::memory_order_relaxed);
+                Place(one);
+            }
+        }
+        return;
+    }
+    quick.store(0, std::memory_order_relaxed);
+    if (gap > longGap && areTogether.load(std::memory_order_relaxed) &&
+        slow.fetch_add(1, std::memory_order_relaxed) + 1 >= slowPushes) {
+        areTogether.store(false, std::memory_order_relaxed);
+        slow.store(0, std::memory_order_relaxed);
+        Place(all);
+    }
+}
+
+void KeepTogether::Place(const cpu_set_t& processors) {
+    if (isPlacing.test_and_set(std::memory_order_acquire)) {
+        return;
+    }
+    const std::unique_ptr<DIR, int (*)(DIR*)> threads(opendir("/proc/self/task"), closedir);
+    while (const dirent* const thread = threads ? readdir(threads.get()) : nullptr) {
+        if (const pid_t id = std::atoi(thread->d_name); id > 0) {
+            sched_setaffinity(id, sizeof processors, &processors); // fails for one that has just ended
+        }
+    }
+    isPlacing.clear(std::memory_order_release);
+}
+
+} // namespace msgbus_server
