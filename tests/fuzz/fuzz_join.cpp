@@ -365,6 +365,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    fuzzing::RestartCallsAfterAlarm();
     TheWorld().CountDescriptors(); // here and not at the start: libFuzzer opens some of its own between two inputs
     Input input(data, size);
     {

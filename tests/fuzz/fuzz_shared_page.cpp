@@ -351,6 +351,7 @@ int LowestFreeDescriptor() {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    fuzzing::RestartCallsAfterAlarm();
     const int lowest = LowestFreeDescriptor();
     {
         Input input(data, size);

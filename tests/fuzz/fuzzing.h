@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -20,6 +21,17 @@ inline void Require(bool holds, const char* what, const char* file = __builtin_F
     if (!holds) {
         std::fprintf(stderr, "%s:%d: does not hold: %s\n", file, line, what);
         std::abort();
+    }
+}
+
+/// Lets a call that blocks go on blocking when the alarm comes with which libFuzzer looks for hangs: otherwise the
+/// alarm itself would end the hang, and nobody would know. To be called with each input; libFuzzer sets its alarm late.
+inline void RestartCallsAfterAlarm() {
+    struct sigaction alarm {};
+    ::sigaction(SIGALRM, nullptr, &alarm);
+    if ((alarm.sa_flags & SA_RESTART) == 0) {
+        alarm.sa_flags |= SA_RESTART;
+        ::sigaction(SIGALRM, &alarm, nullptr);
     }
 }
 
