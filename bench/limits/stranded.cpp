@@ -1,0 +1,104 @@
+// How often a value stays behind: bursts of acknowledged publishes at full speed with one subscriber, and after each burst
+// a look whether all of it has arrived. What has not within the patience was left in the inbound queue by a wake-up that
+// the bus has lost; the first push of the next burst brings it on its way.
+//
+//     bench_stranded count --address RUNTIME_DIR --bursts 1000 --values 100
+#include "options.h"
+
+#include "msgbus/publisher.h"
+#include "msgbus/subscriber.h"
+
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <new>
+#include <thread>
+
+namespace {
+
+constexpr auto topic = "burst";
+constexpr std::chrono::milliseconds patience{50};
+
+struct Progress {
+    std::atomic<std::int64_t> received; ///< -1 before the subscriber is registered
+};
+
+int Receive(Progress& progress, std::int64_t count) {
+    msgbus::Subscriber subscriber("stranded", {topic});
+    progress.received = 0;
+    for (std::int64_t i = 0; i < count; ++i) {
+        if (const auto message = subscriber.Next(); !message || message->value != i) {
+            return 1;
+        }
+        progress.received = i + 1;
+    }
+    return 0;
+}
+
+/// Returns: whether `count` values have arrived; false when none came for as long as the patience lasts.
+bool Arrive(const Progress& progress, std::int64_t count) {
+    using Clock = std::chrono::steady_clock;
+    auto seen = progress.received.load();
+    for (auto since = Clock::now(); seen < count; std::this_thread::sleep_for(std::chrono::microseconds(100))) {
+        if (const auto now = progress.received.load(); now != seen) {
+            seen = now;
+            since = Clock::now();
+        } else if (Clock::now() - since > patience) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const bench::Options options(argc, argv);
+        setenv("BORVEN_RUNTIME_DIR", options.Text("address", "").c_str(), 1);
+        const std::int64_t bursts = options.Number("bursts", 1000);
+        const std::int64_t values = options.Number("values", 100);
+
+        void* const memory = mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        if (memory == MAP_FAILED) {
+            throw std::bad_alloc();
+        }
+        auto& progress = *new (memory) Progress{-1};
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(Receive(progress, bursts * values));
+        }
+        while (progress.received < 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        msgbus::Publisher publisher(topic);
+        std::int64_t pushed = 0;
+        std::int64_t stranded = 0;
+        for (std::int64_t burst = 0; burst < bursts; ++burst) {
+            for (std::int64_t i = 0; i < values; ++i) {
+                while (!publisher.TryPush(pushed)) {
+                }
+                ++pushed;
+            }
+            stranded += Arrive(progress, pushed) ? 0 : 1;
+        }
+        // Whoever is still left behind goes with these: nobody waits for what they carry.
+        while (!Arrive(progress, pushed)) {
+            publisher.TryPush(pushed);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        std::cout << R"({"bursts": )" << bursts << R"(, "values": )" << values << R"(, "stranded": )" << stranded
+                  << R"(, "inOrder": )" << (status == 0 ? "true" : "false") << "}\n";
+        return status == 0 ? 0 : 1;
+    } catch (const std::exception& error) {
+        std::cerr << "bench_stranded: " << error.what() << '\n';
+        return 1;
+    }
+}
