@@ -1,6 +1,6 @@
-// How often a value stays behind: bursts of acknowledged publishes at full speed with one subscriber, and after each burst
-// a look whether all of it has arrived. What has not within the patience was left in the inbound queue by a wake-up that
-// the bus has lost; the first push of the next burst brings it on its way.
+// How often a value stays behind: bursts of acknowledged publishes at full speed with one subscriber, and after each
+// burst a look whether all of it has arrived. What has not within the patience was left in the inbound queue by a
+// wake-up that the bus has lost; the first push of the next burst brings it on its way.
 //
 //     bench_stranded count --address RUNTIME_DIR --bursts 1000 --values 100
 #include "options.h"
