@@ -40,8 +40,8 @@ private:
 
     std::atomic<std::chrono::steady_clock::rep> lastPush{0};
     std::atomic<int> quick{0}; ///< pushes in a row with short gaps
-    std::atomic<int> slow{0};  ///< with long ones, since the threads are together
-    std::atomic<bool> areTogether{false};
+    std::atomic<int> slow{0};  ///< with long ones, since the last short one
+    std::atomic<bool> wereTogether{false};
     std::atomic_flag isPlacing; ///< somebody is at it
 };
 

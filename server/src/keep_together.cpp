@@ -14,6 +14,18 @@ using std::chrono::steady_clock;
 constexpr std::chrono::microseconds shortGap{100};
 constexpr std::chrono::milliseconds longGap{1};
 
+/// Counts up to a few times `every`. Returns: whether it has just been reached, or a multiple of it: a thread inherits
+/// its place from its parent, and one that was just being made may have been missed the first time.
+bool IsDue(std::atomic<int>& counter, int every) {
+    constexpr int times = 4;
+    const int count = counter.load(std::memory_order_relaxed) + 1;
+    if (count > times * every) {
+        return false;
+    }
+    counter.store(count, std::memory_order_relaxed);
+    return count % every == 0;
+}
+
 } // namespace
 
 KeepTogether::KeepTogether(message_bus::IProvider& publisher, Clock clock) : provider(publisher), now(clock) {
@@ -38,24 +50,14 @@ cor::ResultCode KeepTogether::Push(long publisherId, long message) {
 void KeepTogether::Note(steady_clock::duration gap) {
     if (gap < shortGap) {
         slow.store(0, std::memory_order_relaxed);
-        // Again after as many more: a thread inherits its place from its parent, and one that was just being made may
-        // have been missed.
-        constexpr int times = 4;
-        const int count = quick.load(std::memory_order_relaxed);
-        if (count < times * quickPushes) {
-            quick.store(count + 1, std::memory_order_relaxed);
-            if ((count + 1) % quickPushes == 0 && CPU_COUNT(&all) > 1) {
-                areTogether.store(true, std::memory_order_relaxed);
-                Place(one);
-            }
+        if (IsDue(quick, quickPushes) && CPU_COUNT(&all) > 1) {
+            wereTogether.store(true, std::memory_order_relaxed);
+            Place(one);
         }
         return;
     }
     quick.store(0, std::memory_order_relaxed);
-    if (gap > longGap && areTogether.load(std::memory_order_relaxed) &&
-        slow.fetch_add(1, std::memory_order_relaxed) + 1 >= slowPushes) {
-        areTogether.store(false, std::memory_order_relaxed);
-        slow.store(0, std::memory_order_relaxed);
+    if (gap > longGap && wereTogether.load(std::memory_order_relaxed) && IsDue(slow, slowPushes)) {
         Place(all);
     }
 }

@@ -252,15 +252,7 @@ TEST_F(ConcurrencyTest, Handshakes_OfManyThreads_KeepTheirTopicsApart) {
     }
 }
 
-class ServedConcurrencyTest : public ConcurrencyTest, public testing::WithParamInterface<ConnectionType> {
-protected:
-    Client Connect(const char* service) {
-        return GetParam() == ConnectionType::Static ? Client::ToStaticChannel() : Client::ToService(service);
-    }
-    Client Ctl() { return Connect("br.MessageBusComponent.ctl"); }
-    Client Subs() { return Connect("br.MessageBusComponent.subs"); }
-    Client Provider() { return Connect("br.MessageBusComponent.provider"); }
-};
+class ServedConcurrencyTest : public ConcurrencyTest, public test_support::EitherMode {};
 
 INSTANTIATE_TEST_SUITE_P(EitherWay, ServedConcurrencyTest,
                          testing::Values(ConnectionType::Static, ConnectionType::Dynamic), test_support::ModeName);

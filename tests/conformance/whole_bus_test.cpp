@@ -21,15 +21,8 @@ constexpr auto ThisWait = "1 Wait: BosConnector: started";
 
 using Outcome = std::tuple<std::int32_t, std::string, long>;
 
-class WholeBusTest : public test_support::BusTest, public testing::WithParamInterface<ConnectionType> {
+class WholeBusTest : public test_support::BusTest, public test_support::EitherMode {
 protected:
-    Client Connect(const char* service) {
-        return GetParam() == ConnectionType::Static ? Client::ToStaticChannel() : Client::ToService(service);
-    }
-    Client Ctl() { return Connect("br.MessageBusComponent.ctl"); }
-    Client Subs() { return Connect("br.MessageBusComponent.subs"); }
-    Client Provider() { return Connect("br.MessageBusComponent.provider"); }
-
     /// Pushes when the events thread sleeps, so that its wake-up is not lost.
     void Push(Client& client, long publisher, long value) {
         test_support::AwaitIdleEventsThread(*served.bus);

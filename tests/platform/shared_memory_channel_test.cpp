@@ -75,6 +75,15 @@ std::int32_t CallOn(Connection& connection, std::int64_t value, std::int64_t* re
     return status;
 }
 
+/// One call for each value from `first` up to `end`, which must be answered with the next one.
+void CallWithEach(Connection& connection, std::int64_t first, std::int64_t end) {
+    for (std::int64_t value = first; value < end; ++value) {
+        std::int64_t returned = 0;
+        ASSERT_EQ(KnStatusOk, CallOn(connection, value, &returned));
+        ASSERT_EQ(value + 1, returned);
+    }
+}
+
 /// Counts what is served, by value.
 class Ledger final {
 public:
@@ -112,13 +121,8 @@ TEST(SharedMemoryChannel, EachRequest_IsServedOnce_AndAnsweredToItsCaller) {
     {
         std::vector<std::unique_ptr<Background<void>>> calling;
         for (int i = 0; i < clients; ++i) {
-            calling.push_back(std::make_unique<Background<void>>([&, i] {
-                for (std::int64_t value = i * calls; value < (i + 1) * calls; ++value) {
-                    std::int64_t returned = 0;
-                    ASSERT_EQ(KnStatusOk, CallOn(*joined[static_cast<std::size_t>(i)].connection, value, &returned));
-                    ASSERT_EQ(value + 1, returned);
-                }
-            }));
+            calling.push_back(std::make_unique<Background<void>>(
+                [&, i] { CallWithEach(*joined[static_cast<std::size_t>(i)].connection, i * calls, (i + 1) * calls); }));
         }
     }
     channel.Close();
@@ -174,13 +178,8 @@ TEST(SharedMemoryChannel, ReceiversThatLeave_SwallowNoWakeUp) {
     {
         std::vector<std::unique_ptr<Background<void>>> calling;
         for (int i = 0; i < clients; ++i) {
-            calling.push_back(std::make_unique<Background<void>>([&, i] {
-                for (std::int64_t value = i * calls; value < (i + 1) * calls; ++value) {
-                    std::int64_t returned = 0;
-                    ASSERT_EQ(KnStatusOk, CallOn(*joined[static_cast<std::size_t>(i)].connection, value, &returned));
-                    ASSERT_EQ(value + 1, returned);
-                }
-            }));
+            calling.push_back(std::make_unique<Background<void>>(
+                [&, i] { CallWithEach(*joined[static_cast<std::size_t>(i)].connection, i * calls, (i + 1) * calls); }));
         }
     }
     channel.Close();
@@ -249,13 +248,8 @@ TEST(SharedMemoryChannel, CallsOfManyThreadsOnOneConnection_TakeTurns) {
     {
         std::vector<std::unique_ptr<Background<void>>> calling;
         for (int i = 0; i < threads; ++i) {
-            calling.push_back(std::make_unique<Background<void>>([&, i] {
-                for (std::int64_t value = i * calls; value < (i + 1) * calls; ++value) {
-                    std::int64_t returned = 0;
-                    ASSERT_EQ(KnStatusOk, CallOn(*joined.connection, value, &returned));
-                    ASSERT_EQ(value + 1, returned);
-                }
-            }));
+            calling.push_back(std::make_unique<Background<void>>(
+                [&, i] { CallWithEach(*joined.connection, i * calls, (i + 1) * calls); }));
         }
     }
     channel.Close();

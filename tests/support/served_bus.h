@@ -159,4 +159,18 @@ private:
     NkBosTransport transport{};
 };
 
+/// For tests that run in the static and in the dynamic mode: clients that reach the bus the way the mode has it.
+class EitherMode : public testing::WithParamInterface<message_bus::ConnectionType> {
+protected:
+    static Client Ctl() { return Connect("br.MessageBusComponent.ctl"); }
+    static Client Subs() { return Connect("br.MessageBusComponent.subs"); }
+    static Client Provider() { return Connect("br.MessageBusComponent.provider"); }
+
+private:
+    static Client Connect(const char* service) {
+        return GetParam() == message_bus::ConnectionType::Static ? Client::ToStaticChannel()
+                                                                 : Client::ToService(service);
+    }
+};
+
 } // namespace test_support
