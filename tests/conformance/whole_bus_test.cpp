@@ -31,7 +31,7 @@ protected:
     /// A wait of `subscriber`, started on a thread and a connection of its own.
     std::future<Outcome> WaitBeside(long subscriber) {
         const auto before = journal.Count(ThisWait);
-        auto waiting = std::async(std::launch::async, [this, subscriber] { return Subs().Wait(subscriber); });
+        auto waiting = std::async(std::launch::async, [subscriber] { return Subs().Wait(subscriber); });
         EXPECT_TRUE(journal.Await(ThisWait, before + 1));
         return waiting;
     }
