@@ -1,6 +1,7 @@
 """What is published arrives: whole, in order, at everybody who asked for it and nobody else."""
 
 import json
+import os
 import signal
 
 from harness import BIN, DONE, FAILED, MODE, BusTest, main
@@ -126,6 +127,20 @@ class Delivery(BusTest):
         self.publish("t", *range(100))
         reader.expect_all(f"t {value}" for value in range(100))
         reader.expect_exit(DONE)
+
+    def test_delivery_is_the_same_with_everything_on_one_processor(self):
+        usable = os.sched_getaffinity(0)
+        self.addCleanup(os.sched_setaffinity, 0, usable)
+        os.sched_setaffinity(0, {max(usable)})
+        self.server()
+        readers = [self.sub("t", name=name, options=("-n", "5000")) for name in ("left", "right")]
+        publisher = self.pub("t")
+        publisher.write("".join(f"{value}\n" for value in range(5000)))
+        publisher.end_input()
+        publisher.expect_exit(DONE)
+        for reader in readers:
+            reader.expect_all(f"t {value}" for value in range(5000))
+            reader.expect_exit(DONE)
 
     def test_the_examples_talk_to_each_other(self):
         server = self.server()

@@ -288,7 +288,7 @@ public:
         }
         Tell(1);
         std::shared_ptr<Client> client;
-        SpinUntil(spinLimit, [&] {
+        SpinUntil(spinLimit, state.learner, [&] {
             client = Scan(request);
             return client || state.isClosed.load(std::memory_order_relaxed);
         });

@@ -135,7 +135,7 @@ std::int32_t Connection::Call(const nk_message* request, nk_message* response) n
         Ring(shared.bell);
         isAnswered = HasReply(reply); // on a shared CPU the server may have come first
     } else if (auto& learner = learners[(request->iid * 5U + request->mid) % learnerCount]; learner.IsWorthwhile()) {
-        isAnswered = SpinUntil(spinLimit, [&] { return HasReply(reply); });
+        isAnswered = SpinUntil(spinLimit, learner, [&] { return HasReply(reply); });
         isAnswered ? learner.Succeeded() : learner.Failed();
     }
     if (!isAnswered) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <sched.h>
 
 namespace borven_host {
 
@@ -17,34 +18,13 @@ inline void Pause() noexcept {
 #endif
 }
 
-/// Looks until `look` returns true, at most for `limit`. Returns: whether it did.
-template <typename Look>
-bool SpinUntil(SteadyClock::duration limit, const Look& look) noexcept {
-    constexpr int looksPerClock = 32; // reading the clock costs about as much as a pause: the first looks do without
-    const auto looks = [&look] {
-        for (int i = 0; i < looksPerClock; ++i) {
-            if (look()) {
-                return true;
-            }
-            Pause();
-        }
-        return false;
-    };
-    if (looks()) {
-        return true;
-    }
-    const auto end = SteadyClock::now() + limit;
-    do {
-        if (looks()) {
-            return true;
-        }
-    } while (SteadyClock::now() < end);
-    return false;
-}
+/// Whether this process was started with the use of one CPU only. No peer on that CPU is awake while it is, so whoever
+/// spins gives the CPU away between two looks: cheaper than to sleep and be woken.
+bool HasOneCpu() noexcept;
 
 /// Learns whether to spin pays. Where it failed, it is left out for a number of occasions that doubles with each
-/// failure: so whoever shares one CPU with the peer, or asks for what takes long, hardly ever tries, and finds out all
-/// the same when that changes.
+/// failure: so whoever asks for what takes long hardly ever tries, and finds out all the same when that changes. And
+/// whether to give the CPU away at once: where the peer has no other, nothing comes before.
 ///
 /// Threads: one at a time.
 class SpinLearner final {
@@ -71,13 +51,61 @@ public:
         toSkip = 1U << failures;
     }
 
+    /// Asked once on each occasion, by whoever has one CPU. Returns: whether another look first is vain.
+    bool ShouldYieldAtOnce() noexcept { return cameAfterYield == oftenEnough && ++yieldedAtOnce % retry != 0; }
+
+    void CameAwake() noexcept { cameAfterYield = 0; }
+    void CameAfterYield() noexcept { cameAfterYield = std::min(cameAfterYield + 1, oftenEnough); }
+
 private:
     static constexpr std::uint32_t maxFailures = 10; ///< one try in a thousand: less than one percent of the time
     static constexpr std::uint32_t forgiving = 16;
+    static constexpr std::uint32_t oftenEnough = 4;
+    static constexpr std::uint32_t retry = 64;
 
     std::uint32_t toSkip = 0;
     std::uint32_t failures = 0;
     std::uint32_t successes = 0;
+    std::uint32_t cameAfterYield = 0; ///< answers in a row
+    std::uint32_t yieldedAtOnce = 0;
 };
+
+/// Looks until `look` returns true, at most for `limit`, or longer where it gives the CPU away in between. Returns:
+/// whether it did.
+template <typename Look>
+bool SpinUntil(SteadyClock::duration limit, SpinLearner& learner, const Look& look) noexcept {
+    constexpr int looksPerClock = 32; // reading the clock costs about as much as a pause: the first looks do without
+    constexpr int turns = 5;          // of the threads that a value passes, on a CPU that they share
+    const auto looks = [&look](int count) {
+        for (int i = 0; i < count; ++i) {
+            if (look()) {
+                return true;
+            }
+            Pause();
+        }
+        return false;
+    };
+    const bool yields = HasOneCpu();
+    const bool yieldsAtOnce = yields && learner.ShouldYieldAtOnce();
+    if (looks(yieldsAtOnce ? 1 : looksPerClock)) {
+        if (!yieldsAtOnce) {
+            learner.CameAwake();
+        }
+        return true;
+    }
+    const auto end = SteadyClock::now() + (yields ? turns * limit : limit);
+    do {
+        if (yields) {
+            ::sched_yield();
+        }
+        if (looks(yields ? 1 : looksPerClock)) {
+            if (yields) {
+                learner.CameAfterYield();
+            }
+            return true;
+        }
+    } while (SteadyClock::now() < end);
+    return false;
+}
 
 } // namespace borven_host
