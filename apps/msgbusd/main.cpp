@@ -33,6 +33,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 
 namespace {
 
@@ -134,8 +135,9 @@ int Serve(const Settings& settings) {
     }
     message_bus::IProvider* provider = flushWake ? static_cast<message_bus::IProvider*>(&*flushWake) : &bus;
     std::optional<msgbus_server::KeepTogether> keepTogether;
-    // The workers of the static channel share one poller, which leaves little to hand over.
-    if (settings.keepTogether && settings.connectionType == ConnectionType::Dynamic) {
+    // The workers of the static channel share one poller. With several processors they do better by themselves.
+    const bool hasOneProcessor = std::thread::hardware_concurrency() == 1;
+    if (settings.keepTogether && (settings.connectionType == ConnectionType::Dynamic || hasOneProcessor)) {
         provider = &keepTogether.emplace(*provider);
     }
     message_bus::IWorker& worker = fastWait ? static_cast<message_bus::IWorker&>(*fastWait) : bus;
@@ -205,7 +207,7 @@ int main(int argc, char** argv) {
     app.add_flag("!--no-flush-wake", settings.flushWake,
                  "leave the last value of a burst to the next push when its wake-up was lost");
     app.add_flag("!--no-keep-together", settings.keepTogether,
-                 "dynamic mode: leave the threads to the scheduler, however many values come");
+                 "leave the threads to the scheduler, however many values come");
     app.add_option("--ready-fd", settings.readyDescriptor, "write READY to this descriptor when serving, and close it")
         ->type_name("FD");
     app.failure_message([](const CLI::App*, const CLI::Error& error) {

@@ -15,7 +15,7 @@ constexpr std::chrono::microseconds shortGap{100};
 constexpr std::chrono::milliseconds longGap{1};
 
 /// Counts up to a few times `every`. Returns: whether it has just been reached, or a multiple of it: a thread inherits
-/// its place from its parent, and one that was just being made may have been missed the first time.
+/// its arrangement from its parent, and one that was just being made may have been missed the first time.
 bool IsDue(std::atomic<int>& counter, int every) {
     constexpr int times = 4;
     const int count = counter.load(std::memory_order_relaxed) + 1;
@@ -29,14 +29,13 @@ bool IsDue(std::atomic<int>& counter, int every) {
 } // namespace
 
 KeepTogether::KeepTogether(message_bus::IProvider& publisher, Clock clock) : provider(publisher), now(clock) {
-    if (sched_getaffinity(0, sizeof all, &all) != 0) {
-        return; // more processors than the set holds: they stay as they are
+    usual.policy = sched_getscheduler(0);
+    if (sched_getaffinity(0, sizeof usual.processors, &usual.processors) != 0) {
+        CPU_ZERO(&usual.processors); // more than the set holds: they stay as they are
     }
-    for (std::size_t processor = CPU_SETSIZE; processor-- > 0;) {
-        if (CPU_ISSET(processor, &all)) {
-            CPU_SET(processor, &one);
-            break;
-        }
+    busy = {usual.processors, usual.policy == SCHED_OTHER ? SCHED_BATCH : usual.policy};
+    for (std::size_t first = 0; CPU_COUNT(&busy.processors) > 1; ++first) {
+        CPU_CLR(first, &busy.processors);
     }
 }
 
@@ -50,29 +49,32 @@ cor::ResultCode KeepTogether::Push(long publisherId, long message) {
 void KeepTogether::Note(steady_clock::duration gap) {
     if (gap < shortGap) {
         slow.store(0, std::memory_order_relaxed);
-        if (IsDue(quick, quickPushes) && CPU_COUNT(&all) > 1) {
-            wereTogether.store(true, std::memory_order_relaxed);
-            Place(one);
+        if (IsDue(quick, quickPushes)) {
+            wereArranged.store(true, std::memory_order_relaxed);
+            Arrange(busy);
         }
         return;
     }
     quick.store(0, std::memory_order_relaxed);
-    if (gap > longGap && wereTogether.load(std::memory_order_relaxed) && IsDue(slow, slowPushes)) {
-        Place(all);
+    if (gap > longGap && wereArranged.load(std::memory_order_relaxed) && IsDue(slow, slowPushes)) {
+        Arrange(usual);
     }
 }
 
-void KeepTogether::Place(const cpu_set_t& processors) {
-    if (isPlacing.test_and_set(std::memory_order_acquire)) {
+void KeepTogether::Arrange(const Arrangement& arrangement) {
+    if (isArranging.test_and_set(std::memory_order_acquire)) {
         return;
     }
     const std::unique_ptr<DIR, int (*)(DIR*)> threads(opendir("/proc/self/task"), closedir);
     while (const dirent* const thread = threads ? readdir(threads.get()) : nullptr) {
         if (const pid_t id = std::atoi(thread->d_name); id > 0) {
-            sched_setaffinity(id, sizeof processors, &processors); // fails for one that has just ended
+            // Both fail for one that has just ended.
+            constexpr sched_param noPriority{};
+            sched_setscheduler(id, arrangement.policy, &noPriority);
+            sched_setaffinity(id, sizeof arrangement.processors, &arrangement.processors);
         }
     }
-    isPlacing.clear(std::memory_order_release);
+    isArranging.clear(std::memory_order_release);
 }
 
 } // namespace msgbus_server

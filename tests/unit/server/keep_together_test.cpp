@@ -1,5 +1,5 @@
-// Defends the place of the server's threads: together on one processor while values come thick and fast, else wherever
-// the scheduler likes, and the same answers either way.
+// Defends how the server's threads run: together on one processor and without interrupting each other while values come
+// thick and fast, else as the scheduler likes, and the same answers either way.
 #include "keep_together.h"
 
 #include <gmock/gmock.h>
@@ -37,12 +37,19 @@ protected:
         ON_CALL(provider, Push).WillByDefault(testing::Return(ResultCode::Success));
         now = std::chrono::steady_clock::time_point(1h);
     }
-    ~KeepTogetherTest() override { sched_setaffinity(0, sizeof before, &before); }
+    ~KeepTogetherTest() override { RunAsUsual(); }
 
-    void Push(int times, std::chrono::microseconds gap) {
+    void RunAsUsual() const {
+        constexpr sched_param noPriority{};
+        EXPECT_EQ(sched_setaffinity(0, sizeof before, &before), 0);
+        EXPECT_EQ(sched_setscheduler(0, SCHED_OTHER, &noPriority), 0);
+    }
+
+    void Push(int times, std::chrono::microseconds gap) { Push(keepTogether, times, gap); }
+    static void Push(KeepTogether& publisher, int times, std::chrono::microseconds gap) {
         for (int i = 0; i < times; ++i) {
             now += gap;
-            EXPECT_EQ(keepTogether.Push(1, i), ResultCode::Success);
+            EXPECT_EQ(publisher.Push(1, i), ResultCode::Success);
         }
     }
 
@@ -50,6 +57,7 @@ protected:
         const cpu_set_t processors = Processors();
         return CPU_EQUAL(&processors, &before) != 0;
     }
+    bool IsAsUsual() const { return AreSpread() && sched_getscheduler(0) == SCHED_OTHER; }
 
     const cpu_set_t before = Processors();
     testing::NiceMock<FakeProvider> provider;
@@ -63,46 +71,57 @@ TEST_F(KeepTogetherTest, Push_PassesOnWhatItGetsAndAnswersWhatItIsAnswered) {
 
 TEST_F(KeepTogetherTest, Push_WithShortGaps_PutsAllThreadsOnOneProcessor) {
     std::promise<void> isDone;
-    std::promise<cpu_set_t> othersProcessors;
+    std::promise<std::pair<cpu_set_t, int>> others;
     std::thread other([&] {
         isDone.get_future().wait();
-        othersProcessors.set_value(Processors());
+        others.set_value({Processors(), sched_getscheduler(0)});
     });
     Push(1, 1s);
     Push(KeepTogether::quickPushes - 1, 20us);
-    EXPECT_TRUE(AreSpread());
+    EXPECT_TRUE(IsAsUsual());
     Push(1, 20us);
     const cpu_set_t own = Processors();
     EXPECT_EQ(CPU_COUNT(&own), 1);
+    EXPECT_EQ(sched_getscheduler(0), SCHED_BATCH);
     isDone.set_value();
-    const cpu_set_t others = othersProcessors.get_future().get();
+    const auto [processors, policy] = others.get_future().get();
     other.join();
-    EXPECT_TRUE(CPU_EQUAL(&own, &others));
+    EXPECT_TRUE(CPU_EQUAL(&own, &processors));
+    EXPECT_EQ(policy, SCHED_BATCH);
+}
+
+TEST_F(KeepTogetherTest, Push_OfThreadsWithAnotherPolicy_LeavesThemThat) {
+    constexpr sched_param noPriority{};
+    ASSERT_EQ(sched_setscheduler(0, SCHED_BATCH, &noPriority), 0);
+    KeepTogether batch{provider, [] { return now; }};
+    Push(batch, KeepTogether::quickPushes + 1, 20us);
+    Push(batch, KeepTogether::slowPushes, 2ms);
+    EXPECT_TRUE(AreSpread());
+    EXPECT_EQ(sched_getscheduler(0), SCHED_BATCH);
 }
 
 TEST_F(KeepTogetherTest, Push_WithOneLongGapAmongShortOnes_BeginsToCountAnew) {
     Push(KeepTogether::quickPushes - 1, 20us);
     Push(1, 150us);
     Push(KeepTogether::quickPushes - 1, 20us);
-    EXPECT_TRUE(AreSpread());
+    EXPECT_TRUE(IsAsUsual());
 }
 
 TEST_F(KeepTogetherTest, Push_WithLongGapsAfterShortOnes_GivesTheThreadsBackToTheScheduler) {
     Push(KeepTogether::quickPushes + 1, 20us);
     Push(KeepTogether::slowPushes - 1, 2ms);
-    if (CPU_COUNT(&before) > 1) {
-        EXPECT_FALSE(AreSpread());
-    }
+    EXPECT_FALSE(IsAsUsual());
     Push(1, 2ms);
-    EXPECT_TRUE(AreSpread());
+    EXPECT_TRUE(IsAsUsual());
 }
 
 TEST_F(KeepTogetherTest, Push_WithShortGapsThatGoOn_FindsAThreadThatWasMissed) {
     Push(KeepTogether::quickPushes + 1, 20us);
-    sched_setaffinity(0, sizeof before, &before); // as one that was being made
+    RunAsUsual(); // as one that was being made
     Push(KeepTogether::quickPushes, 20us);
     const cpu_set_t own = Processors();
     EXPECT_EQ(CPU_COUNT(&own), 1);
+    EXPECT_EQ(sched_getscheduler(0), SCHED_BATCH);
 }
 
 TEST_F(KeepTogetherTest, Push_WithLongGapsThatGoOn_FindsAThreadThatWasMissed) {
