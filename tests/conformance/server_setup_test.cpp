@@ -69,6 +69,7 @@ TEST_F(ServerSetupTest, Workers_HaveAStackRoundedUpToWholePages) {
     IpcServer server(ConnectionType::Static);
     RunAsWorker(server, [] {});
     EXPECT_THAT(journal.Calls(), ElementsAre("boost thread, stack 1056768", "boost thread, stack 1056768"));
+    EXPECT_EQ(bos_ipc::DispatcherStackSize(), 1056768U); // Boost, too, rounds what it is given
 }
 
 // ------------------------------------------------------------------------------------------------------- static mode
