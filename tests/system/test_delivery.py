@@ -9,17 +9,20 @@ from harness import BIN, DONE, FAILED, MODE, BusTest, main
 
 class Delivery(BusTest):
 
-    def test_one_publisher_reaches_two_subscribers_in_order(self):
+    def deliver_to_two(self, count):
         self.server()
-        readers = [self.sub("t", name=name, options=("-n", "300")) for name in ("left", "right")]
+        readers = [self.sub("t", name=name, options=("-n", str(count))) for name in ("left", "right")]
         publisher = self.pub("t")
-        publisher.write("".join(f"{value}\n" for value in range(300)))
+        publisher.write("".join(f"{value}\n" for value in range(count)))
         publisher.end_input()
         publisher.expect_exit(DONE)
         for reader in readers:
-            reader.expect_all(f"t {value}" for value in range(300))
+            reader.expect_all(f"t {value}" for value in range(count))
             reader.expect_end()
             reader.expect_exit(DONE)
+
+    def test_one_publisher_reaches_two_subscribers_in_order(self):
+        self.deliver_to_two(300)
 
     def test_two_topics_reach_one_subscriber_in_the_order_of_their_pushes(self):
         self.server()
@@ -132,15 +135,7 @@ class Delivery(BusTest):
         usable = os.sched_getaffinity(0)
         self.addCleanup(os.sched_setaffinity, 0, usable)
         os.sched_setaffinity(0, {max(usable)})
-        self.server()
-        readers = [self.sub("t", name=name, options=("-n", "5000")) for name in ("left", "right")]
-        publisher = self.pub("t")
-        publisher.write("".join(f"{value}\n" for value in range(5000)))
-        publisher.end_input()
-        publisher.expect_exit(DONE)
-        for reader in readers:
-            reader.expect_all(f"t {value}" for value in range(5000))
-            reader.expect_exit(DONE)
+        self.deliver_to_two(5000)
 
     def test_the_examples_talk_to_each_other(self):
         server = self.server()
