@@ -7,15 +7,15 @@
 
 #include "fuzzing.h"
 
+#include "base/unique_fd.h"
 #include "bos/logger.h"
-#include "frame.h"
 #include "kn/connection_manager.h"
 #include "kn/handle.h"
 #include "kn/status.h"
+#include "names/handshake.h"
 #include "nk/transport.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
-#include "unique_fd.h"
 
 #include <fcntl.h>
 #include <poll.h>

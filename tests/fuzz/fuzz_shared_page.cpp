@@ -1,15 +1,15 @@
 // Clients that do as they like with all that they share with the server - the page, the bells, the socket - beside one
 // that keeps to the protocol. That one's calls have to be answered; of the others, the server takes what passes the
-// screening, byte for byte as it stood in the page when it was taken, and answers or ends who has rung. One thread
+// filter, byte for byte as it stood in the page when it was taken, and answers or ends who has rung. One thread
 // plays all parts, so that a run can be repeated.
 //
 // Input: a byte that chooses the kind of channel, then the steps that Step reads.
 
 #include "fuzzing.h"
 
-#include "event_fd.h"
 #include "kn/status.h"
-#include "shared_memory_channel.h"
+#include "records/event_fd.h"
+#include "records/shared_memory_channel.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -24,8 +24,8 @@ namespace {
 
 using borven_host::Channel;
 using borven_host::MakeBell;
+using borven_host::RequestFilter;
 using borven_host::Ring;
-using borven_host::Screening;
 using borven_host::SharedMemoryEnds;
 using borven_host::SharedMemoryRegion;
 using borven_host::SharedSlot;
@@ -37,7 +37,7 @@ using fuzzing::Require;
 
 using Record = std::array<std::byte, NkRecordSize>;
 
-constexpr Screening screening{2, 3};
+constexpr RequestFilter filter{2, 3};
 constexpr std::size_t mostHostile = 3;
 constexpr std::size_t mostSteps = 400;
 constexpr std::size_t pageSize = 4096;
@@ -76,7 +76,7 @@ public:
         region = ends.region;
         bell = UniqueFd(::fcntl(ends.bell.Get(), F_DUPFD_CLOEXEC, 0));
         doorbell = UniqueFd(::fcntl(ends.doorbell.Get(), F_DUPFD_CLOEXEC, 0));
-        Require(joined.AddClient(std::move(serverSocket), std::move(ends), screening, &id) == KnStatusOk, "it joins");
+        Require(joined.AddClient(std::move(serverSocket), std::move(ends), filter, &id) == KnStatusOk, "it joins");
     }
 
     SharedSlot& Slot() const { return region.Slot(); }
@@ -181,7 +181,7 @@ private:
             const auto wrongInterface = input.Number<std::uint8_t>();
             const auto method = input.Number<std::uint8_t>();
             const auto wrongSize = std::uint32_t{input.Number<std::uint8_t>()} << input.Below(32);
-            HeaderOf(record) = {static_cast<std::uint16_t>(*screening.onlyInterface ^ wrongInterface),
+            HeaderOf(record) = {static_cast<std::uint16_t>(*filter.onlyInterface ^ wrongInterface),
                                 method,
                                 std::uint32_t{NkRecordSize} ^ wrongSize,
                                 {}};
@@ -258,7 +258,7 @@ private:
     /// A call of the client that keeps to the protocol.
     void Call(Input& input) {
         Record request{};
-        HeaderOf(request) = {*screening.onlyInterface, 1, NkRecordSize, {}};
+        HeaderOf(request) = {*filter.onlyInterface, 1, NkRecordSize, {}};
         const std::uint64_t value = ++calls;
         std::memcpy(request.data() + sizeof(nk_message), &value, sizeof value);
         auto& slot = honest.Slot();
@@ -280,8 +280,8 @@ private:
         HeaderOf(request).size = NkRecordSize;
         Require(channel.Receive(&HeaderOf(request)) == KnStatusOk, "there is a request");
         Require(NkGetSize(HeaderOf(request)) == NkRecordSize && !NkIsError(HeaderOf(request)) &&
-                    HeaderOf(request).iid == *screening.onlyInterface && HeaderOf(request).mid < *screening.methodCount,
-                "what is received has passed the screening");
+                    HeaderOf(request).iid == *filter.onlyInterface && HeaderOf(request).mid < *filter.methodCount,
+                "what is received has passed the filter");
         Require(!honest.HasReply(), "a good call is not refused");
 
         struct Sight {

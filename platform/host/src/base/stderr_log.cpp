@@ -1,0 +1,280 @@
+#include "base/stderr_log.h"
+
+#include "common/utf8.h"
+
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace borven_host {
+
+using bos::logger::LogLevel;
+
+namespace {
+
+struct LevelStyle {
+    const char* name;
+    const char* colour;
+};
+
+LevelStyle StyleOf(LogLevel level) {
+    switch (level) {
+    case LogLevel::Debug:
+        return {"DEBUG", "\x1b[2m"};
+    case LogLevel::Info:
+        return {"INFO ", ""};
+    case LogLevel::Warning:
+        return {"WARN ", "\x1b[33m"};
+    case LogLevel::Error:
+        return {"ERROR", "\x1b[31m"};
+    }
+    return {"?????", ""};
+}
+
+/// Appends `message` so that it stays one line and cannot steer a terminal: control characters and what is not UTF-8
+/// become escapes.
+void AppendEscaped(std::string& line, std::string_view message) {
+    constexpr char digits[] = "0123456789abcdef";
+    while (!message.empty()) {
+        const utf8::Step step = utf8::Decode(message);
+        const bool isControl = step.point < 0x20 || (step.point >= 0x7F && step.point < 0xA0);
+        if (step.point == U'\n') {
+            line += "\\n";
+        } else if (step.point == U'\t') {
+            line += "\\t";
+        } else if (isControl || !step.valid) {
+            for (const char c : message.substr(0, step.length)) {
+                const auto byte = static_cast<unsigned char>(c);
+                line += "\\x";
+                line += digits[byte >> 4];
+                line += digits[byte & 0xF];
+            }
+        } else {
+            line += message.substr(0, step.length);
+        }
+        message.remove_prefix(step.length);
+    }
+}
+
+void AppendTime(std::string& line) {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    tm parts{};
+    ::gmtime_r(&now.tv_sec, &parts);
+    char text[40];
+    const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+    line.append(text, length);
+    const int micros = std::snprintf(text, sizeof text, ".%06ldZ", now.tv_nsec / 1000);
+    line.append(text, static_cast<std::size_t>(micros));
+}
+
+/// Writes without the signal that a closed pipe sends.
+ssize_t WriteWithoutSignal(int fd, std::string_view bytes) {
+    sigset_t brokenPipe;
+    sigset_t pending;
+    sigset_t before;
+    ::sigemptyset(&brokenPipe);
+    ::sigaddset(&brokenPipe, SIGPIPE);
+    ::sigpending(&pending);
+    const bool wasPending = ::sigismember(&pending, SIGPIPE) == 1;
+    ::pthread_sigmask(SIG_BLOCK, &brokenPipe, &before);
+    const ssize_t count = ::write(fd, bytes.data(), bytes.size());
+    const int error = errno;
+    if (count < 0 && error == EPIPE && !wasPending) {
+        const timespec now{};
+        ::sigtimedwait(&brokenPipe, nullptr, &now);
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    errno = error;
+    return count;
+}
+
+} // namespace
+
+StderrLog& StderrLog::Instance() {
+    static StderrLog& log = *new StderrLog;
+    return log;
+}
+
+StderrLog::StderrLog() {
+    ::pthread_atfork([] { Instance().mutex.lock(); }, [] { Instance().mutex.unlock(); },
+                     [] {
+                         // The parent writes them; twice would be wrong.
+                         Instance().rest.clear();
+                         Instance().dropped = 0;
+                         Instance().mutex.unlock();
+                     });
+    std::atexit([] { Instance().Flush(); });
+}
+
+bool StderrLog::IsEnabled(LogLevel level) const {
+    return static_cast<int>(level) >= threshold.load(std::memory_order_relaxed);
+}
+
+void StderrLog::SetThreshold(LogLevel lowest) noexcept {
+    threshold.store(static_cast<int>(lowest), std::memory_order_relaxed);
+}
+
+void StderrLog::Write(LogLevel level, const char* file, int line, const char* function, const std::string& message) {
+    thread_local const pid_t threadId = ::gettid();
+    const LevelStyle style = StyleOf(level);
+    std::string text;
+    text.reserve(160 + message.size());
+    AppendTime(text);
+    text += ' ';
+    text += style.name;
+    text += " [";
+    text += std::to_string(threadId);
+    text += "] ";
+    text += file;
+    text += ':';
+    text += std::to_string(line);
+    text += ' ';
+    text += function;
+    text += ": ";
+    AppendEscaped(text, message);
+
+    const std::lock_guard lock(mutex);
+    Follow();
+    if (isColoured && *style.colour != '\0') {
+        text = style.colour + text + "\x1b[0m";
+    }
+    text += '\n';
+    Emit(std::move(text));
+}
+
+/// Looks at what standard error is now: a program may put another stream there while it runs.
+void StderrLog::Follow() {
+    struct stat now {};
+    if (::fstat(STDERR_FILENO, &now) != 0) {
+        stream = Stream::Closed;
+        device = 0;
+        inode = 0;
+        return;
+    }
+    if (stream != Stream::Closed && now.st_dev == device && now.st_ino == inode) {
+        return;
+    }
+    device = now.st_dev;
+    inode = now.st_ino;
+    rest.clear();
+    reopened.Reset();
+    isColoured = false;
+    if (S_ISREG(now.st_mode)) {
+        stream = Stream::File;
+        return;
+    }
+    if (S_ISSOCK(now.st_mode)) {
+        stream = Stream::Socket;
+        return;
+    }
+    reopened = UniqueFd(::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    stream = reopened ? Stream::Reopened : Stream::Shared;
+    const char* terminal = std::getenv("TERM");
+    isColoured = ::isatty(STDERR_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr && terminal != nullptr &&
+                 std::string_view(terminal) != "dumb";
+}
+
+/// Returns: what write returns.
+ssize_t StderrLog::WriteSome(std::string_view bytes) const {
+    switch (stream) {
+    case Stream::File:
+        return ::write(STDERR_FILENO, bytes.data(), bytes.size());
+    case Stream::Socket:
+        return ::send(STDERR_FILENO, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    case Stream::Reopened:
+        return WriteWithoutSignal(reopened.Get(), bytes);
+    case Stream::Shared: {
+        // A stream that says it is writable takes this much without blocking.
+        constexpr std::size_t piece = 512;
+        pollfd writable{STDERR_FILENO, POLLOUT, 0};
+        if (::poll(&writable, 1, 0) != 1 || (writable.revents & POLLOUT) == 0) {
+            errno = EAGAIN;
+            return -1;
+        }
+        return WriteWithoutSignal(STDERR_FILENO, bytes.substr(0, piece));
+    }
+    case Stream::Closed:
+        break;
+    }
+    errno = EBADF;
+    return -1;
+}
+
+/// Writes `bytes`, whole or not at all as far as the caller is concerned: a part that is left over goes first next
+/// time. Returns: false when the stream took nothing.
+bool StderrLog::Put(std::string_view bytes) {
+    bool hasBegun = false;
+    while (!bytes.empty()) {
+        const ssize_t count = WriteSome(bytes);
+        if (count > 0) {
+            hasBegun = true;
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    if (hasBegun) {
+        rest = bytes;
+    }
+    return hasBegun;
+}
+
+void StderrLog::Emit(std::string line) {
+    if (!rest.empty() && (!Put(std::string(rest)) || !rest.empty())) {
+        ++dropped;
+        return;
+    }
+    if (dropped != 0) {
+        std::string report;
+        AppendTime(report);
+        report += " WARN  log: " + std::to_string(dropped) + " records were dropped, nobody read them\n";
+        line.insert(0, report);
+    }
+    if (line.empty()) {
+        return;
+    }
+    if (Put(line)) {
+        dropped = 0;
+    } else {
+        ++dropped;
+    }
+}
+
+/// What the stream takes at exit it gets.
+void StderrLog::Flush() {
+    const std::unique_lock lock(mutex, std::try_to_lock);
+    if (lock.owns_lock() && stream != Stream::Closed && (!rest.empty() || dropped != 0)) {
+        Follow();
+        Emit({});
+    }
+}
+
+} // namespace borven_host
+
+namespace bos::logger {
+
+BOSLogger& BOSLogger::RootLogger() {
+    static BOSLogger& logger = *new BOSLogger(borven_host::StderrLog::Instance());
+    return logger;
+}
+
+void BOSLogger::LogImpl(LogLevel level, const char* file, int line, const char* function, std::string& message) {
+    backEnd.load(std::memory_order_acquire)->Write(level, file, line, function, message);
+}
+
+void BOSLogger::SetThreshold(LogLevel lowest) noexcept {
+    borven_host::StderrLog::Instance().SetThreshold(lowest);
+}
+
+} // namespace bos::logger

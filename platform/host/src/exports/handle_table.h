@@ -1,0 +1,51 @@
+#pragma once
+
+#include "kn/handle.h"
+#include "records/channel.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace borven_host {
+
+/// One end of a channel that a handle names: exactly one of the two is set. Whether it is closed the end knows itself.
+struct End final {
+    explicit End(std::shared_ptr<Channel> serverEnd) : channel(std::move(serverEnd)) {}
+    explicit End(std::shared_ptr<Connection> clientEnd) : connection(std::move(clientEnd)) {}
+
+    const std::shared_ptr<Channel> channel;
+    const std::shared_ptr<Connection> connection;
+    std::atomic<bool> isInherited{false}; ///< by this process, from the one that forked it
+};
+
+/// The handles of this process. A handle is the next number of a counter; a closed one comes again only after all four
+/// thousand million others.
+///
+/// A child made by fork has no open handle: the threads that serve them stayed with the parent.
+class HandleTable final {
+public:
+    /// Never destroyed: threads may use their handles until the process is gone.
+    static HandleTable& Instance();
+
+    KnHandle Add(std::shared_ptr<End> end);
+
+    /// Returns: 0 and `end`, valid until the thread's next look-up and perhaps closed meanwhile; KnStatusClosed for a
+    /// handle that is no longer open; KnStatusInvalidArgument for a number that never was a handle.
+    std::int32_t Find(KnHandle handle, End*& end) noexcept;
+
+    /// Returns: the end that the handle named, or null when it was not open.
+    std::shared_ptr<End> Remove(KnHandle handle) noexcept;
+
+    std::vector<std::shared_ptr<End>> RemoveServerEnds();
+
+private:
+    struct Entries;
+
+    HandleTable();
+
+    const std::unique_ptr<Entries> entries;
+};
+
+} // namespace borven_host

@@ -1,0 +1,31 @@
+#include "names/handshake.h"
+
+#include "nk/message.h"
+
+#include <sys/socket.h>
+
+namespace borven_host {
+
+Greeting MakeGreeting() noexcept {
+    return {greetingMagic, protocolVersion, NkRecordSize};
+}
+
+Answer MakeAnswer(std::int32_t status) noexcept {
+    return {answerMagic, protocolVersion, NkRecordSize, status, 0};
+}
+
+bool IsValid(const Greeting& greeting) noexcept {
+    return greeting.magic == greetingMagic && greeting.version == protocolVersion &&
+           greeting.recordSize == NkRecordSize;
+}
+
+bool IsValid(const Answer& answer) noexcept {
+    return answer.magic == answerMagic && answer.version == protocolVersion && answer.recordSize == NkRecordSize;
+}
+
+bool SendAnswer(int socket, std::int32_t status) noexcept {
+    const Answer answer = MakeAnswer(status);
+    return ::send(socket, &answer, sizeof answer, MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof answer;
+}
+
+} // namespace borven_host

@@ -1,0 +1,19 @@
+#include "records/adaptive_spin.h"
+
+namespace borven_host {
+
+namespace {
+
+/// Read once, before anybody confines a thread.
+const bool hasOneCpu = [] {
+    cpu_set_t cpus{};
+    return ::sched_getaffinity(0, sizeof cpus, &cpus) == 0 && CPU_COUNT(&cpus) == 1;
+}();
+
+} // namespace
+
+bool HasOneCpu() noexcept {
+    return hasOneCpu;
+}
+
+} // namespace borven_host

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "base/unique_fd.h"
+
+#include <cstdint>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace borven_host {
+
+// An event descriptor that a process shares with one that it does not trust. It is never read: whoever waits for it has
+// it in an epoll instance, edge-triggered, and each ring is an edge. It counts 1 for ever, since to ring adds 0: unlike
+// any other number, that neither overflows nor blocks, whatever the other side has written and whichever flags it has
+// changed on the descriptor.
+
+inline UniqueFd MakeBell() noexcept {
+    return UniqueFd(::eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
+}
+
+inline void Ring(const UniqueFd& bell) noexcept {
+    const std::uint64_t nothing = 0;
+    static_cast<void>(!::write(bell.Get(), &nothing, sizeof nothing));
+}
+
+/// Adds an edge at once: to be watched counts as one ring.
+inline bool Watch(const UniqueFd& poller, int fd, std::uint32_t events, std::uint64_t data) noexcept {
+    epoll_event event{events, {.u64 = data}};
+    return ::epoll_ctl(poller.Get(), EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+} // namespace borven_host

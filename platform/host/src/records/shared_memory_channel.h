@@ -1,0 +1,60 @@
+#pragma once
+
+#include "base/unique_fd.h"
+#include "nk/message.h"
+#include "records/request_filter.h"
+#include "records/shared_memory_connection.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+namespace borven_host {
+
+/// Server end of a channel (see shared_memory_channel.cpp).
+class Channel final {
+public:
+    enum class DeadClient { ReplyReportsIt, ReplyAnswersOk };
+
+    /// Each costs four descriptors, one mapping of a page, and a worker of the bus while it waits.
+    static constexpr std::size_t maxClients = 2048;
+
+    explicit Channel(DeadClient deadClient);
+    ~Channel();
+
+    Channel(const Channel&) = delete;
+    Channel& operator=(const Channel&) = delete;
+
+    /// Joins a client whose credentials were checked, over its connected socket, and tells it so. The socket is taken
+    /// on success only, and stays open at least until RemoveClient or Close: the housekeeper watches it by its number.
+    ///
+    /// Returns: 0 and `*clientId`; KnStatusClosed; KnStatusBusy; KnStatusNoResources; KnStatusPeerGone. Blocks: never.
+    /// Threads: any.
+    std::int32_t AddClient(UniqueFd&& socket, const RequestFilter& filter, std::uint64_t* clientId);
+
+    /// The same for a client that has its ends already; nothing is sent.
+    std::int32_t AddClient(UniqueFd&& socket, SharedMemoryEnds&& ends, const RequestFilter& filter,
+                           std::uint64_t* clientId);
+
+    /// The client is dead, or was shut down. Idempotent. Threads: any.
+    void RemoveClient(std::uint64_t clientId) noexcept;
+
+    /// See nk/transport.h.
+    std::int32_t Receive(nk_message* request) noexcept;
+    std::int32_t Reply(const nk_message* response) noexcept;
+
+    /// Wakes all receivers and ends all clients. Idempotent. Threads: any.
+    void Close() noexcept;
+
+    std::size_t ClientCount() const noexcept;
+
+private:
+    struct Client;
+    struct State;
+    class PollerRole;
+    friend struct Owed;
+
+    const std::shared_ptr<State> state;
+};
+
+} // namespace borven_host

@@ -1,0 +1,72 @@
+#include "records/shared_memory_region.h"
+
+#include "kn/status.h"
+
+#include <fcntl.h>
+#include <new>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+namespace borven_host {
+
+namespace {
+
+constexpr std::size_t regionSize = 4096;
+static_assert(sizeof(SharedSlot) <= regionSize);
+
+constexpr int sizeSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
+
+} // namespace
+
+std::int32_t SharedMemoryRegion::Create(SharedMemoryRegion& region, UniqueFd& file) {
+    UniqueFd created(::memfd_create("borven-slot", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    // Allocated now: a lack of memory is a refused join, not a signal in the middle of a call.
+    if (!created || ::ftruncate(created.Get(), regionSize) != 0 || ::fallocate(created.Get(), 0, 0, regionSize) != 0 ||
+        ::fcntl(created.Get(), F_ADD_SEALS, sizeSeals) != 0) {
+        return KnStatusNoResources;
+    }
+    if (const auto status = Map(created, region); status != KnStatusOk) {
+        return status;
+    }
+    SharedSlot& slot = region.Slot();
+    slot.magic = SharedSlot::expectedMagic;
+    slot.version = SharedSlot::expectedVersion;
+    slot.size = sizeof(SharedSlot);
+    slot.recordSize = NkRecordSize;
+    file = std::move(created);
+    return KnStatusOk;
+}
+
+std::int32_t SharedMemoryRegion::Open(const UniqueFd& file, SharedMemoryRegion& region) {
+    struct stat status {};
+    const int seals = ::fcntl(file.Get(), F_GET_SEALS);
+    if (seals < 0 || (seals & sizeSeals) != sizeSeals || ::fstat(file.Get(), &status) != 0 ||
+        status.st_size != static_cast<off_t>(regionSize)) {
+        return KnStatusDenied;
+    }
+    SharedMemoryRegion opened;
+    if (const auto mapped = Map(file, opened); mapped != KnStatusOk) {
+        return mapped;
+    }
+    const SharedSlot& slot = opened.Slot();
+    if (slot.magic != SharedSlot::expectedMagic || slot.version != SharedSlot::expectedVersion ||
+        slot.size != sizeof(SharedSlot) || slot.recordSize != NkRecordSize) {
+        return KnStatusDenied;
+    }
+    region = std::move(opened);
+    return KnStatusOk;
+}
+
+std::int32_t SharedMemoryRegion::Map(const UniqueFd& file, SharedMemoryRegion& region) {
+    void* const memory = ::mmap(nullptr, regionSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, file.Get(), 0);
+    if (memory == MAP_FAILED) {
+        return KnStatusNoResources;
+    }
+    ::madvise(memory, regionSize, MADV_DONTFORK);
+    // A fresh file is zeros, and zeros are a slot that nobody has used.
+    region.slot = std::shared_ptr<SharedSlot>(static_cast<SharedSlot*>(memory),
+                                              [](SharedSlot* mapped) { ::munmap(mapped, regionSize); });
+    return KnStatusOk;
+}
+
+} // namespace borven_host
