@@ -1,6 +1,5 @@
-"""Tables and plots from the figures of a run. Nothing here measures, and a figure that is not there leaves a dash."""
+"""The report of a run as Markdown. Nothing here measures; a missing figure is a dash."""
 
-import json
 import os
 import re
 import statistics
@@ -12,39 +11,12 @@ BEGIN = "<!-- measured: begin (written by bench/run, do not edit between the mar
 END = "<!-- measured: end -->"
 EMPTY_PAGE = f"# Performance\n\n{BEGIN}\n{END}\n"
 
-
-class Results:
-    """The figures of a run, pass by pass, with the questions that tables and plots ask."""
-
-    def __init__(self, raw, systems):
-        self.raw = raw
-        self.systems = systems
-
-    def passes(self, measure, variant, system, figure):
-        taken = self.raw["figures"].get(measure, {}).get(variant, {}).get(system, [])
-        return [one[figure] for one in taken if one.get(figure) is not None]
-
-    def median(self, measure, variant, system, figure):
-        passes = self.passes(measure, variant, system, figure)
-        return statistics.median(passes) if passes else None
-
-    def variants(self, measure):
-        return list(self.raw["figures"].get(measure, {}))
-
-    def failure(self, measure, variant, system):
-        return self.raw["failures"].get(measure, {}).get(variant, {}).get(system)
-
-    def shown(self, measure, variant):
-        """The systems that have figures or a failure to show."""
-        return [s for s in self.systems if s.name in self.raw["figures"].get(measure, {}).get(variant, {})
-                or self.failure(measure, variant, s.name)]
-
-    def best(self, measure, variant, figure, better, among):
-        """Returns: (figure, system) of the best of the peers `among` names, or None."""
-        found = [(self.median(measure, variant, s.name, figure), s) for s in self.systems
-                 if not s.ours and among(s)]
-        found = [pair for pair in found if pair[0] is not None]
-        return better(found, key=lambda pair: pair[0]) if found else None
+LIMITS = {
+    "shared-spin": "round trip of a 1056-byte record through shared memory, both sides spin",
+    "shared-sleep": "the same, both sides sleep (futex)",
+    "seqpacket": "the same through a socket pair (SOCK_SEQPACKET)",
+    "thread": "create and join a thread with a stack of 1 MiB",
+}
 
 
 def brokered(system):
@@ -56,7 +28,7 @@ def acknowledging(system):
 
 
 def number(value, digits=3):
-    """`value` with `digits` significant digits and thousands apart."""
+    """`value` with `digits` significant digits and a comma between thousands."""
     if value is None:
         return "–"
     if value == 0:
@@ -66,7 +38,7 @@ def number(value, digits=3):
 
 
 def spread(passes, scale=1.0):
-    """Median and, in brackets, the least and the greatest pass."""
+    """The median and, in brackets, the least and the greatest pass."""
     if not passes:
         return "–"
     scaled = [value * scale for value in passes]
@@ -84,8 +56,12 @@ def ratio(value, best):
     return "–" if value is None or best is None else f"{number(value / best[0], 2)} ×"
 
 
+def image(pictures, name):
+    return f"![{plots.QUESTIONS[name]}]({os.path.normpath(os.path.join(pictures, plots.file_name(name)))})"
+
+
 def rate_table(results, measure, variant, figure, unit, extra):
-    """A table of one rate, its ratio to the best brokered peer, and `extra` columns (title, figure, scale)."""
+    """A table of one rate, its ratio to the best peer with a broker, and `extra` columns (title, figure, scale)."""
     best = results.best(measure, variant, figure, max, brokered)
     rows = []
     for s in results.shown(measure, variant):
@@ -96,11 +72,11 @@ def rate_table(results, measure, variant, figure, unit, extra):
         rows.append([s.label, spread(results.passes(measure, variant, s.name, figure)),
                      ratio(results.median(measure, variant, s.name, figure), best)] +
                     [spread(results.passes(measure, variant, s.name, name), scale) for _, name, scale in extra])
-    return table(["system", unit, f"of {best[1].label if best else 'the best peer'}"] +
+    return table(["system", unit, f"against {best[1].label if best else 'the best peer'}"] +
                  [title for title, _, _ in extra], rows)
 
 
-def section_m1(results):
+def section_m1(results, pictures):
     parts = []
     for variant, title in (("unpinned", "scheduler's choice of CPUs"), ("one CPU", "everything on one CPU (taskset -c 0)")):
         if results.shown("M1", variant):
@@ -111,14 +87,14 @@ def section_m1(results):
     cost = [[s.label] + [spread(results.passes("M1", "unpinned", s.name, name)) for name in (
         "serverCpuUs", "serverSwitches", "publisherCpuUs", "publisherSwitches", "subscriberCpuUs",
         "subscriberSwitches")] for s in results.shown("M1", "unpinned")]
-    return (["### M1: acknowledged publish, one at a time, one subscriber attached", "![M1](performance/m1.svg)"] + parts
+    return (["### M1: acknowledged publish, one at a time, one subscriber attached", image(pictures, "m1")] + parts
             + ["#### What one value of M1 costs",
-               "CPU time and context switches per value, start and end of the processes included.",
+               "CPU time and context switches per value, including those of starting and ending the processes.",
                table(["system", "server µs", "server switches", "publisher µs", "publisher switches", "subscriber µs",
                       "subscriber switches"], cost)])
 
 
-def section_m2(results):
+def section_m2(results, pictures):
     shown = results.shown("M2", "unpinned")
     if not shown:
         return []
@@ -131,14 +107,14 @@ def section_m2(results):
             ratio(results.median("M2", "unpinned", s.name, "p50"), best),
             spread(results.passes("M2", "unpinned", s.name, "p99"), 1e-3),
             spread(results.passes("M2", "unpinned", s.name, "max"), 1e-3)]))
-    return ["### M2: one-way delivery on an idle system, one value every 2 ms", "![M2](performance/m2.svg)",
-            table(["system", "p50 µs", f"of {best[1].label if best else 'the best peer'}", "p99 µs", "max µs"], rows)]
+    return ["### M2: one-way delivery on an idle system, one value every 2 ms", image(pictures, "m2"),
+            table(["system", "p50 µs", f"against {best[1].label if best else 'the best peer'}", "p99 µs", "max µs"], rows)]
 
 
-def section_rate(results, measure, title):
+def section_rate(results, measure, title, pictures):
     if not results.shown(measure, "unpinned"):
         return []
-    return [title, f"![{measure}](performance/{measure.lower()}.svg)",
+    return [title, image(pictures, measure.lower()),
             rate_table(results, measure, "unpinned", "deliveries", "deliveries/s",
                        (("refused and repeated publishes", "refused", 1),))]
 
@@ -163,16 +139,17 @@ def section_m5(results):
     failures = [f"{s.label}, {count} waiting: {results.failure('M5', count, s.name)}" for s in results.systems
                 for count in counts if results.failure("M5", count, s.name)]
     return ["### M5: the cost of being idle",
-            "Growth of the server's memory by each waiting subscriber; its CPU with 100 waiting and no traffic, from the "
-            "scheduler's ns counters and from utime + stime, whose unit is 10 ms. PSS counts a page that n processes map "
-            "as 1/n: it falls where the clients map the server's memory.",
+            "The server's memory that each waiting subscriber adds, and the server's CPU time with 100 waiting and no traffic: "
+            "from the scheduler's counters in ns, and from utime + stime, which count units of 10 ms. PSS counts a page "
+            "that n processes map as 1/n, so it is lower where clients map the server's memory.",
             table(["system", "CPU %", "utime + stime %"] + [f"RSS KiB each, {count}" for count in counts] +
                   [f"PSS KiB each, {most}", f"ms to register {most}"], rows)] + failures
 
 
-def section_m6(results):
+def section_m6(results, pictures):
     parts = []
-    for measure, figure, title in (("M6 publish", "ops", "publishes/s"), ("M6 fan-out", "deliveries", "deliveries/s")):
+    for measure, picture, figure, title in (("M6 publish", "m6-publish", "ops", "publishes/s"),
+                                            ("M6 fan-out", "m6-fan-out", "deliveries", "deliveries/s")):
         variants = results.variants(measure)
         if not variants:
             continue
@@ -182,24 +159,16 @@ def section_m6(results):
                 rows.append([s.label] + ["failed" if results.failure(measure, variant, s.name) else
                                          spread(results.passes(measure, variant, s.name, figure))
                                          for variant in variants])
-        parts += [f"#### {measure}: {title}", table(["system"] + variants, rows)]
+        parts += [f"#### {measure}: {title}", image(pictures, picture), table(["system"] + variants, rows)]
         for variant in variants:
             parts += [f"{s.label}, {variant}: {results.failure(measure, variant, s.name)}" for s in results.systems
                       if results.failure(measure, variant, s.name)]
     if not parts:
         return []
     return ["### M6: growth",
-            "By subscribers with one publisher; by publishers with one subscriber (publish) or 100 subscribers (fan-out). "
-            f"A publisher stops after {results.raw['sizes']['growth_deliveries']:,} deliveries, or 100 values.",
-            "![M6](performance/m6.svg)"] + parts
-
-
-LIMITS = {
-    "shared-spin": "record of 1056 bytes there and back through shared memory, both sides spin",
-    "shared-sleep": "the same, both sides sleep (futex)",
-    "seqpacket": "the same through a socket pair (SOCK_SEQPACKET)",
-    "thread": "a thread with a stack of 1 MiB made and joined",
-}
+            "Columns `subscribers: N` have one publisher. Columns `publishers: N` have one subscriber (publish) or 100 "
+            f"subscribers (fan-out). A publisher stops after {results.raw['sizes']['growth_deliveries']:,} deliveries, or "
+            "100 values."] + parts
 
 
 def section_limits(results):
@@ -213,57 +182,52 @@ def section_limits(results):
     micro = results.raw["figures"].get("micro", {}).get("one process", {}).get("micro", [])
     if micro:
         parts += ["### Inside one process", table(["benchmark", "ns"], [
-            [f"`{name}`", spread([one[name] for one in micro if name in one])] for name in micro[0]])]
+            [f"`{name}`", spread(results.passes("micro", "one process", "micro", name))] for name in micro[0]])]
     return parts
 
 
-def goals(results):
-    """Rows of (what, goal, stretch, measured, met) against the goals of the design."""
-    def against(measure, variant, figure, better, among):
-        ours = results.median(measure, variant, OURS, figure)
-        best = results.best(measure, variant, figure, better, among)
-        return None if ours is None or best is None else (ours / best[0], f"{number(ours / best[0])} × {best[1].label}")
+def against(results, measure, variant, figure, better, among):
+    """This bus divided by the best peer of `among`, or None."""
+    ours = results.median(measure, variant, OURS, figure)
+    best = results.best(measure, variant, figure, better, among)
+    return None if ours is None or best is None else f"{number(ours / best[0])} × {best[1].label}"
 
-    def own(figure, variant, unit):
-        value = results.median("M5", variant, OURS, figure)
-        return None if value is None else (value, f"{number(value)} {unit}")
 
-    def floor():
-        ops = results.median("M1", "unpinned", OURS, "ops")
-        # The median trip against our mean: a disturbed pass then counts against us, not for us.
-        trip = results.median("limits", "two CPUs", "shared-spin", "p50")
-        push = results.median("micro", "one process", "micro", "Push")
-        if None in (ops, trip, push):
-            return None
-        return 1e9 / ops / (trip + push), f"{number(1e9 / ops / (trip + push))} × ({number(trip)} + {number(push)} ns)"
+def waiting_cost(results, figure, waiting, unit):
+    value = results.median("M5", waiting, OURS, figure)
+    return None if value is None else f"{number(value)} {unit}"
 
+
+def against_floor(results):
+    """The mean time of a publish divided by the least it can take here: a round trip and a push."""
+    ops = results.median("M1", "unpinned", OURS, "ops")
+    # The median trip against our mean: a disturbed pass then counts against us, not for us.
+    trip = results.median("limits", "two CPUs", "shared-spin", "p50")
+    push = results.median("micro", "one process", "micro", "Push")
+    if None in (ops, trip, push):
+        return None
+    return f"{number(1e9 / ops / (trip + push))} × ({number(trip)} + {number(push)} ns)"
+
+
+def section_summary(results):
     most = (results.variants("M5") or ["100"])[-1]
-    wanted = (
-        ("M1 publishes/s against the best peer with a broker", max, 5, 10, "×",
-         against("M1", "unpinned", "ops", max, brokered)),
-        ("M1 on one CPU against the best such peer", max, 1.2, 2, "×", against("M1", "one CPU", "ops", max, brokered)),
-        ("M2 p50 against the best peer with a broker", min, 1.0, 0.6, "×",
-         against("M2", "unpinned", "p50", min, brokered)),
-        ("M3 deliveries/s against the best peer that acknowledges", max, 2, 5, "×",
-         against("M3", "unpinned", "deliveries", max, acknowledging)),
-        ("M4 deliveries/s against D-Bus", max, 1.5, 5, "×",
-         against("M4", "unpinned", "deliveries", max, lambda s: s.name == "dbus")),
-        ("M5 server CPU, 100 waiting", min, 0.5, 0.005, "%", own("cpuPercent", "100", "%")),
-        (f"M5 resident memory per waiting subscriber, {most} waiting", min, 64, 32, "KiB", own("rssKib", most, "KiB")),
-        ("M1 time per call against raw shared-memory round trip + Push", min, 2, 1.3, "×", floor()),
+    rows = (
+        ("M1 publishes/s against the best peer with a broker", "higher",
+         against(results, "M1", "unpinned", "ops", max, brokered)),
+        ("M1 publishes/s on one CPU against the best peer with a broker", "higher",
+         against(results, "M1", "one CPU", "ops", max, brokered)),
+        ("M2 p50 against the best peer with a broker", "lower", against(results, "M2", "unpinned", "p50", min, brokered)),
+        ("M3 deliveries/s against the best peer that acknowledges", "higher",
+         against(results, "M3", "unpinned", "deliveries", max, acknowledging)),
+        ("M4 deliveries/s against D-Bus", "higher",
+         against(results, "M4", "unpinned", "deliveries", max, lambda s: s.name == "dbus")),
+        ("M5 server CPU, 100 subscribers waiting", "lower", waiting_cost(results, "cpuPercent", "100", "%")),
+        (f"M5 resident memory per waiting subscriber, {most} waiting", "lower",
+         waiting_cost(results, "rssKib", most, "KiB")),
+        ("M1 time per publish against a raw round trip through shared memory + Push", "lower", against_floor(results)),
     )
-    rows = []
-    for what, better, goal, stretch, unit, measured in wanted:
-        word = "at least" if better is max else "at most"
-        if measured is None:
-            met = "–"
-        else:
-            met = "missed"
-            for limit, name in ((goal, "goal"), (stretch, "stretch")):
-                if better(measured[0], limit) == measured[0]:
-                    met = name
-        rows.append([what, f"{word} {goal:g} {unit}", f"{word} {stretch:g} {unit}", measured[1] if measured else "–", met])
-    return rows
+    return ["### Summary", table(["what", "measured", "better is"],
+                                 [[what, measured or "–", better] for what, better, measured in rows])]
 
 
 def setting(results):
@@ -274,11 +238,11 @@ def setting(results):
              f"{machine['compiler']}; load at the start {machine['load']:.2f}.",
              f"Medians of {sizes['passes']} passes (M5 and M6: {sizes['growth_passes']}) with the least and the greatest "
              "in brackets; the systems take turns pass by pass. Every value is checked for loss, repetition and order by "
-             "every subscriber. Each subscriber is a connection with a thread of its own that blocks in its library's "
-             "receive, all in one process; publishers likewise in another.",
+             "every subscriber. Each subscriber is a connection with its own thread, which blocks in the receive call of its "
+             "library; all subscribers are in one process, all publishers in another.",
              "Packages: " + ", ".join(machine["packages"]) + "."]
     rows = [[s.label, s.acknowledgement, s.no_loss] for s in results.systems if s.name not in raw["absent"]]
-    lines.append("| system | a publish has returned: | loss is excluded by |\n|---|---|---|\n" +
+    lines.append("| system | a publish returns on | loss is excluded by |\n|---|---|---|\n" +
                  "\n".join("| " + " | ".join(row) + " |" for row in rows))
     lines += [f"{s.label} has no rows with more than {s.most_subscribers} subscribers: its build allows no more for one "
               "publisher." for s in results.systems if s.most_subscribers < 1000]
@@ -286,39 +250,27 @@ def setting(results):
     return lines
 
 
-def text(raw, systems):
-    """The whole report as Markdown."""
-    results = Results(raw, systems)
-    parts = (["### Goals", table(["what", "goal", "stretch", "measured", "met"], goals(results))] + section_m1(results) +
-             section_m2(results) +
-             section_rate(results, "M3", "### M3: sustained delivery to one subscriber, each publish acknowledged") +
-             section_rate(results, "M4", "### M4: fan-out to 100 subscribers") + section_m5(results) +
-             section_m6(results) + section_limits(results) + ["### Setting"] + setting(results))
+def text(results, pictures):
+    """The whole report as Markdown, with links to the plots in the folder `pictures`."""
+    parts = (section_summary(results) + section_m1(results, pictures) + section_m2(results, pictures) +
+             section_rate(results, "M3", "### M3: sustained delivery to one subscriber, each publish acknowledged", pictures) +
+             section_rate(results, "M4", "### M4: fan-out to 100 subscribers", pictures) + section_m5(results) +
+             section_m6(results, pictures) + section_limits(results) + ["### Setting"] + setting(results))
     return "\n\n".join(parts)
 
 
-def page(out):
-    return os.path.join(out, "performance.md")
-
-
-def folder(out):
-    return os.path.join(out, "performance")
-
-
-def write(raw, systems, out):
-    """Writes results.json, the plots, and the part of performance.md between its markers."""
-    os.makedirs(folder(out), exist_ok=True)
-    with open(os.path.join(folder(out), "results.json"), "w", encoding="utf-8") as file:
-        json.dump(raw, file, indent=1)
-        file.write("\n")
-    plots.draw(Results(raw, systems), folder(out))
+def write(results, folder, page):
+    """Draws the plots in `folder` and replaces the part of `page` between its markers. Returns: that part."""
+    plots.draw(results, folder)
     content = EMPTY_PAGE
-    if os.path.exists(page(out)):
-        with open(page(out), encoding="utf-8") as file:
+    if os.path.exists(page):
+        with open(page, encoding="utf-8") as file:
             content = file.read()
     if BEGIN not in content or END not in content:
-        raise SystemExit(f"{page(out)} has lost its markers:\n{BEGIN}\n{END}")
-    measured = f"{BEGIN}\n\n{text(raw, systems)}\n\n{END}"
-    content = re.sub(re.escape(BEGIN) + ".*?" + re.escape(END), lambda _: measured, content, flags=re.DOTALL)
-    with open(page(out), "w", encoding="utf-8") as file:
+        raise SystemExit(f"{page} lacks the markers around the report:\n{BEGIN}\n{END}")
+    report = text(results, os.path.relpath(folder, os.path.dirname(page)))
+    content = re.sub(re.escape(BEGIN) + ".*?" + re.escape(END), lambda _: f"{BEGIN}\n\n{report}\n\n{END}", content,
+                     flags=re.DOTALL)
+    with open(page, "w", encoding="utf-8") as file:
         file.write(content)
+    return report
