@@ -1,6 +1,6 @@
-// D-Bus through sd-bus to a private dbus-daemon over a unix socket. A value is a signal, which has no reply;
-// acknowledgement: the reply of the daemon itself to a Ping sent right behind it. The daemon works through a connection
-// in order, so the reply says that the signal has been handed to every subscriber's queue.
+// D-Bus through sd-bus to a private dbus-daemon over a unix socket. A value is a signal, which has no reply.
+// Acknowledgement: the daemon's own reply to a Ping sent after the signal. The daemon handles the messages of a
+// connection in order, so the reply means that the signal is in the queue of every subscriber.
 
 #include "driver.h"
 

@@ -8,7 +8,7 @@
 
 namespace bench {
 
-/// A bus that cannot do what is asked of it, in words for the report.
+/// A bus that failed. The message goes into the report.
 class DriverError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -45,16 +45,16 @@ public:
     virtual std::unique_ptr<IPublisher> MakePublisher(int topic) = 0;
 
     /// Connects a subscriber of the topics 0 to `topics` - 1.
-    /// Blocks: until the bus is certain to deliver whatever is published from now on.
+    /// Blocks: until the bus is certain to deliver every value published from now on.
     virtual std::unique_ptr<ISubscriber> MakeSubscriber(int topics) = 0;
 };
 
-/// The name of topic number `topic` where a bus wants one.
+/// The name of topic number `topic`, for a bus that needs names.
 inline std::string TopicName(int topic) {
     return "bench." + std::to_string(topic);
 }
 
-/// Makes the driver of the server at `address`, which is whatever the harness was told to hand over.
+/// Makes the driver of the server at `address`, which has the form that `start` in harness/systems.py returns.
 using MakeDriver = std::function<std::unique_ptr<IDriver>(const std::string& address)>;
 
 /// The body of every driver's main: `publish` or `subscribe`, see bench/README.md.

@@ -1,6 +1,6 @@
-// iceoryx: values go through shared memory straight into the queue of every subscriber, RouDi only introduces the two
-// sides and no broker stands in the path. There is no acknowledgement; publish returns when the value is in every
-// queue. A full queue (256 values) blocks the publisher, so that nothing is lost.
+// iceoryx: values go through shared memory into the queue of every subscriber. RouDi only connects the two sides; no
+// broker is in the path. There is no acknowledgement: publish returns when the value is in every queue. A full queue
+// (256 values) blocks the publisher, so that nothing is lost.
 
 #include "driver.h"
 
@@ -16,7 +16,7 @@
 namespace bench {
 namespace {
 
-// All topics share one service: its publishers are many, and a subscriber then has one queue to wait on.
+// All topics share one service, so that a subscriber has one queue to wait on.
 iox::capro::ServiceDescription Service() {
     return {"borven", "bench", "values"};
 }
@@ -53,7 +53,7 @@ public:
         waitSet.attachState(port, iox::popo::SubscriberState::HAS_DATA).or_else([](const auto&) {
             throw DriverError("iceoryx: cannot attach to the wait set");
         });
-        // RouDi connects the two sides on its next round; nothing reports when.
+        // RouDi connects the two sides in its next cycle and does not report when.
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         while (port.getSubscriptionState() != iox::SubscribeState::SUBSCRIBED) {
             if (std::chrono::steady_clock::now() > deadline) {

@@ -1,5 +1,5 @@
-// MQTT through libmosquitto over a unix socket, QoS 1 both ways. Acknowledgement: PUBACK. The library's own loop
-// selects on descriptor numbers below 1024, too few for a thousand connections, so the descriptors are polled here.
+// MQTT through libmosquitto over a unix socket, QoS 1 both ways. Acknowledgement: PUBACK. The library's own loop uses
+// select, which is limited to descriptors below 1024, too few for 1000 connections. So this driver polls them itself.
 
 #include "driver.h"
 
@@ -23,7 +23,7 @@ void Check(int code, const char* what) {
     }
 }
 
-/// A connection that is driven by whoever waits on it.
+/// A connection without a thread of its own: the thread that waits on it does its work.
 class Connection final {
 public:
     explicit Connection(const std::string& path) : handle(mosquitto_new(nullptr, true, this)) {

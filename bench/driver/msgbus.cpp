@@ -1,4 +1,4 @@
-// This bus through its client library. Acknowledgement: the reply to Push, sent once the value is in the inbound queue.
+// This bus through its client library. Acknowledgement: the reply to Push, sent when the value is in the inbound queue.
 // The address is the server's runtime directory.
 
 #include "driver.h"

@@ -1,6 +1,6 @@
-// NATS through its C client over loopback TCP, the only kind of socket the server has. PUB has no reply;
-// acknowledgement: a PING sent behind it and its PONG (natsConnection_Flush). The server works through a connection in
-// order, so the PONG says that the value has been routed to every subscriber.
+// NATS through its C client over loopback TCP, the only kind of socket the server has. PUB has no reply.
+// Acknowledgement: the PONG to a PING sent after the PUB (natsConnection_Flush). The server handles the commands of a
+// connection in order, so the PONG means that the value has been routed to every subscriber.
 
 #include "driver.h"
 
@@ -32,7 +32,7 @@ Connection Connect(const std::string& url) {
     const std::unique_ptr<natsOptions, Destroy> options(rawOptions);
     Check(natsOptions_SetURL(rawOptions, url.c_str()), "url");
     Check(natsOptions_SetAllowReconnect(rawOptions, false), "options");
-    // Without it a second thread does the sending, which costs a third more latency.
+    // Otherwise a second thread sends, which adds a third to the latency.
     Check(natsOptions_SetSendAsap(rawOptions, true), "options");
     natsConnection* connection = nullptr;
     Check(natsConnection_Connect(&connection, rawOptions), "cannot connect");
@@ -57,7 +57,7 @@ private:
 class NatsSubscriber final : public ISubscriber {
 public:
     NatsSubscriber(const std::string& url, int topics) : connection(Connect(url)) {
-        // One subscription object has one queue to wait on, so several topics are one pattern.
+        // Each subscription object has its own queue, so several topics are one pattern: one queue to wait on.
         const std::string subject = topics == 1 ? TopicName(0) : "bench.*";
         natsSubscription* raw = nullptr;
         Check(natsConnection_SubscribeSync(&raw, connection.get(), subject.c_str()), "subscribe");

@@ -1,4 +1,4 @@
-// Redis through hiredis over a unix socket. Acknowledgement: the reply to PUBLISH, which the server sends once the
+// Redis through hiredis over a unix socket. Acknowledgement: the reply to PUBLISH, which the server sends when the
 // value is in the output buffer of every subscriber.
 
 #include "driver.h"

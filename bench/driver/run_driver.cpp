@@ -1,5 +1,6 @@
-// The publishing and the subscribing process, the same for every bus: what is sent, timed and checked is decided here,
-// a driver only moves values. Both print one JSON object per line; the publisher starts on a line on standard input.
+// The publishing and the subscribing process, the same for every bus: this file decides what is sent, timed and
+// checked; a driver only moves values. Both print one JSON object per line. The publisher starts when it reads a line
+// from standard input.
 
 #include "driver.h"
 #include "options.h"
@@ -25,7 +26,7 @@ void PrintLine(const std::string& json) {
     std::cout << json << std::endl;
 }
 
-/// Runs `body(index)` on `count` threads. A failure of any of them ends the process: the others may wait for ever.
+/// Runs `body(index)` on `count` threads. If one fails, the process exits, because the others may wait forever.
 template <typename Body>
 void OnThreads(int count, Body body) {
     std::vector<std::jthread> threads;
@@ -42,13 +43,13 @@ void OnThreads(int count, Body body) {
     }
 }
 
-/// The timed part ends with its values or its seconds, whichever comes first; 0 sets no limit.
+/// The timed part ends after `values` values or `seconds` seconds, whichever comes first; 0 is no limit.
 struct PublishPlan {
     std::int64_t values;
     double seconds;
-    std::int64_t warmUp; // untimed values before
-    long intervalUs;     // 0: as fast as the acknowledgements come
-    bool stamped;        // values are the clock instead of sequence numbers
+    std::int64_t warmUp; // untimed values before the timed part
+    long intervalUs;     // 0: publish again as soon as the last value is acknowledged
+    bool stamped;        // values are times of the monotonic clock instead of sequence numbers
 };
 
 struct PublishResult {
@@ -59,7 +60,7 @@ struct PublishResult {
     std::int64_t endNs = 0;
 };
 
-/// Publishes `value` until the bus takes it, counting the refusals.
+/// Publishes `value` until the bus accepts it. Counts the refusals.
 void PublishSurely(IPublisher& publisher, std::int64_t value, std::int64_t& refused) {
     while (!publisher.Publish(value)) {
         ++refused;
@@ -74,8 +75,7 @@ PublishResult PublishAll(IPublisher& publisher, int topic, const PublishPlan& pl
     for (; sequence < plan.warmUp; ++sequence) {
         PublishSurely(publisher, nextValue(), result.refused);
     }
-    // Enough for what this class of machine publishes in the seconds of a run, so that it never grows in the timed
-    // loop.
+    // More than a machine of this class publishes in one pass, so that the vector does not grow in the timed loop.
     result.latencies = Samples(static_cast<std::size_t>(plan.values > 0 ? plan.values : 4'000'000));
     const auto mostValues = plan.values > 0 ? plan.values : std::numeric_limits<std::int64_t>::max();
     const auto mostNs =
@@ -133,7 +133,7 @@ int PublishVerb(IDriver& driver, const Options& options) {
     PrintLine(R"({"event":"published","values":)" + std::to_string(total.values) +
               ",\"refused\":" + std::to_string(total.refused) + ",\"startNs\":" + std::to_string(total.startNs) +
               ",\"endNs\":" + std::to_string(total.endNs) + "," + total.latencies.Json() + "}");
-    // The connections stay until the values have been read: the harness closes standard input then.
+    // Keep the connections until the values have been received: the harness closes standard input then.
     while (std::getline(std::cin, go)) {
     }
     return 0;
@@ -143,7 +143,7 @@ struct SubscribeResult {
     Samples latencies{0};
     std::int64_t received = 0;
     std::int64_t lost = 0;
-    std::int64_t repeated = 0; // also: older than one already seen
+    std::int64_t repeated = 0; // or older than a value received before
     std::int64_t lastNs = 0;
 };
 

@@ -9,13 +9,13 @@
 
 namespace bench {
 
-/// CLOCK_MONOTONIC, which all processes of a machine share.
+/// CLOCK_MONOTONIC, which is the same for all processes of a machine.
 inline std::int64_t NowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
 
-/// Durations in ns, kept one by one so that percentiles are exact.
+/// Durations in ns. Every one is kept, so that percentiles are exact.
 class Samples final {
 public:
     explicit Samples(std::size_t expected) { all.reserve(expected); }
@@ -24,7 +24,7 @@ public:
     void Merge(const Samples& other) { all.insert(all.end(), other.all.begin(), other.all.end()); }
     std::size_t Count() const { return all.size(); }
 
-    /// Returns: the members `p50`, `p99`, `max` and `mean` of a JSON object, in ns; nothing measured gives nulls.
+    /// Returns: the members `p50`, `p99`, `max` and `mean` of a JSON object, in ns; nulls without samples.
     std::string Json() {
         if (all.empty()) {
             return R"("p50":null,"p99":null,"max":null,"mean":null)";

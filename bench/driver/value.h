@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-// What a benchmark value carries: the topic and a sequence number, so that every subscriber can tell loss, repetition
-// and disorder apart. Negative values end a topic and carry its number of values.
+// A benchmark value holds the topic and a sequence number, so that every subscriber can detect loss, repetition and
+// disorder. A negative value ends a topic and holds the number of its values.
 namespace bench {
 
 constexpr int sequenceBits = 40;

@@ -1,6 +1,6 @@
-// ZeroMQ over unix sockets. It has no broker of its own, so the verb `serve` is the usual proxy process: publishers are
-// REQ sockets on its ROUTER, subscribers are SUB sockets on its XPUB, one thread moves the values. Acknowledgement: the
-// proxy's reply, sent once the value has been given to the XPUB socket, that is to the queue of every subscriber.
+// ZeroMQ over unix sockets. It has no broker, so the verb `serve` runs the usual proxy process: publishers are REQ
+// sockets on its ROUTER, subscribers are SUB sockets on its XPUB, one thread moves the values. Acknowledgement: the
+// proxy's reply, sent when the XPUB socket has the value, that is, when it is in the queue of every subscriber.
 
 #include "driver.h"
 #include "options.h"
@@ -24,7 +24,7 @@ std::string SubscriberEnd(const std::string& directory) {
     return "ipc://" + directory + "/out";
 }
 
-/// The fixed-size topic frame in front of a value: no topic is then a prefix of another one.
+/// The topic frame in front of a value. Its last character keeps any topic from being a prefix of another one.
 std::string TopicFrame(int topic) {
     return TopicName(topic) + ".";
 }
@@ -83,8 +83,8 @@ public:
         for (int i = 0; i < topics; ++i) {
             socket.set(zmq::sockopt::subscribe, TopicFrame(i));
         }
-        // A subscription is not acknowledged; the proxy answers one for a receipt with a message of that name, and the
-        // subscriptions of a connection arrive in order.
+        // Subscriptions are not acknowledged. The proxy answers a subscription to a receipt with a message of that
+        // name, and the subscriptions of a connection arrive in order.
         const std::string receipt = receiptPrefix + std::to_string(number) + ".";
         socket.set(zmq::sockopt::subscribe, receipt);
         Received(socket);
@@ -129,7 +129,7 @@ private:
 };
 
 void ForwardValue(zmq::socket_t& publishers, zmq::socket_t& subscribers) {
-    std::array<zmq::message_t, 4> frames; // who, delimiter, topic, value
+    std::array<zmq::message_t, 4> frames; // routing id, delimiter, topic, value
     for (auto& frame : frames) {
         frame = Received(publishers);
     }

@@ -1,1 +1,1 @@
-"""The benchmark's parts: processes, the systems compared, the measurements, the report."""
+"""The parts of bench/run: processes, the systems compared, the measures, stored results, report and plots."""

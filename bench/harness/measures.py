@@ -1,4 +1,4 @@
-"""The measurements. Each takes one pass of one system and returns a flat dict of figures."""
+"""The measures. Each takes one pass of one system and returns a flat dict of figures."""
 
 import contextlib
 import json
@@ -39,7 +39,7 @@ class Bench:
             yield child
         finally:
             child.stop()
-            for name in system.litter:
+            for name in system.leftovers:
                 with contextlib.suppress(FileNotFoundError):
                     os.unlink(name.format(pid=child.pid))
 
@@ -53,7 +53,7 @@ class Bench:
                 with self._driver(system, "subscribe", address, directory, cpus, subscribers=subscribers,
                                   topics=publishers, stamped=stamped) as subscriber:
                     subscriber.event("registered", deadline)
-                    publisher.say("go")
+                    publisher.send("go")
                     published = publisher.event("published", deadline)
                     received = subscriber.event("received", deadline)
                     if subscriber.finish(deadline) != 0:
@@ -63,14 +63,15 @@ class Bench:
             server.stop()
             cost = _cost({"server": server, "publisher": publisher, "subscriber": subscriber}, published["values"])
         warm_up = plan.get("warm_up", 0) * publishers
-        if received["received"] != (published["values"] + warm_up) * subscribers:
-            raise Failure(f"{received['received']} values arrived of {published['values'] * subscribers}")
+        expected = (published["values"] + warm_up) * subscribers
+        if received["received"] != expected:
+            raise Failure(f"received {received['received']} of {expected} values")
         return published, received, cost
 
     def publish(self, system, cpus=None, subscribers=1, publishers=1, seconds=None, values=0):
-        """M1: acknowledged publishes one at a time per publisher, with subscribers attached.
+        """M1: acknowledged publishes, one at a time per publisher, with subscribers attached.
 
-        `values` limits each publisher where a bus acknowledges much faster than it delivers.
+        `values` limits each publisher: a bus that acknowledges much faster than it delivers would need long to catch up.
         """
         published, _, cost = self._exchange(system, subscribers, publishers, cpus, values=values,
                                             seconds=seconds or self.sizes.m1_seconds,
@@ -80,19 +81,19 @@ class Bench:
                 "max": published["max"], "refused": published["refused"], **cost}
 
     def idle_delivery(self, system):
-        """M2: one way, one value every 2 ms."""
+        """M2: one-way delivery, one value every 2 ms."""
         _, received, _ = self._exchange(system, stamped=1, values=self.sizes.m2_values, interval_us=2000)
         return {name: received[name] for name in ("p50", "p99", "max", "mean")}
 
     def delivery(self, system, values, subscribers=1, publishers=1):
-        """M3 and M4: from the first publish to the last value received by anybody."""
+        """M3 and M4: from the first publish until the last subscriber has the last value."""
         published, received, cost = self._exchange(system, subscribers, publishers, values=values // publishers)
         elapsed_s = (received["lastNs"] - published["startNs"]) / 1e9
         return {"deliveries": received["received"] / elapsed_s, "values": published["values"],
                 "refused": published["refused"], **cost}
 
     def waiting(self, system, subscribers):
-        """M5: what `subscribers` connections that wait cost the server, beside one silent publisher."""
+        """M5: what `subscribers` waiting connections cost the server, with one silent publisher connected."""
         deadline = self.sizes.deadline_s
         with self._server(system, None) as (server, address, directory):
             with self._driver(system, "publish", address, directory, None) as publisher:
@@ -121,7 +122,7 @@ class Bench:
                 "cpuPercent": (scheduled_after - scheduled) / elapsed * 100}
 
     def limit(self, name, cpus=None, apart=0):
-        """A raw round trip, or a thread made and joined."""
+        """A raw round trip, or creating and joining a thread."""
         command = [os.path.join(self.bin_directory, "bench_limits"), name, "--seconds",
                    str(self.sizes.limit_seconds), "--apart", str(apart)]
         return _json_of(command, cpus)
@@ -139,7 +140,7 @@ class Bench:
 
 
 def _cost(children, values):
-    """CPU time and context switches per published value of each process, its start and end included."""
+    """CPU time and context switches of each process per published value, including its start and end."""
     figures = {}
     for name, child in children.items():
         usage = child.usage

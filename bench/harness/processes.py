@@ -1,4 +1,4 @@
-"""Child processes that speak JSON lines, watched by deadlines and ended by their pid."""
+"""Child processes that print JSON lines. Every wait has a deadline; a process is ended by its pid."""
 
 import json
 import os
@@ -10,11 +10,11 @@ import time
 
 
 class Failure(Exception):
-    """A measurement that could not be taken, in words for the report."""
+    """A pass that could not be taken. The message goes into the report."""
 
 
 class Child:
-    """One process of the benchmark. Its standard error goes to a file that is quoted when it fails."""
+    """One process of the benchmark. Its standard error goes to a file, which a failure quotes."""
 
     def __init__(self, name, command, directory, cpus=None, environment=None):
         self.name = name
@@ -49,23 +49,24 @@ class Child:
             raise Failure(f"{self.name}: expected {name}, got {line}")
         return event
 
-    def say(self, text):
+    def send(self, text):
+        """Writes a line to its standard input."""
         self._process.stdin.write(text.encode() + b"\n")
         self._process.stdin.flush()
 
     def errors(self):
         with open(self._errors_path, encoding="utf-8", errors="replace") as file:
-            return " ".join(file.read().split())[-300:] or "without a message"
+            return " ".join(file.read().split())[-300:] or "no message on standard error"
 
     def finish(self, deadline_s):
-        """Closes its input and waits for it to end by itself. Returns: its exit code."""
+        """Closes its standard input and waits until it exits. Returns: its exit code."""
         self._process.stdin.close()
         if not self._reap(deadline_s):
             raise Failure(f"{self.name}: did not end within {deadline_s:.0f} s")
         return self._process.returncode
 
     def stop(self):
-        """Ends it, gently first; a server that takes its time gets a second request before the end by force."""
+        """Ends it: SIGTERM, a second SIGTERM if it runs on for 0.2 s, then SIGKILL."""
         for number, deadline_s in ((signal.SIGTERM, 0.2), (signal.SIGTERM, 5), (signal.SIGKILL, 5)):
             if self._process.returncode is not None:
                 break
@@ -78,7 +79,7 @@ class Child:
         self._process.stdout.close()
 
     def _reap(self, deadline_s):
-        """Waits for its end and keeps its resource usage, that of threads which ended before included."""
+        """Waits for its exit and keeps its resource usage, which includes threads that ended earlier."""
         if self._process.returncode is not None:
             return True
         deadline = time.monotonic() + deadline_s
@@ -102,7 +103,7 @@ def _prepare(cpus):
 
 
 def wait_for(condition, what, child, deadline_s=10):
-    """Polls a condition that no descriptor announces, such as a file that a server makes."""
+    """Polls a condition that no descriptor signals, such as a file that a server creates."""
     deadline = time.monotonic() + deadline_s
     while not condition():
         if time.monotonic() > deadline:
@@ -111,7 +112,7 @@ def wait_for(condition, what, child, deadline_s=10):
 
 
 def cpu_seconds(pid):
-    """CPU time of a process: (from its clock ticks, from the scheduler's ns counters of its present threads)."""
+    """CPU time of a process: (from its clock ticks, from the scheduler's ns counters of its live threads)."""
     with open(f"/proc/{pid}/stat", encoding="utf-8") as file:
         fields = file.read().rsplit(")", 1)[1].split()
     ticks = (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
@@ -125,8 +126,8 @@ def cpu_seconds(pid):
 def memory_kib(pid):
     """Resident memory of a process: {"rss": KiB, "pss": KiB}.
 
-    pss counts a page shared by n processes as 1/n. It leaves out mapped files, whose share falls when the next process
-    loads the same library.
+    pss counts a page shared by n processes as 1/n. It excludes mapped files, because their share falls when another
+    process loads the same library.
     """
     fields = {}
     with open(f"/proc/{pid}/smaps_rollup", encoding="utf-8") as file:

@@ -1,4 +1,4 @@
-"""The systems compared: how each server is started, and what its figures mean."""
+"""The systems compared: how each server starts, and what its figures mean."""
 
 import dataclasses
 import os
@@ -13,17 +13,16 @@ class System:
     """One bus. `start(context)` returns (server process, address for its driver)."""
     name: str
     label: str
-    server: str             # the program looked up on PATH or beside the drivers
+    server: str             # the program, looked up beside the drivers and on PATH
     start: object
-    brokered: bool          # a server stands in the path of every value
-    acknowledges: bool      # a publish returns on an answer from the server
-    acknowledgement: str    # what a returned publish means
-    no_loss: str            # how loss is excluded
+    brokered: bool          # a server is in the path of every value
+    acknowledges: bool      # a publish returns on a reply from the server
+    acknowledgement: str    # what it means that a publish has returned
+    no_loss: str            # how loss is prevented
     packages: str
-    most_subscribers: int = 1_000_000   # of one publisher
-    variant: str = ""                   # the system that it is a variant of: has its driver, and takes part in M1 to M4
-
-    litter: tuple = ()                  # what a driver process that is stopped half-way leaves behind, outside its directory
+    most_subscribers: int = 1_000_000   # the most that one publisher can have
+    variant: str = ""                   # the system it is a variant of: same driver, takes part in M1 to M4 only
+    leftovers: tuple = ()               # files outside its directory that a stopped driver leaves behind
 
     @property
     def driver_program(self):
@@ -34,12 +33,12 @@ class System:
         return OURS in (self.name, self.variant)
 
     def missing(self, bin_directory):
-        """What keeps the system from being measured here, or None."""
+        """The reason why this machine cannot measure the system, or None."""
         needs = f" (packages: {self.packages})" if self.packages else ""
         if not os.access(os.path.join(bin_directory, self.driver_program), os.X_OK):
             return f"its driver {self.driver_program} was not built{needs}"
         if self.program(bin_directory) is None:
-            return f"{self.server} is not there{needs}"
+            return f"{self.server} was not found{needs}"
         return None
 
     def program(self, bin_directory):
@@ -48,7 +47,7 @@ class System:
 
 @dataclasses.dataclass(frozen=True)
 class Context:
-    """Where a server runs."""
+    """Where and how a server runs."""
     program: str
     directory: str
     cpus: object
@@ -73,7 +72,7 @@ def _accepts(path):
 
 
 def _started(server, ready, what):
-    """Waits until a server is ready and ends it when it does not become so."""
+    """Waits until a server is ready. Ends the server when that takes too long."""
     try:
         wait_for(ready, what, server)
     except Failure:
@@ -215,5 +214,5 @@ SYSTEMS = (
            "none: publish returns when the value is in every subscriber's queue in shared memory; no broker in the path",
            "a full queue (256 values) blocks the publisher",
            "iceoryx libiceoryx-posh-dev", most_subscribers=256,
-           litter=("/tmp/bench-{pid}", "/tmp/bench-{pid}.lock")),
+           leftovers=("/tmp/bench-{pid}", "/tmp/bench-{pid}.lock")),
 )

@@ -1,9 +1,9 @@
-// What the machine allows: round trips of a record between two processes over a socket pair and over shared memory, and
-// the price of a thread. Every record is checked. Prints one JSON object.
+// The limits of the machine: round trips of a record between two processes over a socket pair and over shared memory,
+// and the cost of a thread. Every record is checked. Prints one JSON object.
 //
 //   bench_limits seqpacket|shared-spin|shared-sleep|thread [--seconds S] [--apart 1]
 //
-// `--apart 1` puts the two processes on CPUs 0 and 1; without it the scheduler may put both on one.
+// `--apart 1` puts the two processes on CPUs 0 and 1; without it the scheduler may run both on one.
 
 #include "options.h"
 #include "samples.h"
@@ -41,7 +41,7 @@ constexpr std::size_t recordSizeBytes = 1056;
 constexpr std::size_t threadStackBytes = std::size_t{1} << 20;
 constexpr std::uint64_t lastRecord = UINT64_MAX;
 
-/// The size of the bus's request and response records; the number makes every record different.
+/// As large as a request or response record of the bus. The number makes every record different.
 struct Record {
     std::uint64_t number = 0;
     std::array<std::byte, recordSizeBytes - sizeof(std::uint64_t)> rest{};
@@ -52,7 +52,7 @@ static_assert(sizeof(Record) == recordSizeBytes);
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/// One end of a two-way line of records.
+/// One end of a bidirectional channel of records.
 class ILine {
 public:
     virtual ~ILine() = default;
@@ -79,7 +79,7 @@ private:
     const int descriptor;
 };
 
-/// One direction in shared memory: the sequence word counts the records; each direction has its own cache lines.
+/// One direction in shared memory. The sequence word counts the records. Each direction has its own cache lines.
 struct alignas(64) Cell {
     std::atomic<std::uint32_t> sequence{0};
     alignas(64) Record record;
@@ -223,7 +223,7 @@ Samples SharedMemory(Waiting waiting, Placement placement, double seconds) {
         placement, [&] { Echo(there); }, [&] { return PingPong(here, seconds); });
 }
 
-/// A thread made and joined, with the stack of a worker of the bus.
+/// Creates and joins threads with the stack size of a worker of the bus.
 Samples ThreadHandOver(double seconds) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
@@ -259,7 +259,7 @@ Samples Measure(const std::string& what, Placement placement, double seconds) {
     if (what == "thread") {
         return ThreadHandOver(seconds);
     }
-    throw std::invalid_argument("unknown limit '" + what + "'");
+    throw std::invalid_argument("unknown measure '" + what + "'");
 }
 
 } // namespace

@@ -1,6 +1,6 @@
-// How often a value stays behind: bursts of acknowledged publishes at full speed with one subscriber, and after each
-// burst a look whether all of it has arrived. What has not within the patience was left in the inbound queue by a
-// wake-up that the bus has lost; the first push of the next burst brings it on its way.
+// How often the bus loses a wake-up at the end of a burst. Publishes bursts of acknowledged values at full speed with
+// one subscriber, and waits after each burst until all values have arrived. A value that has not arrived within
+// `patience` was left in the inbound queue by a lost wake-up; the first push of the next burst delivers it.
 //
 //     bench_stranded count --address RUNTIME_DIR --bursts 1000 --values 100
 #include "options.h"
@@ -41,7 +41,7 @@ int Receive(Progress& progress, std::int64_t count) {
     return 0;
 }
 
-/// Returns: whether `count` values have arrived; false when none came for as long as the patience lasts.
+/// Waits for `count` values. Returns: false when no value arrived for as long as `patience`.
 bool Arrive(const Progress& progress, std::int64_t count) {
     using Clock = std::chrono::steady_clock;
     auto seen = progress.received.load();
@@ -88,7 +88,7 @@ int main(int argc, char** argv) {
             }
             stranded += Arrive(progress, pushed) ? 0 : 1;
         }
-        // Whoever is still left behind goes with these: nobody waits for what they carry.
+        // Extra values deliver what the last burst left behind. The subscriber does not wait for them.
         while (!Arrive(progress, pushed)) {
             static_cast<void>(publisher.TryPush(pushed));
         }

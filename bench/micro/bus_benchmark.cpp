@@ -1,5 +1,5 @@
-// The bus inside one process: what a push, a fan-out and a wait cost without any IPC. Where a benchmark works in
-// batches, a batch is one iteration and items_per_second counts the single operations.
+// The bus inside one process: the cost of a push, a fan-out and a wait without IPC. In a benchmark that works in
+// batches, an iteration is a batch and items_per_second counts single operations.
 
 #include "bus_runner.h"
 #include "samples.h"
@@ -23,7 +23,7 @@ double SecondsSince(std::int64_t beforeNs) {
     return static_cast<double>(NowNs() - beforeNs) * 1e-9;
 }
 
-/// Push with the events thread at work on what was pushed, and one subscriber.
+/// Push while the events thread delivers to one subscriber.
 void Push(benchmark::State& state) {
     BusRunner::Run([&](BusRunner& runner) {
         const long publisher = runner.Publisher(topic);
@@ -40,7 +40,7 @@ void Push(benchmark::State& state) {
 }
 BENCHMARK(Push)->UseManualTime();
 
-/// Push without an events thread: nobody to wake, nobody to contend with.
+/// Push without an events thread: no wake-up and no contention.
 void PushAlone(benchmark::State& state) {
     for ([[maybe_unused]] auto batch : state) {
         message_bus::MessageBus bus;
@@ -59,7 +59,7 @@ void PushAlone(benchmark::State& state) {
 }
 BENCHMARK(PushAlone)->UseManualTime();
 
-/// From the first push until the last of the subscribers has every value; one item is one delivery.
+/// From the first push until the last subscriber has every value. One item is one delivery.
 void FanOut(benchmark::State& state) {
     BusRunner::Run([&](BusRunner& runner) {
         const long publisher = runner.Publisher(topic);
@@ -82,12 +82,12 @@ void FanOut(benchmark::State& state) {
 }
 BENCHMARK(FanOut)->UseManualTime()->Arg(1)->Arg(10)->Arg(100)->Arg(1000);
 
-/// Wait of a subscriber that has values queued.
+/// Wait by a subscriber with values in its queue.
 void WaitWithBacklog(benchmark::State& state) {
     BusRunner::Run([&](BusRunner& runner) {
         const long publisher = runner.Publisher(topic);
         const long subscriber = runner.Subscriber(topic);
-        const long later = runner.Subscriber(topic); // has a value after `subscriber` has it
+        const long later = runner.Subscriber(topic); // gets each value after `subscriber`
         std::string gotTopic;
         long gotValue = 0;
         for ([[maybe_unused]] auto batch : state) {
@@ -105,7 +105,7 @@ void WaitWithBacklog(benchmark::State& state) {
 }
 BENCHMARK(WaitWithBacklog)->UseManualTime();
 
-/// From a push to the return of a Wait that sleeps, with the events thread asleep as well.
+/// From a push to the return of a sleeping Wait. The events thread sleeps as well.
 void WaitWithoutBacklog(benchmark::State& state) {
     BusRunner::Run([&](BusRunner& runner) {
         const long publisher = runner.Publisher(topic);

@@ -9,11 +9,11 @@
 
 namespace bench {
 
-/// A bus that runs in this process without any IPC: its connector's server is the benchmark itself.
-/// Every failure of the bus is a std::runtime_error.
+/// A bus that runs in this process without IPC: the benchmark takes the place of its connector's server.
+/// Every failure of the bus throws std::runtime_error.
 class BusRunner final {
 public:
-    /// Runs a bus as long as `body` does, with its events thread and a connector, so that Wait works.
+    /// Runs a bus while `body` runs, with its events thread and a connector, so that Wait works.
     static void Run(const std::function<void(BusRunner&)>& body);
 
     message_bus::MessageBus& Bus() { return *bus; }
@@ -24,15 +24,15 @@ public:
     /// Pushes `count` values; the inbound queue must have room.
     void Push(long publisher, long count);
 
-    /// Takes `count` values of the subscriber off its queue.
+    /// Takes `count` values from the subscriber's queue.
     /// Blocks: until they are there.
     void Take(long subscriber, long count);
 
-    /// Makes the events thread look at the inbound queue again: its wake-up may have been lost, as message_bus.h tells,
-    /// and then a value waits for the next push.
+    /// Pushes one value of another topic, so that the events thread checks the inbound queue again. The bus can lose
+    /// the wake-up of a push; the value then waits for the next push.
     void Rescue();
 
-    /// How many times that was needed.
+    /// Returns: the number of calls of Rescue.
     long Rescues() const { return rescues; }
 
 private:
@@ -43,10 +43,10 @@ private:
     long rescues = 0;
 };
 
-/// As many values as the inbound queue takes while nobody takes from it, with some room left.
+/// Fits into the inbound queue (1025 values) even if the events thread takes none.
 inline constexpr long batchSize = 1000;
 
-/// Longer than any delivery takes that is not stuck.
+/// Longer than any delivery takes whose wake-up was not lost.
 inline constexpr std::chrono::milliseconds stuckAfter{20};
 
 } // namespace bench

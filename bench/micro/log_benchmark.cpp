@@ -1,5 +1,5 @@
-// A log line whose level is off, and one that is formatted and handed to a back end that throws it away: the price at
-// the place of the call.
+// The cost of a log call for its caller: with its level off, and with a back end that gets the formatted line and
+// discards it.
 
 #include "diagnostics.h"
 

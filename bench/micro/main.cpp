@@ -1,4 +1,4 @@
-// The debug lines of the bus are off here, as in a server that nobody debugs, and its other lines go nowhere.
+// Debug lines are off, as in a server with the default log level, and the back end discards all other lines.
 
 #include "bos/logger.h"
 
