@@ -73,7 +73,7 @@ EndWatch::~EndWatch() {
 
 void EndWatch::OnEnd(std::function<void()> action) {
     {
-        const std::lock_guard lock(mutex);
+        const common::MutexLock lock(mutex);
         if (cause == Cause::None) {
             endAction = std::move(action);
             return;
@@ -83,7 +83,7 @@ void EndWatch::OnEnd(std::function<void()> action) {
 }
 
 EndWatch::Cause EndWatch::WhyEnded() const {
-    const std::lock_guard lock(mutex);
+    const common::MutexLock lock(mutex);
     return cause;
 }
 
@@ -125,7 +125,7 @@ void EndWatch::Run(std::optional<milliseconds> timeLimit, Output output) {
     }
     std::function<void()> action;
     {
-        const std::lock_guard lock(mutex);
+        const common::MutexLock lock(mutex);
         cause = found;
         action.swap(endAction);
     }
@@ -133,7 +133,7 @@ void EndWatch::Run(std::optional<milliseconds> timeLimit, Output output) {
     std::thread releasing([this, release = std::move(action)] {
         if (release) {
             release();
-            const std::lock_guard lock(mutex);
+            const common::MutexLock lock(mutex);
             isReleased = true;
         }
     });
@@ -150,7 +150,7 @@ void EndWatch::Run(std::optional<milliseconds> timeLimit, Output output) {
     }
     bool released = false;
     {
-        const std::lock_guard lock(mutex);
+        const common::MutexLock lock(mutex);
         released = isReleased;
     }
     if (!released) {

@@ -2,10 +2,11 @@
 
 #include "exit_status.h"
 
+#include "common/mutex.h"
+#include "common/thread_annotations.h"
+
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <thread>
 
@@ -25,15 +26,15 @@ public:
     ~EndWatch();
 
     /// `action` is called once, on another thread, or here and now when the end has come already.
-    void OnEnd(std::function<void()> action);
+    void OnEnd(std::function<void()> action) EXCLUDES(mutex);
 
-    Cause WhyEnded() const;
+    Cause WhyEnded() const EXCLUDES(mutex);
 
     /// Becomes readable when the end comes.
     int Descriptor() const noexcept { return endedDescriptor; }
 
 private:
-    void Run(std::optional<std::chrono::milliseconds> timeLimit, Output output);
+    void Run(std::optional<std::chrono::milliseconds> timeLimit, Output output) EXCLUDES(mutex);
     Cause AwaitCause(std::optional<std::chrono::milliseconds> timeLimit, Output output) const;
 
     // Owned; closed with the process.
@@ -41,10 +42,10 @@ private:
     int quitDescriptor;
     int endedDescriptor;
 
-    mutable std::mutex mutex; // guards all below
-    Cause cause = Cause::None;
-    std::function<void()> endAction;
-    bool isReleased = false; // the action has returned
+    mutable common::Mutex mutex;
+    Cause cause GUARDED_BY(mutex) = Cause::None;
+    std::function<void()> endAction GUARDED_BY(mutex);
+    bool isReleased GUARDED_BY(mutex) = false; ///< the action has returned
 
     std::thread thread;
 };

@@ -4,11 +4,12 @@
 #include "recovery.h"
 
 #include "br_MessageBus_client.h"
+#include "common/mutex.h"
+#include "common/thread_annotations.h"
 #include "cor/result_code.h"
 #include "kn/status.h"
 
-#include <condition_variable>
-#include <mutex>
+#include <chrono>
 #include <stdexcept>
 #include <utility>
 
@@ -75,7 +76,7 @@ public:
         registration = Register();
     }
 
-    std::optional<Message> Next() {
+    std::optional<Message> Next() EXCLUDES(mutex) {
         Message message;
         while (true) {
             const auto [current, id] = Current();
@@ -92,12 +93,12 @@ public:
         }
     }
 
-    void Cancel() noexcept {
-        const std::lock_guard lock(mutex);
+    void Cancel() noexcept EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
         if (std::exchange(canceled, true)) {
             return;
         }
-        pauseEnded.notify_all();
+        pauseEnded.NotifyAll();
         // A server that did not unregister the subscriber does not end the wait either.
         if (registration && registration->Unregister() != 0) {
             registration->EndWait();
@@ -106,8 +107,8 @@ public:
 
     const std::string& Name() const noexcept { return name; }
 
-    std::int64_t Id() const {
-        const std::lock_guard lock(mutex);
+    std::int64_t Id() const EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
         return registration->Id();
     }
 
@@ -117,8 +118,8 @@ private:
     }
 
     /// Empty once canceled.
-    std::pair<std::shared_ptr<Registration>, std::int64_t> Current() const {
-        const std::lock_guard lock(mutex);
+    std::pair<std::shared_ptr<Registration>, std::int64_t> Current() const EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
         if (canceled) {
             return {nullptr, -1};
         }
@@ -126,9 +127,9 @@ private:
     }
 
     /// Returns: true when a restarted server was found; false once canceled. Throws otherwise.
-    bool HandleFailure(std::int32_t status) {
+    bool HandleFailure(std::int32_t status) EXCLUDES(mutex) {
         {
-            const std::lock_guard lock(mutex);
+            const common::MutexLock lock(mutex);
             if (canceled) {
                 return false;
             }
@@ -148,17 +149,14 @@ private:
         return RegisterAnew();
     }
 
-    bool RegisterAnew() {
+    bool RegisterAnew() EXCLUDES(mutex) {
         std::shared_ptr<Registration> next;
         const ServerGoneError loss(KnStatusClosed, "the message bus server is gone");
         const bool found = Recover(
             options, loss, [&] { next = Register(); },
-            [this](std::chrono::milliseconds duration) {
-                std::unique_lock lock(mutex);
-                return !pauseEnded.wait_for(lock, duration, [this] { return canceled; });
-            });
+            [this](std::chrono::milliseconds duration) { return Pause(duration); });
         {
-            const std::lock_guard lock(mutex);
+            const common::MutexLock lock(mutex);
             if (!found || canceled) {
                 return false;
             }
@@ -169,15 +167,26 @@ private:
         return true;
     }
 
+    /// Waits for `duration`, or until Cancel is called.
+    /// Returns: false once canceled.
+    bool Pause(std::chrono::milliseconds duration) EXCLUDES(mutex) {
+        const auto deadline = std::chrono::steady_clock::now() + duration;
+        common::MutexLock lock(mutex);
+        while (!canceled && pauseEnded.WaitUntil(lock, deadline) == std::cv_status::no_timeout) {
+        }
+        return !canceled;
+    }
+
     const std::string name;
     const std::vector<std::string> topics;
     const Options options;
     const Route route;
 
-    mutable std::mutex mutex;
-    std::condition_variable pauseEnded; // guarded by mutex, as all below
-    bool canceled = false;
-    std::shared_ptr<Registration> registration; // replaced by Next only; shared with a wait under way
+    mutable common::Mutex mutex;
+    common::ConditionVariable pauseEnded; ///< of `canceled`
+    bool canceled GUARDED_BY(mutex) = false;
+    /// Replaced by Next only. Its Unregister and Id are called under `mutex`, its Wait without.
+    std::shared_ptr<Registration> registration GUARDED_BY(mutex);
 };
 
 Subscriber::Subscriber(std::string name, std::vector<std::string> topics, Options options)

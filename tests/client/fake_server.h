@@ -1,25 +1,24 @@
 #pragma once
 
 #include "br_MessageBus.h"
+#include "common/mutex.h"
+#include "common/thread_annotations.h"
 #include "kn/handle.h"
 #include "nk/transport.h"
 #include "service_locator.h"
 #include "support/bus_test.h"
 
 #include <algorithm>
-#include <condition_variable>
-#include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace test_support {
 
-/// A server on the static channel that answers what the test says, and notes what it was asked:
+/// A server on the static channel that answers as the test says and records each request:
 ///   RegisterPublisher(heat)   StartSubs(reader)   Subscribe(7, heat)   FinishSubs(7, 1)   Push(1, 42)   ...
-/// Two threads serve, so that one may block in Wait.
+/// It has two threads, so that one may block in Wait.
 class FakeServer final {
 public:
     FakeServer() {
@@ -41,34 +40,37 @@ public:
     FakeServer(const FakeServer&) = delete;
     FakeServer& operator=(const FakeServer&) = delete;
 
-    /// `method` answers the bus's result code `code`, the next `times` times.
-    void Answer(const std::string& method, std::int32_t code, int times = 1) {
-        const std::lock_guard lock(mutex);
+    /// Answers the next `times` requests of `method` with result code `code` of the bus.
+    void Answer(const std::string& method, std::int32_t code, int times = 1) EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
         answers[method] = {code, times};
     }
 
-    /// Ends the Waits that are blocked, and all later ones, with "not registered".
-    void Release() {
+    /// Answers blocked and later Waits with "not registered".
+    void Release() EXCLUDES(mutex) {
         {
-            const std::lock_guard lock(mutex);
+            const common::MutexLock lock(mutex);
             isReleased = true;
         }
-        released.notify_all();
+        released.NotifyAll();
     }
 
-    std::vector<std::string> Asked() const {
-        const std::lock_guard lock(mutex);
+    /// Returns: the requests so far.
+    std::vector<std::string> Asked() const EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
         return asked;
     }
 
-    void AwaitAsked(const std::string& request) const {
-        std::unique_lock lock(mutex);
-        wasAsked.wait(lock, [&] { return std::find(asked.begin(), asked.end(), request) != asked.end(); });
+    void AwaitAsked(const std::string& request) EXCLUDES(mutex) {
+        common::MutexLock lock(mutex);
+        while (std::find(asked.begin(), asked.end(), request) == asked.end()) {
+            wasAsked.Wait(lock);
+        }
     }
 
-    /// What Wait delivers instead of blocking.
-    void Deliver(const std::string& topic, std::int64_t value) {
-        const std::lock_guard lock(mutex);
+    /// Queues a value that one Wait returns instead of blocking.
+    void Deliver(const std::string& topic, std::int64_t value) EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
         messages.emplace_back(topic, value);
     }
 
@@ -102,10 +104,12 @@ private:
         }
     }
 
-    std::int32_t Note(const std::string& method, const std::string& arguments) {
-        const std::lock_guard lock(mutex);
+    /// Records a request.
+    /// Returns: the status to answer it with.
+    std::int32_t Note(const std::string& method, const std::string& arguments) EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
         asked.push_back(method + "(" + arguments + ")");
-        wasAsked.notify_all();
+        wasAsked.NotifyAll();
         const auto answer = answers.find(method);
         if (answer == answers.end() || answer->second.second == 0) {
             return 0;
@@ -114,18 +118,20 @@ private:
         return Result(answer->second.first);
     }
 
-    std::int32_t Wait(const br_MessageBusSubs_Wait_req& request, br_MessageBusSubs_Wait_res& response) {
+    std::int32_t Wait(const br_MessageBusSubs_Wait_req& request, br_MessageBusSubs_Wait_res& response) EXCLUDES(mutex) {
         if (const std::int32_t result = Note("Wait", std::to_string(request.subscriberId)); result != 0) {
             return result;
         }
-        std::unique_lock lock(mutex);
+        common::MutexLock lock(mutex);
         if (!messages.empty()) {
             messages.front().first.copy(response.topic, sizeof response.topic);
             response.message = messages.front().second;
             messages.erase(messages.begin());
             return 0;
         }
-        released.wait(lock, [&] { return isReleased; });
+        while (!isReleased) {
+            released.Wait(lock);
+        }
         return Result(1);
     }
 
@@ -157,13 +163,13 @@ private:
     NkBosTransport transport{};
     std::thread threads[2];
 
-    mutable std::mutex mutex; // guards all below
-    mutable std::condition_variable wasAsked;
-    std::condition_variable released;
-    bool isReleased = false;
-    std::vector<std::string> asked;
-    std::map<std::string, std::pair<std::int32_t, int>> answers; // method to code, and how often
-    std::vector<std::pair<std::string, std::int64_t>> messages;
+    mutable common::Mutex mutex;
+    common::ConditionVariable wasAsked; ///< `asked` has grown
+    common::ConditionVariable released; ///< `isReleased` is set
+    bool isReleased GUARDED_BY(mutex) = false;
+    std::vector<std::string> asked GUARDED_BY(mutex);
+    std::map<std::string, std::pair<std::int32_t, int>> answers GUARDED_BY(mutex); ///< by method: code, times left
+    std::vector<std::pair<std::string, std::int64_t>> messages GUARDED_BY(mutex);
 };
 
 inline const br_MessageBusProvider_ops FakeServer::providerOps{[](auto* object, auto* request, auto*, auto*, auto*) {
