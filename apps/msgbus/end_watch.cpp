@@ -3,6 +3,7 @@
 #include "arguments.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
@@ -21,6 +22,10 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds timeToRelease{3000};
+
+// Names of threads; the kernel takes at most 15 bytes.
+constexpr const char* WatchThreadName = "msgbus-watch";
+constexpr const char* ReleaseThreadName = "msgbus-release";
 
 sigset_t EndingSignals() {
     sigset_t set;
@@ -115,6 +120,7 @@ EndWatch::Cause EndWatch::AwaitCause(std::optional<milliseconds> timeLimit, Outp
 }
 
 void EndWatch::Run(std::optional<milliseconds> timeLimit, Output output) {
+    ::pthread_setname_np(::pthread_self(), WatchThreadName);
     const Cause found = AwaitCause(timeLimit, output);
     if (found == Cause::None) {
         return;
@@ -131,6 +137,7 @@ void EndWatch::Run(std::optional<milliseconds> timeLimit, Output output) {
     }
     MakeReadable(endedDescriptor);
     std::thread releasing([this, release = std::move(action)] {
+        ::pthread_setname_np(::pthread_self(), ReleaseThreadName);
         if (release) {
             release();
             const common::MutexLock lock(mutex);

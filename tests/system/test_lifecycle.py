@@ -34,6 +34,16 @@ class Leaving(BusTest):
         self.publish("t", 1)
         reader.expect_exit(DONE)
 
+    def test_the_watching_thread_of_a_subscriber_has_a_name(self):
+        self.server()
+        threads = f"/proc/{self.sub('t').popen.pid}/task"
+
+        def has_name(thread):
+            with open(f"{threads}/{thread}/comm", encoding="utf-8") as file:
+                return file.read() == "msgbus-watch\n"
+
+        wait_until(self, lambda: any(has_name(thread) for thread in os.listdir(threads)), "a thread 'msgbus-watch'")
+
     def test_a_closed_pipe_ends_a_waiting_subscriber_quietly(self):
         server = self.server()
         output, write_end = os.pipe()
