@@ -81,7 +81,7 @@ Connection::Connection(Service service, Route& route, std::chrono::milliseconds 
     case KnStatusNotFound:
         throw NoServerError(status, "no message bus server is running" + Where(route));
     case KnStatusClosed:
-        throw ServerGoneError(status, "the message bus server went away while connecting");
+        throw ServerGoneError(status, "the message bus server closed the connection during the handshake");
     case KnStatusTimedOut:
         throw NoServerError(status, "the message bus server did not accept the connection within " +
                                         std::to_string(timeoutMs) + " ms");
@@ -93,7 +93,7 @@ Connection::Connection(Service service, Route& route, std::chrono::milliseconds 
 }
 
 std::int32_t ResultCodeOf(std::int32_t status) noexcept {
-    // The bus sends code c as -(2c + 1) * 0x4000; the platform's own statuses are small numbers.
+    // The bus sends code c as -(2c + 1) * 0x4000; the statuses of the platform are small negative numbers.
     const std::uint32_t negated = 0U - static_cast<std::uint32_t>(status);
     if (status == 0) {
         return 0;
@@ -111,7 +111,7 @@ void ThrowUnlessOk(std::int32_t status, const std::string& sentence) {
     if (status == KnStatusClosed) {
         throw ServerGoneError(status, "the message bus server is gone");
     }
-    throw PlatformError(status, std::string("the message bus did not answer: ") + KnStatusText(status));
+    throw PlatformError(status, std::string("the request to the message bus failed: ") + KnStatusText(status));
 }
 
 void CheckText(const std::string& text, const char* what) {

@@ -34,7 +34,7 @@ public:
     ~State() {
         try {
             Unregister();
-        } catch (const Error&) { // nothing more can be done about it
+        } catch (const Error&) { // a destructor cannot report it
         }
     }
 
@@ -72,7 +72,7 @@ public:
         if (const std::int64_t registered = std::exchange(id, -1); registered != -1) {
             const std::int32_t status = br_MessageBusCtl_UnregisterPublisher_call(ctl->Transport(), registered);
             ThrowUnlessOk(status, ResultCodeOf(status) == conflict
-                                      ? "somebody else has unregistered the publisher of topic '" + topic + "'"
+                                      ? "another client has unregistered the publisher of topic '" + topic + "'"
                                       : "");
         }
     }
@@ -82,7 +82,7 @@ public:
 
 private:
     std::int32_t PushOnce(std::int64_t value) {
-        if (!provider) { // the bus takes a push of nobody for a success
+        if (!provider) { // the bus would answer a push of an unknown publisher with success
             return KnStatusInvalidArgument;
         }
         return br_MessageBusProvider_Push_call(provider->Transport(), id, value);
@@ -112,7 +112,7 @@ private:
             });
         Notify(options, "registered topic '" + topic + "' again with a restarted server (id " + std::to_string(id) +
                             "); value " + std::to_string(value) +
-                            " is published again and may arrive twice, earlier ones that were not read are lost");
+                            " is published again and may arrive twice; earlier values that were not read are lost");
     }
 
     const std::string topic;

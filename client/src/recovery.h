@@ -9,13 +9,14 @@
 
 namespace msgbus {
 
-/// Tells `options.onNotice`, if there is one.
+/// Passes `sentence` to `options.onNotice`, if that is set.
 void Notify(const Options& options, const std::string& sentence);
 
-/// Looks for a restarted server: calls `attempt` until it stops throwing NoServerError and ServerGoneError. `pause`
-/// waits for the given time and returns false to give up early. Rethrows `loss` when the time of the options is over,
-/// or there is none.
-/// Returns: false when `pause` gave up.
+/// Looks for a restarted server: calls `attempt` again while it throws NoServerError or ServerGoneError, with a call of
+/// `pause` in between, which waits for the given time.
+/// Returns: true when `attempt` succeeded, false when `pause` returned false.
+/// Throws: `loss` after Options::reconnectFor, at once if that is zero; what else `attempt` throws.
+/// Blocks: for about Options::reconnectFor, and for the attempt that is then in progress.
 bool Recover(const Options& options, const ServerGoneError& loss, const std::function<void()>& attempt,
              const std::function<bool(std::chrono::milliseconds)>& pause);
 

@@ -20,7 +20,8 @@ namespace {
 constexpr auto notRegistered = static_cast<std::int32_t>(cor::ResultCode::NotRegistered);
 constexpr auto conflict = static_cast<std::int32_t>(cor::ResultCode::Conflict);
 
-/// One registration with one server. A wait occupies its connection, so that unregistering needs another.
+/// One registration with one server. A wait occupies its connection until the reply, so ctl has a separate one.
+/// Threads: Wait on one thread, EndWait on any; the caller serializes Unregister and Id.
 class Registration final {
 public:
     Registration(const std::string& name, const std::vector<std::string>& topics, Route route,
@@ -31,7 +32,7 @@ public:
         for (const auto& topic : topics) {
             const std::int32_t status = br_MessageBusCtl_Subscribe_call(ctl.Transport(), handshake, topic);
             if (status != 0) {
-                // The server keeps what is neither committed nor cancelled.
+                // The server keeps a registration that is neither committed nor canceled.
                 std::int64_t none = -1;
                 static_cast<void>(br_MessageBusCtl_FinishSubs_call(ctl.Transport(), handshake, 0, none));
             }
@@ -43,7 +44,7 @@ public:
     Registration& operator=(const Registration&) = delete;
     ~Registration() { Unregister(); }
 
-    /// Returns: the status of the call; 0 when it was done before.
+    /// Returns: the status of the call; 0 when not registered.
     std::int32_t Unregister() noexcept {
         const std::int64_t registered = std::exchange(id, -1);
         return registered == -1 ? 0 : br_MessageBusCtl_UnregisterSubscriber_call(ctl.Transport(), registered);
@@ -117,7 +118,7 @@ private:
         return std::make_shared<Registration>(name, topics, route, options.connectTimeout);
     }
 
-    /// Empty once canceled.
+    /// Returns: the registration and its id; an empty pointer once canceled.
     std::pair<std::shared_ptr<Registration>, std::int64_t> Current() const EXCLUDES(mutex) {
         const common::MutexLock lock(mutex);
         if (canceled) {
@@ -126,7 +127,7 @@ private:
         return {registration, registration->Id()};
     }
 
-    /// Returns: true when a restarted server was found; false once canceled. Throws otherwise.
+    /// Returns: true when registered with a restarted server; false once canceled. Throws otherwise.
     bool HandleFailure(std::int32_t status) EXCLUDES(mutex) {
         {
             const common::MutexLock lock(mutex);
@@ -134,11 +135,11 @@ private:
                 return false;
             }
             if (ResultCodeOf(status) == notRegistered) {
-                // Either somebody used this subscriber's id, or the server does that as it ends: only then does the
-                // next call fail in another way than with "no such id".
+                // Another client has unregistered this id, or the server has, which does so when it stops. Only a
+                // running server answers the next call with "no such id".
                 const std::int32_t answer = registration->Unregister();
                 if (ResultCodeOf(answer) == conflict) {
-                    throw RefusedError(notRegistered, "somebody else has unregistered subscriber '" + name + "'");
+                    throw RefusedError(notRegistered, "another client has unregistered subscriber '" + name + "'");
                 }
                 status = KnStatusClosed;
             }
@@ -163,7 +164,7 @@ private:
             registration.swap(next);
         }
         Notify(options, "subscribed as '" + name + "' again with a restarted server (id " + std::to_string(Id()) +
-                            "); what was not read before, and what was published meanwhile, is lost");
+                            "); unread values, and values published in between, are lost");
         return true;
     }
 

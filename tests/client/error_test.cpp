@@ -1,4 +1,4 @@
-// Defends that every result code of the bus has a sentence of its own.
+// Defends that each result code of the bus has its own sentence.
 #include "msgbus/error.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// Defends the publisher of the client library: every refusal is told, nothing is lost without a word, and a server that
-// is gone is noticed.
+// Defends the publisher of the client library: every refusal is reported, no value is lost silently, and the loss of
+// the server is reported.
 #include "fake_server.h"
 #include "msgbus/error.h"
 #include "msgbus/publisher.h"
@@ -91,7 +91,7 @@ TEST_F(PublisherTest, EveryRefusalOfAPush_ComesWithItsNumberAndASentence) {
     FakeServer server;
     Publisher publisher("heat", OnStatic);
     for (std::int32_t code = 1; code <= 10; ++code) {
-        if (code == 2) { // the queue is full: that one is for retrying
+        if (code == 2) { // the queue is full: Push retries
             continue;
         }
         server.Answer("Push", code);
@@ -161,7 +161,7 @@ TEST_F(PublisherTest, Close_OfAPublisherThatSomebodyElseUnregistered_SaysSo) {
     server.Answer("UnregisterPublisher", 8);
     const auto error = Thrown<RefusedError>([&] { publisher.Close(); });
     ASSERT_TRUE(error);
-    EXPECT_THAT(error->what(), HasSubstr("somebody else has unregistered the publisher of topic 'heat'"));
+    EXPECT_THAT(error->what(), HasSubstr("another client has unregistered the publisher of topic 'heat'"));
 }
 
 TEST_F(PublisherTest, Push_AfterClose_IsNoSuccess) {

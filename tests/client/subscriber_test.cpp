@@ -1,4 +1,4 @@
-// Defends the subscriber of the client library: the handshake, the wait and its end, and the loss of the server.
+// Defends the subscriber of the client library: registration, the wait and how it ends, and the loss of the server.
 #include "fake_server.h"
 #include "msgbus/error.h"
 #include "msgbus/subscriber.h"
@@ -106,7 +106,7 @@ TEST_F(SubscriberTest, Next_OfASubscriberThatSomebodyElseUnregistered_SaysSo) {
         FAIL() << "nothing was thrown";
     } catch (const RefusedError& error) {
         EXPECT_EQ(error.Code(), 1);
-        EXPECT_STREQ(error.what(), "somebody else has unregistered subscriber 'reader'");
+        EXPECT_STREQ(error.what(), "another client has unregistered subscriber 'reader'");
     }
 }
 
@@ -138,7 +138,7 @@ TEST_F(SubscriberTest, Next_OfARestartedServer_RegistersAgainAndTellsWhatMayBeLo
     const auto message = subscriber.Next();
     ASSERT_TRUE(message);
     EXPECT_EQ(message->value, 9);
-    EXPECT_THAT(notices, ElementsAre(HasSubstr("the message bus server is gone"), HasSubstr("is lost")));
+    EXPECT_THAT(notices, ElementsAre(HasSubstr("the message bus server is gone"), HasSubstr("are lost")));
 }
 
 TEST_F(SubscriberTest, Cancel_EndsTheSearchForARestartedServer) {

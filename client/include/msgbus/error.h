@@ -4,14 +4,16 @@
 #include <stdexcept>
 #include <string>
 
-// Failures of the client library. Beside these, std::invalid_argument says that the caller's own input cannot be sent.
+// The exceptions of the client library. Input that cannot be sent, such as an empty topic, is reported as
+// std::invalid_argument instead.
 
 namespace msgbus {
 
-/// Base of the failures: `what()` is a sentence, Code() the number behind it.
+/// Base of the failures below. `what()` is a sentence for people.
 class Error : public std::runtime_error {
 public:
-    /// A result code of the bus (1 to 10) for RefusedError, a negative platform status (kn/status.h) for the others.
+    /// Returns: the result code of the bus (1 to 10) for RefusedError; a negative platform status (kn/status.h) for the
+    /// others.
     std::int32_t Code() const noexcept { return code; }
 
 protected:
@@ -21,31 +23,31 @@ private:
     std::int32_t code;
 };
 
-/// The bus answered, and said no.
+/// The bus received the request and rejected it.
 class RefusedError final : public Error {
 public:
     RefusedError(std::int32_t number, const std::string& sentence) : Error(number, sentence) {}
 };
 
-/// No server was found, or the one that is there did not accept the connection in time.
+/// No server was found, or the server did not accept the connection in time.
 class NoServerError final : public Error {
 public:
     NoServerError(std::int32_t number, const std::string& sentence) : Error(number, sentence) {}
 };
 
-/// The server closed the connection, or died. Whether it took the last request is unknown.
+/// The server closed the connection or died. It may or may not have handled the last request.
 class ServerGoneError final : public Error {
 public:
     ServerGoneError(std::int32_t number, const std::string& sentence) : Error(number, sentence) {}
 };
 
-/// Anything else that kept a request from being answered.
+/// A request failed in another way, for example because memory ran out.
 class PlatformError final : public Error {
 public:
     PlatformError(std::int32_t number, const std::string& sentence) : Error(number, sentence) {}
 };
 
-/// What result code `code` of the bus means, when nothing more is known about the request.
+/// Returns: what result code `code` of the bus means, whatever the request was; a sentence for unknown codes too.
 std::string DescribeResult(std::int32_t code);
 
 } // namespace msgbus

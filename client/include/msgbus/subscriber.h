@@ -10,43 +10,45 @@
 
 namespace msgbus {
 
-/// One value that was published.
+/// One published value.
 struct Message {
-    std::string topic; ///< cut to its first 1022 bytes
+    std::string topic; ///< at most the first 1022 bytes of the publisher's topic
     std::int64_t value;
 };
 
 /// A named receiver of the values of some topics.
 ///
-/// Threads: Next by one thread at a time; Cancel from any thread meanwhile; different subscribers are independent.
-/// Lifetime: registered from construction to Cancel or destruction. From then on the bus keeps every value of the
-/// topics until Next takes it, without a limit. A process that is killed leaves its subscriber registered until the
-/// server ends.
+/// Threads: Next on one thread at a time, Cancel and Id on any thread meanwhile. Different subscribers are independent.
+/// Lifetime: registered from construction to Cancel or destruction. While it is registered, the bus queues every value
+/// of its topics until Next takes it, without a limit. If the process is killed, the subscriber stays registered until
+/// the server ends. After a move, the source may only be destroyed or assigned to.
 class Subscriber final {
 public:
-    /// Finds the bus and registers. `name`, which need not be unique, and each topic: 1 to 1023 bytes without NUL.
-    /// Throws: std::invalid_argument; RefusedError 8 when a topic is named twice; NoServerError; ServerGoneError;
-    /// PlatformError.
+    /// Connects to the bus and registers. `name`, which need not be unique, and each topic: 1 to 1023 bytes without
+    /// NUL. Throws: std::invalid_argument; RefusedError with code 8 when a topic is named twice, or with another code
+    /// of the bus; NoServerError; ServerGoneError; PlatformError. Blocks: until the replies; up to
+    /// Options::connectTimeout for each of two connections.
     Subscriber(std::string name, std::vector<std::string> topics, Options options = {});
-    /// Requires: no Next or Cancel under way on either side.
+    /// Requires: no call in progress on either side.
     Subscriber(Subscriber&&) noexcept;
     Subscriber& operator=(Subscriber&&) noexcept;
-    /// Cancels. Requires: no Next under way.
+    /// Unregisters; a failure is ignored. Requires: no call in progress. Blocks: until the reply.
     ~Subscriber();
 
     /// Takes the next value.
-    /// Returns: nothing once canceled.
-    /// Throws: RefusedError 1 when somebody else has unregistered this subscriber; ServerGoneError; PlatformError; what
-    /// the constructor throws, when a restarted server was found.
-    /// Blocks: until a value arrives, Cancel is called or the server is gone.
+    /// Returns: the value; nothing after Cancel.
+    /// Throws: RefusedError with code 1 when another client has unregistered this subscriber, or with another code of
+    /// the bus; ServerGoneError; PlatformError; after a reconnection, what the constructor throws.
+    /// Blocks: until a value arrives, Cancel is called or the server is gone; then as Options::reconnectFor allows.
     std::optional<Message> Next();
 
-    /// Unregisters, which drops the values that were not taken, and ends a blocked Next. Cannot be undone.
-    /// Blocks: for the server's reply. Threads: any.
+    /// Unregisters, drops the values that were not taken, and ends a blocked Next. Cannot be undone.
+    /// Blocks: until the reply. Threads: any.
     void Cancel() noexcept;
 
     const std::string& Name() const noexcept;
-    /// The bus-wide id; another one after a reconnection. Threads: any.
+    /// Returns: the id on the bus, a new one after a reconnection; -1 after Cancel.
+    /// Blocks: while Cancel does. Threads: any.
     std::int64_t Id() const;
 
 private:
