@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr std::size_t longestDeliveredTopic = 1022; // bytes; the bus cuts what it delivers
+constexpr std::size_t longestDeliveredTopic = 1022; // bytes; the bus truncates the topic of a delivered message
 
 constexpr std::pair<std::string_view, double> units[] = {{"ms", 1}, {"s", 1e3}, {"", 1e3}, {"m", 6e4}, {"h", 3.6e6}};
 
@@ -26,7 +26,7 @@ std::int64_t ParseValue(std::string_view text) {
     std::int64_t value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error == std::errc::result_out_of_range) {
-        throw std::invalid_argument("'" + std::string(text) + "' does not fit into 64 bits: values run from " +
+        throw std::invalid_argument("'" + std::string(text) + "' does not fit into 64 bits: values range from " +
                                     std::to_string(std::numeric_limits<std::int64_t>::min()) + " to " +
                                     std::to_string(std::numeric_limits<std::int64_t>::max()));
     }
@@ -40,7 +40,7 @@ std::uint64_t ParseCount(std::string_view text) {
     std::uint64_t count = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
     if (error != std::errc() || end != text.data() + text.size() || count == 0) {
-        throw std::invalid_argument("'" + std::string(text) + "' is not a count: want 1 or more");
+        throw std::invalid_argument("'" + std::string(text) + "' is not a count; it must be an integer of at least 1");
     }
     return count;
 }
@@ -58,12 +58,12 @@ std::chrono::milliseconds ParseDuration(std::string_view text) {
         }
     }
     throw std::invalid_argument("'" + std::string(text) +
-                                "' is not a duration: want 1 ms or more, such as 10, 1.5s or 200ms");
+                                "' is not a duration; it must be at least 1 ms, for example 10, 1.5s or 200ms");
 }
 
 void WarnAboutCutTopic(const std::string& topic) {
     if (topic.size() > longestDeliveredTopic) {
-        Say("warning: subscribers see only the first " + std::to_string(longestDeliveredTopic) + " bytes of topic '" +
-            topic.substr(0, 20) + "...'");
+        Say("warning: subscribers receive only the first " + std::to_string(longestDeliveredTopic) +
+            " bytes of topic '" + topic.substr(0, 20) + "...'");
     }
 }

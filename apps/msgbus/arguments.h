@@ -29,25 +29,28 @@ struct ReceiveArguments {
     bool json = false;
 };
 
-/// Registers, publishes, unregisters. Throws what the client library throws.
+/// Runs `msgbus pub`: registers, publishes, unregisters.
+/// Throws: what the client library throws; std::invalid_argument for a bad value; std::system_error.
 ExitStatus Publish(const PublishArguments& arguments);
 
-/// Subscribes, prints, unregisters. Throws what the client library throws.
+/// Runs `msgbus sub`: subscribes, prints, unregisters.
+/// Throws: what the client library throws; std::system_error.
 ExitStatus Receive(const ReceiveArguments& arguments);
 
-/// Writes `sentence` to stderr as one line of this program.
+/// Prints `sentence` on stderr, as one line that begins with the program's name.
 void Say(std::string_view sentence);
 
+/// Parses a decimal 64-bit integer.
 /// Throws: std::invalid_argument with a sentence.
 std::int64_t ParseValue(std::string_view text);
 
-/// At least 1.
+/// Parses a decimal number that is at least 1.
 /// Throws: std::invalid_argument with a sentence.
 std::uint64_t ParseCount(std::string_view text);
 
-/// A number with one of the units ms, s (also without), m and h.
+/// Parses a number with unit ms, s, m or h; without a unit it means seconds. From 1 ms to 1e12 ms.
 /// Throws: std::invalid_argument with a sentence.
 std::chrono::milliseconds ParseDuration(std::string_view text);
 
-/// Says so on stderr when `topic` will not arrive whole.
+/// Prints a warning on stderr if subscribers will receive `topic` truncated.
 void WarnAboutCutTopic(const std::string& topic);

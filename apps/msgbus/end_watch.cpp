@@ -29,9 +29,9 @@ constexpr const char* ReleaseThreadName = "msgbus-release";
 
 sigset_t EndingSignals() {
     sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
+    ::sigemptyset(&set);
+    ::sigaddset(&set, SIGINT);
+    ::sigaddset(&set, SIGTERM);
     return set;
 }
 
@@ -44,14 +44,14 @@ int Checked(int descriptor) {
 
 int SignalDescriptor() {
     const sigset_t set = EndingSignals();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    return Checked(signalfd(-1, &set, SFD_CLOEXEC));
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    return Checked(::signalfd(-1, &set, SFD_CLOEXEC));
 }
 
 void MakeReadable(int eventDescriptor) {
     const std::uint64_t one = 1;
-    // Cannot fail: an event counter takes more than one.
-    static_cast<void>(!write(eventDescriptor, &one, sizeof one));
+    // Cannot fail: the counter is far below its limit.
+    static_cast<void>(!::write(eventDescriptor, &one, sizeof one));
 }
 
 int RemainingMs(std::optional<steady_clock::time_point> deadline) {
@@ -65,14 +65,14 @@ int RemainingMs(std::optional<steady_clock::time_point> deadline) {
 } // namespace
 
 EndWatch::EndWatch(std::optional<milliseconds> timeLimit, Output output)
-    : signalDescriptor(SignalDescriptor()), quitDescriptor(Checked(eventfd(0, EFD_CLOEXEC))),
-      endedDescriptor(Checked(eventfd(0, EFD_CLOEXEC))), thread([=, this] { Run(timeLimit, output); }) {}
+    : signalDescriptor(SignalDescriptor()), quitDescriptor(Checked(::eventfd(0, EFD_CLOEXEC))),
+      endedDescriptor(Checked(::eventfd(0, EFD_CLOEXEC))), thread([=, this] { Run(timeLimit, output); }) {}
 
 EndWatch::~EndWatch() {
     MakeReadable(quitDescriptor);
     thread.join();
     for (const int descriptor : {signalDescriptor, quitDescriptor, endedDescriptor}) {
-        close(descriptor);
+        ::close(descriptor);
     }
 }
 
@@ -92,18 +92,19 @@ EndWatch::Cause EndWatch::WhyEnded() const {
     return cause;
 }
 
-/// Returns: None when the program ends by itself.
+/// Waits for the first cause.
+/// Returns: None when the destructor ends the wait.
 EndWatch::Cause EndWatch::AwaitCause(std::optional<milliseconds> timeLimit, Output output) const {
     std::optional<steady_clock::time_point> deadline;
     if (timeLimit) {
         deadline = steady_clock::now() + *timeLimit;
     }
     while (true) {
-        // A negative descriptor is skipped; of stdout only the end of its reader is of interest.
+        // poll ignores a negative descriptor, and reports POLLERR (the reader of stdout is gone) without being asked.
         std::array<pollfd, 3> watched{{{quitDescriptor, POLLIN, 0},
                                        {signalDescriptor, POLLIN, 0},
                                        {output == Output::Watched ? STDOUT_FILENO : -1, 0, 0}}};
-        const int ready = poll(watched.data(), watched.size(), RemainingMs(deadline));
+        const int ready = ::poll(watched.data(), watched.size(), RemainingMs(deadline));
         if (watched[0].revents != 0) {
             return Cause::None;
         }
@@ -125,9 +126,9 @@ void EndWatch::Run(std::optional<milliseconds> timeLimit, Output output) {
     if (found == Cause::None) {
         return;
     }
-    if (found == Cause::Signal) { // take it, and let the next one do what it does by default
+    if (found == Cause::Signal) { // consume it: the default action of the signal is for the second one
         signalfd_siginfo taken{};
-        static_cast<void>(!read(signalDescriptor, &taken, sizeof taken));
+        static_cast<void>(!::read(signalDescriptor, &taken, sizeof taken));
     }
     std::function<void()> action;
     {
@@ -145,11 +146,11 @@ void EndWatch::Run(std::optional<milliseconds> timeLimit, Output output) {
         }
     });
     const sigset_t set = EndingSignals();
-    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 
     pollfd quit{quitDescriptor, POLLIN, 0};
     const auto deadline = steady_clock::now() + timeToRelease;
-    while (poll(&quit, 1, RemainingMs(deadline)) <= 0 && steady_clock::now() < deadline) {
+    while (::poll(&quit, 1, RemainingMs(deadline)) <= 0 && steady_clock::now() < deadline) {
     }
     if (quit.revents != 0) {
         releasing.join();
@@ -161,10 +162,10 @@ void EndWatch::Run(std::optional<milliseconds> timeLimit, Output output) {
         released = isReleased;
     }
     if (!released) {
-        Say("the message bus server does not answer; leaving without it");
+        Say("the message bus server does not answer; exiting without its reply");
     }
     if (found == Cause::TimeLimit) {
-        _exit(static_cast<int>(ExitStatus::TimedOut));
+        ::_exit(static_cast<int>(ExitStatus::TimedOut));
     }
-    _exit(static_cast<int>(released ? ExitStatus::Done : ExitStatus::NoServer));
+    ::_exit(static_cast<int>(released ? ExitStatus::Done : ExitStatus::NoServer));
 }

@@ -10,42 +10,44 @@
 #include <optional>
 #include <thread>
 
-/// Watches for what ends the program from outside: SIGINT or SIGTERM, the time limit, a reader of stdout that is gone.
-/// When one comes, the action given to OnEnd releases the main thread; a main thread that is not through soon after,
-/// because the server does not answer or nobody reads the output, is not waited for: the process exits. A second signal
-/// ends the process at once.
+/// Ends the program on SIGINT or SIGTERM, at the time limit, or when the reader of stdout closes its end. The action
+/// given to OnEnd then releases the main thread. If the watch still exists three seconds later, because the server does
+/// not answer or the output blocks, the process exits without waiting longer. A second signal ends the process at once.
 class EndWatch final {
 public:
     enum class Cause { None, Signal, TimeLimit, OutputClosed };
     enum class Output { Watched, Ignored };
 
-    /// To be made before any other thread is started: the signals are blocked from here on.
+    /// Blocks the signals and starts the watching thread. Output::Watched: a closed stdout is a cause too.
+    /// Throws: std::system_error. Threads: construct before any other thread starts, so that it inherits the mask.
     EndWatch(std::optional<std::chrono::milliseconds> timeLimit, Output output);
     EndWatch(const EndWatch&) = delete;
     EndWatch& operator=(const EndWatch&) = delete;
+    /// Blocks: until a started action returns.
     ~EndWatch();
 
-    /// `action` is called once, on another thread, or here and now when the end has come already.
+    /// Calls `action` once: on another thread when a cause occurs, or at once, on this thread, if one has occurred.
     void OnEnd(std::function<void()> action) EXCLUDES(mutex);
 
+    /// Returns: None until a cause has occurred. Threads: any.
     Cause WhyEnded() const EXCLUDES(mutex);
 
-    /// Becomes readable when the end comes.
+    /// Returns: a descriptor that becomes readable when a cause occurs.
     int Descriptor() const noexcept { return endedDescriptor; }
 
 private:
     void Run(std::optional<std::chrono::milliseconds> timeLimit, Output output) EXCLUDES(mutex);
     Cause AwaitCause(std::optional<std::chrono::milliseconds> timeLimit, Output output) const;
 
-    // Owned; closed with the process.
+    // Owned.
     int signalDescriptor;
-    int quitDescriptor;
-    int endedDescriptor;
+    int quitDescriptor;  ///< becomes readable when the destructor ends the thread
+    int endedDescriptor; ///< becomes readable when a cause occurs
 
     mutable common::Mutex mutex;
     Cause cause GUARDED_BY(mutex) = Cause::None;
     std::function<void()> endAction GUARDED_BY(mutex);
     bool isReleased GUARDED_BY(mutex) = false; ///< the action has returned
 
-    std::thread thread;
+    std::thread thread; ///< last: uses all members above
 };

@@ -1,11 +1,11 @@
 #pragma once
 
-/// How msgbus ends.
+/// The exit statuses of msgbus.
 enum class ExitStatus : int {
     Done = 0,
     Failed = 1,
     Usage = 2,
-    Refused = 3,  ///< by the bus
-    NoServer = 4, ///< there is none, or it went away
-    TimedOut = 124,
+    Refused = 3,    ///< by the bus
+    NoServer = 4,   ///< no server was found, or the server is gone
+    TimedOut = 124, ///< as timeout(1)
 };

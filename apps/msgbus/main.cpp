@@ -1,4 +1,4 @@
-// The command line of the bus.
+// The command line of the bus: options, help, exit status.
 
 #include "arguments.h"
 #include "msgbus/error.h"
@@ -9,6 +9,7 @@
 #include <signal.h>
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -17,23 +18,54 @@ namespace {
 
 constexpr std::chrono::seconds defaultReconnectTime{5};
 
-constexpr const char* footer =
-    "Without --static and --dynamic, BORVEN_BUS=static|dynamic chooses; else msgbus looks for the dynamic services, "
-    "then "
-    "for the\nstatic channel. BORVEN_RUNTIME_DIR tells where.\n"
-    "Exit status: 0 done, 1 failed, 2 usage, 3 refused by the bus, 4 no server or server gone, 124 time-out.";
+constexpr const char* MainFooter = "See 'msgbus COMMAND --help' for the options of a command.";
+constexpr const char* CommandFooter =
+    "Environment:\n"
+    "  BORVEN_BUS=static|dynamic   mode to use without --static and --dynamic; if unset, msgbus tries dynamic, then "
+    "static\n"
+    "  BORVEN_RUNTIME_DIR          directory of the server's sockets\n"
+    "\n"
+    "Exit status:\n"
+    "  0 success, 1 failure, 2 usage error, 3 rejected by the bus, 4 no server or server gone, 124 time limit reached";
 
-/// The options that both commands take.
+/// Prints an option's name and value only: its description says which options it excludes and whether it is required.
+class HelpFormatter final : public CLI::Formatter {
+public:
+    HelpFormatter() {
+        label("SUBCOMMAND", "COMMAND");
+        label("Positionals", "Arguments");
+    }
+
+    std::string make_option_opts(const CLI::Option* option) const override {
+        const bool hasValue = option->get_type_size() != 0;
+        return hasValue && option->nonpositional() ? ' ' + option->get_type_name() : std::string();
+    }
+};
+
+/// Returns: what is wrong with the command line, as one sentence.
+std::string DescribeUsageError(const CLI::App& app, const CLI::Error& error) {
+    const bool isRequiredError = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
+    if (!isRequiredError || !app.get_subcommands().empty()) {
+        return error.what();
+    }
+    const auto words = app.remaining();
+    if (words.empty()) {
+        return "no command given";
+    }
+    return (words.front().starts_with('-') ? "unknown option '" : "unknown command '") + words.front() + "'";
+}
+
+/// The options of both commands.
 class CommonOptions final {
 public:
     explicit CommonOptions(CLI::App& command) {
-        auto* const staticFlag = command.add_flag("--static", isStatic, "find the bus on its static channel");
-        command.add_flag("--dynamic", isDynamic, "find the bus by its published services")->excludes(staticFlag);
+        auto* const staticFlag = command.add_flag("--static", isStatic, "connect in static mode (not with --dynamic)");
+        command.add_flag("--dynamic", isDynamic, "connect in dynamic mode (not with --static)")->excludes(staticFlag);
         command
             .add_option("--reconnect", reconnectTime,
-                        "how long to look for a restarted server when it is gone (default 5s, 0 not at all)")
+                        "how long to look for a restarted server if the server is gone; 0: do not look (default: 5s)")
             ->type_name("DURATION");
-        command.footer(footer);
+        command.footer(CommandFooter);
     }
 
     msgbus::Options Resolve() const {
@@ -81,42 +113,45 @@ ExitStatus RunCommand(const std::function<ExitStatus()>& command) {
 
 int main(int argc, char** argv) {
     OccupyStandardDescriptors();
-    signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGPIPE, SIG_IGN);
 
-    CLI::App app("Publishes to the message bus and receives from it.", "msgbus");
+    CLI::App app("Publish to the message bus, or receive from it.", "msgbus");
+    app.formatter(std::make_shared<HelpFormatter>());
+    app.footer(MainFooter);
     app.set_version_flag("--version", "msgbus " BORVEN_VERSION);
     app.require_subcommand(1);
     app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
-        const auto words = failed->remaining();
-        const bool isUnknown =
-            error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError) && !words.empty();
-        return "msgbus: " + (isUnknown ? "unknown command '" + words.front() + "'" : std::string(error.what())) +
-               "\nmsgbus --help tells the commands and their options.\n";
+        return "msgbus: " + DescribeUsageError(*failed, error) + "\nSee 'msgbus --help'.\n";
     });
 
-    auto* const pub = app.add_subcommand("pub", "Publish 64-bit integers to a topic.");
+    auto* const pub = app.add_subcommand("pub", "Publish 64-bit integers to a topic.")->group("Commands");
     PublishArguments publish;
     const CommonOptions publishOptions(*pub);
-    pub->add_option("topic", publish.topic, "the topic: 1 to 1023 bytes, one publisher at a time")
+    pub->add_option("TOPIC", publish.topic, "topic of 1 to 1023 bytes; it has one publisher at a time")
         ->type_name("TOPIC")
         ->required();
     auto* const values =
-        pub->add_option("values", publish.values, "what to publish, in this order")->type_name("VALUE");
-    pub->add_flag("-l,--lines", publish.fromInput, "read one value per line from standard input")->excludes(values);
-    pub->add_flag("-v,--verbose", publish.verbose, "tell the publisher's id");
+        pub->add_option("VALUE", publish.values, "values to publish, in this order")->type_name("VALUE");
+    pub->add_flag("-l,--lines", publish.fromInput, "read the values from standard input, one per line (not with VALUE)")
+        ->excludes(values);
+    pub->add_flag("-v,--verbose", publish.verbose, "print the publisher's id on standard error");
 
     auto* const sub =
-        app.add_subcommand("sub", "Print the values of topics as they arrive: one line TOPIC VALUE each.");
+        app.add_subcommand("sub", "Print the values of topics as they arrive, one line 'TOPIC VALUE' each.")
+            ->group("Commands");
     ReceiveArguments receive;
     const CommonOptions receiveOptions(*sub);
     std::optional<std::string> timeLimit;
-    sub->add_option("topics", receive.topics, "the topics: 1 to 1023 bytes each")->type_name("TOPIC")->required();
-    sub->add_option("--name", receive.name, "name of this subscriber")->type_name("NAME")->required();
+    sub->add_option("TOPIC", receive.topics, "topics of 1 to 1023 bytes")->type_name("TOPIC")->required();
+    sub->add_option("--name", receive.name, "name of this subscriber, 1 to 1023 bytes (required)")
+        ->type_name("NAME")
+        ->required();
     std::optional<std::string> count;
-    sub->add_option("-n,--count", count, "leave after this many messages")->type_name("COUNT");
-    sub->add_option("-W,--time-limit", timeLimit, "leave after this time, with status 124: 10, 1.5s, 200ms, 5m, 1h")
+    sub->add_option("-n,--count", count, "exit after this many messages")->type_name("COUNT");
+    sub->add_option("-W,--time-limit", timeLimit,
+                    "exit with status 124 after this time, for example 10 (seconds), 1.5s, 200ms, 5m, 1h")
         ->type_name("DURATION");
-    sub->add_flag("--json", receive.json, "print one JSON object per line");
+    sub->add_flag("--json", receive.json, "print each message as a JSON object on one line");
 
     try {
         app.parse(argc, argv);
@@ -126,7 +161,8 @@ int main(int argc, char** argv) {
     return static_cast<int>(RunCommand([&] {
         if (pub->parsed()) {
             if (publish.values.empty() && !publish.fromInput) {
-                throw std::invalid_argument("nothing to publish: give values, or -l to read them from standard input");
+                throw std::invalid_argument(
+                    "nothing to publish: give values, or use --lines to read them from standard input");
             }
             publish.options = publishOptions.Resolve();
             return Publish(publish);

@@ -16,13 +16,14 @@
 
 namespace {
 
-/// Lines of standard input, read so that the end of the program ends the reading too.
+/// Reads lines from standard input until the input or the program ends.
 class InputLines final {
 public:
     explicit InputLines(const EndWatch& endWatch) : watch(endWatch) {}
 
-    /// Returns: the next line without its end; nothing at the end of the input or of the program.
-    /// Throws: std::system_error; std::invalid_argument for a line without end.
+    /// Returns: the next line without its newline; nothing at the end of the input or when the program is to end.
+    /// Throws: std::system_error; std::invalid_argument for a line that is too long.
+    /// Blocks: until a line is there, the input ends or the program is to end.
     std::optional<std::string> Next() {
         while (true) {
             if (const auto end = pending.find('\n'); end != std::string::npos) {
@@ -45,15 +46,17 @@ public:
 private:
     static constexpr std::size_t longestLine = 4096;
 
+    /// Appends what is available to `pending`.
+    /// Returns: false at the end of the input, or when the program is to end.
     bool Read() {
         std::array<pollfd, 2> watched{{{STDIN_FILENO, POLLIN, 0}, {watch.Descriptor(), POLLIN, 0}}};
-        while (poll(watched.data(), watched.size(), -1) < 0 && errno == EINTR) {
+        while (::poll(watched.data(), watched.size(), -1) < 0 && errno == EINTR) {
         }
         if (watched[1].revents != 0) {
             return false;
         }
         std::array<char, 4096> buffer;
-        const ssize_t count = read(STDIN_FILENO, buffer.data(), buffer.size());
+        const ssize_t count = ::read(STDIN_FILENO, buffer.data(), buffer.size());
         if (count < 0) {
             if (errno == EINTR || errno == EAGAIN) {
                 return true;
@@ -78,8 +81,8 @@ ExitStatus PublishInput(msgbus::Publisher& publisher, const EndWatch& watch) {
             }
             publisher.Push(ParseValue(*line));
         } catch (const std::invalid_argument& error) {
-            throw std::invalid_argument("line " + std::to_string(number) + ": " + error.what() + "; the " +
-                                        std::to_string(number - 1) + " before it were published");
+            throw std::invalid_argument("line " + std::to_string(number) + ": " + error.what() +
+                                        "; values published before it: " + std::to_string(number - 1));
         }
     }
 }
@@ -108,7 +111,7 @@ ExitStatus Publish(const PublishArguments& arguments) {
     const EndWatch watch(std::nullopt, EndWatch::Output::Ignored);
     msgbus::Publisher publisher(arguments.topic, arguments.options);
     if (arguments.verbose) {
-        Say("publishing topic '" + arguments.topic + "' (id " + std::to_string(publisher.Id()) + ")");
+        Say("publishing to topic '" + arguments.topic + "' (id " + std::to_string(publisher.Id()) + ")");
     }
     const ExitStatus status =
         arguments.fromInput ? PublishInput(publisher, watch) : PublishValues(publisher, values, watch);

@@ -17,7 +17,7 @@
 
 namespace {
 
-/// One line per message, whatever is in its topic.
+/// Returns: one line, whatever bytes are in the topic: control characters are escaped.
 std::string FormatPlain(const msgbus::Message& message) {
     std::string line;
     for (const char character : message.topic) {
@@ -37,19 +37,20 @@ std::string FormatJson(const msgbus::Message& message, const std::string& subscr
     return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
 }
 
-/// Returns: false when nobody reads any more. Throws: std::system_error.
+/// Writes `text` to stdout.
+/// Returns: false when its reader has closed the pipe. Throws: std::system_error. Blocks: until all is written.
 bool WriteOut(std::string_view text) {
     while (!text.empty()) {
-        const ssize_t count = write(STDOUT_FILENO, text.data(), text.size());
+        const ssize_t count = ::write(STDOUT_FILENO, text.data(), text.size());
         if (count >= 0) {
             text.remove_prefix(static_cast<std::size_t>(count));
         } else if (errno == EPIPE) {
             return false;
-        } else if (errno == EAGAIN) { // somebody who shares it made it non-blocking
+        } else if (errno == EAGAIN) { // another process that shares stdout has made it non-blocking
             pollfd output{STDOUT_FILENO, POLLOUT, 0};
-            poll(&output, 1, -1);
+            ::poll(&output, 1, -1);
         } else if (errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "cannot write the messages");
+            throw std::system_error(errno, std::generic_category(), "cannot write to standard output");
         }
     }
     return true;
@@ -74,7 +75,8 @@ ExitStatus Receive(const ReceiveArguments& arguments) {
     for (const auto& topic : arguments.topics) {
         WarnAboutCutTopic(topic);
     }
-    // The watch uses the subscriber, but blocks signals before anything is registered.
+    // Constructed after the watch, which must block the signals before anything is registered; destroyed after it too,
+    // because the watch's threads use it.
     std::optional<msgbus::Subscriber> subscriber;
     EndWatch watch(arguments.timeLimit, EndWatch::Output::Watched);
     subscriber.emplace(arguments.name, arguments.topics, arguments.options);
@@ -82,6 +84,6 @@ ExitStatus Receive(const ReceiveArguments& arguments) {
     watch.OnEnd([&subscriber] { subscriber->Cancel(); });
 
     const ExitStatus status = Print(*subscriber, watch, arguments);
-    subscriber->Cancel(); // here and not in the destructor: under the watch
+    subscriber->Cancel(); // not left to the destructor: a server that does not answer is then handled by the watch
     return status;
 }

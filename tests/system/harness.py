@@ -196,7 +196,7 @@ class BusTest(unittest.TestCase):
     def pub(self, topic, *options):
         """A publisher that takes values from its standard input, once it is registered."""
         process = self.msgbus("pub", topic, "-l", "-v", *options)
-        process.expect_error(f"publishing topic '{topic}'")
+        process.expect_error(f"publishing to topic '{topic}'")
         return process
 
     def publish(self, topic, *values):

@@ -20,12 +20,13 @@ class BadInput(BusTest):
         self.refuse(["pub", "t", "1", "--frobnicate"], USAGE, "--frobnicate")
         self.refuse(["sub", "t", "--name", "n", "-x"], USAGE, "-x")
         self.refuse(["frobnicate"], USAGE, "unknown command 'frobnicate'")
+        self.refuse(["--frobnicate"], USAGE, "unknown option '--frobnicate'")
 
     def test_missing_arguments(self):
-        self.refuse([], USAGE, "subcommand")
-        self.refuse(["pub"], USAGE, "topic")
+        self.refuse([], USAGE, "no command given")
+        self.refuse(["pub"], USAGE, "TOPIC is required")
         self.refuse(["pub", "t"], USAGE, "nothing to publish")
-        self.refuse(["sub", "--name", "n"], USAGE, "topics")
+        self.refuse(["sub", "--name", "n"], USAGE, "TOPIC is required")
         self.refuse(["sub", "t"], USAGE, "--name")
 
     def test_both_modes_at_once(self):
@@ -68,7 +69,7 @@ class BadInput(BusTest):
         reader = self.sub("t", options=("-n", "2"))
         publisher = self.pub("t")
         publisher.write("1\n2\nthree\n4\n")
-        publisher.expect_error("line 3: 'three' is not a 64-bit integer; the 2 before it were published")
+        publisher.expect_error("line 3: 'three' is not a 64-bit integer; values published before it: 2")
         publisher.expect_exit(USAGE)
         reader.expect_all(["t 1", "t 2"])
 

@@ -110,10 +110,10 @@ class Delivery(BusTest):
         self.server()
         topic = "x" * 1023
         reader = self.msgbus("sub", topic, "--name", "reader", "-n", "1")
-        reader.expect_error("warning: subscribers see only the first 1022 bytes")
+        reader.expect_error("warning: subscribers receive only the first 1022 bytes")
         reader.expect_error("subscribed as")
         publisher = self.msgbus("pub", topic, "1")
-        publisher.expect_error("warning: subscribers see only the first 1022 bytes")
+        publisher.expect_error("warning: subscribers receive only the first 1022 bytes")
         publisher.expect_exit(DONE)
         reader.expect("x" * 1022 + " 1")
 

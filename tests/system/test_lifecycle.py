@@ -59,7 +59,7 @@ class Leaving(BusTest):
         with open("/dev/full", "w", encoding="utf-8") as full:
             reader = self.sub("t", stdout=full)
         self.publish("t", 1)
-        reader.expect_error("cannot write the messages")
+        reader.expect_error("cannot write to standard output")
         reader.expect_exit(FAILED)
 
     def test_a_topic_has_one_publisher_at_a_time(self):
