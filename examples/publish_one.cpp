@@ -1,10 +1,10 @@
-// A publisher in ten lines: publishes one value to the topic "temperature".
+// A publisher: publishes one value to topic "temperature".
 #include <msgbus/publisher.h>
 
 #include <iostream>
 
 int main() try {
-    msgbus::Publisher publisher("temperature"); // finds the bus and registers; unregisters at the end
+    msgbus::Publisher publisher("temperature"); // connects and registers; the destructor unregisters
     publisher.Push(21);
     return 0;
 } catch (const std::exception& error) {

@@ -1,4 +1,4 @@
-// A subscriber in ten lines: prints the values of the topic "temperature" until the server is gone.
+// A subscriber: prints the values of topic "temperature" until the server is gone.
 #include <msgbus/subscriber.h>
 
 #include <iostream>
