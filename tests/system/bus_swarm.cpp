@@ -1,10 +1,9 @@
-// Many client processes at once, and the account of every value:
-//   bus_swarm churn CLIENTS    clients register, wait, leave and come again in random order while values flow
-//   bus_swarm wait CLIENTS     all wait, and after a line on standard input one value is pushed, which each must get
-//   once;
-//                              then they wait until the server is gone
-// Publishers count up and tell in shared memory which value comes next: a subscriber that registered earlier must get
-// that one, and from its first value on each following one. Ends with status 0 when all is accounted for.
+// Many client processes at once; each received value is checked:
+//   bus_swarm churn CLIENTS    clients register, wait, unregister and register again in random order during publishing
+//   bus_swarm wait CLIENTS     all clients wait; a line on standard input starts the push of one value, which each must
+//                              receive once; then they wait until the server is gone
+// Publishers count up and store in shared memory which value is next: a subscriber that registered before must receive
+// that value, and from its first value on each following one. Exit status 0 if every value was received as due.
 
 #include "msgbus/error.h"
 #include "msgbus/publisher.h"
@@ -34,14 +33,14 @@ namespace {
 const std::vector<std::string> topics{"even", "odd", "third"};
 constexpr std::chrono::milliseconds timeBetweenValues{1};
 
-/// What the processes share.
+/// Memory that all processes share.
 struct Shared {
-    std::atomic<std::int64_t> next[3]{}; // per topic: the value that is pushed next, or just now
+    std::atomic<std::int64_t> next[3]{}; // per topic: the value that is pushed next or now
     std::atomic<bool> ending{false};
 };
 
 Shared* MapShared() {
-    void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    void* const memory = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
         throw std::runtime_error("no shared memory");
     }
@@ -55,7 +54,7 @@ void Require(bool condition, const std::string& what) {
 }
 
 pid_t Fork(const std::string& name, const std::function<void()>& body) {
-    const pid_t child = fork();
+    const pid_t child = ::fork();
     Require(child >= 0, "cannot fork");
     if (child == 0) {
         int status = 0;
@@ -65,17 +64,17 @@ pid_t Fork(const std::string& name, const std::function<void()>& body) {
             std::cerr << name + ": " + error.what() + "\n";
             status = 1;
         }
-        _exit(status);
+        ::_exit(status);
     }
     return child;
 }
 
-/// Returns: true when every one of them ended well.
+/// Returns: true when every child exited with status 0.
 bool WaitFor(const std::vector<pid_t>& children) {
     bool good = true;
     for (const pid_t child : children) {
         int status = 0;
-        good = waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0 && good;
+        good = ::waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0 && good;
     }
     return good;
 }
@@ -85,15 +84,15 @@ void PublishUntilEnd(Shared& shared, std::size_t topic) {
     while (!shared.ending) {
         publisher.Push(shared.next[topic]);
         ++shared.next[topic];
-        // While its inbound queue never runs empty, the bus lets nobody come or go.
+        // While its inbound queue is never empty, the bus registers and unregisters no subscriber.
         std::this_thread::sleep_for(timeBetweenValues);
     }
 }
 
-/// One stay on the bus: registers for some topics, takes some values, leaves in one of three ways.
+/// Registers for some topics, takes some values, and unregisters in one of three ways.
 void Stay(Shared& shared, std::mt19937& random, const std::string& name) {
     std::vector<std::string> chosen;
-    std::map<std::string, std::int64_t> due; // nothing yet: the upper bound of the first value; later: the next value
+    std::map<std::string, std::int64_t> due; // the next value; before the first one its upper bound
     std::map<std::string, bool> begun;
     for (const auto& topic : topics) {
         if (chosen.empty() || random() % 2 == 0) {
@@ -102,7 +101,7 @@ void Stay(Shared& shared, std::mt19937& random, const std::string& name) {
     }
     msgbus::Subscriber subscriber(name, chosen);
     for (std::size_t topic = 0; topic < topics.size(); ++topic) {
-        due[topics[topic]] = shared.next[topic] + 1; // the one that is told may have left before the registration
+        due[topics[topic]] = shared.next[topic] + 1; // `next` itself may be delivered before the registration
     }
     const auto takeOne = [&] {
         const auto message = subscriber.Next();
@@ -120,11 +119,11 @@ void Stay(Shared& shared, std::mt19937& random, const std::string& name) {
     };
     const auto count = random() % 20;
     for (unsigned taken = 0; taken < count; ++taken) {
-        Require(takeOne(), "canceled by nobody");
+        Require(takeOne(), "Next returned nothing without a Cancel");
     }
     if (random() % 3 == 0) {
         subscriber.Cancel();
-        Require(!takeOne(), "got a value after leaving");
+        Require(!takeOne(), "got a value after Cancel");
     } else if (random() % 2 == 0) {
         std::thread canceler([&] { subscriber.Cancel(); });
         while (takeOne()) {
@@ -161,17 +160,17 @@ bool Churn(int clients) {
     return subscribersGood && publishersGood;
 }
 
-/// A pipe on which children report one byte each.
+/// A pipe through which children report, one byte each.
 class Reports final {
 public:
-    Reports() { Require(pipe(descriptors) == 0, "no pipe"); }
+    Reports() { Require(::pipe(descriptors) == 0, "no pipe"); }
 
-    void Send(char report) const { Require(write(descriptors[1], &report, 1) == 1, "cannot report"); }
+    void Send(char report) const { Require(::write(descriptors[1], &report, 1) == 1, "cannot report"); }
 
     void Await(int count, char wanted) const {
         for (int seen = 0; seen < count; ++seen) {
             char report = 0;
-            Require(read(descriptors[0], &report, 1) == 1 && report == wanted, "a client failed");
+            Require(::read(descriptors[0], &report, 1) == 1 && report == wanted, "a client failed");
         }
     }
 
@@ -184,10 +183,10 @@ void WaitOnce(const Reports& reports) {
         msgbus::Subscriber subscriber("waiter", {"once"});
         reports.Send('r');
         const auto message = subscriber.Next();
-        Require(message && message->value == 42, "got something else");
+        Require(message && message->value == 42, "got another value");
         reports.Send('v');
         Require(!subscriber.Next(), "got the value twice");
-    } catch (const msgbus::ServerGoneError&) { // how it shall end
+    } catch (const msgbus::ServerGoneError&) { // the expected end
     } catch (const std::exception&) {
         reports.Send('x');
         throw;
@@ -221,7 +220,7 @@ int main(int argc, char** argv) {
         if (std::string_view(argv[1]) == "wait") {
             return WaitAll(clients) ? 0 : 1;
         }
-        throw std::invalid_argument("want churn or wait");
+        throw std::invalid_argument("the mode must be churn or wait");
     } catch (const std::exception& error) {
         std::cerr << "bus_swarm: " << error.what() << '\n';
         return 2;

@@ -1,7 +1,7 @@
 """Real processes as a script: start, connect, subscribe, expect, kill, expect, clean exit.
 
-Nothing here sleeps to wait: every step waits for a condition with a deadline, and a test that fails shows what every
-process of it has said. BORVEN_BIN tells where the programs are, BORVEN_TEST_MODE which mode to test.
+No step sleeps for a fixed time: each waits for a condition with a deadline. A failing test prints the output of its
+processes. BORVEN_BIN is the folder of the programs, BORVEN_TEST_MODE the mode to test.
 """
 
 import os
@@ -13,16 +13,16 @@ import threading
 import time
 import unittest
 
-PATIENCE = float(os.environ.get("BORVEN_TEST_PATIENCE", "60"))  # seconds; only ends what hangs
+PATIENCE = float(os.environ.get("BORVEN_TEST_PATIENCE", "60"))  # seconds; a deadline for hangs only
 BIN = os.environ["BORVEN_BIN"]
 MODE = os.environ["BORVEN_TEST_MODE"]
-STOP_LIMIT = 6.0 * float(os.environ.get("BORVEN_TEST_SLOWNESS", "1"))  # seconds: the poll of the bus, and one more
+STOP_LIMIT = 6.0 * float(os.environ.get("BORVEN_TEST_SLOWNESS", "1"))  # seconds: the bus polls every 5
 
 DONE, FAILED, USAGE, REFUSED, NO_SERVER, TIMED_OUT = 0, 1, 2, 3, 4, 124
 
 
 class Process:
-    """A program and the lines that it writes, as they come."""
+    """A running program and the lines that it prints, in order of arrival."""
 
     def __init__(self, test, arguments, environment, stdout=subprocess.PIPE, pass_fds=()):
         self.test = test
@@ -46,7 +46,7 @@ class Process:
         lines.put(None)
 
     def expect(self, line):
-        """The next line on stdout is `line`."""
+        """Fails unless the next line on stdout is `line`."""
         self.test.assertEqual(self._next(self.out), line, self)
 
     def expect_all(self, lines):
@@ -54,19 +54,19 @@ class Process:
             self.expect(line)
 
     def expect_end(self):
-        """Nothing more on stdout."""
+        """Fails unless stdout ends without another line."""
         self.test.assertIsNone(self._next(self.out), self)
 
     def next_line(self):
         line = self._next(self.out)
-        self.test.assertIsNotNone(line, f"{self} ended")
+        self.test.assertIsNotNone(line, f"{self} closed its output")
         return line
 
     def expect_error(self, part):
-        """Some line on stderr, now or later, contains `part`."""
+        """Waits for a line on stderr that contains `part`. Returns: the line."""
         while True:
             line = self._next(self.err)
-            self.test.assertIsNotNone(line, f"{self} never said '{part}'")
+            self.test.assertIsNotNone(line, f"{self} did not print '{part}'")
             if part in line:
                 return line
 
@@ -74,14 +74,14 @@ class Process:
         try:
             return lines.get(timeout=PATIENCE)
         except queue.Empty:
-            self.test.fail(f"{self} said nothing more")
+            self.test.fail(f"{self} printed nothing more in time")
 
     def write(self, text):
         try:
             self.popen.stdin.write(text.encode())
             self.popen.stdin.flush()
         except BrokenPipeError:
-            pass  # it has ended; whether it should have is for the test to say
+            pass  # the process has exited; the test checks its status where that matters
 
     def end_input(self):
         try:
@@ -100,7 +100,7 @@ class Process:
         try:
             status = self.popen.wait(PATIENCE)
         except subprocess.TimeoutExpired:
-            self.test.fail(f"{self} did not end")
+            self.test.fail(f"{self} did not exit")
         for reader in self.readers:
             reader.join(PATIENCE)
         return status
@@ -127,31 +127,32 @@ class Process:
 
 
 class Server(Process):
-    """msgbusd, once it serves."""
+    """msgbusd, ready to serve."""
 
     def __init__(self, test, *options, log_level="debug"):
-        ready, tell = os.pipe()
-        super().__init__(test, [f"{BIN}/msgbusd", f"--{MODE}", "--log-level", log_level, "--ready-fd", str(tell),
-                                *options], test.environment, pass_fds=(tell,))
-        os.close(tell)
+        ready, write_end = os.pipe()
+        super().__init__(test, [f"{BIN}/msgbusd", f"--{MODE}", "--log-level", log_level, "--ready-fd", str(write_end),
+                                *options], test.environment, pass_fds=(write_end,))
+        os.close(write_end)
         with os.fdopen(ready, "rb") as pipe:
-            said = pipe.read()
-        test.assertEqual(said, b"READY\n", f"{self} did not get ready: {self.seen}")
+            report = pipe.read()
+        test.assertEqual(report, b"READY\n", f"{self} did not become ready: {self.seen}")
 
     def stop(self):
-        """SIGTERM, and what must hold when it has ended."""
+        """Sends SIGTERM; fails unless the server exits with status 0 and removes its files."""
         self.signal(signal.SIGTERM)
         self.expect_exit(0)
-        self.test.assertEqual(os.listdir(self.test.runtime), [], "the server left something behind")
+        self.test.assertEqual(os.listdir(self.test.runtime), [], "the server left files behind")
 
     def stops_in_time(self):
+        """Stops the server. Returns: whether that took less than STOP_LIMIT."""
         began = time.monotonic()
         self.stop()
         return time.monotonic() - began < STOP_LIMIT
 
 
 class BusTest(unittest.TestCase):
-    """A runtime directory of its own; every process that is still there at the end is killed."""
+    """A test with its own runtime directory. Kills the processes that still run at its end."""
 
     maxDiff = None
 
@@ -167,11 +168,11 @@ class BusTest(unittest.TestCase):
     def _end_all(self):
         for process in self.processes:
             process.close()
-            print(f"--- {process}")  # shown only when the test fails
+            print(f"--- {process}")  # unittest prints it only for a failing test
             print("\n".join(process.seen[-60:]))
 
     def expect_once(self, attempt):
-        """`attempt` is true one time out of three: what depends on time may fail while the machine has no time."""
+        """Fails unless `attempt` is true once in three times. For time limits, which a busy machine may miss."""
         self.assertTrue(any(attempt() for _ in range(3)))
 
     def start(self, *arguments, **options):
@@ -188,24 +189,24 @@ class BusTest(unittest.TestCase):
         return self.start(f"{BIN}/msgbus", *arguments, **options)
 
     def sub(self, *topics, name="reader", options=(), **more):
-        """A subscriber, once it is registered."""
+        """Starts a subscriber and waits until it is registered."""
         process = self.msgbus("sub", *topics, "--name", name, *options, **more)
         process.expect_error(f"subscribed as '{name}'")
         return process
 
     def pub(self, topic, *options):
-        """A publisher that takes values from its standard input, once it is registered."""
+        """Starts a publisher that reads values from its standard input, and waits until it is registered."""
         process = self.msgbus("pub", topic, "-l", "-v", *options)
         process.expect_error(f"publishing to topic '{topic}'")
         return process
 
     def publish(self, topic, *values):
-        """Publishes from start to end."""
+        """Runs a publisher that publishes `values` and exits."""
         process = self.msgbus("pub", topic, "--", *(str(value) for value in values))
         process.expect_exit(DONE)
 
     def expect_working(self):
-        """A value still finds its way."""
+        """Fails unless the bus still delivers a value to a new subscriber."""
         reader = self.sub("still-working", name="probe", options=("-n", "1"))
         self.publish("still-working", 42)
         reader.expect("still-working 42")
@@ -217,9 +218,9 @@ def main():
 
 
 def wait_until(test, condition, what):
-    """For what only the outside can tell. Looks again and again, with a deadline."""
+    """Polls `condition`, which no output of a process announces. Fails after a deadline."""
     deadline = time.monotonic() + PATIENCE
     while not condition():
         if time.monotonic() > deadline:
-            test.fail(f"waited in vain: {what}")
+            test.fail(f"timed out waiting for {what}")
         time.sleep(0.01)

@@ -1,5 +1,5 @@
-// A client that takes the first steps of a client's life and then waits to be killed: `stopping_client STEP` tells that
-// it is there by writing the step's name.
+// A client that goes through a client's life up to a step and then waits to be killed: `stopping_client STEP` prints
+// the name of the step when it has reached it.
 
 #include "br_MessageBus_client.h"
 #include "kn/connection_manager.h"
@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
         if (step == last) {
             std::cout << step << std::endl;
             while (true) {
-                pause();
+                ::pause();
             }
         }
     };

@@ -1,4 +1,4 @@
-"""What is published arrives: whole, in order, at everybody who asked for it and nobody else."""
+"""Published values arrive complete and in order at every subscriber of their topic, and at no other."""
 
 import json
 import os

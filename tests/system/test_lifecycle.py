@@ -1,4 +1,4 @@
-"""Who leaves, by will or by death, does so without harm to anybody else."""
+"""Clients and servers exit, are killed and restarted; the other processes go on, or report the loss."""
 
 import os
 import signal
@@ -219,9 +219,9 @@ class Stopping(BusTest):
     def test_servers_of_both_modes_stand_side_by_side(self):
         self.server()
         other = "dynamic" if MODE == "static" else "static"
-        ready, tell = os.pipe()
-        self.start(f"{BIN}/msgbusd", f"--{other}", "--ready-fd", str(tell), pass_fds=(tell,))
-        os.close(tell)
+        ready, write_end = os.pipe()
+        self.start(f"{BIN}/msgbusd", f"--{other}", "--ready-fd", str(write_end), pass_fds=(write_end,))
+        os.close(write_end)
         with os.fdopen(ready, "rb") as pipe:
             self.assertEqual(pipe.read(), b"READY\n")
         self.expect_working()
@@ -232,7 +232,7 @@ class Stopping(BusTest):
         command = f'exec "{BIN}/msgbusd" --{MODE} <&- >&- 2>&-'
         with subprocess.Popen(["/bin/sh", "-c", command], env=self.environment) as server:
             try:
-                wait_until(self, lambda: self.msgbus("pub", "t", "1").wait() == DONE, "a server that serves")
+                wait_until(self, lambda: self.msgbus("pub", "t", "1").wait() == DONE, "the server to answer")
                 self.expect_working()
             finally:
                 server.kill()

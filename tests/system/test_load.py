@@ -1,4 +1,4 @@
-"""Many at once, and none is forgotten."""
+"""Hundreds of clients at once: each value arrives, each client is served."""
 
 import threading
 
@@ -66,7 +66,7 @@ class Load(BusTest):
         while values[-1] != len(written) - 1:
             read_on()
         steps = [after - before for before, after in zip(values, values[1:])]
-        # Each restart may lose some values, or bring the one that was under way again; nothing else is missing.
+        # Each restart may lose some values or repeat the unacknowledged one; no other value is missing.
         self.assertLessEqual(len([step for step in steps if step != 1]), restarts)
         self.assertGreaterEqual(min(steps), 0)
         server.stop()
@@ -77,7 +77,7 @@ class Load(BusTest):
             self.kill_at(step)
             self.expect_working()
         for step in ("registered-a-publisher", "pushed", "received", "waiting"):
-            # The one before keeps its topic for ever, so each of these has a server of its own.
+            # The client killed before keeps its topic while its server runs, so each step gets a new server.
             server.kill()
             server = self.server()
             self.kill_at(step)
