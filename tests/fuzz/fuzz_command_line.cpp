@@ -1,7 +1,7 @@
-// Any arguments for msgbus and msgbusd. Each command line is either understood, and then its settings keep what the
-// help promises, or refused with the status for usage and a sentence; or it asks for the help or the version.
+// Any arguments for msgbus and msgbusd. A command line is accepted, and its settings are as the help promises; or it is
+// rejected with the exit status for usage errors and a sentence; or it prints the help or the version.
 //
-// Input: the words of a command line, the program's name first, with a NUL between them.
+// Input: the words of a command line, the program's name first, separated by NUL bytes.
 
 #include "fuzzing.h"
 
@@ -20,7 +20,7 @@
 #include <string_view>
 #include <vector>
 
-// The programs' own main functions, renamed by their build here.
+// The main functions of the programs, renamed in this build.
 int MsgbusMain(int argc, char** argv);
 int MsgbusdMain(int argc, char** argv);
 
@@ -32,10 +32,10 @@ int commandsRun = 0;
 
 void CheckOptions(const msgbus::Options& options) {
     Require(options.reconnectFor.count() >= 0, "a time is not negative");
-    Require(static_cast<bool>(options.onNotice), "notices are told");
+    Require(static_cast<bool>(options.onNotice), "there is a handler of notices");
 }
 
-/// Keeps what is written to a stream while it lives.
+/// Captures what is written to a stream during its lifetime.
 class Captured final {
 public:
     explicit Captured(std::ostream& written) : stream(written), before(written.rdbuf(kept.rdbuf())) {}
@@ -53,7 +53,7 @@ private:
 
 } // namespace
 
-// In place of the commands themselves.
+// These replace the commands.
 
 ExitStatus Publish(const PublishArguments& arguments) {
     ++commandsRun;
@@ -82,7 +82,7 @@ ExitStatus Receive(const ReceiveArguments& arguments) {
 }
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // No directory can be made there: msgbusd gives up before it serves.
+    // This directory cannot be created: msgbusd exits before it serves.
     ::setenv("BORVEN_RUNTIME_DIR", "/dev/null/none", 1);
     return 0;
 }
@@ -113,14 +113,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string ownName = isServer ? "msgbusd: " : "msgbus: ";
     switch (status) {
     case 0:
-        Require(commandsRun == 1 || !output.Text().empty(), "it has done something, or told something");
+        Require(commandsRun == 1 || !output.Text().empty(), "success means that a command ran or a text was printed");
         break;
-    case 1: // msgbusd, which was let in no further
-        Require(isServer && errors.Text().starts_with(ownName), "the server tells why it cannot serve");
+    case 1: // msgbusd, which cannot create its directory
+        Require(isServer && errors.Text().starts_with(ownName), "the server reports why it cannot serve");
         break;
     case 2:
         Require(errors.Text().starts_with(ownName) || errors.Text().find('\n' + ownName) != std::string::npos,
-                "a usage error is a sentence of this program");
+                "a usage error is a sentence that begins with the program's name");
         Require(output.Text().empty(), "a usage error goes to the standard error stream");
         break;
     default:

@@ -10,13 +10,13 @@
 #include <span>
 #include <string>
 
-/// What libFuzzer calls; each program of this folder defines the first, and the second where it has to prepare.
+/// Called by libFuzzer. Each program of this folder defines the first; the second only if it needs preparation.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 
 namespace fuzzing {
 
-/// Ends the process, which is how libFuzzer learns of a finding, unless `holds`.
+/// Aborts the process, which libFuzzer reports as a finding, unless `holds`.
 inline void Require(bool holds, const char* what, const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
     if (!holds) {
         std::fprintf(stderr, "%s:%d: does not hold: %s\n", file, line, what);
@@ -24,8 +24,8 @@ inline void Require(bool holds, const char* what, const char* file = __builtin_F
     }
 }
 
-/// Lets a call that blocks go on blocking when the alarm comes with which libFuzzer looks for hangs: otherwise the
-/// alarm itself would end the hang, and nobody would know. To be called with each input; libFuzzer sets its alarm late.
+/// Makes system calls restart after the alarm with which libFuzzer looks for hangs: otherwise the alarm would interrupt
+/// the blocked call, and the hang would stay unnoticed. Call it for each input, because libFuzzer sets its alarm late.
 inline void RestartCallsAfterAlarm() {
     struct sigaction alarm {};
     ::sigaction(SIGALRM, nullptr, &alarm);
@@ -35,7 +35,7 @@ inline void RestartCallsAfterAlarm() {
     }
 }
 
-/// The bytes that a fuzzer made up, taken from the front; past their end there are zeros.
+/// The bytes of one input, read from the front. Numbers read zeros past the end; Bytes and Text are cut off there.
 class Input final {
 public:
     Input(const std::uint8_t* data, std::size_t size) : left(data, size) {}

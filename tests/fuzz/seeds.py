@@ -1,6 +1,7 @@
-"""Writes the inputs that the fuzzers begin with, FOLDER/FUZZER/NAME, and FOLDER/FUZZER.list, which names them all.
+"""Writes the seed inputs of the fuzzers to FOLDER/FUZZER/NAME, and their list to FOLDER/FUZZER.list.
 
-How each is read stands at the top of its fuzzer."""
+The source of each fuzzer describes at its top how it reads an input.
+"""
 
 import struct
 import sys
@@ -11,97 +12,97 @@ PROVIDER, CTL, SUBS = 0, 1, 2
 REGISTER, START, SUBSCRIBE, FINISH, UNREGISTER_PUBLISHER, UNREGISTER_SUBSCRIBER = range(6)
 
 
-def Request(interface, method, body=b"", size=RECORD):
-    record = struct.pack("<HHI16x", interface, method, size) + body
-    return struct.pack("<H", len(record)) + record
+def record(interface, method, body=b"", size=RECORD):
+    data = struct.pack("<HHI16x", interface, method, size) + body
+    return struct.pack("<H", len(data)) + data
 
 
-def Number(*values):
+def int64(*values):
     return struct.pack(f"<{len(values)}q", *values)
 
 
-def RequestRecords():
+def request_records():
     # Publisher 1, subscriber 2 of the topics "t" and "u".
-    meet = (Request(CTL, REGISTER, b"t") + Request(CTL, START, b"name") + Request(CTL, SUBSCRIBE, Number(0) + b"t")
-            + Request(CTL, SUBSCRIBE, Number(0) + b"u") + Request(CTL, FINISH, Number(0) + b"\1"))
-    push = Request(PROVIDER, 0, Number(1, 42))
-    wait = Request(SUBS, 0, Number(2))
-    long_topic = (Request(CTL, REGISTER, b"x" * 1032) + Request(CTL, REGISTER, b"y" * 1024)
-                  + Request(CTL, START) + Request(CTL, SUBSCRIBE, Number(0) + b"y" * 1024)
-                  + Request(CTL, FINISH, Number(0) + b"\1") + Request(PROVIDER, 0, Number(2, -1))
-                  + Request(SUBS, 0, Number(3)))
+    meet = (record(CTL, REGISTER, b"t") + record(CTL, START, b"name") + record(CTL, SUBSCRIBE, int64(0) + b"t")
+            + record(CTL, SUBSCRIBE, int64(0) + b"u") + record(CTL, FINISH, int64(0) + b"\1"))
+    push = record(PROVIDER, 0, int64(1, 42))
+    wait = record(SUBS, 0, int64(2))
+    long_topic = (record(CTL, REGISTER, b"x" * 1032) + record(CTL, REGISTER, b"y" * 1024)
+                  + record(CTL, START) + record(CTL, SUBSCRIBE, int64(0) + b"y" * 1024)
+                  + record(CTL, FINISH, int64(0) + b"\1") + record(PROVIDER, 0, int64(2, -1))
+                  + record(SUBS, 0, int64(3)))
     stories = {
         "delivery": meet + push + push + wait + wait,
         "wait_ended": meet + wait + wait,
-        "wait_of_nobody": Request(SUBS, 0, Number(-1)) + Request(SUBS, 0, Number(1)),
-        "conflicts": meet + Request(CTL, REGISTER, b"t") + Request(CTL, START) + Request(CTL, SUBSCRIBE, Number(1))
-        + Request(CTL, SUBSCRIBE, Number(1)) + Request(CTL, SUBSCRIBE, Number(9)) + Request(CTL, FINISH, Number(9)),
-        "cancelled": Request(CTL, START) + Request(CTL, FINISH, Number(0)),
-        "leaving": meet + push + Request(CTL, UNREGISTER_PUBLISHER, Number(1)) + push
-        + Request(CTL, UNREGISTER_SUBSCRIBER, Number(2)) + wait,
+        "wait_of_nobody": record(SUBS, 0, int64(-1)) + record(SUBS, 0, int64(1)),
+        "conflicts": meet + record(CTL, REGISTER, b"t") + record(CTL, START) + record(CTL, SUBSCRIBE, int64(1))
+        + record(CTL, SUBSCRIBE, int64(1)) + record(CTL, SUBSCRIBE, int64(9)) + record(CTL, FINISH, int64(9)),
+        "cancelled": record(CTL, START) + record(CTL, FINISH, int64(0)),
+        "leaving": meet + push + record(CTL, UNREGISTER_PUBLISHER, int64(1)) + push
+        + record(CTL, UNREGISTER_SUBSCRIBER, int64(2)) + wait,
         "unterminated": long_topic,
-        "unknown": Request(PROVIDER, 1) + Request(CTL, 6) + Request(SUBS, 1) + Request(3, 0) + Request(65535, 65535),
-        "sizes": Request(PROVIDER, 0, size=0) + Request(PROVIDER, 0, size=0xFFFFFFFF) + Request(PROVIDER, 0, size=24),
+        "unknown": record(PROVIDER, 1) + record(CTL, 6) + record(SUBS, 1) + record(3, 0) + record(65535, 65535),
+        "sizes": record(PROVIDER, 0, size=0) + record(PROVIDER, 0, size=0xFFFFFFFF) + record(PROVIDER, 0, size=24),
     }
     return {f"{name}_{way}": bytes([way]) + story for name, story in stories.items() for way in range(3)}
 
 
-def SharedPages():
+def shared_pages():
     call = bytes([0])
 
-    def deed(choice, data=b"", client=0):
+    def action(choice, data=b"", client=0):
         return bytes([choice, client]) + data
 
     def request(method, wrong_interface=0, wrong_size=0, shift=0, client=0):
-        return deed(3, bytes([wrong_interface, method, wrong_size, shift]) + b"body".ljust(64, b"\0"), client)
+        return action(3, bytes([wrong_interface, method, wrong_size, shift]) + b"body".ljust(64, b"\0"), client)
 
     good = request(1)
     stories = {
         "calls": call * 3,
         "good": good + call + good + call,
         "refused": request(3) + call + request(1, 3) + call + request(1, 0, 1) + call + request(1, 0, 1, 31) + call,
-        "any_pieces": deed(2, struct.pack("<I", 0x1FFFF)) + call,
-        "wrong_sequence": deed(4, struct.pack("<Q", 9 << 32)) + deed(15) + call,
-        "zeroed": good + call + deed(7, b"\0") + deed(15) + call,
-        "scribbled": deed(6, struct.pack("<HB", 64, 64) + bytes(range(64))) + deed(15) + call,
-        "asleep": deed(5, struct.pack("<I", 1)) + deed(9, struct.pack("<Q", 2**64 - 2)) + deed(10, b"\0")
+        "any_pieces": action(2, struct.pack("<I", 0x1FFFF)) + call,
+        "wrong_sequence": action(4, struct.pack("<Q", 9 << 32)) + action(15) + call,
+        "zeroed": good + call + action(7, b"\0") + action(15) + call,
+        "scribbled": action(6, struct.pack("<HB", 64, 64) + bytes(range(64))) + action(15) + call,
+        "asleep": action(5, struct.pack("<I", 1)) + action(9, struct.pack("<Q", 2**64 - 2)) + action(10, b"\0")
         + good + call,
-        "ringing": deed(14, b"\x4f") + call + deed(14, b"\x4f") + call,
-        "gone": good + deed(12, b"\2") + call + deed(13) + call,
+        "ringing": action(14, b"\x4f") + call + action(14, b"\x4f") + call,
+        "gone": good + action(12, b"\2") + call + action(13) + call,
         "two": bytes([1]) + good + request(0, client=1) + call,
-        "talks": deed(11, b"\x10" + b"uninvited message"[:16]) + call,
-        # Takes the request of the first, whose page changes before the reply.
+        "talks": action(11, b"\x10" + b"uninvited message"[:16]) + call,
+        # The server takes the first request, whose page changes before the reply.
         "meanwhile": good + call + bytes([1, 0, 7, 0xFF]) + call,
     }
     return {f"{name}_{kind}": bytes([kind]) + story for name, story in stories.items() for kind in range(2)}
 
 
-def Joins():
+def joins():
     greeting = struct.pack("<IHH", 0x48565242, 1, RECORD)
 
     def step(choice, visitor=0, data=b""):
         return bytes([choice, visitor]) + data
 
-    def say(data, visitor=0):
+    def send(data, visitor=0):
         return step(2, visitor, bytes([len(data)]) + data)
 
     return {
-        "static": step(0) + say(greeting),
-        "service": step(1) + say(greeting) + step(5),
-        "refused": step(0) + say(greeting[:-1]),
-        "empty": step(0) + say(b""),
-        "long": step(0) + say(greeting + b"x"),
-        "version": step(0) + say(greeting[:4] + b"\2\0" + greeting[6:]),
+        "static": step(0) + send(greeting),
+        "service": step(1) + send(greeting) + step(5),
+        "refused": step(0) + send(greeting[:-1]),
+        "empty": step(0) + send(b""),
+        "long": step(0) + send(greeting + b"x"),
+        "version": step(0) + send(greeting[:4] + b"\2\0" + greeting[6:]),
         "descriptors": step(0) + step(3, 0, b"\3\x08" + greeting),
-        "half_closed": step(0) + step(4, 0, b"\1") + say(greeting),
-        "left": step(1) + say(greeting) + step(6) + step(5),
-        "many": b"".join(step(visitor % 2, visitor) + say(greeting, visitor) for visitor in range(6)) + step(5) * 3,
-        "talks": step(0) + say(greeting) + say(greeting),
-        "other_name": step(1) + say(greeting) + step(7, 0, b"\4\4nameserv") + step(5),
+        "half_closed": step(0) + step(4, 0, b"\1") + send(greeting),
+        "left": step(1) + send(greeting) + step(6) + step(5),
+        "many": b"".join(step(visitor % 2, visitor) + send(greeting, visitor) for visitor in range(6)) + step(5) * 3,
+        "talks": step(0) + send(greeting) + send(greeting),
+        "other_name": step(1) + send(greeting) + step(7, 0, b"\4\4nameserv") + step(5),
     }
 
 
-def CommandLines():
+def command_lines():
     lines = [
         "msgbus", "msgbus --help", "msgbus --version", "msgbus pub --help", "msgbus nonsense",
         "msgbus pub topic 1 2 3", "msgbus pub topic -- -9223372036854775808 9223372036854775807",
@@ -117,10 +118,10 @@ def CommandLines():
     return {f"line_{number:02}": line.replace(" ", "\0").encode() for number, line in enumerate(lines)}
 
 
-def Main():
+def main():
     folder = Path(sys.argv[1])
-    for fuzzer, seeds in (("fuzz_request_record", RequestRecords()), ("fuzz_shared_page", SharedPages()),
-                          ("fuzz_join", Joins()), ("fuzz_command_line", CommandLines())):
+    for fuzzer, seeds in (("fuzz_request_record", request_records()), ("fuzz_shared_page", shared_pages()),
+                          ("fuzz_join", joins()), ("fuzz_command_line", command_lines())):
         (folder / fuzzer).mkdir(parents=True, exist_ok=True)
         for name, seed in seeds.items():
             (folder / fuzzer / name).write_bytes(seed)
@@ -128,4 +129,4 @@ def Main():
 
 
 if __name__ == "__main__":
-    Main()
+    main()
