@@ -63,7 +63,7 @@ public:
         command.add_flag("--dynamic", isDynamic, "connect in dynamic mode (not with --static)")->excludes(staticFlag);
         command
             .add_option("--reconnect", reconnectTime,
-                        "how long to look for a restarted server if the server is gone; 0: do not look (default: 5s)")
+                        "how long to look for a restarted server when the server is gone (default: 5s, 0: not at all)")
             ->type_name("DURATION");
         command.footer(CommandFooter);
     }
