@@ -1,3 +1,7 @@
+# Assertions are off in Release builds only. CMake would turn them off for RelWithDebInfo, too, the type of the everyday
+# build and of the sanitizer builds.
+string(REPLACE "-DNDEBUG" "" CMAKE_CXX_FLAGS_RELWITHDEBINFO "${CMAKE_CXX_FLAGS_RELWITHDEBINFO}")
+
 # Sanitizers are chosen by a preset and apply to every object, third-party code built here included.
 set(BORVEN_SANITIZER_FLAGS "" CACHE STRING "Sanitizer options for compiler and linker")
 separate_arguments(borvenSanitizerFlags UNIX_COMMAND "${BORVEN_SANITIZER_FLAGS}")
