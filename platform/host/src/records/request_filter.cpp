@@ -1,10 +1,10 @@
 #include "records/request_filter.h"
 
 #include "base/no_throw.h"
+#include "common/mutex.h"
 #include "kn/policy.h"
 #include "kn/status.h"
 
-#include <mutex>
 #include <unordered_map>
 
 namespace borven_host {
@@ -12,8 +12,8 @@ namespace borven_host {
 namespace {
 
 struct MethodCounts {
-    std::mutex mutex;
-    std::unordered_map<std::string, std::uint32_t> byType;
+    common::Mutex mutex;
+    std::unordered_map<std::string, std::uint32_t> byType GUARDED_BY(mutex);
 };
 
 /// Never destroyed: threads may use it until the process is gone.
@@ -39,7 +39,7 @@ std::int32_t RequestFilter::Check(const nk_message& request) const noexcept {
 
 std::optional<std::uint32_t> DeclaredMethodCount(const std::string& type) {
     auto& counts = Counts();
-    const std::lock_guard lock(counts.mutex);
+    const common::MutexLock lock(counts.mutex);
     const auto found = counts.byType.find(type);
     return found == counts.byType.end() ? std::nullopt : std::optional(found->second);
 }
@@ -52,7 +52,7 @@ std::int32_t KnPolicySetMethodCount(const char* type, std::uint32_t methodCount)
     }
     return borven_host::NoThrow([&] {
         auto& counts = borven_host::Counts();
-        const std::lock_guard lock(counts.mutex);
+        const common::MutexLock lock(counts.mutex);
         counts.byType[type] = methodCount;
         return KnStatusOk;
     });

@@ -14,7 +14,7 @@ struct RequestFilter {
     std::optional<std::uint16_t> onlyInterface; ///< the one interface it may address; empty: any
     std::optional<std::uint32_t> methodCount;   ///< of that interface; empty: any method passes
 
-    /// `request` must be a private copy: what a client can still change is worth no check.
+    /// Requires: `request` is a private copy; to check what a client can still change proves nothing.
     /// Returns: 0 to let it pass; KnStatusBadRecord, KnStatusDenied or KnStatusUnimplemented to answer it with.
     std::int32_t Check(const nk_message& request) const noexcept;
 };
