@@ -4,7 +4,7 @@ namespace borven_host {
 
 namespace {
 
-/// Read once, before anybody confines a thread.
+/// Read once at start, before any thread changes its own set of CPUs.
 const bool hasOneCpu = [] {
     cpu_set_t cpus{};
     return ::sched_getaffinity(0, sizeof cpus, &cpus) == 0 && CPU_COUNT(&cpus) == 1;

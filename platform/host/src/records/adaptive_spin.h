@@ -9,7 +9,7 @@ namespace borven_host {
 
 using SteadyClock = std::chrono::steady_clock;
 
-/// Lets the other half of a core, and the memory bus, breathe between two looks at a word.
+/// Between two looks at a word: leaves the core's resources to its other hardware thread.
 inline void Pause() noexcept {
 #if defined(__x86_64__) || defined(__i386__)
     __builtin_ia32_pause();
@@ -18,13 +18,13 @@ inline void Pause() noexcept {
 #endif
 }
 
-/// Whether this process was started with the use of one CPU only. No peer on that CPU is awake while it is, so whoever
-/// spins gives the CPU away between two looks: cheaper than to sleep and be woken.
+/// Whether this process was started with the use of one CPU only. A peer on that CPU cannot run while this process
+/// does, so a thread that spins yields the CPU between two looks: cheaper than to sleep and be woken.
 bool HasOneCpu() noexcept;
 
-/// Learns whether to spin pays. Where it failed, it is left out for a number of occasions that doubles with each
-/// failure: so whoever asks for what takes long hardly ever tries, and finds out all the same when that changes. And
-/// whether to give the CPU away at once: where the peer has no other, nothing comes before.
+/// Learns whether spinning pays. After a failure it is left out for a number of occasions, which doubles with each
+/// failure: a caller of slow methods hardly ever spins, and still finds out when they become fast. It also learns
+/// whether to yield the CPU at once: where the peer has no other CPU, no answer comes before that.
 ///
 /// Threads: one at a time.
 class SpinLearner final {
@@ -51,7 +51,8 @@ public:
         toSkip = 1U << failures;
     }
 
-    /// Asked once on each occasion, by whoever has one CPU. Returns: whether another look first is vain.
+    /// Asked once on each occasion, on one CPU. Returns: whether to yield after one look, because looking again would
+    /// not help: the peer cannot have run yet.
     bool ShouldYieldAtOnce() noexcept { return cameAfterYield == oftenEnough && ++yieldedAtOnce % retry != 0; }
 
     void CameAwake() noexcept { cameAfterYield = 0; }
@@ -70,12 +71,12 @@ private:
     std::uint32_t yieldedAtOnce = 0;
 };
 
-/// Looks until `look` returns true, at most for `limit`, or longer where it gives the CPU away in between. Returns:
-/// whether it did.
+/// Calls `look` until it returns true, at most for `limit`, or five times as long where the CPU is yielded in between.
+/// Returns: whether it did return true.
 template <typename Look>
 bool SpinUntil(SteadyClock::duration limit, SpinLearner& learner, const Look& look) noexcept {
-    constexpr int looksPerClock = 32; // reading the clock costs about as much as a pause: the first looks do without
-    constexpr int turns = 5;          // of the threads that a value passes, on a CPU that they share
+    constexpr int looksPerClock = 32; // reading the clock costs about as much as a pause
+    constexpr int turns = 5;          // threads that a value passes through, each in its turn on the shared CPU
     const auto looks = [&look](int count) {
         for (int i = 0; i < count; ++i) {
             if (look()) {

@@ -9,10 +9,10 @@
 
 namespace borven_host {
 
-// An event descriptor that a process shares with one that it does not trust. It is never read: whoever waits for it has
-// it in an epoll instance, edge-triggered, and each ring is an edge. It counts 1 for ever, since to ring adds 0: unlike
-// any other number, that neither overflows nor blocks, whatever the other side has written and whichever flags it has
-// changed on the descriptor.
+// An event descriptor that a process shares with one that it does not trust. It is never read: a process that waits for
+// it has it in an epoll instance, edge-triggered, and each ring is an edge. Its counter stays at 1, because a ring adds
+// 0: unlike any other number, that neither overflows nor blocks, whatever the other side has written to the descriptor
+// and whichever flags it has changed.
 
 inline UniqueFd MakeBell() noexcept {
     return UniqueFd(::eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -23,10 +23,10 @@ inline void Ring(const UniqueFd& bell) noexcept {
     static_cast<void>(!::write(bell.Get(), &nothing, sizeof nothing));
 }
 
-/// Adds an edge at once: to be watched counts as one ring.
-inline bool Watch(const UniqueFd& poller, int fd, std::uint32_t events, std::uint64_t data) noexcept {
+/// An edge-triggered bell reports one ring at once. Returns: false, with errno set, when the kernel refuses.
+inline bool Watch(const UniqueFd& epoll, int fd, std::uint32_t events, std::uint64_t data) noexcept {
     epoll_event event{events, {.u64 = data}};
-    return ::epoll_ctl(poller.Get(), EPOLL_CTL_ADD, fd, &event) == 0;
+    return ::epoll_ctl(epoll.Get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
 } // namespace borven_host

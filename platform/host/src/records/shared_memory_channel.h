@@ -3,7 +3,7 @@
 #include "base/unique_fd.h"
 #include "nk/message.h"
 #include "records/request_filter.h"
-#include "records/shared_memory_connection.h"
+#include "records/shared_memory_ends.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -11,9 +11,10 @@
 
 namespace borven_host {
 
-/// Server end of a channel (see shared_memory_channel.cpp).
+/// Server end of a channel (see shared_memory_slot.h).
 class Channel final {
 public:
+    /// What Reply returns when the client is gone: KnStatusPeerGone, or 0.
     enum class DeadClient { ReplyReportsIt, ReplyAnswersOk };
 
     /// Each costs four descriptors, one mapping of a page, and a worker of the bus while it waits.
@@ -25,8 +26,9 @@ public:
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
 
-    /// Joins a client whose credentials were checked, over its connected socket, and tells it so. The socket is taken
-    /// on success only, and stays open at least until RemoveClient or Close: the housekeeper watches it by its number.
+    /// Joins a client whose credentials were checked, over its connected socket, and sends it its ends. Moves from
+    /// `socket` on success only, and keeps it open at least until RemoveClient or Close: the housekeeper watches it by
+    /// its number.
     ///
     /// Returns: 0 and `*clientId`; KnStatusClosed; KnStatusBusy; KnStatusNoResources; KnStatusPeerGone. Blocks: never.
     /// Threads: any.
@@ -49,10 +51,7 @@ public:
     std::size_t ClientCount() const noexcept;
 
 private:
-    struct Client;
     struct State;
-    class PollerRole;
-    friend struct Owed;
 
     const std::shared_ptr<State> state;
 };

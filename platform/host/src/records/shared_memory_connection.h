@@ -2,39 +2,35 @@
 
 #include "base/deadline.h"
 #include "base/unique_fd.h"
+#include "common/mutex.h"
 #include "nk/message.h"
 #include "records/adaptive_spin.h"
-#include "records/shared_memory_region.h"
+#include "records/shared_memory_ends.h"
+#include "records/shared_memory_slot.h"
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 namespace borven_host {
 
-/// What a server hands to a client that joins, besides the socket.
-struct SharedMemoryEnds {
-    SharedMemoryRegion region;
-    UniqueFd bell;     ///< event descriptor: the client rings for the server
-    UniqueFd doorbell; ///< event descriptor: the server rings for the client
-};
-
-/// Client end of a channel (see shared_memory_channel.cpp).
+/// Client end of a channel (see shared_memory_slot.h).
 class Connection final {
 public:
     /// Waits for the server's answer on `socket`, which is connected to a server whose credentials were checked.
     ///
     /// Returns: 0 and `connection`; the status that the server refused with; KnStatusClosed; KnStatusTimedOut;
-    /// KnStatusDenied when what listens there does not speak this protocol; KnStatusNoResources.
+    /// KnStatusDenied when the server does not speak this protocol; KnStatusNoResources.
+    /// Blocks: until the answer or the deadline.
     static std::int32_t Join(UniqueFd socket, Deadline deadline, std::shared_ptr<Connection>& connection);
 
     /// `process`: the server's, or empty. Throws std::system_error for want of descriptors.
-    Connection(UniqueFd socket, UniqueFd process, SharedMemoryEnds ends);
+    Connection(UniqueFd connected, UniqueFd process, SharedMemoryEnds ends);
 
     /// See nk/transport.h.
-    std::int32_t Call(const nk_message* request, nk_message* response) noexcept;
+    std::int32_t Call(const nk_message* request, nk_message* response) noexcept EXCLUDES(callMutex);
 
     /// Ends a call that is under way. Idempotent. Threads: any.
     void Close() noexcept;
@@ -42,17 +38,19 @@ public:
 private:
     static constexpr std::size_t learnerCount = 16;
 
-    bool HasReply(SlotWord& reply) const noexcept;
-    bool Sleep(SlotWord& reply) noexcept;
+    bool HasReply(std::uint32_t sequence, SlotWord& reply) const noexcept;
+    bool Sleep(std::uint32_t sequence, SlotWord& reply) noexcept REQUIRES(callMutex);
 
     const UniqueFd socket;
     const UniqueFd serverProcess;
     const SharedMemoryEnds shared;
-    const UniqueFd poller; ///< what a call sleeps on
+    const UniqueFd epoll; ///< what a call sleeps on: the doorbell, the socket, the server's process
     std::atomic<bool> isClosed{false};
-    std::mutex callMutex;                           ///< held for the length of a call: calls take turns; guards:
-    std::uint32_t sequence = 0;                     ///< of the last call
-    std::array<SpinLearner, learnerCount> learners; ///< by method: some answer at once, some after minutes
+
+    common::Mutex callMutex; ///< held for the length of a call: calls take turns
+    std::uint32_t lastSequence GUARDED_BY(callMutex) = 0;
+    /// By method, because some methods answer at once and others after minutes.
+    std::array<SpinLearner, learnerCount> learners GUARDED_BY(callMutex);
 };
 
 } // namespace borven_host

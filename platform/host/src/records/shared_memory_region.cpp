@@ -63,7 +63,7 @@ std::int32_t SharedMemoryRegion::Map(const UniqueFd& file, SharedMemoryRegion& r
         return KnStatusNoResources;
     }
     ::madvise(memory, regionSize, MADV_DONTFORK);
-    // A fresh file is zeros, and zeros are a slot that nobody has used.
+    // A fresh file is zeros, and zeros are a slot that has never been used.
     region.slot = std::shared_ptr<SharedSlot>(static_cast<SharedSlot*>(memory),
                                               [](SharedSlot* mapped) { ::munmap(mapped, regionSize); });
     return KnStatusOk;

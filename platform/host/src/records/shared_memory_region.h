@@ -10,8 +10,8 @@ namespace borven_host {
 
 /// Memory that a server and one client share. Unmapped with the last copy of this.
 ///
-/// The memory has no name. The server makes it, with all its pages, and seals its size before anybody else sees it, so
-/// that a client can take away neither a byte of it (SIGBUS) nor its layout. A forked child does not have it.
+/// The memory has no name. The server makes it, with all its pages, and seals its size before another process sees it,
+/// so a client cannot shrink it under the server (SIGBUS). A forked child does not have it.
 class SharedMemoryRegion final {
 public:
     SharedMemoryRegion() = default;

@@ -5,12 +5,49 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <bit>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
+// The slot and doorbell protocol. platform/host/model/slot.pml is the same for the model checker spin;
+// docs/transport.md names the traps and the tests.
+//
+// A client has one slot, in a page that only it and the server have. Calls on a connection take turns, so the slot is
+// always in one of these states, and each step has one owner:
+//
+//     free -> filling      client   locks the connection's mutex, copies the record in
+//     filling -> ready     client   request.word = the next sequence number
+//     ready -> claimed     server   compare-and-swap of the turn, which no client can reach: one receiver wins
+//     claimed -> replied   server   the thread that claimed it: record in, turn, reply.word = the sequence number
+//     replied -> free      client   copies the record out, unlocks the mutex
+//
+// The server trusts its own turn and nothing in the page. Of the client's words it uses a sequence number, which must
+// be the next one or the last one, a mask of pieces, of which every value is valid, and a hint whether the client
+// sleeps. It copies a record once, then checks and uses the copy. So a client that writes garbage harms itself only.
+//
+// Who wakes whom:
+//
+// - A client rings its bell, an event descriptor in the channel's epoll set, unless reply.hint says that a receiver
+//   looks at its slot anyway; then it spins. The hint may be stale, so a client that stops spinning rings before it
+//   sleeps. A ring has one meaning: look at this client once. The kernel gives each ring to one receiver, in the order
+//   of the rings, which also keeps the clients' turns fair (client_table.h).
+// - A client sets request.hint to the sequence number of its call, then looks for its reply; the server replies, then
+//   reads request.hint. Both sides in sequentially consistent order, so one of the two sees the other. The client
+//   sleeps on its doorbell, its socket and the server's process, so the end of the server wakes it as well.
+// - At most one receiver spins, the poller (poller_role.h); the others sleep in the kernel.
+//
+// Nothing has a period: no wait ends by itself. While a request is ready, either its client is awake (it spins, and
+// will ring), or its event is pending in the kernel, where every receiver that comes to sleep finds it.
+//
+// The death of a client: the housekeeper calls RemoveClient. A free, filling, ready or replied slot is forgotten; a
+// claimed one is replied to by its thread, into memory that no process reads, and goes with that thread's reference.
+// The death of the server: the kernel closes the sockets; a client looks for its reply once more and gives up.
+
 namespace borven_host {
+
+/// How long a client spins for its reply when the server is awake. A sleep costs the caller about as much.
+inline constexpr std::chrono::microseconds ClientSpinLimit{20};
 
 /// What a word of a slot says: which call it belongs to and, for its record, which pieces are not all zeros.
 ///
@@ -39,7 +76,7 @@ private:
 ///
 /// A record lies behind its word, so that a short one travels in the word's own cache line; of a longer one, only the
 /// pieces that are not all zeros are moved. Most of a record is zeros most of the time, and to move all of its 17 lines
-/// from one CPU to another costs several times what the rest of a call does.
+/// from one CPU to another costs several times as much as the rest of a call.
 struct alignas(64) SlotHalf {
     std::atomic<std::uint64_t> word;
     std::atomic<std::uint32_t> hint; ///< see SharedSlot
@@ -74,7 +111,7 @@ struct alignas(64) SlotHalf {
             GetPiece<pieceSize>(piece, bytes, pieces);
         }
         GetPiece<lastPieceSize>(pieceCount - 1, bytes, pieces);
-        std::atomic_signal_fence(std::memory_order_seq_cst); // the compiler shall not read a second time either
+        std::atomic_signal_fence(std::memory_order_seq_cst); // the compiler must not read a second time either
     }
 
 private:
@@ -91,7 +128,7 @@ private:
             std::memcpy(cut.data(), source, used - start);
             source = cut.data();
         }
-        // Sixteen bytes at a time: most pieces are looked at and not moved.
+        // Sixteen bytes at a time, because most pieces are only compared with zeros and not moved.
         using Block = std::uint64_t __attribute__((vector_size(16)));
         Block all{};
         for (std::size_t i = 0; i < Size; i += sizeof(Block)) {
@@ -119,7 +156,7 @@ private:
 static_assert(SlotHalf::PieceEnd(SlotHalf::pieceCount - 1) == NkRecordSize);
 static_assert(offsetof(SlotHalf, record) + SlotHalf::firstPieceSize == 64);
 
-/// The memory that a client and its server share: one page, nothing of any other client in it.
+/// The memory that a client and its server share: one page, with nothing of another client in it.
 struct SharedSlot {
     static constexpr std::uint32_t expectedMagic = 0x53565242; ///< "BRVS"
     static constexpr std::uint32_t expectedVersion = 1;
@@ -130,7 +167,7 @@ struct SharedSlot {
     std::uint32_t recordSize;
 
     SlotHalf request; ///< written by the client; hint: the sequence of the call that it sleeps for
-    SlotHalf reply;   ///< written by the server; hint: 1 while the client may count on being looked at without a ring
+    SlotHalf reply;   ///< written by the server; hint: 1 while the poller looks at the slot without a ring
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free && std::atomic<std::uint32_t>::is_always_lock_free);
 static_assert(offsetof(SharedSlot, request) == 64 && offsetof(SharedSlot, reply) == 1152 && sizeof(SharedSlot) <= 4096);

@@ -1,0 +1,199 @@
+#pragma once
+
+#include "base/unique_fd.h"
+#include "kn/status.h"
+#include "nk/message.h"
+#include "records/adaptive_spin.h"
+#include "records/event_fd.h"
+#include "records/request_filter.h"
+#include "records/shared_memory_channel.h"
+#include "records/shared_memory_ends.h"
+#include "records/shared_memory_slot.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cassert>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
+// The server's half of a slot (shared_memory_slot.h): ready -> claimed -> replied.
+//
+// - The turn says which request was claimed last and whether its reply is owed. It is private to the server, so no
+//   client can forge it.
+// - TryClaim: any receiver, for any client, at any time. The compare-and-swap of the turn lets one of them win.
+// - Publish: only the thread that claimed the request, once. Until then the turn stays claimed and no receiver touches
+//   the slot.
+// - End: any thread, at any time. It marks the client and shuts its socket down; the housekeeper sees that as it sees
+//   death and removes the client. A claimed request stays with its thread, whose reply reaches no client.
+//
+// What runs for each request is inline, because the loops that call it are in other source files.
+
+namespace borven_host {
+
+/// Which request of a client was claimed last, and whether its reply is still owed.
+class Turn final {
+public:
+    constexpr Turn(std::uint32_t sequence, bool isClaimed) : bits(std::uint64_t{sequence} << 1 | (isClaimed ? 1 : 0)) {}
+    constexpr explicit Turn(std::uint64_t raw) : bits(raw) {}
+
+    constexpr std::uint32_t Sequence() const { return static_cast<std::uint32_t>(bits >> 1); }
+    constexpr bool IsClaimed() const { return (bits & 1) != 0; }
+    constexpr std::uint64_t Raw() const { return bits; }
+
+private:
+    std::uint64_t bits;
+};
+
+/// The server's end of one client.
+class ChannelClient final {
+public:
+    ChannelClient(std::uint64_t number, const RequestFilter& allowed, Channel::DeadClient reaction,
+                  SharedMemoryEnds given)
+        : id(number), filter(allowed), deadClient(reaction), shared(std::move(given)) {}
+
+    /// Requires: no other thread has the client yet.
+    void Attach(UniqueFd&& connected) noexcept { socket = std::move(connected); }
+
+    SharedSlot& Slot() const noexcept { return shared.region.Slot(); }
+    const SharedMemoryEnds& Ends() const noexcept { return shared; }
+
+    bool HasRequest() const noexcept {
+        const Turn now(turn.load(std::memory_order_acquire));
+        return !now.IsClaimed() &&
+               SlotWord(Slot().request.word.load(std::memory_order_seq_cst)).Sequence() != now.Sequence();
+    }
+
+    /// Claims the next request, if there is one, and copies it to `request`. Answers one that the filter refuses, and
+    /// ends a client whose sequence number is impossible. Returns: whether the calling thread now owes a reply.
+    bool TryClaim(nk_message* request) noexcept {
+        SlotWord word;
+        if (!ClaimTurn(word)) {
+            return false;
+        }
+        rings.store(0, std::memory_order_relaxed);
+        const std::uint32_t room = request->size;
+        Slot().request.Get(request, word.Pieces());
+        if (const auto status = filter.Check(*request); status != KnStatusOk) {
+            request->size = room;
+            Answer(status);
+            return false;
+        }
+        if (deadClient == Channel::DeadClient::ReplyReportsIt) {
+            claimedAt.store(SteadyClock::now().time_since_epoch().count(), std::memory_order_relaxed);
+        }
+        return true;
+    }
+
+    /// Returns: 0; for a client that is gone, what `Channel::DeadClient` says. Requires, as Answer: the calling thread
+    /// owes the reply.
+    std::int32_t Reply(const nk_message& response) noexcept {
+        const std::uint32_t sequence = Turn(turn.load(std::memory_order_relaxed)).Sequence();
+        if (IsGone() || (deadClient == Channel::DeadClient::ReplyReportsIt && HasLeftSinceClaim())) {
+            return deadClient == Channel::DeadClient::ReplyReportsIt ? KnStatusPeerGone : KnStatusOk;
+        }
+        const std::size_t used = std::clamp<std::size_t>(NkGetSize(response), sizeof(nk_message), NkRecordSize);
+        Publish(SlotWord(sequence, Slot().reply.Put(&response, used)));
+        return KnStatusOk;
+    }
+
+    /// Answers with a status in place of a reply. A client that is gone already saw the end of its socket; send nothing
+    /// more.
+    void Answer(std::int32_t status) noexcept {
+        if (IsGone()) {
+            return;
+        }
+        Publish(SlotWord::WithStatus(Turn(turn.load(std::memory_order_relaxed)).Sequence(), status));
+    }
+
+    /// Ends the connection. The housekeeper notices it as it notices death.
+    void End() noexcept {
+        isGone.store(true, std::memory_order_release);
+        ::shutdown(socket.Get(), SHUT_RDWR);
+    }
+
+    bool IsGone() const noexcept { return isGone.load(std::memory_order_acquire); }
+
+    /// Counts a ring. Returns: false when the client has rung too often since its last request.
+    bool CountRing() noexcept { return rings.fetch_add(1, std::memory_order_relaxed) <= RingsForFree; }
+
+    const std::uint64_t id;
+
+private:
+    /// A client that keeps to the protocol rings once for a request. The rest is for requests that a receiver claims
+    /// before it reads their ring.
+    static constexpr std::uint32_t RingsForFree = 64;
+
+    /// Returns: whether the calling thread claimed a request, and its `word`.
+    bool ClaimTurn(SlotWord& word) noexcept {
+        Turn seen(turn.load(std::memory_order_acquire));
+        while (true) {
+            if (seen.IsClaimed()) {
+                return false;
+            }
+            word = SlotWord(Slot().request.word.load(std::memory_order_seq_cst));
+            if (word.Sequence() == seen.Sequence()) {
+                return false;
+            }
+            if (IsGone()) {
+                return false;
+            }
+            // The claim contains the sequence number, so it cannot succeed for a request that another receiver has
+            // served meanwhile. A claim of the client alone could; and while it lasted, a receiver that reads the ring
+            // of the next request would find the client claimed and drop the ring.
+            std::uint64_t expected = seen.Raw();
+            if (word.Sequence() != seen.Sequence() + 1) {
+                const Turn now(turn.load(std::memory_order_acquire));
+                if (now.Raw() == seen.Raw()) {
+                    End(); // no client that keeps to the protocol writes that number
+                    return false;
+                }
+                seen = now;
+            } else if (turn.compare_exchange_strong(expected, Turn(word.Sequence(), true).Raw(),
+                                                    std::memory_order_acq_rel)) {
+                return true;
+            } else {
+                seen = Turn(expected);
+            }
+        }
+    }
+
+    /// Ends the server's half of a call: the client sees what was put into the slot.
+    void Publish(SlotWord word) noexcept {
+        assert(turn.load(std::memory_order_relaxed) == Turn(word.Sequence(), true).Raw() && "a reply is owed");
+        turn.store(Turn(word.Sequence(), false).Raw(), std::memory_order_release);
+        Slot().reply.word.store(word.Raw(), std::memory_order_seq_cst);
+        if (IsAsleep(word.Sequence())) {
+            Ring(shared.doorbell);
+        }
+    }
+
+    bool IsAsleep(std::uint32_t sequence) const noexcept {
+        return Slot().request.hint.load(std::memory_order_seq_cst) == sequence;
+    }
+
+    /// Returns: whether the client has ended its socket, which the housekeeper may not have seen yet. A request that
+    /// was claimed a moment ago shows that the client lives, and saves the system call.
+    bool HasLeftSinceClaim() const noexcept {
+        const auto since = SteadyClock::now().time_since_epoch().count() - claimedAt.load(std::memory_order_relaxed);
+        if (SteadyClock::duration(since) <= ClientSpinLimit) {
+            return false;
+        }
+        pollfd ended{socket.Get(), POLLRDHUP, 0};
+        return ::poll(&ended, 1, 0) == 1;
+    }
+
+    const RequestFilter filter;
+    const Channel::DeadClient deadClient;
+    UniqueFd socket; ///< constant once attached
+    const SharedMemoryEnds shared;
+    std::atomic<std::uint64_t> turn{0};
+    std::atomic<bool> isGone{false};
+    std::atomic<std::uint32_t> rings{0};        ///< since the last request
+    std::atomic<SteadyClock::rep> claimedAt{0}; ///< only for Channel::DeadClient::ReplyReportsIt
+};
+
+} // namespace borven_host

@@ -1,0 +1,123 @@
+#include "records/client_table.h"
+
+#include "kn/status.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace borven_host {
+
+namespace {
+
+constexpr std::uint64_t ClosedData = 0;
+constexpr std::uint64_t KickData = 1; ///< the clients' numbers follow
+
+UniqueFd Checked(UniqueFd fd) {
+    if (!fd) {
+        throw std::system_error(errno, std::generic_category());
+    }
+    return fd;
+}
+
+} // namespace
+
+ClientTable::ClientTable(Channel::DeadClient reaction)
+    : deadClient(reaction), epoll(Checked(UniqueFd(::epoll_create1(EPOLL_CLOEXEC)))),
+      closed(Checked(UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)))), kick(Checked(MakeBell())), lastId(KickData) {
+    if (!Watch(epoll, closed.Get(), EPOLLIN, ClosedData) || !Watch(epoll, kick.Get(), EPOLLIN | EPOLLET, KickData)) {
+        throw std::system_error(errno, std::generic_category());
+    }
+}
+
+std::int32_t ClientTable::Add(UniqueFd&& socket, SharedMemoryEnds&& ends, const UniqueFd* file,
+                              const RequestFilter& filter, std::uint64_t* clientId) {
+    const common::MutexLock lock(mutex);
+    assert(IsCounted());
+    if (isClosed.load(std::memory_order_relaxed)) {
+        return KnStatusClosed;
+    }
+    if (clients.size() >= Channel::maxClients) {
+        return KnStatusBusy;
+    }
+    const auto client = std::make_shared<ChannelClient>(lastId + 1, filter, deadClient, std::move(ends));
+    clients.emplace(client->id, client);
+    std::int32_t status = KnStatusNoResources;
+    if (Watch(epoll, client->Ends().bell.Get(), EPOLLIN | EPOLLET, client->id)) {
+        status = file != nullptr ? SendEnds(socket.Get(), *file, client->Ends()) : KnStatusOk;
+    }
+    if (status != KnStatusOk) {
+        Unwatch(*client);
+        clients.erase(client->id);
+        return status;
+    }
+    client->Attach(std::move(socket)); // a receiver that has an event of the client waits for the mutex
+    count.store(clients.size(), std::memory_order_relaxed);
+    *clientId = lastId = client->id;
+    return KnStatusOk;
+}
+
+std::shared_ptr<ChannelClient> ClientTable::Remove(std::uint64_t clientId) noexcept {
+    std::shared_ptr<ChannelClient> client;
+    {
+        const common::MutexLock lock(mutex);
+        assert(IsCounted());
+        const auto found = clients.find(clientId);
+        if (found == clients.end()) {
+            return nullptr;
+        }
+        client = std::move(found->second);
+        clients.erase(found);
+        count.store(clients.size(), std::memory_order_relaxed);
+    }
+    Unwatch(*client);
+    client->End();
+    return client;
+}
+
+bool ClientTable::Close() noexcept {
+    std::unordered_map<std::uint64_t, std::shared_ptr<ChannelClient>> ended;
+    {
+        const common::MutexLock lock(mutex);
+        assert(IsCounted());
+        if (isClosed.exchange(true, std::memory_order_acq_rel)) {
+            return false;
+        }
+        ended.swap(clients);
+        count.store(0, std::memory_order_relaxed);
+    }
+    const std::uint64_t one = 1;
+    static_cast<void>(!::write(closed.Get(), &one, sizeof one));
+    for (const auto& [id, client] : ended) {
+        Unwatch(*client);
+        client->End();
+    }
+    return true;
+}
+
+std::shared_ptr<ChannelClient> ClientTable::ClaimRung(nk_message* request, int timeoutMs) noexcept {
+    epoll_event event{};
+    if (::epoll_wait(epoll.Get(), &event, 1, timeoutMs) != 1) {
+        return nullptr;
+    }
+    auto client = Find(event.data.u64);
+    if (!client) {
+        return nullptr;
+    }
+    if (!client->CountRing()) {
+        client->End();
+        return nullptr;
+    }
+    return client->TryClaim(request) ? std::move(client) : nullptr;
+}
+
+void ClientTable::Unwatch(const ChannelClient& client) const noexcept {
+    ::epoll_ctl(epoll.Get(), EPOLL_CTL_DEL, client.Ends().bell.Get(), nullptr);
+}
+
+} // namespace borven_host

@@ -1,0 +1,80 @@
+#pragma once
+
+#include "records/channel_client.h"
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cstddef>
+#include <memory>
+#include <utility>
+#include <vector>
+
+// A request belongs to the thread that received it, until that thread replies. The thread keeps the client alive: a
+// client that is removed meanwhile, or whose channel is destroyed, goes with this reference. A thread that receives
+// again on the channel, or ends, has abandoned its request, and the caller gets KnStatusAbandoned.
+
+namespace borven_host {
+
+/// The requests that a thread has received and not answered: at most one for each channel.
+///
+/// Threads: the one that has it.
+class OwedReplies final {
+public:
+    static OwedReplies& OfThisThread() {
+        thread_local OwedReplies owed;
+        return owed;
+    }
+
+    OwedReplies() = default;
+    OwedReplies(const OwedReplies&) = delete;
+    OwedReplies& operator=(const OwedReplies&) = delete;
+
+    /// Abandons all of them, except in a child that a fork made of the thread: it owes nothing.
+    ~OwedReplies();
+
+    /// Makes room for one more, before a request is claimed: a claimed request must not be lost for want of memory.
+    void Reserve() {
+        if (entries.size() == entries.capacity()) {
+            entries.reserve(entries.size() + 4);
+        }
+    }
+
+    /// Requires: room was reserved; the thread owes no reply on `channel`.
+    void Add(const void* channel, std::shared_ptr<ChannelClient> client) noexcept {
+        assert(entries.size() < entries.capacity());
+        assert(Find(channel) == entries.end());
+        entries.push_back({channel, std::move(client)});
+    }
+
+    /// Returns: the client that waits for the thread's reply on `channel`, which is not owed from now on; null when
+    /// there is none.
+    std::shared_ptr<ChannelClient> Settle(const void* channel) noexcept {
+        const auto found = Find(channel);
+        if (found == entries.end()) {
+            return nullptr;
+        }
+        auto client = std::move(found->client);
+        *found = std::move(entries.back());
+        entries.pop_back();
+        return client;
+    }
+
+private:
+    struct Entry {
+        const void* channel; ///< compared only: the channel may have been destroyed
+        std::shared_ptr<ChannelClient> client;
+    };
+
+    std::vector<Entry>::iterator Find(const void* channel) noexcept {
+        return std::find_if(entries.begin(), entries.end(),
+                            [channel](const Entry& entry) { return entry.channel == channel; });
+    }
+
+    const pid_t owner = ::getpid();
+    std::vector<Entry> entries;
+};
+
+} // namespace borven_host
