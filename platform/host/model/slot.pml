@@ -1,12 +1,12 @@
 /*
- * The slot and doorbell protocol of the shared-memory transport (see ../src/shared_memory_channel.cpp), for spin.
+ * The slot and doorbell protocol of the shared-memory transport (see ../src/records/shared_memory_slot.h), for spin.
  *
  * Two clients with one slot each; three receivers; one memory. A plain store to a shared word goes through the store
- * buffer of its thread (total store order, as on x86) and reaches the memory some time later. A locked store waits until
- * the buffer is empty and is there at once; a system call waits as well.
+ * buffer of its thread (total store order, as on x86) and reaches the memory some time later. A locked store waits
+ * until the buffer is empty and takes effect at once; a system call waits as well.
  *
- * A lost wake-up is an invalid end state: a client asleep, or a handler waiting, with nobody left to move. A request
- * taken twice, or a reply to another question, is an assertion.
+ * A lost wake-up is an invalid end state: a client asleep, or a handler waiting, and no process that can move. A
+ * request claimed twice, or a reply to another request, is a failed assertion.
  *
  * Switches. Death at any step: CLIENT_DIES, SERVER_DIES. Planted bugs, each of which must be found: PLAIN_SLEEP and
  * PLAIN_REPLY (a store without its fence), NO_RING_BEFORE_SLEEP, CLAIM_WITHOUT_SEQUENCE.
@@ -22,13 +22,14 @@
 #define CALLS(c) 1
 #endif
 
-/* Shared words; who writes them. */
+/* Shared words, and the side that writes them. */
 #define REQUEST(c) (c)                  /* client: sequence of the published request */
 #define SLEEPING(c) (CLIENTS + (c))     /* client: sequence of the call it sleeps for */
 #define REPLY(c) (2 * CLIENTS + (c))    /* server: sequence of the finished request */
 byte memory[3 * CLIENTS];
-bool polled;            /* server: somebody looks, no need to ring; one word per slot in truth. Not buffered: a client
-                           may see it stale anyway, as a receiver leaves it set when it leaves with a request. */
+bool polled;            /* server: a receiver looks, so a client need not ring; in the code, one word per slot. Not
+                           buffered: a client may see it stale anyway, because a receiver leaves it set when it leaves
+                           with a request. */
 
 /* One store buffer per thread: clients first, then receivers. */
 chan buffer[CLIENTS + 3] = [2] of { byte, byte };
@@ -55,14 +56,14 @@ bool killed[CLIENTS];   /* the process is dead */
 bool removed[CLIENTS];  /* the housekeeper took its connection away */
 
 /* Private memory of the server; every access is a locked instruction or under the role. */
-byte turn[CLIENTS];     /* last sequence taken, and */
-bool taken[CLIENTS];    /* whether its reply is still owed */
+byte turn[CLIENTS];     /* last sequence claimed, and */
+bool claimed[CLIENTS];  /* whether its reply is still owed */
 bool role;              /* at most one receiver polls */
 byte sleepers;
-bool asleep[3];         /* in the kernel. Sleepers are all alike, so that only the first one is ever woken here. */
+bool asleep[3];         /* in the kernel. Sleepers are all alike, so only the first one is ever woken here. */
 #define FIRST_ASLEEP (self == 2 || (!asleep[0] && (self == 3 || !asleep[1])))
 
-/* What must come true. */
+/* What must be true in the end. */
 byte served[CLIENTS];
 bool finished[CLIENTS];
 
@@ -91,7 +92,7 @@ proctype Client(byte self) {
             :: else
             fi
         }
-        /* A spin of any length: it ends with the reply, or it ends. */
+        /* A spin of any length: it ends with the reply or without it. */
         if
         :: memory[REPLY(self)] == sequence -> goto answered
         :: true
@@ -124,7 +125,7 @@ done:
     } unless { killed[self] }
 }
 
-#define VISIBLE(c) (!removed[c] && !taken[c] && memory[REQUEST(c)] != turn[c])
+#define VISIBLE(c) (!removed[c] && !claimed[c] && memory[REQUEST(c)] != turn[c])
 
 proctype Receiver(byte self) {
     byte client, expected;
@@ -144,7 +145,7 @@ receive:
         fi
     }
 
-scan:   /* One step: the clients have nothing to do with each other, so a slower round sees nothing that this does not. */
+scan:   /* One step: the clients do not depend on each other, so a slower round sees nothing that this does not. */
     atomic {
         if
         :: VISIBLE(0) -> client = 0; expected = turn[0]; goto claim
@@ -170,9 +171,9 @@ claim:  /* a compare-and-swap on the sequence and the owner together */
 #ifndef CLAIM_WITHOUT_SEQUENCE
     atomic {
         if
-        :: !taken[client] && turn[client] == expected ->
+        :: !claimed[client] && turn[client] == expected ->
             assert(memory[REQUEST(client)] == expected + 1);
-            taken[client] = true;
+            claimed[client] = true;
             turn[client] = expected + 1;
             goto found
         :: else -> goto missed
@@ -181,7 +182,7 @@ claim:  /* a compare-and-swap on the sequence and the owner together */
 #else
     atomic {
         if
-        :: !taken[client] -> taken[client] = true
+        :: !claimed[client] -> claimed[client] = true
         :: else -> goto missed
         fi
     }
@@ -191,10 +192,10 @@ claim:  /* a compare-and-swap on the sequence and the owner together */
         :: else
         fi
     }
-    atomic { taken[client] = false; goto missed }
+    atomic { claimed[client] = false; goto missed }
 #endif
 
-missed: /* somebody else was faster */
+missed: /* another receiver was faster */
     atomic {
         client = 0; expected = 0;
         if
@@ -237,9 +238,9 @@ found:  /* leave with the request; `polled` stays set, for this thread or the ne
         assert(served[client] == turn[client])
     }
     if
-    :: client == 1 || finished[1] || removed[1]          /* client 0 asks for what client 1 will bring */
+    :: client == 1 || finished[1] || removed[1]          /* client 0 asks for what client 1 will send */
     fi;
-    atomic { taken[client] = false; REPLY_STORE(REPLY(client), turn[client]) }
+    atomic { claimed[client] = false; REPLY_STORE(REPLY(client), turn[client]) }
     atomic {
         if
         :: memory[SLEEPING(client)] == served[client] -> FENCE -> doorbell[client] = true
