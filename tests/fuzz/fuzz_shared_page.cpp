@@ -1,7 +1,7 @@
-// Clients that do as they like with all that they share with the server - the page, the bells, the socket - beside one
-// that keeps to the protocol. That one's calls have to be answered; of the others, the server takes what passes the
-// filter, byte for byte as it stood in the page when it was taken, and answers or ends who has rung. One thread
-// plays all parts, so that a run can be repeated.
+// Hostile clients that do anything to what they share with the server (the page, the bells, the socket), beside an
+// honest one that keeps to the protocol. The honest one's calls must be answered. Of the hostile ones' requests, the
+// server serves what passes the filter, byte for byte as it stood in the page when it was claimed; a hostile client
+// that has rung is answered or ended. One thread plays all parts, so that a run can be repeated.
 //
 // Input: a byte that chooses the kind of channel, then the steps that Step reads.
 
@@ -46,7 +46,7 @@ nk_message& HeaderOf(Record& record) {
     return *reinterpret_cast<nk_message*>(record.data());
 }
 
-/// What a record is that lies in `half` with these pieces, told piece by piece.
+/// The record in `half`, assembled piece by piece.
 Record Assembled(const SlotHalf& half, std::uint32_t pieces) {
     Record record{};
     for (std::size_t piece = 0; piece < SlotHalf::pieceCount; ++piece) {
@@ -59,7 +59,7 @@ Record Assembled(const SlotHalf& half, std::uint32_t pieces) {
     return record;
 }
 
-/// The client's ends, and what may be told from them.
+/// A client's ends, and what they show.
 class Client final {
 public:
     explicit Client(Channel& joined) {
@@ -85,20 +85,20 @@ public:
     Record Request() const { return Assembled(Slot().request, RequestWord().Pieces()); }
     Record Response() const { return Assembled(Slot().reply, ReplyWord().Pieces()); }
 
-    /// Either side has ended it, and the housekeeper would know.
+    /// Returns: whether either side has ended it, so that the housekeeper would notice.
     bool HasEnded() const {
         pollfd watched{socket.Get(), POLLRDHUP, 0};
         return hasLeft || ::poll(&watched, 1, 0) == 1;
     }
 
-    /// Leaves in the place of the reply's word what no server writes, so that what it writes next is seen.
+    /// Puts a value that no server writes in place of the reply's word, so that the next write is seen.
     void ForgetReply() const { Slot().reply.word.store(noReply); }
     bool HasReply() const { return Slot().reply.word.load() != noReply; }
 
-    /// The server owes it nothing.
+    /// Returns: whether the server owes it nothing.
     bool IsSettled() const { return RequestWord().Sequence() == answered || HasEnded(); }
 
-    /// Rings whatever was done to the bell before.
+    /// Rings, whatever state the bell is in.
     void RingSurely() const {
         std::uint64_t count = 0;
         ::fcntl(bell.Get(), F_SETFL, O_NONBLOCK);
@@ -111,7 +111,7 @@ public:
     UniqueFd socket;
     UniqueFd bell;
     UniqueFd doorbell;
-    std::uint32_t answered = 0; ///< the sequence number of the last request that was
+    std::uint32_t answered = 0; ///< the sequence number of the last request that was answered
     bool hasLeft = false;
     bool wasRemoved = false;
 
@@ -140,12 +140,12 @@ public:
         for (int i = 0; i < enough && !AllSettled(); ++i) {
             Call(nothing);
         }
-        Require(AllSettled(), "who has rung is answered or ended");
+        Require(AllSettled(), "a client that has rung is answered or ended");
         Call(nothing);
         channel.Close();
         Record request{};
         HeaderOf(request).size = NkRecordSize;
-        Require(channel.Receive(&HeaderOf(request)) == KnStatusClosed, "a closed channel gives nothing");
+        Require(channel.Receive(&HeaderOf(request)) == KnStatusClosed, "a closed channel delivers nothing");
     }
 
 private:
@@ -167,12 +167,12 @@ private:
         }
     }
 
-    /// One deed of a client that knows no protocol.
+    /// One step of a client that ignores the protocol.
     void Misbehave(Client& client, std::size_t choice, Input& input) {
         SharedSlot& slot = client.Slot();
         auto* const page = reinterpret_cast<std::uint8_t*>(&slot);
         switch (choice) {
-        case 2: // as it should be, whatever the record
+        case 2: // by the protocol, with any record
             slot.request.word.store(SlotWord(client.answered + 1, input.Number<std::uint32_t>()).Raw());
             Ring(client.bell);
             break;
@@ -238,7 +238,7 @@ private:
             client.hasLeft = client.hasLeft || half != SHUT_RD;
             break;
         }
-        case 13: // the housekeeper's part: it may come at any time after the end
+        case 13: // the housekeeper's step: at any time after the end
             if (client.HasEnded() && !client.wasRemoved) {
                 channel.RemoveClient(client.id);
                 client.wasRemoved = true;
@@ -292,13 +292,13 @@ private:
         std::vector<Sight> sights{{&honest, honest.RequestWord(), honest.Request() == request}};
         for (const auto& client : hostile) {
             if (client->HasReply()) {
-                Require(client->ReplyWord().Status() != KnStatusOk, "without a receiver there are refusals only");
-                Require(client->ReplyWord().Sequence() == client->answered + 1, "the next request is taken only");
+                Require(client->ReplyWord().Status() != KnStatusOk, "without a receiver there are only refusals");
+                Require(client->ReplyWord().Sequence() == client->answered + 1, "only the next request is claimed");
                 client->answered = client->ReplyWord().Sequence();
             }
             sights.push_back({client.get(), client->RequestWord(), client->Request() == request});
         }
-        // Time for a deed between the moment that a request is taken and its reply.
+        // A chance to misbehave between the claim of a request and its reply.
         if (input.Below(4) == 1) {
             Misbehave(*hostile[input.Below(hostile.size())], input.Below(16), input);
         }
@@ -325,15 +325,16 @@ private:
                 continue;
             }
             ++answered;
-            Require(isTheirs, "a request is taken as it stood in the page");
-            Require(client->ReplyWord().Sequence() == word.Sequence(), "the reply says to which request it belongs");
+            Require(isTheirs, "a request is received as it stood in the page");
+            Require(client->ReplyWord().Sequence() == word.Sequence(),
+                    "the reply carries the sequence number of its request");
             Require(client->ReplyWord().Status() == KnStatusOk && client->Response() == response,
                     "the reply arrives, with zeros behind its size");
-            Require(word.Sequence() == client->answered + 1, "the next request is taken only");
+            Require(word.Sequence() == client->answered + 1, "only the next request is claimed");
             client->answered = word.Sequence();
         }
         Require(answered <= 1, "one reply goes to one client");
-        Require(!(replied == KnStatusPeerGone && answered == 1), "who is gone is not answered");
+        Require(!(replied == KnStatusPeerGone && answered == 1), "a client that is gone is not answered");
     }
 
     const Channel::DeadClient reaction;
@@ -343,7 +344,7 @@ private:
     std::uint64_t calls = 0;
 };
 
-/// Descriptors are given out from the lowest free number on.
+/// The kernel hands out the lowest free number.
 int LowestFreeDescriptor() {
     return UniqueFd(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)).Get();
 }

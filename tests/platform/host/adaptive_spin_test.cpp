@@ -1,4 +1,4 @@
-// Defends when the transport looks again, gives its CPU away, or does not spin at all.
+// Defends when the transport looks again, yields its CPU, or does not spin at all.
 #include "records/adaptive_spin.h"
 
 #include <gmock/gmock.h>
@@ -109,7 +109,7 @@ TEST(SpinUntilTest, OnOneCpu_LearnsThatAnswersComeOnlyAfterAYield) {
     }
     EXPECT_TRUE(learner.ShouldYieldAtOnce());
     int looks = 0;
-    SpinUntil(1h, learner, [&] { return ++looks == 1; }); // before any yield, but where only one look was taken
+    SpinUntil(1h, learner, [&] { return ++looks == 1; }); // before any yield, but after a single look
     EXPECT_TRUE(learner.ShouldYieldAtOnce());
     hasOneCpu = false;
 }

@@ -8,8 +8,8 @@
 
 namespace platform_test {
 
-/// The client's half of the slot and doorbell protocol, done by hand and step by step, by a client that has joined the
-/// static connection `name`.
+/// A client that has joined the static connection `name` and does its half of the slot and doorbell protocol by hand,
+/// step by step.
 class RawSlot final {
 public:
     explicit RawSlot(const std::string& name = "line") {
@@ -17,7 +17,7 @@ public:
         EXPECT_TRUE(socket.Greet());
         pollfd waited{socket.Get(), POLLIN, 0};
         if (::poll(&waited, 1, static_cast<int>(patienceMs)) == 0) {
-            GiveUp("a server answers no greeting");
+            GiveUp("a server should answer a greeting");
         }
         borven_host::Answer answer{};
         iovec bytes{&answer, sizeof answer};
@@ -32,7 +32,7 @@ public:
         EXPECT_EQ(KnStatusOk, answer.status);
         const cmsghdr* const part = CMSG_FIRSTHDR(&message);
         if (part == nullptr || part->cmsg_len != CMSG_LEN(sizeof passed)) {
-            GiveUp("a server passes no ends");
+            GiveUp("a server should pass a client its ends");
         }
         std::memcpy(passed.data(), CMSG_DATA(part), sizeof passed);
         file = passed[0];
@@ -60,7 +60,7 @@ public:
     int Bell() const { return bell; }
     int Doorbell() const { return doorbell; }
 
-    /// Says that the next request is there, whatever `pieces` it has.
+    /// Publishes the next request, with any `pieces`.
     void Publish(std::uint32_t pieces) { PublishAs(++last, pieces); }
     void PublishAs(std::uint32_t sequence, std::uint32_t pieces) const {
         slot->request.word.store(borven_host::SlotWord(sequence, pieces).Raw());

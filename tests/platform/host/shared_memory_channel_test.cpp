@@ -1,16 +1,16 @@
-// Defends the slot and doorbell protocol inside one process and over one mapping, so that a sanitizer of threads sees
-// both sides: each request is served once by one receiver, each caller gets the reply to its own question, and nobody
+// Defends the slot and doorbell protocol inside one process and over one mapping, so that a thread sanitizer sees both
+// sides: each request is served once by one receiver, each caller gets the reply to its own request, and no receiver
 // sleeps while there is work, whatever the receivers do between two requests.
 #include "records/shared_memory_channel.h"
 #include "records/shared_memory_connection.h"
 
+#include "common/mutex.h"
 #include "kn/status.h"
 #include "records/event_fd.h"
 #include "support.h"
 
 #include <algorithm>
 #include <fcntl.h>
-#include <mutex>
 #include <random>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -37,7 +37,7 @@ UniqueFd Duplicate(const UniqueFd& fd) {
     return UniqueFd(::fcntl(fd.Get(), F_DUPFD_CLOEXEC, 3));
 }
 
-/// A client whose page is mapped once, for both sides.
+/// Joins a client whose page is mapped once, for both sides.
 Client JoinOverOneMapping(Channel& channel, const RequestFilter& filter = {}) {
     std::array<int, 2> pair{};
     EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()));
@@ -84,7 +84,7 @@ void CallWithEach(Connection& connection, std::int64_t first, std::int64_t end) 
     }
 }
 
-/// Counts what is served, by value.
+/// Counts the served requests, by value.
 class Ledger final {
 public:
     explicit Ledger(std::size_t values) : served(values) {}
@@ -130,8 +130,36 @@ TEST(SharedMemoryChannel, EachRequest_IsServedOnce_AndAnsweredToItsCaller) {
     ledger.ExpectEachOnce();
 }
 
-// A receiver takes one request and leaves for good, after it has made sure that another comes: what the bus does with
-// every request that waits. Some leave before they reply, and reply from a long way off.
+/// Threads that start their own replacements. None starts once Join was called.
+class Crew final {
+public:
+    void Add(const std::function<void()>& step) EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
+        if (!isOver) {
+            threads.emplace_back(step);
+        }
+    }
+
+    void Join() EXCLUDES(mutex) {
+        std::vector<std::thread> joined;
+        {
+            const common::MutexLock lock(mutex);
+            isOver = true;
+            joined.swap(threads);
+        }
+        for (std::thread& thread : joined) {
+            thread.join();
+        }
+    }
+
+private:
+    common::Mutex mutex;
+    std::vector<std::thread> threads GUARDED_BY(mutex);
+    bool isOver GUARDED_BY(mutex) = false;
+};
+
+// A receiver receives one request and leaves for good, after it has started its replacement: what the bus does with
+// every request that waits. Some leave the channel before they reply, and reply later.
 TEST(SharedMemoryChannel, ReceiversThatLeave_SwallowNoWakeUp) {
     constexpr int clients = 16;
     constexpr int calls = 150;
@@ -141,16 +169,8 @@ TEST(SharedMemoryChannel, ReceiversThatLeave_SwallowNoWakeUp) {
         joined.push_back(JoinOverOneMapping(channel));
     }
     Ledger ledger(clients * calls);
-    std::mutex mutex; // guards threads and isOver
-    std::vector<std::thread> threads;
-    bool isOver = false;
+    Crew crew;
     std::function<void()> serve;
-    const auto replace = [&] {
-        const std::lock_guard lock(mutex);
-        if (!isOver) {
-            threads.emplace_back(serve);
-        }
-    };
     std::atomic<int> turn{0};
     serve = [&] {
         Record request;
@@ -164,7 +184,7 @@ TEST(SharedMemoryChannel, ReceiversThatLeave_SwallowNoWakeUp) {
                 EXPECT_EQ(KnStatusOk, EchoTo(channel, request));
                 continue;
             }
-            replace();
+            crew.Add(serve);
             if (kind == 2) {
                 std::this_thread::yield();
             }
@@ -173,7 +193,7 @@ TEST(SharedMemoryChannel, ReceiversThatLeave_SwallowNoWakeUp) {
         }
     };
     for (int i = 0; i < 4; ++i) {
-        replace();
+        crew.Add(serve);
     }
     {
         std::vector<std::unique_ptr<Background<void>>> calling;
@@ -183,17 +203,11 @@ TEST(SharedMemoryChannel, ReceiversThatLeave_SwallowNoWakeUp) {
         }
     }
     channel.Close();
-    {
-        const std::lock_guard lock(mutex);
-        isOver = true;
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    crew.Join();
     ledger.ExpectEachOnce();
 }
 
-// The other receivers sleep all the time, so whatever one leaves behind must wake them.
+// The other receivers sleep most of the time, so a receiver that leaves a request behind must wake one of them.
 TEST(SharedMemoryChannel, ARequestThatWaitsForAnother_IsNotAlone) {
     Channel channel(Channel::DeadClient::ReplyAnswersOk);
     const Client waiting = JoinOverOneMapping(channel);

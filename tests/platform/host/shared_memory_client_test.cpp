@@ -1,5 +1,5 @@
-// Defends the shared-memory channel against clients that do to their page, their bells and their socket what no client
-// of ours does, and against clients and servers that are killed at each step of a call.
+// Defends the shared-memory channel against clients that use their page, their bells and their socket against the
+// protocol, and against clients and servers that are killed at each step of a call.
 #include "process.h"
 #include "raw_slot.h"
 
@@ -90,7 +90,7 @@ TEST_F(RudeSlot, ThatPublishesWhileItsRequestIsServed_WaitsItsTurn) {
     second.AwaitBlocked();
     client.Send(RequestOf(2));
     const Handle other = ConnectStatic();
-    EXPECT_EQ(KnStatusOk, CallWith(other.Get(), 7)) << "it was not given to the second receiver";
+    EXPECT_EQ(KnStatusOk, CallWith(other.Get(), 7)) << "the second receiver must not get the new request";
     EXPECT_EQ(KnStatusOk, second.Get());
     EXPECT_EQ(KnStatusOk, Echo(server.Get(), request));
 }
@@ -121,11 +121,11 @@ TEST_F(RudeSlot, ThatFillsItsDoorbell_BlocksNoReply) {
     const Handle server = RegisterStatic();
     const Handle other = ConnectStatic();
     RawSlot client;
-    // What would make any other number written to it block: full, and without the flag that says not to.
+    // In this state a write of any number but 0 would block: the counter is full, and O_NONBLOCK is off.
     ASSERT_EQ(0, ::fcntl(client.Doorbell(), F_SETFL, 0));
     const std::uint64_t most = 0xFFFFFFFFFFFFFFFE - 1;
     ASSERT_EQ(static_cast<ssize_t>(sizeof most), ::write(client.Doorbell(), &most, sizeof most));
-    client.Slot().request.hint.store(1); // asleep, it says
+    client.Slot().request.hint.store(1); // as if asleep
     client.Send(RequestOf(1));
     const Echoers echoers(server.Get());
     EXPECT_EQ(KnStatusOk, client.AwaitReply());
@@ -155,7 +155,7 @@ TEST_F(RudeSlot, ThatKeepsRinging_IsEnded_AndOthersAreServed) {
     const Echoers echoers(server.Get(), 2);
     const Handle other = ConnectStatic();
     RawSlot client;
-    Await("the end of a client that rings for nothing", [&] {
+    Await("the end of a client that rings without a request", [&] {
         client.Ring();
         EXPECT_EQ(KnStatusOk, CallWith(other.Get(), 1));
         pollfd ended{client.Socket().Get(), POLLRDHUP, 0};
@@ -219,7 +219,7 @@ void InAProcessThatIsKilled(const Steps& steps) {
     ASSERT_TRUE(WIFSIGNALED(status));
 }
 
-/// A server with one steady client, and a check that a client killed meanwhile left nothing behind.
+/// A server with one steady client. At the end it checks that the clients killed meanwhile left nothing behind.
 class Bystander final {
 public:
     Bystander() : server(RegisterStatic()), steady(ConnectStatic()), echoers(server.Get(), 2) {
@@ -228,7 +228,7 @@ public:
     }
     ~Bystander() {
         EXPECT_EQ(KnStatusOk, CallWith(steady.Get(), 1));
-        Await("the descriptors of the dead to close", [this] { return OpenDescriptors() <= before; });
+        Await("the descriptors of the dead clients to close", [this] { return OpenDescriptors() <= before; });
     }
     int Served() const { return echoers.Served(); }
 
@@ -311,7 +311,7 @@ TEST_F(KilledAt, ServerHasTakenTheRequest_TheCallerLearnsIt) {
         EXPECT_EQ("receive 0", server.Hear());
         server.Kill();
         EXPECT_EQ(KnStatusClosed, call.Get());
-        EXPECT_EQ(KnStatusClosed, CallWith(client.Get(), 2)) << "and for good";
+        EXPECT_EQ(KnStatusClosed, CallWith(client.Get(), 2)) << "the connection stays closed";
     }
     Reclaim();
 }
