@@ -1,4 +1,5 @@
-// Defends the runtime directory: whose it is, what may stand in it, and that nothing stays.
+// Defends the runtime directory: which directories are used, what may be in them, and that servers leave nothing
+// behind.
 #include "process.h"
 #include "raw_socket.h"
 
@@ -35,7 +36,7 @@ protected:
 
     static void Use(const fs::path& directory) { ::setenv("BORVEN_RUNTIME_DIR", directory.c_str(), 1); }
 
-    /// Nobody gets in, and the log says why.
+    /// Servers are refused, and the log gives the reason.
     void ExpectRefused(const fs::path& directory, const char* reason) {
         Use(directory);
         std::uint32_t iid = 0;
@@ -56,7 +57,7 @@ TEST_F(RuntimeDirectory, ThatIsMissing_IsMadeForItsOwnerOnly_ByAServer) {
     Use(root / "made");
     KnHandle handle = 0;
     EXPECT_EQ(KnStatusNotFound, ServiceLocatorConnect("line", 0, &handle));
-    EXPECT_FALSE(fs::exists(root / "made")) << "a client makes nothing";
+    EXPECT_FALSE(fs::exists(root / "made")) << "a client creates nothing";
     {
         const Handle server = RegisterStatic();
         EXPECT_EQ(fs::perms::owner_all, fs::status(root / "made").permissions());
@@ -173,7 +174,7 @@ TEST_F(RuntimeDirectory, AFileUnderAName_IsNeitherReplacedNorRemoved) {
     std::ofstream(root / "static" / "line") << "text";
     std::uint32_t iid = 0;
     EXPECT_EQ(KnInvalidHandle, ServiceLocatorRegister("line", nullptr, 0, &iid));
-    EXPECT_THAT(log, ::testing::HasSubstr("not ours"));
+    EXPECT_THAT(log, ::testing::HasSubstr("not a socket of this platform"));
     KnHandle handle = 0;
     EXPECT_EQ(KnStatusDenied, ServiceLocatorConnect("line", 0, &handle));
     EXPECT_TRUE(fs::is_regular_file(root / "static" / "line"));

@@ -2,13 +2,14 @@
 
 #include "base/no_throw.h"
 #include "joining/housekeeper.h"
+#include "names/name.h"
 #include "names/runtime_directory.h"
 
 using namespace borven_host;
 
 namespace {
 
-/// There is one name server: the runtime directory.
+/// The only name server is the runtime directory.
 constexpr NsHandle theNameServer = 1;
 
 } // namespace

@@ -1,12 +1,18 @@
 #pragma once
 
+#include "base/deadline.h"
 #include "base/no_throw.h"
 #include "exports/handle_table.h"
-#include "names/named_socket.h"
+#include "names/connect_to_name.h"
+
+#include <cstdint>
+#include <memory>
+#include <utility>
 
 namespace borven_host {
 
-/// Client: connects to a name, joins the channel behind it and gives it a handle.
+/// Client: connects to a name and joins the channel that the server offers or accepts it to.
+/// Returns: 0 and `*handle`; KnStatusInvalidArgument; what ConnectToName and Connection::Join return.
 inline std::int32_t OpenConnection(NameKind kind, const char* name, std::uint32_t timeoutMs,
                                    KnHandle* handle) noexcept {
     if (name == nullptr || handle == nullptr || !IsName(name)) {

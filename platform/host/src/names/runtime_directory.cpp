@@ -3,10 +3,16 @@
 #include "base/log.h"
 #include "kn/status.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <string>
-#include <sys/stat.h>
+#include <thread>
 
 namespace borven_host {
 
@@ -25,7 +31,7 @@ std::string RuntimeDirectoryPath() {
 }
 
 std::int32_t Refuse(const std::string& path, std::string_view reason) {
-    Log(LogLevel::Error, {"the runtime directory ", path, " cannot be used: ", reason});
+    Log(LogLevel::Error, {"cannot use the runtime directory ", path, ": ", reason});
     return KnStatusDenied;
 }
 
@@ -36,7 +42,7 @@ std::int32_t OpenRuntimeDirectory(Missing missing, UniqueFd& directory) {
     if (missing == Missing::IsCreated && ::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
         return Refuse(path, ErrnoText());
     }
-    // Opened first and looked at afterwards, so that nobody can put another one there in between.
+    // Opened first and checked afterwards, so that it cannot be replaced in between.
     UniqueFd opened(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!opened) {
         switch (errno) {
@@ -48,7 +54,7 @@ std::int32_t OpenRuntimeDirectory(Missing missing, UniqueFd& directory) {
             return KnStatusNoResources;
         case ENOTDIR:
         case ELOOP:
-            return Refuse(path, "it is not a directory, or a symbolic link");
+            return Refuse(path, "it is a symbolic link, or not a directory");
         default:
             return Refuse(path, ErrnoText());
         }
@@ -64,6 +70,28 @@ std::int32_t OpenRuntimeDirectory(Missing missing, UniqueFd& directory) {
         return Refuse(path, "other users may enter it (it must have mode 0700)");
     }
     directory = std::move(opened);
+    return KnStatusOk;
+}
+
+std::int32_t LockRuntimeDirectory(int directory, UniqueFd& lock) {
+    constexpr std::chrono::seconds patience{2};
+    constexpr std::chrono::milliseconds pause{1};
+    // A description of its own, because two locks of one description do not exclude each other.
+    lock = UniqueFd(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!lock) {
+        return KnStatusNoResources;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) { // flock has no time-out
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            return KnStatusNoResources;
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            Log(LogLevel::Error, {"the runtime directory stays locked: a stopped process may hold its lock"});
+            return KnStatusTimedOut;
+        }
+        std::this_thread::sleep_for(pause);
+    }
     return KnStatusOk;
 }
 

@@ -9,10 +9,17 @@ namespace borven_host {
 enum class Missing { Fails, IsCreated };
 
 /// Opens the directory that holds the names of this user's channels: $BORVEN_RUNTIME_DIR, else
-/// $XDG_RUNTIME_DIR/borven, else /tmp/borven-<uid>. It must be a real directory, ours, and closed to everybody else.
+/// $XDG_RUNTIME_DIR/borven, else /tmp/borven-<uid>. It must be a directory and no symbolic link, belong to this user,
+/// and be closed to all others.
 ///
 /// Returns: 0 and `directory`; KnStatusNotFound when it is missing and not to be created; KnStatusDenied, with the
 /// reason in the log; KnStatusNoResources.
 std::int32_t OpenRuntimeDirectory(Missing missing, UniqueFd& directory);
+
+/// Locks the runtime directory `directory` against other processes and other threads, until `lock` closes. It is held
+/// for a few system calls only, unless the process that holds it is stopped in between.
+///
+/// Returns: 0 and `lock`; KnStatusTimedOut, with a line in the log; KnStatusNoResources. Blocks: for at most 2 s.
+std::int32_t LockRuntimeDirectory(int directory, UniqueFd& lock);
 
 } // namespace borven_host
