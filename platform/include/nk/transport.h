@@ -33,6 +33,9 @@ struct NkBosTransport {
 // - No step waits for a word, a lock or a buffer that only a client could release.
 // - Nothing is delivered to a process of another user.
 // - An arena that holds out-of-line data is refused with KnStatusInvalidArgument, since none can travel.
+//
+// A platform may name the threads that serve. The one on Linux names a thread at its first receive, unless it has a
+// name of its own; docs/platform.md has the names, and the switch.
 
 /// Binds `transport` to a channel. `arena` and `arenaSize` offer memory for out-of-line data: null and 0 for none.
 ///

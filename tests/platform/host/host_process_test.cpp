@@ -1,7 +1,10 @@
-// Defends what the platform promises between real processes: whoever dies, at whichever step, harms nobody else, and
-// those who wait for the dead learn it.
+// Defends what the platform promises between real processes: one that dies, at whichever step, harms no other, and a
+// thread that waits for it returns. And the names of the threads that serve.
 #include "process.h"
 
+#include <pthread.h>
+
+#include <algorithm>
 #include <random>
 
 namespace platform_test {
@@ -13,6 +16,7 @@ using Names = PlatformTest;
 using Forks = PlatformTest;
 using Limits = PlatformTest;
 using Load = PlatformTest;
+using ThreadNames = PlatformTest;
 
 TEST_F(ServerDeath, EndsACallThatItHasReceived) {
     Process server({"register", "line", "receive", "wait"});
@@ -121,7 +125,7 @@ TEST_F(Names, OfAStoppedServer_AreNotStolen) {
     std::uint32_t iid = 0;
     EXPECT_EQ(KnInvalidHandle, ServiceLocatorRegister("line", nullptr, 0, &iid));
     KnHandle handle = 0;
-    EXPECT_EQ(KnStatusTimedOut, ServiceLocatorConnect("line", 10, &handle)) << "nor does its client wait for ever";
+    EXPECT_EQ(KnStatusTimedOut, ServiceLocatorConnect("line", 10, &handle)) << "and its client does not wait for ever";
     server.Kill();
     Reclaim();
 }
@@ -291,7 +295,7 @@ TEST_F(ClientDeath, OfAStoppedClient_IsNotAssumed_AndNobodyWaitsForIt) {
         EXPECT_EQ(KnStatusOk, call.Get());
     }
     client.Signal(SIGCONT);
-    EXPECT_EQ("call 0", client.Hear()) << "its reply has waited for it";
+    EXPECT_EQ("call 0", client.Hear()) << "its reply was kept for it";
     EXPECT_EQ(0, client.Wait());
 }
 
@@ -303,7 +307,7 @@ TEST_F(Forks, AChildOfAClient_HasNoOpenHandle_ButMayConnect) {
     EXPECT_EQ("call 0", client.Hear());
     EXPECT_EQ("fork-and-call -3", client.Hear());
     EXPECT_EQ("fork-and-connect 0", client.Hear());
-    EXPECT_EQ("call 0", client.Hear()) << "the parent goes on";
+    EXPECT_EQ("call 0", client.Hear()) << "the parent is still connected";
     EXPECT_EQ(0, client.Wait());
 }
 
@@ -316,7 +320,7 @@ TEST_F(Forks, AChildOfAServer_ThatExits_TakesNothingAlong) {
     Background call([&] { return CallWith(client.Get(), 1); });
     EXPECT_EQ("receive 0", server.Hear());
     EXPECT_EQ("fork 0", server.Hear());
-    EXPECT_EQ("reply 0", server.Hear()) << "the request is still owed here";
+    EXPECT_EQ("reply 0", server.Hear()) << "the parent still owes the reply";
     EXPECT_EQ(KnStatusOk, call.Get());
     EXPECT_EQ(KnStatusOk, NsLookupService(NameServer(), "service"));
     EXPECT_EQ(KnStatusOk, CallWith(ConnectStatic().Get(), 1));
@@ -362,6 +366,174 @@ TEST_F(Limits, AServerWithoutStandardStreams_SendsNoLogToItsClients) {
     EXPECT_EQ("reply 0", server.Hear());
     EXPECT_EQ(KnStatusOk, call.Get());
     EXPECT_EQ(0, server.Wait());
+}
+
+std::string OwnName() {
+    std::array<char, 16> name{};
+    EXPECT_EQ(0, ::pthread_getname_np(::pthread_self(), name.data(), name.size()));
+    return name.data();
+}
+
+/// Serves one request. Returns: the name of the calling thread afterwards.
+std::string NameAfterServing(KnHandle channel) {
+    Record request;
+    EXPECT_EQ(KnStatusOk, Receive(channel, request));
+    EXPECT_EQ(KnStatusOk, Echo(channel, request));
+    return OwnName();
+}
+
+/// Returns: the name of a new thread after it has served one request of `client`.
+std::string NameOfAThreadThatServes(KnHandle channel, KnHandle client) {
+    Background serving([channel] { return NameAfterServing(channel); });
+    EXPECT_EQ(KnStatusOk, CallWith(client, 1));
+    return serving.Get();
+}
+
+std::string NameOfAThreadThatServes(const char* service) {
+    EXPECT_EQ(KnStatusOk, Publish(service));
+    const Joined joined = Join(service);
+    return NameOfAThreadThatServes(joined.channel, joined.client.Get());
+}
+
+TEST_F(ThreadNames, OfThreadsThatReceive_AreThoseOfTheirChannels) {
+    const Handle server = RegisterStatic();
+    const Handle client = ConnectStatic();
+    EXPECT_EQ("serve-static", NameOfAThreadThatServes(server.Get(), client.Get()));
+    EXPECT_EQ("serve-subs", NameOfAThreadThatServes("test.Component.subs"));
+    EXPECT_EQ("serve-plain", NameOfAThreadThatServes("plain"));
+    EXPECT_EQ("serve-muchtoolo", NameOfAThreadThatServes("test.muchtoolong")) << "a name has 15 bytes at most";
+    EXPECT_EQ("serve-a_b____", NameOfAThreadThatServes("test.a b\n\x01\xC3\xA9"));
+}
+
+TEST_F(ThreadNames, OfThreadsThatListen_AreAccept) {
+    EXPECT_EQ("accept", Background([] {
+                            static_cast<void>(Listen(0));
+                            return OwnName();
+                        }).Get());
+}
+
+TEST_F(ThreadNames, OfAChannelOfTwoServices_ComeFromTheFirst) {
+    ASSERT_EQ(KnStatusOk, Publish("test.first"));
+    ASSERT_EQ(KnStatusOk, Publish("test.second"));
+    const Joined first = Join("test.first");
+    const Joined second = Join("test.second", 0, first.channel);
+    EXPECT_EQ("serve-first", NameOfAThreadThatServes(first.channel, second.client.Get()));
+}
+
+TEST_F(ThreadNames, OfTheMainThread_StaysThatOfTheProcess) {
+    Process server({"publish", "service", "listen", "accept", "receive", "reply", "thread-name", "close-all"});
+    EXPECT_EQ("publish 0", server.Hear());
+    Asking asking("service");
+    EXPECT_EQ("listen 0", server.Hear());
+    EXPECT_EQ("accept 0", server.Hear());
+    EXPECT_EQ(KnStatusOk, asking.status.Get());
+    EXPECT_EQ(KnStatusOk, CallWith(asking.handle, 1));
+    EXPECT_EQ("receive 0", server.Hear());
+    EXPECT_EQ("reply 0", server.Hear());
+    EXPECT_EQ("thread-name platform_peer", server.Hear());
+    EXPECT_EQ("close-all 0", server.Hear());
+    EXPECT_EQ(0, server.Wait());
+}
+
+TEST_F(ThreadNames, ThatTheProgramGave_AreKept) {
+    const Handle server = RegisterStatic();
+    const Handle client = ConnectStatic();
+    Background before([&] {
+        ::pthread_setname_np(::pthread_self(), "its own");
+        return NameAfterServing(server.Get());
+    });
+    EXPECT_EQ(KnStatusOk, CallWith(client.Get(), 1));
+    EXPECT_EQ("its own", before.Get());
+
+    Background afterwards([&] {
+        EXPECT_EQ("serve-static", NameAfterServing(server.Get()));
+        ::pthread_setname_np(::pthread_self(), "its own");
+        return NameAfterServing(server.Get());
+    });
+    EXPECT_EQ(KnStatusOk, CallWith(client.Get(), 1));
+    EXPECT_EQ(KnStatusOk, CallWith(client.Get(), 2));
+    EXPECT_EQ("its own", afterwards.Get());
+}
+
+TEST_F(ThreadNames, ThatThreadsInherit_AreReplaced_UnlessTheProgramGaveThem) {
+    const Handle server = RegisterStatic();
+    const Handle client = ConnectStatic();
+    ASSERT_EQ(KnStatusOk, Publish("test.subs"));
+    const Joined joined = Join("test.subs");
+    const auto serveOnAThreadOfItsOwn = [&] {
+        Background inner([&] { return NameAfterServing(joined.channel); });
+        return inner.Get();
+    };
+    Background worker([&] {
+        EXPECT_EQ("serve-static", NameAfterServing(server.Get()));
+        return serveOnAThreadOfItsOwn();
+    });
+    EXPECT_EQ(KnStatusOk, CallWith(client.Get(), 1));
+    EXPECT_EQ(KnStatusOk, CallWith(joined.client.Get(), 1));
+    EXPECT_EQ("serve-subs", worker.Get());
+
+    Background listener([&] {
+        static_cast<void>(Listen(0));
+        EXPECT_EQ("accept", OwnName());
+        return serveOnAThreadOfItsOwn();
+    });
+    EXPECT_EQ(KnStatusOk, CallWith(joined.client.Get(), 1));
+    EXPECT_EQ("serve-subs", listener.Get());
+
+    Background named([&] {
+        ::pthread_setname_np(::pthread_self(), "pool");
+        return serveOnAThreadOfItsOwn();
+    });
+    EXPECT_EQ(KnStatusOk, CallWith(joined.client.Get(), 1));
+    EXPECT_EQ("pool", named.Get());
+}
+
+TEST_F(ThreadNames, ComeWithTheFirstReceive_AndStay) {
+    const Handle server = RegisterStatic();
+    const Handle client = ConnectStatic();
+    ASSERT_EQ(KnStatusOk, Publish("test.subs"));
+    const Joined joined = Join("test.subs");
+    Background serving([&] {
+        EXPECT_EQ("serve-static", NameAfterServing(server.Get()));
+        return NameAfterServing(joined.channel);
+    });
+    EXPECT_EQ(KnStatusOk, CallWith(client.Get(), 1));
+    EXPECT_EQ(KnStatusOk, CallWith(joined.client.Get(), 1));
+    EXPECT_EQ("serve-static", serving.Get());
+}
+
+TEST_F(ThreadNames, AreLeftAlone_WhereTheEnvironmentSaysOff) {
+    const std::vector<std::string> steps{"register", "line", "serve", "wait", "thread-name", "close-all"};
+    for (const auto& [setting, name] : {std::pair("off", "platform_peer"), std::pair("", "serve-static")}) {
+        ::setenv("BORVEN_THREAD_NAMES", setting, 1);
+        Process server(steps);
+        ::unsetenv("BORVEN_THREAD_NAMES");
+        EXPECT_EQ("register 1", server.Hear());
+        EXPECT_EQ("serve 0", server.Hear());
+        EXPECT_EQ(KnStatusOk, CallWith(ConnectStatic().Get(), 1));
+        server.GoOn();
+        EXPECT_EQ("wait 0", server.Hear());
+        EXPECT_EQ(std::string("thread-name ") + name, server.Hear());
+        EXPECT_EQ("close-all 0", server.Hear());
+        EXPECT_EQ(0, server.Wait());
+    }
+}
+
+TEST_F(ThreadNames, OfThePlatformsOwnThread_IsThere_WhileThereAreServerEnds) {
+    const auto isThere = [] {
+        const std::filesystem::directory_iterator tasks("/proc/self/task");
+        return std::any_of(begin(tasks), end(tasks), [](const auto& task) {
+            std::ifstream file(task.path() / "comm");
+            std::string name;
+            std::getline(file, name);
+            return name == "borven-house";
+        });
+    };
+    Await("no such thread", [&] { return !isThere(); }); // a thread that was joined may stay in /proc for a moment
+    Handle server = RegisterStatic();
+    EXPECT_TRUE(isThere());
+    EXPECT_EQ(KnStatusOk, server.Close());
+    Await("no such thread", [&] { return !isThere(); });
 }
 
 TEST_F(Load, ProcessesThatDieAtAnyMoment_DisturbNoneOfTheOthers) {

@@ -1,5 +1,5 @@
-// A process for the tests to talk to, and to kill. Its arguments are steps, done in order; each says on standard output
-// what came of it. "wait" goes on when a line arrives on standard input.
+// A process for the tests to talk to, and to kill. Its arguments are steps, done in order; each prints its result as a
+// line. "wait" goes on when a line arrives on standard input.
 #include "bos/logger.h"
 #include "kn/connection_manager.h"
 #include "kn/handle.h"
@@ -9,12 +9,14 @@
 #include "service_locator.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <string>
@@ -51,6 +53,7 @@ public:
             {"receive", [this] { Say(Receive()); }},
             {"reply", [this] { Say(Reply()); }},
             {"serve", [this] { Serve(); }},
+            {"thread-name", [this] { SayText(NameOf(servingThread)); }},
             {"close-all", [this] { Say((KnHandleCloseServerEnds(), 0)); }},
             {"wait", [this] { Say(std::getchar() == EOF ? -1 : 0); }},
             {"fork", [this] { Say(Fork([] { return 0; })); }},
@@ -80,8 +83,12 @@ private:
 
     template <typename Number>
     void Say(Number number) {
+        SayText(std::to_string(static_cast<std::int64_t>(number)));
+    }
+
+    void SayText(const std::string& text) {
         // One write each: a forked child must not inherit half of it.
-        const std::string line = step + ' ' + std::to_string(static_cast<std::int64_t>(number)) + '\n';
+        const std::string line = step + ' ' + text + '\n';
         if (::write(STDOUT_FILENO, line.data(), line.size()) < 0) {
             std::_Exit(3);
         }
@@ -129,11 +136,19 @@ private:
 
     void Serve() {
         std::thread([this] {
+            servingThread = ::gettid();
             while (Receive() == KnStatusOk) {
                 Reply();
             }
         }).detach();
         Say(0);
+    }
+
+    static std::string NameOf(pid_t thread) {
+        std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/comm");
+        std::string name;
+        std::getline(file, name);
+        return name;
     }
 
     /// Returns: what `step` returned in the child.
@@ -148,8 +163,8 @@ private:
         return WIFEXITED(status) ? -WEXITSTATUS(status) : -128;
     }
 
-    /// The child holds every descriptor that this process holds, until standard input ends.
-    /// The child tells its number, when it has let go of what belongs to its parent.
+    /// The child holds every descriptor that this process holds, until standard input ends. It prints its number when
+    /// it no longer uses what belongs to its parent.
     void ForkAndStay() {
         if (::fork() == 0) {
             Say(::getpid());
@@ -196,6 +211,7 @@ private:
     KnHandle server = KnInvalidHandle;
     KnHandle client = KnInvalidHandle;
     Record received;
+    std::atomic<pid_t> servingThread{::getpid()};
     std::array<char, KnCmNameSize> asker{};
     std::array<char, KnCmNameSize> service{};
     std::vector<int> usedUp;

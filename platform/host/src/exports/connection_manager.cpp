@@ -1,5 +1,6 @@
 #include "kn/connection_manager.h"
 
+#include "base/thread_name.h"
 #include "exports/open_connection.h"
 #include "joining/housekeeper.h"
 
@@ -11,6 +12,7 @@ std::int32_t KnCmListen(const char* filter, std::uint32_t timeoutMs, char* clien
     if (clientName == nullptr || serviceName == nullptr) {
         return KnStatusInvalidArgument;
     }
+    NameCallingThread("accept");
     return NoThrow([&] {
         const auto task = filter == nullptr ? std::nullopt : std::optional<std::string_view>(filter);
         return Housekeeper::Instance().Listen(task, DeadlineIn(timeoutMs), clientName, serviceName);
@@ -36,7 +38,7 @@ std::int32_t KnCmAccept(const char* clientName, const char* serviceName, std::ui
         } else {
             refusal = NoThrow([&] {
                 joined = std::make_shared<Channel>(Channel::DeadClient::ReplyAnswersOk);
-                given = table.Add(std::make_shared<End>(joined));
+                given = table.Add(std::make_shared<End>(joined, ServingThreadName(serviceName)));
                 return KnStatusOk;
             });
         }

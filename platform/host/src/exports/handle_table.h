@@ -6,17 +6,20 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace borven_host {
 
 /// One end of a channel that a handle names: exactly one of the two is set. Whether it is closed the end knows itself.
 struct End final {
-    explicit End(std::shared_ptr<Channel> serverEnd) : channel(std::move(serverEnd)) {}
+    End(std::shared_ptr<Channel> serverEnd, std::string name)
+        : channel(std::move(serverEnd)), servingThreadName(std::move(name)) {}
     explicit End(std::shared_ptr<Connection> clientEnd) : connection(std::move(clientEnd)) {}
 
     const std::shared_ptr<Channel> channel;
     const std::shared_ptr<Connection> connection;
+    const std::string servingThreadName;  ///< of the threads that receive on `channel`
     std::atomic<bool> isInherited{false}; ///< by this process, from the one that forked it
 };
 

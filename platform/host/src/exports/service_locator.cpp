@@ -17,7 +17,7 @@ KnHandle ServiceLocatorRegister(const char* connection, const ServiceLocatorDesc
             return KnStatusInvalidArgument;
         }
         const auto channel = std::make_shared<Channel>(Channel::DeadClient::ReplyReportsIt);
-        const auto end = std::make_shared<End>(channel);
+        const auto end = std::make_shared<End>(channel, "serve-static");
         const KnHandle given = HandleTable::Instance().Add(end);
         const auto offered = NoThrow([&] { return Housekeeper::Instance().Offer(connection, channel); });
         if (offered != KnStatusOk) {

@@ -1,5 +1,6 @@
 #include "nk/transport.h"
 
+#include "base/thread_name.h"
 #include "exports/handle_table.h"
 #include "kn/status.h"
 
@@ -39,7 +40,11 @@ std::int32_t NkBosTransport_Receive(NkBosTransport* transport, nk_message* reque
     if (const auto status = EndOf(transport, end); status != KnStatusOk) {
         return status;
     }
-    return end->channel ? end->channel->Receive(request) : KnStatusInvalidArgument;
+    if (!end->channel) {
+        return KnStatusInvalidArgument;
+    }
+    borven_host::NameCallingThread(end->servingThreadName);
+    return end->channel->Receive(request);
 }
 
 std::int32_t NkBosTransport_Reply(NkBosTransport* transport, const nk_message* response,

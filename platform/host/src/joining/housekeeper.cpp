@@ -1,6 +1,7 @@
 #include "joining/housekeeper.h"
 
 #include "base/log.h"
+#include "base/thread_name.h"
 #include "kn/connection_manager.h"
 #include "kn/status.h"
 #include "names/handshake.h"
@@ -181,7 +182,7 @@ void Housekeeper::Start() {
         throw;
     }
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    ::pthread_setname_np(thread.native_handle(), "borven-house");
+    NamePlatformThread(thread, "borven-house");
 }
 
 void Housekeeper::StopWhenIdle() {
