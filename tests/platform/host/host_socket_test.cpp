@@ -1,17 +1,18 @@
-// Defends the platform on Linux against peers that do not use the library: what they send or leave unsaid reaches no
-// server code, and costs nobody else anything.
+// Defends the platform on Linux against peers that do not use the library: what they send, or do not send, reaches no
+// server code and costs no other client anything.
 #include "process.h"
 #include "raw_slot.h"
 
-#include "joining/housekeeper.h"
+#include "joining/admission.h"
 
 #include <sys/resource.h>
 
 namespace platform_test {
 namespace {
 
+using borven_host::Admission;
 using borven_host::Channel;
-using borven_host::Housekeeper;
+using borven_host::Visitors;
 
 using RudeClient = PlatformTest;
 using RudeServer = PlatformTest;
@@ -48,12 +49,12 @@ TEST_F(RudeClient, ThatGreetsWrongly_IsRefused) {
 TEST_F(RudeClient, ThatNeverGreets_MakesRoomForTheNext) {
     const Handle server = RegisterStatic();
     const Echoers echoers(server.Get());
-    std::vector<RawSocket> silent(Housekeeper::maxGreeting + 10);
+    std::vector<RawSocket> silent(Admission::maxGreeting + 10);
     for (const RawSocket& client : silent) {
         ASSERT_EQ(0, client.Connect("static/line"));
     }
     EXPECT_EQ(KnStatusOk, CallWith(ConnectStatic().Get(), 1));
-    EXPECT_EQ(KnStatusBusy, silent.front().Answer()) << "the one that hesitated longest";
+    EXPECT_EQ(KnStatusBusy, silent.front().Answer()) << "the one that connected first";
     EXPECT_TRUE(silent.back().Greet());
     EXPECT_EQ(KnStatusOk, silent.back().Answer()) << "the youngest may still greet";
 }
@@ -62,18 +63,18 @@ TEST_F(RudeClient, ThatAsksTooOften_IsBusy_AndOthersAreServed) {
     ASSERT_EQ(KnStatusOk, Publish("service"));
     const Joined joined = Join("service");
     const Echoers echoers(joined.channel);
-    std::vector<RawSocket> asking(Housekeeper::maxAskingPerProcess + 20);
+    std::vector<RawSocket> asking(Visitors::maxAskingPerProcess + 20);
     for (const RawSocket& client : asking) {
         ASSERT_EQ(0, client.Connect("services/service"));
         ASSERT_TRUE(client.Greet());
     }
-    for (std::size_t i = Housekeeper::maxAskingPerProcess; i < asking.size(); ++i) {
+    for (std::size_t i = Visitors::maxAskingPerProcess; i < asking.size(); ++i) {
         EXPECT_EQ(KnStatusBusy, asking[i].Answer());
     }
     EXPECT_EQ(KnStatusOk, CallWith(joined.client.Get(), 1));
     Process other({"ask", "service", "call", "1"});
     std::size_t accepted = 0;
-    for (; accepted <= Housekeeper::maxAskingPerProcess; ++accepted) {
+    for (; accepted <= Visitors::maxAskingPerProcess; ++accepted) {
         const Request request = Listen();
         ASSERT_EQ(KnStatusOk, request.status);
         KnHandle channel = KnInvalidHandle;
@@ -130,7 +131,7 @@ TEST_F(RudeClient, ThatLeavesAtEachStep_HarmsNobody) {
     EXPECT_EQ(KnStatusOk, CallWith(steady.Get(), 1));
     const std::size_t before = OpenDescriptors();
     for (int i = 0; i < 50; ++i) {
-        { // connected, nothing said
+        { // connected, nothing sent
             const RawSocket client;
             ASSERT_EQ(0, client.Connect(i % 2 == 0 ? "static/line" : "services/service"));
         }
@@ -145,7 +146,7 @@ TEST_F(RudeClient, ThatLeavesAtEachStep_HarmsNobody) {
         }
     }
     EXPECT_EQ(KnStatusOk, CallWith(steady.Get(), 1));
-    Await("the descriptors of those who left to close", [&] { return OpenDescriptors() <= before; });
+    Await("the descriptors of clients that left to close", [&] { return OpenDescriptors() <= before; });
     Await("their requests to go", [] { return Listen(0).status == KnStatusTimedOut; });
 }
 
@@ -197,10 +198,10 @@ TEST_F(RudeServer, ThatHangsUpAtOnce_HasClosed) {
 
 TEST_F(OtherUser, AsAClient_IsRefused) {
     if (::geteuid() != 0) {
-        GTEST_SKIP() << "only root can become somebody else";
+        GTEST_SKIP() << "only root can become another user";
     }
     const Handle server = RegisterStatic();
-    // The directory keeps others away; this opens it, to see that the server does not rely on that alone.
+    // The directory keeps other users out; this opens it, to test that the server does not rely on that alone.
     ASSERT_EQ(0, ::chmod(RuntimePath("").c_str(), 0755));
     ASSERT_EQ(0, ::chmod(RuntimePath("static").c_str(), 0755));
     ASSERT_EQ(0, ::chmod(RuntimePath("static/line").c_str(), 0666));
@@ -222,7 +223,7 @@ TEST_F(OtherUser, AsAClient_IsRefused) {
 
 TEST_F(OtherUser, AsAServer_IsRefused) {
     if (::geteuid() != 0) {
-        GTEST_SKIP() << "only root can become somebody else";
+        GTEST_SKIP() << "only root can become another user";
     }
     ASSERT_TRUE(std::filesystem::create_directory(RuntimePath("static")));
     ASSERT_EQ(0, ::chmod(RuntimePath("").c_str(), 0777));

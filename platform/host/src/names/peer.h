@@ -2,18 +2,25 @@
 
 #include "base/unique_fd.h"
 
-#include <cstdint>
 #include <sys/types.h>
+
+#include <cstdint>
+#include <string>
 
 namespace borven_host {
 
 /// The process at the other end of a socket, as it was when the connection was made.
 struct Peer {
     pid_t pid = 0;
-    UniqueFd process; ///< readable once the process is gone; empty where the kernel does not offer it
+    UniqueFd process; ///< readable once the process has exited; empty where the kernel does not offer that
 };
 
-/// Returns: 0 and `peer`; KnStatusDenied when it belongs to another user; KnStatusPeerGone; KnStatusNoResources.
+/// Returns: 0 and `peer`; KnStatusDenied when it belongs to another user; KnStatusPeerGone when it has exited;
+/// KnStatusNoResources.
 std::int32_t IdentifyPeer(int socket, Peer& peer);
+
+/// Returns: the name of the process `pid`, with every character that could confuse a log or a file name replaced;
+/// "unknown" when it has exited.
+std::string TaskName(pid_t pid);
 
 } // namespace borven_host

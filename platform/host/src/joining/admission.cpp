@@ -1,0 +1,190 @@
+#include "joining/admission.h"
+
+#include "kn/status.h"
+#include "names/handshake.h"
+#include "names/peer.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace borven_host {
+
+namespace {
+
+UniqueFd OpenSpare() {
+    return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+UniqueFd AcceptFrom(int listening) {
+    return UniqueFd(::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+}
+
+/// Returns: whether a descriptor with this number leaves the server fewer than its reserve. The kernel gives the lowest
+/// number that is free, so a high one means that nearly all are in use.
+bool IsFromReserve(int fd) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    return static_cast<rlim_t>(fd) + Admission::descriptorReserve >= limit.rlim_cur;
+}
+
+} // namespace
+
+void Admission::Start() {
+    spare = OpenSpare();
+    pausedUntil.reset();
+    lastPause = {};
+}
+
+void Admission::Stop() noexcept {
+    spare.Reset();
+}
+
+void Admission::Add(Listener listener) {
+    const std::uint64_t id = poller.NewId();
+    const int fd = listener.socket->Get();
+    listeners.emplace(id, std::move(listener));
+    if (!poller.WatchSocket(fd, EPOLLIN, id)) {
+        const int error = errno;
+        listeners.erase(id);
+        throw std::system_error(error, std::generic_category());
+    }
+}
+
+std::optional<Admission::Listener> Admission::Remove(const Channel& channel) {
+    const auto found = std::find_if(listeners.begin(), listeners.end(),
+                                    [&](const auto& entry) { return entry.second.channel.get() == &channel; });
+    if (found == listeners.end()) {
+        return std::nullopt;
+    }
+    visitors.RefuseAllOf(found->first, KnStatusClosed);
+    poller.Unwatch(found->second.socket->Get());
+    std::optional<Listener> removed(std::move(found->second));
+    listeners.erase(found);
+    return removed;
+}
+
+Admission::Listeners Admission::RemoveAll() {
+    for (const auto& [id, listener] : listeners) {
+        poller.Unwatch(listener.socket->Get());
+    }
+    return std::exchange(listeners, {});
+}
+
+void Admission::Abandon() noexcept {
+    listeners.clear();
+    spare.Reset();
+}
+
+bool Admission::Admit(std::uint64_t id) {
+    const auto listener = listeners.find(id);
+    if (listener == listeners.end()) {
+        return false;
+    }
+    constexpr int atOnce = 16; // then the clients that leave have their turn
+    const int listening = listener->second.socket->Get();
+    for (int i = 0; i < atOnce && AcceptOne(id, listening); ++i) {
+    }
+    return true;
+}
+
+/// Returns: whether there may be another client to accept.
+bool Admission::AcceptOne(std::uint64_t id, int listening) {
+    UniqueFd socket = AcceptFrom(listening);
+    if (socket) {
+        lastPause = {};
+        Welcome(id, std::move(socket));
+        return true;
+    }
+    switch (errno) {
+    case EINTR:
+    case ECONNABORTED:
+        return true;
+    case EAGAIN:
+        return false;
+    case EMFILE:
+    case ENFILE:
+        AcceptWithSpare(listening);
+        return false;
+    default:
+        Pause();
+        return false;
+    }
+}
+
+void Admission::AcceptWithSpare(int listening) {
+    spare.Reset();
+    if (const UniqueFd socket = AcceptFrom(listening); socket) {
+        SendAnswer(socket.Get(), KnStatusNoResources);
+    }
+    spare = OpenSpare();
+    if (!spare) {
+        Pause(); // another thread was faster; a listener that cannot be served would keep this thread busy
+    }
+}
+
+void Admission::Welcome(std::uint64_t listenerId, UniqueFd socket) {
+    if (IsFromReserve(socket.Get())) {
+        SendAnswer(socket.Get(), KnStatusNoResources);
+        return;
+    }
+    Peer peer;
+    if (const auto status = IdentifyPeer(socket.Get(), peer); status != KnStatusOk) {
+        SendAnswer(socket.Get(), status);
+        return;
+    }
+    if (visitors.GreetingCount() >= maxGreeting) {
+        visitors.RefuseOldestGreeting(KnStatusBusy);
+    }
+    const Deadline greetBy = std::chrono::steady_clock::now() + greetingTime;
+    if (auto* const visitor = visitors.Add(listenerId, std::move(socket), std::move(peer), greetBy)) {
+        ReadGreeting(*visitor);
+    }
+}
+
+void Admission::ReadGreeting(Visitors::Visitor& visitor) {
+    assert(visitor.stage == Visitors::Stage::Greeting && visitor.socket);
+    Greeting greeting{};
+    const ssize_t length = ::recv(visitor.socket.Get(), &greeting, sizeof greeting, MSG_DONTWAIT | MSG_TRUNC);
+    if (length < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return;
+    }
+    if (length != sizeof greeting || !IsValid(greeting)) {
+        visitors.Refuse(visitor, KnStatusDenied);
+        return;
+    }
+    const Listener& listener = listeners.at(visitor.listenerId);
+    if (listener.channel) {
+        static_cast<void>(visitors.Join(visitor, listener.channel, {}));
+    } else {
+        visitors.Ask(visitor, listener.service, listener.type);
+    }
+}
+
+void Admission::Pause() {
+    using std::chrono::milliseconds;
+    lastPause = std::clamp(lastPause * 2, milliseconds(10), milliseconds(1000));
+    pausedUntil = std::chrono::steady_clock::now() + lastPause;
+    WatchListeners(0);
+}
+
+void Admission::Resume(Deadline now) {
+    if (pausedUntil && *pausedUntil <= now) {
+        pausedUntil.reset();
+        WatchListeners(EPOLLIN);
+    }
+}
+
+void Admission::WatchListeners(std::uint32_t events) const {
+    for (const auto& [id, listener] : listeners) {
+        poller.ChangeSocket(listener.socket->Get(), events, id);
+    }
+}
+
+} // namespace borven_host
