@@ -14,13 +14,13 @@ namespace {
 using bos::logger::BOSLogger;
 using bos::logger::LogLevel;
 
-/// Puts another stream in the place of standard error for the length of a test.
+/// Replaces standard error for the length of a test.
 class StandardError : public ::testing::Test {
 protected:
     void SetUp() override {
         saved = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
         ::unsetenv("NO_COLOR");
-        // What earlier tests left to tell is told here.
+        // This line takes along the report of what earlier tests dropped.
         RedirectToPipe();
         Log("ready");
     }
@@ -55,7 +55,7 @@ protected:
         BOSLogger::RootLogger().LogImpl(level, "file.cpp", 12, "Function", message);
     }
 
-    /// What can be read without waiting.
+    /// Returns: what can be read without waiting.
     static std::string ReadAvailable(int fd) {
         std::string text;
         pollfd waited{fd, POLLIN, 0};
@@ -129,13 +129,13 @@ TEST_F(StandardError, GetsWholeLinesFromManyThreads) {
         for (int i = 0; i < threads; ++i) {
             writers.push_back(std::make_unique<Background<void>>([i] {
                 for (int count = 0; count < each; ++count) {
-                    // Every other one is longer than what a pipe takes in one piece.
+                    // Every other one is longer than PIPE_BUF, which a pipe accepts whole.
                     Log(std::string(count % 2 == 0 ? 100 : 6000, static_cast<char>('a' + i)));
                 }
             }));
         }
     }
-    // Ends what the last line may have left over, and tells what was lost.
+    // Completes a line of which the pipe accepted a part, and reports the dropped ones.
     std::string text;
     Log("end");
     RestoreNow();
@@ -143,13 +143,13 @@ TEST_F(StandardError, GetsWholeLinesFromManyThreads) {
     text = reading.Get();
 
     const std::regex line("\\S+ ERROR \\[\\d+\\] file\\.cpp:12 Function: (a+|b+|c+|d+|end)");
-    const std::regex report("\\S+ WARN  log: (\\d+) records were dropped, nobody read them");
+    const std::regex report("\\S+ WARN  log: (\\d+) records were dropped: standard error did not accept them");
     int written = 0;
     int dropped = 0;
     auto lines = LinesOf(text);
     ASSERT_FALSE(lines.empty());
     if (text.back() != '\n') {
-        lines.pop_back(); // it was cut off when the stream changed
+        lines.pop_back(); // cut off when the stream changed
         ++dropped;
     }
     for (const auto& found : lines) {
@@ -266,14 +266,14 @@ TEST_F(StandardError, ThatIsATerminal_IsColoured) {
 
 TEST_F(StandardError, ThatCannotBeOpenedASecondTime_Works) {
     if (::geteuid() != 0) {
-        GTEST_SKIP() << "only root can become somebody who may not open the terminal";
+        GTEST_SKIP() << "only root can become a user who may not open the terminal";
     }
     const int master = Keep(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     ASSERT_EQ(0, ::grantpt(master));
     ASSERT_EQ(0, ::unlockpt(master));
     const int terminal = Keep(::open(::ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC));
     ASSERT_GE(terminal, 0);
-    const std::string text(2000, 'x'); // more than goes out in one piece
+    const std::string text(2000, 'x'); // more than one write of the logger
     const pid_t child = ::fork();
     if (child == 0) {
         const bool isOther = ::setresgid(65534, 65534, 65534) == 0 && ::setresuid(65534, 65534, 65534) == 0;

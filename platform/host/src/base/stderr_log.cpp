@@ -2,19 +2,18 @@
 
 #include "common/utf8.h"
 
-#include <cerrno>
-#include <charconv>
-#include <chrono>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
 
 namespace borven_host {
 
@@ -41,8 +40,8 @@ LevelStyle StyleOf(LogLevel level) {
     return {"?????", ""};
 }
 
-/// Appends `message` so that it stays one line and cannot steer a terminal: control characters and what is not UTF-8
-/// become escapes.
+/// Appends `message` so that it stays one line and cannot control a terminal: control characters and bytes that are not
+/// UTF-8 become escapes.
 void AppendEscaped(std::string& line, std::string_view message) {
     constexpr char digits[] = "0123456789abcdef";
     while (!message.empty()) {
@@ -78,7 +77,7 @@ void AppendTime(std::string& line) {
     line.append(text, static_cast<std::size_t>(micros));
 }
 
-/// Writes without the signal that a closed pipe sends.
+/// Writes without SIGPIPE, which a pipe without reader would raise.
 ssize_t WriteWithoutSignal(int fd, std::string_view bytes) {
     sigset_t brokenPipe;
     sigset_t pending;
@@ -107,14 +106,25 @@ StderrLog& StderrLog::Instance() {
 }
 
 StderrLog::StderrLog() {
-    ::pthread_atfork([] { Instance().mutex.lock(); }, [] { Instance().mutex.unlock(); },
-                     [] {
-                         // The parent writes them; twice would be wrong.
-                         Instance().rest.clear();
-                         Instance().dropped = 0;
-                         Instance().mutex.unlock();
-                     });
+    ::pthread_atfork(&StderrLog::BeforeFork, &StderrLog::AfterForkInParent, &StderrLog::AfterForkInChild);
     std::atexit([] { Instance().Flush(); });
+}
+
+// The lock is held from the first of these functions to the second or third, which the analysis cannot follow.
+
+void StderrLog::BeforeFork() NO_THREAD_SAFETY_ANALYSIS {
+    Instance().mutex.Lock();
+}
+
+void StderrLog::AfterForkInParent() NO_THREAD_SAFETY_ANALYSIS {
+    Instance().mutex.Unlock();
+}
+
+void StderrLog::AfterForkInChild() NO_THREAD_SAFETY_ANALYSIS {
+    // The parent writes these; the child must not write them again.
+    Instance().rest.clear();
+    Instance().dropped = 0;
+    Instance().mutex.Unlock();
 }
 
 bool StderrLog::IsEnabled(LogLevel level) const {
@@ -144,7 +154,7 @@ void StderrLog::Write(LogLevel level, const char* file, int line, const char* fu
     text += ": ";
     AppendEscaped(text, message);
 
-    const std::lock_guard lock(mutex);
+    const common::MutexLock lock(mutex);
     Follow();
     if (isColoured && *style.colour != '\0') {
         text = style.colour + text + "\x1b[0m";
@@ -153,7 +163,7 @@ void StderrLog::Write(LogLevel level, const char* file, int line, const char* fu
     Emit(std::move(text));
 }
 
-/// Looks at what standard error is now: a program may put another stream there while it runs.
+/// Finds out what standard error is now: a program may replace it while it runs.
 void StderrLog::Follow() {
     struct stat now {};
     if (::fstat(STDERR_FILENO, &now) != 0) {
@@ -195,7 +205,7 @@ ssize_t StderrLog::WriteSome(std::string_view bytes) const {
     case Stream::Reopened:
         return WriteWithoutSignal(reopened.Get(), bytes);
     case Stream::Shared: {
-        // A stream that says it is writable takes this much without blocking.
+        // A stream that polls as writable accepts this much without blocking.
         constexpr std::size_t piece = 512;
         pollfd writable{STDERR_FILENO, POLLOUT, 0};
         if (::poll(&writable, 1, 0) != 1 || (writable.revents & POLLOUT) == 0) {
@@ -211,8 +221,8 @@ ssize_t StderrLog::WriteSome(std::string_view bytes) const {
     return -1;
 }
 
-/// Writes `bytes`, whole or not at all as far as the caller is concerned: a part that is left over goes first next
-/// time. Returns: false when the stream took nothing.
+/// Writes `bytes`. When the stream accepts a part, the remainder is kept and goes first next time.
+/// Returns: false when the stream accepted nothing.
 bool StderrLog::Put(std::string_view bytes) {
     bool hasBegun = false;
     while (!bytes.empty()) {
@@ -238,7 +248,8 @@ void StderrLog::Emit(std::string line) {
     if (dropped != 0) {
         std::string report;
         AppendTime(report);
-        report += " WARN  log: " + std::to_string(dropped) + " records were dropped, nobody read them\n";
+        report +=
+            " WARN  log: " + std::to_string(dropped) + " records were dropped: standard error did not accept them\n";
         line.insert(0, report);
     }
     if (line.empty()) {
@@ -251,13 +262,16 @@ void StderrLog::Emit(std::string line) {
     }
 }
 
-/// What the stream takes at exit it gets.
+/// At exit: offers the stream what it did not accept before. Does not wait for a thread that is just writing.
 void StderrLog::Flush() {
-    const std::unique_lock lock(mutex, std::try_to_lock);
-    if (lock.owns_lock() && stream != Stream::Closed && (!rest.empty() || dropped != 0)) {
+    if (!mutex.TryLock()) {
+        return;
+    }
+    if (stream != Stream::Closed && (!rest.empty() || dropped != 0)) {
         Follow();
         Emit({});
     }
+    mutex.Unlock();
 }
 
 } // namespace borven_host

@@ -2,24 +2,25 @@
 
 #include "base/unique_fd.h"
 #include "bos/logger.h"
+#include "common/mutex.h"
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 
 namespace borven_host {
 
 /// Writes each record as one line to standard error: time (UTC), level, thread, file:line, function, message.
 ///
-/// No caller ever waits for the reader of the stream. A pipe or terminal is opened a second time without blocking,
-/// because the flag on the inherited description would change the stream for every process that shares it. What does
-/// not fit is dropped and counted; the next line that fits says how many were lost.
+/// No caller waits for the reader of the stream. A pipe or terminal is opened a second time without blocking, because
+/// the flag on the inherited description would change the stream for every process that shares it. A record that the
+/// stream does not accept is dropped and counted; the next line that it accepts reports the number.
 class StderrLog final : public bos::logger::ILogBackEnd {
 public:
-    /// The one of this process. Never destroyed: threads may log until the process is gone.
+    /// Never destroyed: threads may log until the process has exited.
     static StderrLog& Instance();
 
     bool IsEnabled(bos::logger::LogLevel level) const override;
@@ -33,22 +34,26 @@ private:
 
     StderrLog();
 
-    void Follow();
-    bool Put(std::string_view bytes);
-    ssize_t WriteSome(std::string_view bytes) const;
-    void Emit(std::string line);
-    void Flush();
+    static void BeforeFork();
+    static void AfterForkInParent();
+    static void AfterForkInChild();
+
+    void Follow() REQUIRES(mutex);
+    bool Put(std::string_view bytes) REQUIRES(mutex);
+    ssize_t WriteSome(std::string_view bytes) const REQUIRES(mutex);
+    void Emit(std::string line) REQUIRES(mutex);
+    void Flush() EXCLUDES(mutex);
 
     std::atomic<int> threshold{static_cast<int>(bos::logger::LogLevel::Info)};
 
-    std::mutex mutex; ///< guards everything below
-    dev_t device = 0;
-    ino_t inode = 0;
-    Stream stream = Stream::Closed;
-    UniqueFd reopened;
-    bool isColoured = false;
-    std::string rest; ///< of a line of which the stream took only a part
-    std::uint64_t dropped = 0;
+    common::Mutex mutex;
+    dev_t device GUARDED_BY(mutex) = 0;
+    ino_t inode GUARDED_BY(mutex) = 0;
+    Stream stream GUARDED_BY(mutex) = Stream::Closed;
+    UniqueFd reopened GUARDED_BY(mutex);
+    bool isColoured GUARDED_BY(mutex) = false;
+    std::string rest GUARDED_BY(mutex); ///< of a line that the stream accepted in part
+    std::uint64_t dropped GUARDED_BY(mutex) = 0;
 };
 
 } // namespace borven_host

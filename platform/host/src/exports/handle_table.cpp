@@ -1,23 +1,36 @@
 #include "exports/handle_table.h"
 
+#include "common/mutex.h"
 #include "kn/status.h"
 
-#include <mutex>
 #include <pthread.h>
+
 #include <unordered_map>
+#include <utility>
 
 namespace borven_host {
 
 struct HandleTable::Entries {
-    std::mutex mutex; ///< guards everything below
-    std::unordered_map<KnHandle, std::shared_ptr<End>> open;
-    KnHandle next = 1;
-    bool hasWrapped = false;
+    // The lock is held from the first of these functions to the second or third, which the analysis cannot follow.
+    void BeforeFork() NO_THREAD_SAFETY_ANALYSIS { mutex.Lock(); }
+    void AfterForkInParent() NO_THREAD_SAFETY_ANALYSIS { mutex.Unlock(); }
+    void AfterForkInChild() NO_THREAD_SAFETY_ANALYSIS {
+        // The ends stay in the table for good: closing them would end the parent's.
+        for (const auto& [handle, end] : open) {
+            end->isInherited.store(true, std::memory_order_relaxed);
+        }
+        mutex.Unlock();
+    }
+
+    common::Mutex mutex;
+    std::unordered_map<KnHandle, std::shared_ptr<End>> open GUARDED_BY(mutex);
+    KnHandle next GUARDED_BY(mutex) = 1;
+    bool hasWrapped GUARDED_BY(mutex) = false;
 };
 
 namespace {
 
-/// What the thread looked up last. Handles do not come again, so this needs no check against the table.
+/// What the thread looked up last. Handles are not reused, so this needs no check against the table.
 struct LastFound {
     KnHandle handle = KnInvalidHandle;
     std::shared_ptr<End> end;
@@ -33,19 +46,12 @@ HandleTable& HandleTable::Instance() {
 }
 
 HandleTable::HandleTable() : entries(std::make_unique<Entries>()) {
-    ::pthread_atfork([] { Instance().entries->mutex.lock(); }, [] { Instance().entries->mutex.unlock(); },
-                     [] {
-                         // The ends stay in the table for good: closing them would end the parent's.
-                         auto& table = *Instance().entries;
-                         for (const auto& [handle, end] : table.open) {
-                             end->isInherited.store(true, std::memory_order_relaxed);
-                         }
-                         table.mutex.unlock();
-                     });
+    ::pthread_atfork([] { Instance().entries->BeforeFork(); }, [] { Instance().entries->AfterForkInParent(); },
+                     [] { Instance().entries->AfterForkInChild(); });
 }
 
 KnHandle HandleTable::Add(std::shared_ptr<End> end) {
-    const std::lock_guard lock(entries->mutex);
+    const common::MutexLock lock(entries->mutex);
     while (entries->open.contains(entries->next) || entries->next == 0 || entries->next == KnInvalidHandle) {
         entries->hasWrapped = entries->hasWrapped || entries->next == KnInvalidHandle;
         ++entries->next;
@@ -59,7 +65,7 @@ std::int32_t HandleTable::Find(KnHandle handle, End*& end) noexcept {
         end = lastFound.end.get();
         return end->isInherited.load(std::memory_order_relaxed) ? KnStatusClosed : KnStatusOk;
     }
-    const std::lock_guard lock(entries->mutex);
+    const common::MutexLock lock(entries->mutex);
     const auto found = entries->open.find(handle);
     if (found == entries->open.end()) {
         const bool wasOpen =
@@ -72,7 +78,7 @@ std::int32_t HandleTable::Find(KnHandle handle, End*& end) noexcept {
 }
 
 std::shared_ptr<End> HandleTable::Remove(KnHandle handle) noexcept {
-    const std::lock_guard lock(entries->mutex);
+    const common::MutexLock lock(entries->mutex);
     const auto found = entries->open.find(handle);
     if (found == entries->open.end() || found->second->isInherited.load(std::memory_order_relaxed)) {
         return nullptr;
@@ -83,7 +89,7 @@ std::shared_ptr<End> HandleTable::Remove(KnHandle handle) noexcept {
 }
 
 std::vector<std::shared_ptr<End>> HandleTable::RemoveServerEnds() {
-    const std::lock_guard lock(entries->mutex);
+    const common::MutexLock lock(entries->mutex);
     std::vector<std::shared_ptr<End>> ends;
     ends.reserve(entries->open.size());
     std::erase_if(entries->open, [&](const auto& entry) {

@@ -11,7 +11,7 @@
 
 namespace borven_host {
 
-/// One end of a channel that a handle names: exactly one of the two is set. Whether it is closed the end knows itself.
+/// One end of a channel that a handle names: exactly one of the two is set. The end itself knows whether it is closed.
 struct End final {
     End(std::shared_ptr<Channel> serverEnd, std::string name)
         : channel(std::move(serverEnd)), servingThreadName(std::move(name)) {}
@@ -23,19 +23,19 @@ struct End final {
     std::atomic<bool> isInherited{false}; ///< by this process, from the one that forked it
 };
 
-/// The handles of this process. A handle is the next number of a counter; a closed one comes again only after all four
-/// thousand million others.
+/// The handles of this process. A handle is the next number of a counter; a closed one is reused only after all 2^32
+/// others.
 ///
 /// A child made by fork has no open handle: the threads that serve them stayed with the parent.
 class HandleTable final {
 public:
-    /// Never destroyed: threads may use their handles until the process is gone.
+    /// Never destroyed: threads may use their handles until the process has exited.
     static HandleTable& Instance();
 
     KnHandle Add(std::shared_ptr<End> end);
 
-    /// Returns: 0 and `end`, valid until the thread's next look-up and perhaps closed meanwhile; KnStatusClosed for a
-    /// handle that is no longer open; KnStatusInvalidArgument for a number that never was a handle.
+    /// Returns: 0 and `end`, valid until the thread's next look-up, though another thread may close it; KnStatusClosed
+    /// for a handle that is no longer open; KnStatusInvalidArgument for a number that never was a handle.
     std::int32_t Find(KnHandle handle, End*& end) noexcept;
 
     /// Returns: the end that the handle named, or null when it was not open.
