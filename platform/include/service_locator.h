@@ -4,13 +4,14 @@
 
 #include <cstdint>
 
-// Service locator: channels that are arranged by name before anybody runs.
+// Service locator: channels under names that server and client agree on in advance.
 //
 // Contract:
-// - The name of a connection leads to one server end. A live one is not stolen: the second server gets the invalid
-//   handle. What a crashed server left behind is replaced.
-// - Only peers of the server's own user are heard; the directory that holds the names is theirs alone.
-// - Names are as in ns/name_server.h, but the two kinds do not meet.
+// - The name of a connection leads to one server end. A second server cannot claim the name of a live one: it gets the
+//   invalid handle. The name of a server that crashed is free.
+// - Peers of another user than the server's are refused; the directory that holds the names is closed to them.
+// - Names are as in ns/name_server.h, but static connections and services have names of their own: a name may be used
+//   for both.
 
 /// A service offered on a static connection.
 struct ServiceLocatorDescriptor {
@@ -21,7 +22,8 @@ struct ServiceLocatorDescriptor {
 /// Registers the server end of the static connection `connection`, with `count` descriptors at `services`.
 /// `*iid`: the interface id of the first service, 0 when there is none.
 ///
-/// Returns: the handle of the channel; KnInvalidHandle when a live server holds the name or the platform refuses.
+/// Returns: the handle of the channel; KnInvalidHandle when a live server holds the name or the platform
+/// refuses.
 /// Threads: any.
 KnHandle ServiceLocatorRegister(const char* connection, const ServiceLocatorDescriptor* services, std::uint32_t count,
                                 std::uint32_t* iid) noexcept;
@@ -29,6 +31,7 @@ KnHandle ServiceLocatorRegister(const char* connection, const ServiceLocatorDesc
 /// Client: connects to the static connection `connection`.
 ///
 /// Returns: 0 and `*handle`; KnStatusNotFound when no live server holds the name; KnStatusBusy; KnStatusDenied;
-/// KnStatusTimedOut; KnStatusClosed when the server went away meanwhile; KnStatusInvalidArgument; KnStatusNoResources.
+/// KnStatusTimedOut; KnStatusClosed when the server exits or closes meanwhile; KnStatusInvalidArgument;
+/// KnStatusNoResources.
 /// Blocks: up to `timeoutMs` milliseconds. Threads: any.
 std::int32_t ServiceLocatorConnect(const char* connection, std::uint32_t timeoutMs, KnHandle* handle) noexcept;

@@ -1,7 +1,7 @@
-// Processes that come to a server's names and do not speak as clients do: any messages, with descriptors or without,
-// half-closed sockets, leaving at any moment. Whoever has said a whole first message and stays is answered as that
-// message deserves; nobody's descriptor stays open; a client of the library that is connected is served meanwhile, and
-// one that comes afterwards gets in.
+// Visitors that connect to a server's names and do not keep to the protocol: any messages, with descriptors or without,
+// half-closed sockets, leaving at any moment. A visitor that has sent a whole first message, and stays, gets the answer
+// to that message; no descriptor stays open; a client of the library that is connected is served meanwhile, and one
+// that connects afterwards joins.
 //
 // Input: the steps that Step reads.
 
@@ -37,9 +37,9 @@ using borven_host::UniqueFd;
 using fuzzing::Input;
 using fuzzing::Require;
 
-constexpr std::uint32_t patienceMs = 20000; ///< only a broken server needs it
+constexpr std::uint32_t patienceMs = 20000; ///< only a broken server makes this run out
 constexpr std::size_t visitorCount = 6;
-constexpr std::size_t mostSteps = 48; ///< fewer than the visitors that the server takes at a time
+constexpr std::size_t mostSteps = 48; ///< fewer than the visitors that the server admits at a time
 constexpr const char* lineName = "line";
 constexpr const char* serviceName = "service";
 
@@ -60,7 +60,7 @@ static_assert(sizeof(Record) == NkRecordSize);
 class Client final {
 public:
     Client() {
-        Require(ServiceLocatorConnect(lineName, patienceMs, &handle) == KnStatusOk, "a client of the library gets in");
+        Require(ServiceLocatorConnect(lineName, patienceMs, &handle) == KnStatusOk, "a client of the library joins");
         NkBosTransport_Init(&transport, handle, nullptr, 0);
     }
     Client(const Client&) = delete;
@@ -83,7 +83,7 @@ private:
     std::uint64_t calls = 0;
 };
 
-/// The server, and a client that is there all the time.
+/// The server, and a client that is connected all the time.
 class World final {
 public:
     World() {
@@ -117,11 +117,11 @@ public:
 
     void CountDescriptors() { descriptors = OpenDescriptors(); }
 
-    /// The server notices on a thread of its own who has left.
+    /// A thread of the server's own notices visitors that have left.
     void AwaitClosedDescriptors() const {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(patienceMs);
         while (OpenDescriptors() > descriptors) {
-            Require(std::chrono::steady_clock::now() < deadline, "the descriptors of those who left are closed");
+            Require(std::chrono::steady_clock::now() < deadline, "the descriptors of visitors that left are closed");
             std::this_thread::yield();
         }
     }
@@ -158,24 +158,24 @@ World& TheWorld() {
 
 class Visitor final {
 public:
-    enum class Door { Line, Service };
+    enum class Target { Line, Service };
 
-    void Connect(Door chosen) {
+    void Connect(Target chosen) {
         *this = Visitor();
-        door = chosen;
+        target = chosen;
         socket = UniqueFd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
-        const std::string path = TheWorld().PathOf(door == Door::Line ? "static/line" : "services/service");
+        const std::string path = TheWorld().PathOf(target == Target::Line ? "static/line" : "services/service");
         Require(path.size() < sizeof address.sun_path, "the path is short enough");
         path.copy(address.sun_path, path.size());
         Require(::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
-                "anybody of this user may knock");
+                "a process of this user may connect");
     }
 
     void Leave() { *this = Visitor(); }
 
-    void Say(std::string text, std::size_t descriptors) {
+    void Send(std::string text, std::size_t descriptors) {
         if (!socket) {
             return;
         }
@@ -198,9 +198,9 @@ public:
             std::memcpy(CMSG_DATA(part), passed.data(), length);
         }
         const bool isSent = ::sendmsg(socket.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
-        if (!firstWord) {
+        if (!firstMessage) {
             Require(isSent || hasShut, "there is room for the first message");
-            firstWord = std::move(text);
+            firstMessage = std::move(text);
         }
     }
 
@@ -209,15 +209,16 @@ public:
         ::shutdown(socket.Get(), half);
     }
 
-    /// The server owes it an answer that does not depend on who came first, it or the end of its socket.
-    bool IsOwedAnswer() const { return socket && firstWord && !hasShut; }
+    /// Returns: whether the server has to answer it, whichever reaches the server first, the message or the end of the
+    /// socket.
+    bool IsOwedAnswer() const { return socket && firstMessage && !hasShut; }
 
     bool IsAnswered() const {
         pollfd watched{socket.Get(), POLLIN | POLLRDHUP, 0};
         return ::poll(&watched, 1, 0) == 1;
     }
 
-    bool Asks() const { return door == Door::Service && Greets(); }
+    bool Asks() const { return target == Target::Service && Greets(); }
 
     void CheckAnswer() const {
         borven_host::Answer answer{};
@@ -230,7 +231,7 @@ public:
         message.msg_control = control.data();
         message.msg_controllen = control.size();
         ssize_t length = ::recvmsg(socket.Get(), &message, MSG_CMSG_CLOEXEC);
-        if (length < 0 && errno == ECONNRESET) { // said once, when the server left some of our messages unread
+        if (length < 0 && errno == ECONNRESET) { // reported once, when the server left some messages unread
             length = ::recvmsg(socket.Get(), &message, MSG_CMSG_CLOEXEC);
         }
         Require(length == sizeof answer && IsValid(answer), "the server answers in its protocol");
@@ -243,36 +244,36 @@ public:
             }
         }
         if (Greets()) {
-            Require(answer.status == KnStatusOk && received.size() == ends, "who greets is let in");
+            Require(answer.status == KnStatusOk && received.size() == ends, "a visitor that greets joins");
             return;
         }
-        Require(answer.status == KnStatusDenied && received.empty(), "who does not greet is refused");
+        Require(answer.status == KnStatusDenied && received.empty(), "a visitor that does not greet is refused");
         pollfd watched{socket.Get(), POLLRDHUP, 0};
-        Require(::poll(&watched, 1, patienceMs) == 1, "who is refused is sent away");
+        Require(::poll(&watched, 1, patienceMs) == 1, "the socket of a refused visitor ends");
     }
 
 private:
     bool Greets() const {
         const borven_host::Greeting greeting = borven_host::MakeGreeting();
-        return firstWord == std::string(reinterpret_cast<const char*>(&greeting), sizeof greeting);
+        return firstMessage == std::string(reinterpret_cast<const char*>(&greeting), sizeof greeting);
     }
 
-    Door door = Door::Line;
+    Target target = Target::Line;
     UniqueFd socket;
-    std::optional<std::string> firstWord;
+    std::optional<std::string> firstMessage;
     bool hasShut = false;
 };
 
 /// The server's side of the service.
-class Doorkeeper final {
+class Acceptor final {
 public:
-    Doorkeeper() = default;
-    Doorkeeper(const Doorkeeper&) = delete;
-    Doorkeeper& operator=(const Doorkeeper&) = delete;
-    ~Doorkeeper() {
-        while (Hear(0)) {
+    Acceptor() = default;
+    Acceptor(const Acceptor&) = delete;
+    Acceptor& operator=(const Acceptor&) = delete;
+    ~Acceptor() {
+        while (Listen(0)) {
         }
-        while (!heard.empty()) {
+        while (!announced.empty()) {
             Accept();
         }
         if (channel != KnInvalidHandle) {
@@ -280,65 +281,65 @@ public:
         }
     }
 
-    bool Hear(std::uint32_t timeoutMs) {
+    bool Listen(std::uint32_t timeoutMs) {
         std::array<char, KnCmNameSize> client{};
         std::array<char, KnCmNameSize> service{};
         const auto status = KnCmListen(nullptr, timeoutMs, client.data(), service.data());
         Require(status == KnStatusOk || status == KnStatusTimedOut, "the server goes on listening");
         if (status == KnStatusOk) {
-            Require(std::string(service.data()) == serviceName, "they ask for what there is");
-            heard.emplace_back(client.data());
+            Require(std::string(service.data()) == serviceName, "the request names the published service");
+            announced.emplace_back(client.data());
         }
         return status == KnStatusOk;
     }
 
     void Accept() {
-        if (heard.empty()) {
+        if (announced.empty()) {
             return;
         }
-        const std::string client = heard.front();
-        heard.pop_front();
+        const std::string client = announced.front();
+        announced.pop_front();
         KnHandle given = KnInvalidHandle;
         const auto status = KnCmAccept(client.c_str(), serviceName, 0, channel, &given);
-        Require(status == KnStatusOk || status == KnStatusPeerGone, "who was announced is let in or has left");
+        Require(status == KnStatusOk || status == KnStatusPeerGone, "an announced visitor joins or has left");
         channel = status == KnStatusOk ? given : channel;
     }
 
     static void AcceptUnknown(const std::string& client, const std::string& service, std::uint32_t iid) {
         KnHandle given = KnInvalidHandle;
         const auto status = KnCmAccept(client.c_str(), service.c_str(), iid, KnInvalidHandle, &given);
-        Require(status == KnStatusNotFound || status == KnStatusInvalidArgument, "nobody has that name");
+        Require(status == KnStatusNotFound || status == KnStatusInvalidArgument, "no visitor has that name");
     }
 
 private:
-    std::deque<std::string> heard;
+    std::deque<std::string> announced;
     KnHandle channel = KnInvalidHandle;
 };
 
-void Step(Input& input, std::array<Visitor, visitorCount>& visitors, Doorkeeper& doorkeeper) {
+void Step(Input& input, std::array<Visitor, visitorCount>& visitors, Acceptor& acceptor) {
     const auto choice = input.Below(9);
     Visitor& visitor = visitors[input.Below(visitorCount)];
     switch (choice) {
     case 0:
-        visitor.Connect(Visitor::Door::Line);
+        visitor.Connect(Visitor::Target::Line);
         break;
     case 1:
-        visitor.Connect(Visitor::Door::Service);
+        visitor.Connect(Visitor::Target::Service);
         break;
     case 2:
-        visitor.Say(input.Text(input.Number<std::uint8_t>()), 0);
+        visitor.Send(input.Text(input.Number<std::uint8_t>()), 0);
         break;
     case 3: {
         const auto descriptors = input.Number<std::uint8_t>();
-        visitor.Say(input.Text(input.Number<std::uint8_t>()), descriptors);
+        visitor.Send(input.Text(input.Number<std::uint8_t>()), descriptors);
         break;
     }
     case 4:
         visitor.Shut(static_cast<int>(input.Below(3)));
         break;
     case 5:
-        doorkeeper.Hear(0);
-        doorkeeper.Accept();
+        acceptor.Listen(0);
+        acceptor.Accept();
         break;
     case 6:
         visitor.Leave();
@@ -347,11 +348,11 @@ void Step(Input& input, std::array<Visitor, visitorCount>& visitors, Doorkeeper&
         // A hyphen more than the names that the server gives out.
         const std::string client = "-" + input.Text(input.Below(64));
         const std::string service = input.Text(input.Below(64));
-        Doorkeeper::AcceptUnknown(client, service, input.Number<std::uint32_t>());
+        Acceptor::AcceptUnknown(client, service, input.Number<std::uint32_t>());
         break;
     }
     default:
-        doorkeeper.Hear(0);
+        acceptor.Listen(0);
         TheWorld().CallSteady();
         break;
     }
@@ -366,13 +367,13 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzzing::RestartCallsAfterAlarm();
-    TheWorld().CountDescriptors(); // here and not at the start: libFuzzer opens some of its own between two inputs
+    TheWorld().CountDescriptors(); // not once at the start: libFuzzer opens some of its own between two inputs
     Input input(data, size);
     {
         std::array<Visitor, visitorCount> visitors;
-        Doorkeeper doorkeeper;
+        Acceptor acceptor;
         for (std::size_t step = 0; step < mostSteps && !input.IsEmpty(); ++step) {
-            Step(input, visitors, doorkeeper);
+            Step(input, visitors, acceptor);
         }
         for (const Visitor& visitor : visitors) {
             if (!visitor.IsOwedAnswer()) {
@@ -380,10 +381,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             }
             const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(patienceMs);
             while (!visitor.IsAnswered()) {
-                Require(std::chrono::steady_clock::now() < deadline, "who has spoken is answered");
+                Require(std::chrono::steady_clock::now() < deadline, "a visitor that sent a message is answered");
                 if (visitor.Asks()) {
-                    doorkeeper.Hear(1);
-                    doorkeeper.Accept();
+                    acceptor.Listen(1);
+                    acceptor.Accept();
                 }
                 std::this_thread::yield();
             }

@@ -9,27 +9,27 @@ const char* KnStatusText(std::int32_t status) noexcept {
     case KnStatusUnimplemented:
         return "the addressed interface or method does not exist";
     case KnStatusClosed:
-        return "the server closed the channel or ended";
+        return "the server closed the channel or exited";
     case KnStatusPeerGone:
-        return "the client that would receive the reply is gone";
+        return "the client that would receive the reply has disconnected";
     case KnStatusBadRecord:
-        return "a record has the wrong size or another format";
+        return "a record has the wrong size or format";
     case KnStatusTimedOut:
-        return "the time-out passed first";
+        return "the time-out expired";
     case KnStatusBusy:
         return "a limit of the server is reached";
     case KnStatusDenied:
-        return "the peer may not do this";
+        return "the peer is not permitted to do this";
     case KnStatusNoResources:
         return "memory, descriptors or threads ran out";
     case KnStatusAbandoned:
         return "the server dropped the request without a reply";
     case KnStatusNotFound:
-        return "nobody offers that name";
+        return "no server offers that name";
     case KnStatusAlreadyExists:
         return "a live server already owns that name";
     case KnStatusBadReply:
-        return "the reply is not one that the called method may give";
+        return "the reply is not valid for the called method";
     case KnStatusNoReply:
         return "the request gets no reply";
     default:

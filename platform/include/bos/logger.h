@@ -5,7 +5,7 @@
 
 namespace bos::logger {
 
-/// The numbers are the wire between the log sites and the back end.
+/// Log sites and back ends exchange the numbers.
 enum class LogLevel : int {
     Debug = 1,   ///< detail of single operations
     Info = 2,    ///< life of services and threads
@@ -42,8 +42,8 @@ public:
     /// Writes one record, whatever its level.
     void LogImpl(LogLevel level, const char* file, int line, const char* function, std::string& message);
 
-    /// The platform's own back end writes no record below `lowest`; Info until this is called. Other back ends decide
-    /// for themselves.
+    /// Sets the minimum level of the platform's own back end: it writes no record below `lowest`, which is Info until
+    /// this is called. Other back ends have their own rules.
     /// Threads: any.
     static void SetThreshold(LogLevel lowest) noexcept;
 

@@ -4,7 +4,7 @@
 
 namespace cor {
 
-/// Result of an operation. The numbers travel to clients; the names are ours.
+/// Result of an operation. The numbers are part of the wire format, the names are not.
 enum class ResultCode : std::int32_t {
     Success = 0,
     NotRegistered = 1, ///< not registered, or cancelled

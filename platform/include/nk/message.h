@@ -29,7 +29,8 @@ constexpr bool NkIsError(const nk_message& message) noexcept {
     return (message.size & NkErrorFlag) != 0;
 }
 
-/// Out-of-line data of a record: `current` moves from `start` to `end`. All three equal means that none can travel.
+/// Memory for out-of-line data of a record: `current` moves from `start` to `end`. With all three equal there is no
+/// room for any.
 struct nk_arena {
     void* start;
     void* current;

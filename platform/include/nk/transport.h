@@ -23,16 +23,16 @@ struct NkBosTransport {
 //   request goes to exactly one of them and belongs to that thread until it replies.
 // - A thread that receives again without having replied abandons its request, as does a thread that ends: the caller
 //   gets KnStatusAbandoned.
-// - A client that dies at any point harms nobody: its connection goes away, its resources are released, and a reply to
-//   it answers KnStatusPeerGone (0 on a channel of the connection manager, see kn/connection_manager.h).
+// - A client that dies at any point harms no other client: its connection ends, its resources are released, and a reply
+//   to it answers KnStatusPeerGone (0 on a channel of the connection manager, see kn/connection_manager.h).
 // - A server that dies, or closes the channel, makes every blocked or later call answer KnStatusClosed at once.
 // - Closing the server end makes every blocked or later receive answer KnStatusClosed at once.
 // - Requests are exactly NkRecordSize bytes, and their size word is NkRecordSize without the error flag. Any other
 //   record is answered KnStatusBadRecord to its sender and never reaches a receiver.
-// - A reply carries the record's size word; what lies behind that size arrives as zeros.
+// - A reply carries the record's size word; the bytes behind that size arrive as zeros.
 // - No step waits for a word, a lock or a buffer that only a client could release.
 // - Nothing is delivered to a process of another user.
-// - An arena that holds out-of-line data is refused with KnStatusInvalidArgument, since none can travel.
+// - An arena that holds out-of-line data is refused with KnStatusInvalidArgument: a record travels without any.
 //
 // A platform may name the threads that serve. The one on Linux names a thread at its first receive, unless it has a
 // name of its own; docs/platform.md has the names, and the switch.
@@ -44,9 +44,10 @@ struct NkBosTransport {
 std::int32_t NkBosTransport_Init(NkBosTransport* transport, KnHandle handle, void* arena,
                                  std::uint64_t arenaSize) noexcept;
 
-/// Server: takes the next request of the channel into `request`, whose size word tells the room behind it.
+/// Server: receives the next request of the channel into `request`. Its size word holds the size of the buffer.
 ///
-/// Returns: 0; KnStatusClosed; KnStatusInvalidArgument for a zeroed transport or a room that is not NkRecordSize.
+/// Returns: 0; KnStatusClosed; KnStatusInvalidArgument for a zeroed transport or a buffer size that is not
+/// NkRecordSize.
 /// Blocks: until a request arrives or the channel closes. Threads: any number at once.
 std::int32_t NkBosTransport_Receive(NkBosTransport* transport, nk_message* request, nk_arena* requestArena) noexcept;
 
@@ -54,7 +55,7 @@ std::int32_t NkBosTransport_Receive(NkBosTransport* transport, nk_message* reque
 /// NkRecordSize bytes.
 ///
 /// Returns: 0; KnStatusPeerGone; KnStatusClosed; KnStatusInvalidArgument when the thread owes no reply here.
-/// Blocks: never. Threads: the one that received.
+/// Blocks: never. Threads: the one that received the request.
 std::int32_t NkBosTransport_Reply(NkBosTransport* transport, const nk_message* response,
                                   const nk_arena* responseArena) noexcept;
 

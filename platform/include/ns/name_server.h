@@ -14,7 +14,7 @@ using NsHandle = std::uint32_t;
 /// Connects to the name server `name` (null: the default one).
 ///
 /// Returns: 0 and `*nameServer`; KnStatusNotFound when there is no name server of that name; KnStatusDenied when the
-/// runtime directory is not ours alone; KnStatusNoResources.
+/// directory that holds the names is not this user's alone; KnStatusNoResources.
 /// Blocks: up to `timeoutMs` milliseconds, 0xFFFFFFFF without limit. Threads: any.
 std::int32_t NsCreate(const char* name, std::uint32_t timeoutMs, NsHandle* nameServer) noexcept;
 
@@ -25,7 +25,7 @@ std::int32_t NsCreate(const char* name, std::uint32_t timeoutMs, NsHandle* nameS
 std::int32_t NsPublishService(NsHandle nameServer, const char* type, const char* serverName,
                               const char* service) noexcept;
 
-/// Tells whether a live server publishes `service`.
+/// Checks whether a live server publishes `service`.
 ///
 /// Returns: 0; KnStatusNotFound; KnStatusInvalidArgument.
 /// Threads: any.

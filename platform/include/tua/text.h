@@ -5,7 +5,7 @@
 
 namespace tua::text {
 
-/// Converts between the encodings of text: UTF-16 to UTF-8 and back. What is not valid becomes U+FFFD.
+/// Converts between the encodings of text: UTF-16 to UTF-8 and back. Code units that are not valid become U+FFFD.
 template <typename To, typename From>
 To Cast(From from);
 

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What the battery needs of an implementation beyond platform/include. Each implementation defines these once.
+/// What the battery needs from an implementation besides platform/include. Each implementation defines these once.
 namespace platform_test {
 
 /// Called before each test: a platform in which no name is taken.

@@ -1,5 +1,5 @@
-// Defends kn/connection_manager.h: who asks is heard once, joins the channel that the server chose, may ask that one
-// interface only, and harms nobody by giving up at any point.
+// Defends kn/connection_manager.h: a client that asks is announced once, joins the channel that the server chose, may
+// call that one interface only, and harms no other by giving up at any point.
 #include "support.h"
 
 #include <set>
@@ -130,7 +130,7 @@ TEST_F(ConnectionManager, AClientThatGaveUpBeforeItsAcceptance_CostsOneFailedAcc
     ASSERT_EQ(KnStatusOk, Publish("service"));
     Request request;
     std::uint32_t timeoutMs = 25;
-    do { // until it is heard before it gives up
+    do { // until it is announced before it gives up
         timeoutMs *= 2;
         Asking asking("service", timeoutMs);
         request = Listen(timeoutMs);
@@ -156,7 +156,7 @@ TEST_F(ConnectionManager, ARequestThatNobodyMade_IsNotFound) {
     const Request request = Listen();
     EXPECT_EQ(KnStatusNotFound, KnCmAccept(request.client.c_str(), "other", 0, KnInvalidHandle, &channel));
     EXPECT_EQ(99u, channel);
-    EXPECT_EQ(KnStatusOk, Accept(request, &channel)) << "the right names find it still";
+    EXPECT_EQ(KnStatusOk, Accept(request, &channel)) << "the right names still find it";
     EXPECT_EQ(KnStatusNotFound, Accept(request, &channel)) << "once";
 }
 

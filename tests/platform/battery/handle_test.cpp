@@ -1,5 +1,5 @@
-// Defends kn/handle.h, kn/status.h and kn/task.h: closing an end frees everybody who waits on it and nobody else, and a
-// handle never means something else later.
+// Defends kn/handle.h, kn/status.h and kn/task.h: closing an end frees every thread that waits on it and no other, and
+// a handle never means something else later.
 #include "support.h"
 
 #include "kn/task.h"

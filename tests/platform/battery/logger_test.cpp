@@ -1,4 +1,4 @@
-// Defends bos/logger.h: what a log site gives reaches the back end unchanged, from any number of threads.
+// Defends bos/logger.h: what a log site passes reaches the back end unchanged, from any number of threads.
 #include "support.h"
 
 #include "bos/logger.h"

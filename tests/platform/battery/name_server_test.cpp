@@ -1,4 +1,4 @@
-// Defends ns/name_server.h: who offers a service is never in doubt.
+// Defends ns/name_server.h: a service is published by one live server, or by none.
 #include "support.h"
 
 namespace platform_test {

@@ -1,4 +1,4 @@
-// Defends service_locator.h: a name leads to one live server end, and everybody else learns at once that it does not.
+// Defends service_locator.h: a name leads to one live server end; every other attempt to claim or use it fails at once.
 #include "support.h"
 
 namespace platform_test {
@@ -35,7 +35,7 @@ TEST_F(ServiceLocator, OfManyThatStartTogether_OneGetsTheName) {
         for (const auto& server : servers) {
             winners += KnHandleClose(server->Get()) == KnStatusOk;
         }
-        // Those who come after the winner closed may win too; nobody wins beside it.
+        // A server that comes after the winner has closed may win too; two that are open at once may not.
         EXPECT_GE(winners, 1);
     }
 }

@@ -259,7 +259,7 @@ inline std::int32_t Publish(const char* service, const char* type = "test.Type")
     return NsPublishService(NameServer(), type, "tester", service);
 }
 
-/// Who asks for what, as KnCmListen tells it.
+/// A request for a connection, as KnCmListen returns it.
 struct Request {
     std::int32_t status = KnStatusOk;
     std::string client;
@@ -308,7 +308,7 @@ inline Joined Join(const char* service, std::uint32_t iid = 0, KnHandle channel 
     Asking asking(service);
     Joined joined;
     std::int32_t status = KnStatusPeerGone;
-    while (status == KnStatusPeerGone) { // somebody may have given up before: that costs one accept
+    while (status == KnStatusPeerGone) { // an earlier client may have given up: that costs one accept
         const Request request = Listen();
         EXPECT_EQ(KnStatusOk, request.status);
         status = KnCmAccept(request.client.c_str(), request.service.c_str(), iid, channel, &joined.channel);

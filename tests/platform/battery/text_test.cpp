@@ -1,4 +1,4 @@
-// Defends tua/text.h: text survives the way between its encodings, and what is no text never gets through as such.
+// Defends tua/text.h: text survives conversion both ways, and bytes that are not valid text become U+FFFD.
 #include "tua/text.h"
 
 #include <gtest/gtest.h>

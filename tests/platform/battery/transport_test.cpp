@@ -1,5 +1,5 @@
-// Defends nk/transport.h: every call gets exactly one answer, from the thread that took it, and nobody's end, bad
-// record or forgotten reply keeps anybody else waiting.
+// Defends nk/transport.h: every call gets exactly one answer, from the thread that received it, and no death, bad
+// record or forgotten reply of one client or thread blocks another.
 #include "support.h"
 
 namespace platform_test {
@@ -228,7 +228,7 @@ TEST_F(Transport, AClientThatGoesAwayWhileServed_LeavesPeerGoneToItsReply) {
 
     const Handle next = ConnectStatic();
     Background nextCall([&] { return CallWith(next.Get(), 5); });
-    ASSERT_EQ(KnStatusOk, Receive(server.Get(), request)) << "nobody else is harmed";
+    ASSERT_EQ(KnStatusOk, Receive(server.Get(), request)) << "other clients are served";
     EXPECT_EQ(5, request.Value());
     EXPECT_EQ(KnStatusOk, Reply(server.Get(), request));
     EXPECT_EQ(KnStatusOk, nextCall.Get());

@@ -52,7 +52,7 @@ public:
         }
     }
 
-    /// Hears what the step "fork-and-stay" says. The child comes to this process when its parent has died.
+    /// Reads the output of the step "fork-and-stay". This process becomes the child's parent when the peer has died.
     void HearOfChild() {
         const std::string line = Hear();
         const std::string step = "fork-and-stay ";
@@ -60,12 +60,12 @@ public:
         child = std::stoi(line.substr(step.size()));
     }
 
-    /// The next thing it says.
+    /// Returns: the next line of its output; "(gone)" when it has exited.
     std::string Hear() {
         while (heard.find('\n') == std::string::npos) {
             pollfd waited{output, POLLIN, 0};
             if (::poll(&waited, 1, static_cast<int>(patienceMs)) == 0) {
-                GiveUp("another process says nothing");
+                GiveUp("no output from another process");
             }
             std::array<char, 256> buffer{};
             const ssize_t length = ::read(output, buffer.data(), buffer.size());
@@ -128,7 +128,7 @@ inline std::size_t OpenDescriptors() {
     return static_cast<std::size_t>(std::distance(begin(listing), end(listing)));
 }
 
-/// Takes the name that a killed process left behind, and gives it up properly.
+/// Claims the name that a killed process left behind, and releases it properly.
 inline void Reclaim(const char* name = "line") {
     Handle server = RegisterStatic(name);
     EXPECT_EQ(KnStatusOk, server.Close());

@@ -26,7 +26,7 @@ inline sockaddr_un AddressOf(const std::string& path) {
     return address;
 }
 
-/// A socket that says what it likes, as a client or as a server might that does not use the library.
+/// A socket that sends anything, as a client or a server might that does not use the library.
 class RawSocket final {
 public:
     explicit RawSocket(int type = SOCK_SEQPACKET) : fd(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0)) {}
@@ -64,7 +64,7 @@ public:
         ASSERT_EQ(0, ::listen(fd, 16));
     }
 
-    /// Removes what ListenAs made.
+    /// Removes what ListenAs created.
     void Forget() const {
         std::filesystem::remove_all(RuntimePath("static"));
         std::filesystem::remove_all(RuntimePath("services"));

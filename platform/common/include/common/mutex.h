@@ -6,8 +6,8 @@
 #include <condition_variable>
 #include <mutex>
 
-// The standard mutex, lock and condition variable with clang's thread-safety attributes, which libstdc++ does not carry:
-// without them the analysis cannot see that a lock is held.
+// The standard mutex, lock and condition variable with clang's thread-safety attributes, which libstdc++ does not
+// carry: without them the analysis cannot see that a lock is held.
 
 namespace common {
 
@@ -28,7 +28,7 @@ private:
     std::mutex mutex;
 };
 
-/// Holds a mutex for a scope; may give it up and take it again in between.
+/// Holds a mutex for a scope; may release it and acquire it again in between.
 class SCOPED_CAPABILITY MutexLock final {
 public:
     explicit MutexLock(Mutex& held) ACQUIRE(held) : lock(held.mutex) {}

@@ -11,8 +11,8 @@ struct Step {
     bool valid;
 };
 
-/// Decodes the first character of `text`, which is not empty. What is not valid is taken in the longest piece that
-/// could have begun a character, as the Unicode standard recommends.
+/// Decodes the first character of `text`, which is not empty. Bytes that are not valid are used up in the longest piece
+/// that could have begun a character, as the Unicode standard recommends.
 constexpr Step Decode(std::string_view text) noexcept {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char lead = byte(0);

@@ -10,7 +10,7 @@
 
 namespace borven_host {
 
-/// Writes one record of the platform itself; `parts` are joined. A fault is logged once, where it starts.
+/// Writes one record of the platform's own: `parts` in one line. A fault is logged once, where it starts.
 inline void Log(bos::logger::LogLevel level, std::initializer_list<std::string_view> parts,
                 const char* file = __builtin_FILE(), int line = __builtin_LINE(),
                 const char* function = __builtin_FUNCTION()) {
@@ -25,7 +25,7 @@ inline void Log(bos::logger::LogLevel level, std::initializer_list<std::string_v
     logger.LogImpl(level, file, line, function, message);
 }
 
-/// The text of `errno`.
+/// Returns: the system's text for an errno.
 inline std::string ErrnoText(int number = errno) {
     char buffer[128];
     return ::strerror_r(number, buffer, sizeof buffer);

@@ -6,8 +6,8 @@
 
 namespace borven_host {
 
-/// Runs `step` where no exception may leave: what the standard library throws for want of memory or threads becomes a
-/// status.
+/// Runs `step` at a boundary that no exception may cross. What the standard library throws when memory or threads run
+/// out becomes KnStatusNoResources.
 template <typename Step>
 std::int32_t NoThrow(const Step& step) noexcept {
     try {

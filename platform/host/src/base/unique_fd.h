@@ -7,7 +7,7 @@
 namespace borven_host {
 
 /// Owns a file descriptor. One that the kernel numbered 0 to 2 is moved up: in a program that was started without
-/// standard streams, what somebody prints must not end up in one of our sockets.
+/// standard streams, what another part of it prints must not go to one of these sockets.
 class UniqueFd final {
 public:
     UniqueFd() = default;

@@ -32,10 +32,10 @@ KnHandle ServiceLocatorRegister(const char* connection, const ServiceLocatorDesc
     });
     if (status != KnStatusOk) {
         try {
-            Log(LogLevel::Error, {"the connection ", connection == nullptr ? "(null)" : connection,
-                                  " cannot be registered: ", KnStatusText(status)});
+            Log(LogLevel::Error, {"cannot register the connection ", connection == nullptr ? "(null)" : connection,
+                                  ": ", KnStatusText(status)});
         } catch (const std::bad_alloc&) {
-            // The status tells what the log cannot.
+            // The caller still gets the invalid handle.
         }
     }
     return handle;

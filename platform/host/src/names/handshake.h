@@ -4,14 +4,13 @@
 
 namespace borven_host {
 
-// What travels on a connection besides records. Both are shorter than a record, so that the length tells which is
-// which.
+// The two messages on the socket of a connection, one each way, when it is made. Records travel in shared memory.
 
 inline constexpr std::uint32_t greetingMagic = 0x48565242; ///< "BRVH"
 inline constexpr std::uint32_t answerMagic = 0x41565242;   ///< "BRVA"
 inline constexpr std::uint16_t protocolVersion = 1;
 
-/// The client's first word.
+/// The client's first message.
 struct Greeting {
     std::uint32_t magic;
     std::uint16_t version;
@@ -19,7 +18,7 @@ struct Greeting {
 };
 static_assert(sizeof(Greeting) == 8);
 
-/// The server's answer to the greeting; later, a status in place of a reply.
+/// The server's answer to the greeting. With KnStatusOk it brings the descriptors that the channel sends along.
 struct Answer {
     std::uint32_t magic;
     std::uint16_t version;
@@ -35,7 +34,8 @@ Answer MakeAnswer(std::int32_t status) noexcept;
 bool IsValid(const Greeting& greeting) noexcept;
 bool IsValid(const Answer& answer) noexcept;
 
-/// Sends `status` to the peer of `socket`. Returns: false when the peer is gone or does not take it. Blocks: never.
+/// Sends `status` to the peer of `socket`.
+/// Returns: false when the peer has disconnected, or reads too slowly. Blocks: never.
 bool SendAnswer(int socket, std::int32_t status) noexcept;
 
 } // namespace borven_host
