@@ -21,7 +21,7 @@ bool IsReadable(int fd) {
     return fd >= 0 && ::poll(&waited, 1, 0) == 1;
 }
 
-bool Contains(const std::deque<std::uint64_t>& ids, std::uint64_t id) {
+[[maybe_unused]] bool Contains(const std::deque<std::uint64_t>& ids, std::uint64_t id) {
     return std::find(ids.begin(), ids.end(), id) != ids.end();
 }
 
