@@ -57,8 +57,8 @@ std::int32_t InProcessChannel::Receive(nk_message* request) {
         Abandon(*dropped);
     }
     std::unique_lock lock(mutex);
-    changed.wait(lock, [this] { return isClosed || !waiting.empty(); });
-    if (isClosed) {
+    changed.wait(lock, [this] { return isClosed || !isReceiving || !waiting.empty(); });
+    if (isClosed || !isReceiving) {
         return KnStatusClosed;
     }
     auto exchange = std::move(waiting.front());
@@ -91,6 +91,12 @@ void InProcessChannel::Abandon(Exchange& exchange) {
     const std::lock_guard lock(mutex);
     exchange.isFinished = true;
     exchange.status = isClosed ? KnStatusClosed : KnStatusAbandoned;
+    changed.notify_all();
+}
+
+void InProcessChannel::StopReceiving() {
+    const std::lock_guard lock(mutex);
+    isReceiving = false;
     changed.notify_all();
 }
 

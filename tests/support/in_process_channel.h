@@ -36,6 +36,7 @@ public:
 
     std::int32_t Receive(nk_message* request);
     std::int32_t Reply(const nk_message* response);
+    void StopReceiving();
     void Close();
 
     /// Finishes an exchange that its thread gives up.
@@ -47,6 +48,7 @@ private:
     const DeadClient deadClient;
     std::mutex mutex; // guards all below, and the connections of this channel
     std::condition_variable changed;
+    bool isReceiving = true;
     bool isClosed = false;
     std::deque<std::shared_ptr<Exchange>> waiting;
 };

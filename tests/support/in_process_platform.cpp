@@ -192,6 +192,15 @@ std::int32_t InProcessPlatform::Close(KnHandle handle) {
     return KnStatusInvalidArgument;
 }
 
+void InProcessPlatform::StopReceiving() {
+    const std::lock_guard lock(mutex);
+    for (const auto& [handle, channel] : channels) {
+        channel->StopReceiving();
+    }
+    isClosed = true;
+    changed.notify_all();
+}
+
 void InProcessPlatform::CloseServerEnds() {
     const std::lock_guard lock(mutex);
     for (const auto& [handle, channel] : channels) {

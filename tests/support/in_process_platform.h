@@ -22,7 +22,7 @@ class InProcessConnection;
 /// The contract of platform/include among the threads of one process: no sockets, no descriptors, no other users.
 ///
 /// A channel is a queue of exchanges. An exchange is waiting (in the queue), owned (by the thread that received it) or
-/// finished (by a reply, or by the loss of either side); only the owner and whoever closes an end change that. The
+/// finished (by a reply, or by the loss of either side); only the owner and a thread that closes an end change that. The
 /// caller sleeps until its exchange is finished, so no loss leaves it waiting.
 ///
 /// Threads: every operation from any thread, except as platform/include says.
@@ -49,6 +49,7 @@ public:
     std::int32_t SetMethodCount(const char* type, std::uint32_t methodCount);
 
     std::int32_t Close(KnHandle handle);
+    void StopReceiving();
     void CloseServerEnds();
 
     std::int32_t Receive(const NkBosTransport* transport, nk_message* request);
@@ -79,7 +80,7 @@ private:
     std::map<std::string, std::uint32_t> methodCounts;
     std::list<std::shared_ptr<PendingClient>> pending;
     std::uint64_t clientCount = 0;
-    bool isClosed = false; // by CloseServerEnds, until something is offered anew
+    bool isClosed = false; // by StopReceiving and CloseServerEnds, until something is offered anew
 };
 
 } // namespace test_support

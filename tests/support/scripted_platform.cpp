@@ -176,6 +176,10 @@ std::int32_t KnHandleClose(KnHandle handle) noexcept {
     return Platform().InProcess().Close(handle);
 }
 
+void KnHandleStopReceiving() noexcept {
+    Platform().InProcess().StopReceiving();
+}
+
 void KnHandleCloseServerEnds() noexcept {
     Platform().InProcess().CloseServerEnds();
 }

@@ -20,6 +20,17 @@ inline constexpr KnHandle KnInvalidHandle = 0xFFFFFFFF;
 /// Blocks: never on a peer. Threads: any.
 std::int32_t KnHandleClose(KnHandle handle) noexcept;
 
+/// Stops receiving on every server end of the calling task, for good: the first step of an orderly stop.
+///
+/// Contract:
+/// - Every thread blocked in receive returns KnStatusClosed at once, and so does every later receive; every thread
+///   blocked in KnCmListen, too.
+/// - A request that was received before can still be replied to.
+/// - Calls that were not received stay blocked until the server ends close.
+///
+/// Threads: any, but not while the same task registers, publishes or accepts.
+void KnHandleStopReceiving() noexcept;
+
 /// Closes every server end of the calling task and withdraws every service it published: the last step of a server
 /// program. A thread blocked in KnCmListen returns KnStatusClosed at once. Names are free again afterwards, and the
 /// task may register and publish anew.

@@ -21,13 +21,19 @@ std::int32_t KnHandleClose(KnHandle handle) noexcept {
     });
 }
 
+void KnHandleStopReceiving() noexcept {
+    NoThrow([] {
+        for (const auto& channel : HandleTable::Instance().ServerEnds()) {
+            channel->StopReceiving();
+        }
+        Housekeeper::Instance().StopListening();
+        return KnStatusOk;
+    });
+}
+
 void KnHandleCloseServerEnds() noexcept {
     NoThrow([] {
-        std::vector<std::shared_ptr<Channel>> channels;
-        for (const auto& end : HandleTable::Instance().RemoveServerEnds()) {
-            channels.push_back(end->channel);
-        }
-        Housekeeper::Instance().CloseAll(channels);
+        Housekeeper::Instance().CloseAll(HandleTable::Instance().RemoveServerEnds());
         return KnStatusOk;
     });
 }

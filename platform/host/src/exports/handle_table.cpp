@@ -38,6 +38,10 @@ struct LastFound {
 
 thread_local LastFound lastFound;
 
+bool IsServerEnd(const End& end) {
+    return end.channel && !end.isInherited.load(std::memory_order_relaxed);
+}
+
 } // namespace
 
 HandleTable& HandleTable::Instance() {
@@ -88,18 +92,28 @@ std::shared_ptr<End> HandleTable::Remove(KnHandle handle) noexcept {
     return end;
 }
 
-std::vector<std::shared_ptr<End>> HandleTable::RemoveServerEnds() {
+std::vector<std::shared_ptr<Channel>> HandleTable::ServerEnds() const {
     const common::MutexLock lock(entries->mutex);
-    std::vector<std::shared_ptr<End>> ends;
-    ends.reserve(entries->open.size());
-    std::erase_if(entries->open, [&](const auto& entry) {
-        if (!entry.second->channel || entry.second->isInherited.load(std::memory_order_relaxed)) {
-            return false;
+    std::vector<std::shared_ptr<Channel>> channels;
+    for (const auto& [handle, end] : entries->open) {
+        if (IsServerEnd(*end)) {
+            channels.push_back(end->channel);
         }
-        ends.push_back(entry.second);
-        return true;
+    }
+    return channels;
+}
+
+std::vector<std::shared_ptr<Channel>> HandleTable::RemoveServerEnds() {
+    const common::MutexLock lock(entries->mutex);
+    std::vector<std::shared_ptr<Channel>> channels;
+    std::erase_if(entries->open, [&](const auto& entry) {
+        if (IsServerEnd(*entry.second)) {
+            channels.push_back(entry.second->channel);
+            return true;
+        }
+        return false;
     });
-    return ends;
+    return channels;
 }
 
 } // namespace borven_host

@@ -41,7 +41,11 @@ public:
     /// Returns: the end that the handle named, or null when it was not open.
     std::shared_ptr<End> Remove(KnHandle handle) noexcept;
 
-    std::vector<std::shared_ptr<End>> RemoveServerEnds();
+    /// Returns: the channels of the open server ends.
+    std::vector<std::shared_ptr<Channel>> ServerEnds() const;
+
+    /// Removes the open server ends. Returns: their channels.
+    std::vector<std::shared_ptr<Channel>> RemoveServerEnds();
 
 private:
     struct Entries;

@@ -111,7 +111,7 @@ void Housekeeper::Add(Admission::Listener listener) {
     const common::MutexLock life(lifeMutex);
     const common::MutexLock lock(mutex);
     Start();
-    isClosed = isClosed && listener.channel != nullptr;
+    isListening = isListening || listener.channel == nullptr;
     admission.Add(std::move(listener));
 }
 
@@ -152,9 +152,9 @@ void Housekeeper::StopWhenIdle() {
 std::int32_t Housekeeper::Listen(std::optional<std::string_view> task, Deadline deadline, char* clientName,
                                  char* serviceName) {
     common::MutexLock lock(mutex);
-    const std::uint64_t closingsBefore = closings;
+    const std::uint64_t stopsBefore = listeningStops;
     bool isLate = false;
-    while (!isClosed && closings == closingsBefore) {
+    while (isListening && listeningStops == stopsBefore) {
         if (const auto* const visitor = visitors.Announce(task)) {
             CopyName(visitor->name, clientName);
             CopyName(visitor->service, serviceName);
@@ -203,6 +203,17 @@ void Housekeeper::Close(const std::shared_ptr<Channel>& channel) {
     StopWhenIdle();
 }
 
+void Housekeeper::StopListening() {
+    const common::MutexLock lock(mutex);
+    EndListening();
+}
+
+void Housekeeper::EndListening() {
+    isListening = false;
+    ++listeningStops;
+    asked.NotifyAll();
+}
+
 void Housekeeper::CloseAll(const std::vector<std::shared_ptr<Channel>>& channels) {
     const common::MutexLock life(lifeMutex);
     Admission::Listeners closed; // their names go without `mutex`
@@ -213,9 +224,7 @@ void Housekeeper::CloseAll(const std::vector<std::shared_ptr<Channel>>& channels
         }
         visitors.RefuseAll(KnStatusClosed);
         closed = admission.RemoveAll();
-        isClosed = true;
-        ++closings;
-        asked.NotifyAll();
+        EndListening();
     }
     closed.clear();
     StopWhenIdle();

@@ -40,10 +40,13 @@ public:
     std::int32_t Accept(std::string_view clientName, std::string_view service, std::uint16_t iid,
                         const std::shared_ptr<Channel>& channel, std::int32_t refusal) EXCLUDES(mutex);
 
+    /// Makes every KnCmListen return KnStatusClosed, until a service is published again.
+    void StopListening() EXCLUDES(mutex);
+
     /// Removes the channel's name, if it has one, and closes it.
     void Close(const std::shared_ptr<Channel>& channel) EXCLUDES(lifeMutex, mutex);
 
-    /// The same for all `channels`, and for every published service; every KnCmListen returns.
+    /// The same for all `channels`, and for every published service; stops listening.
     void CloseAll(const std::vector<std::shared_ptr<Channel>>& channels) EXCLUDES(lifeMutex, mutex);
 
 private:
@@ -58,6 +61,7 @@ private:
     void Start() REQUIRES(lifeMutex, mutex);
     void StopWhenIdle() REQUIRES(lifeMutex) EXCLUDES(mutex);
     void CloseChannel(Channel& channel) REQUIRES(mutex);
+    void EndListening() REQUIRES(mutex);
 
     void Run(int waitsOn) EXCLUDES(mutex);
     void Handle(const Poller::Event& event) REQUIRES(mutex);
@@ -67,13 +71,13 @@ private:
     std::thread thread GUARDED_BY(lifeMutex);
 
     common::Mutex mutex;
-    common::ConditionVariable asked; ///< notified when a visitor asks, and by CloseAll
+    common::ConditionVariable asked; ///< notified when a visitor asks, and when listening stops
     Poller poller GUARDED_BY(mutex);
     Visitors visitors GUARDED_BY(mutex){poller, asked};
     Admission admission GUARDED_BY(mutex){poller, visitors};
     bool isStopping GUARDED_BY(mutex) = false;
-    bool isClosed GUARDED_BY(mutex) = false; ///< by CloseAll, until a service is published again
-    std::uint64_t closings GUARDED_BY(mutex) = 0;
+    bool isListening GUARDED_BY(mutex) = true; ///< false from StopListening until a service is published again
+    std::uint64_t listeningStops GUARDED_BY(mutex) = 0;
 };
 
 } // namespace borven_host

@@ -15,7 +15,7 @@ namespace borven_host {
 
 namespace {
 
-constexpr std::uint64_t ClosedData = 0;
+constexpr std::uint64_t EndedData = 0;
 constexpr std::uint64_t KickData = 1; ///< the clients' numbers follow
 
 UniqueFd Checked(UniqueFd fd) {
@@ -29,8 +29,8 @@ UniqueFd Checked(UniqueFd fd) {
 
 ClientTable::ClientTable(Channel::DeadClient reaction)
     : deadClient(reaction), epoll(Checked(UniqueFd(::epoll_create1(EPOLL_CLOEXEC)))),
-      closed(Checked(UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)))), kick(Checked(MakeBell())), lastId(KickData) {
-    if (!Watch(epoll, closed.Get(), EPOLLIN, ClosedData) || !Watch(epoll, kick.Get(), EPOLLIN | EPOLLET, KickData)) {
+      ended(Checked(UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)))), kick(Checked(MakeBell())), lastId(KickData) {
+    if (!Watch(epoll, ended.Get(), EPOLLIN, EndedData) || !Watch(epoll, kick.Get(), EPOLLIN | EPOLLET, KickData)) {
         throw std::system_error(errno, std::generic_category());
     }
 }
@@ -80,20 +80,25 @@ std::shared_ptr<ChannelClient> ClientTable::Remove(std::uint64_t clientId) noexc
     return client;
 }
 
+void ClientTable::StopReceiving() noexcept {
+    isReceiving.store(false, std::memory_order_release);
+    const std::uint64_t one = 1;
+    static_cast<void>(!::write(ended.Get(), &one, sizeof one));
+}
+
 bool ClientTable::Close() noexcept {
-    std::unordered_map<std::uint64_t, std::shared_ptr<ChannelClient>> ended;
+    std::unordered_map<std::uint64_t, std::shared_ptr<ChannelClient>> removed;
     {
         const common::MutexLock lock(mutex);
         assert(IsCounted());
         if (isClosed.exchange(true, std::memory_order_acq_rel)) {
             return false;
         }
-        ended.swap(clients);
+        removed.swap(clients);
         count.store(0, std::memory_order_relaxed);
     }
-    const std::uint64_t one = 1;
-    static_cast<void>(!::write(closed.Get(), &one, sizeof one));
-    for (const auto& [id, client] : ended) {
+    StopReceiving();
+    for (const auto& [id, client] : removed) {
         Unwatch(*client);
         client->End();
     }

@@ -16,8 +16,9 @@
 #include <unordered_map>
 
 // The epoll set in which the receivers of a channel sleep holds the bells of its clients, an event that is readable for
-// ever once the channel is closed, and an event that wakes one receiver. The bells are edge-triggered: the kernel gives
-// each ring to one receiver, in the order of the rings, and keeps a ring that no receiver has read.
+// ever once receiving has stopped or the channel is closed, and an event that wakes one receiver. The bells are
+// edge-triggered: the kernel gives each ring to one receiver, in the order of the rings, and keeps a ring that no
+// receiver has read.
 //
 // Events carry the number of a client, and numbers are not used twice. So an event that outlives its client finds no
 // client.
@@ -40,10 +41,14 @@ public:
     /// Removes and ends a client. Returns: the client; null when it is not there any more. Threads: any.
     std::shared_ptr<ChannelClient> Remove(std::uint64_t clientId) noexcept EXCLUDES(mutex);
 
+    /// Wakes all receivers. Idempotent. Threads: any.
+    void StopReceiving() noexcept;
+
     /// Wakes all receivers, removes and ends all clients. Returns: false when that was done before. Threads: any.
     bool Close() noexcept EXCLUDES(mutex);
 
     bool IsClosed(std::memory_order order) const noexcept { return isClosed.load(order); }
+    bool IsReceiving() const noexcept { return isReceiving.load(std::memory_order_acquire); }
     std::size_t Count() const noexcept { return count.load(std::memory_order_relaxed); }
 
     /// Waits for one event, and claims the request of the client that rang. Returns: the client; null when there was no
@@ -65,8 +70,9 @@ private:
 
     const Channel::DeadClient deadClient;
     const UniqueFd epoll;
-    const UniqueFd closed;
+    const UniqueFd ended;
     const UniqueFd kick;
+    std::atomic<bool> isReceiving{true};
     std::atomic<bool> isClosed{false};
     std::atomic<std::size_t> count{0}; ///< of clients; changed under the mutex
     mutable common::Mutex mutex;

@@ -116,6 +116,9 @@ std::int32_t Channel::Receive(nk_message* request) noexcept {
                 owed.Add(state.get(), std::move(client));
                 return KnStatusOk;
             }
+            if (!state->clients.IsReceiving()) {
+                return KnStatusClosed;
+            }
             client = state->ClaimNext(request);
         }
         if (client) {
@@ -131,6 +134,10 @@ std::int32_t Channel::Reply(const nk_message* response) noexcept {
         return KnStatusClosed;
     }
     return client ? client->Reply(*response) : KnStatusInvalidArgument;
+}
+
+void Channel::StopReceiving() noexcept {
+    state->clients.StopReceiving();
 }
 
 void Channel::Close() noexcept {

@@ -45,6 +45,10 @@ public:
     std::int32_t Receive(nk_message* request) noexcept;
     std::int32_t Reply(const nk_message* response) noexcept;
 
+    /// Makes every blocked or later receive return KnStatusClosed. Clients stay, and received requests can be replied
+    /// to. Idempotent. Threads: any.
+    void StopReceiving() noexcept;
+
     /// Wakes all receivers and ends all clients. Idempotent. Threads: any.
     void Close() noexcept;
 
