@@ -20,7 +20,7 @@ def EscapedForMake(path):
 
 
 def OwnFiles():
-    """The compiler itself, on which its output depends as well."""
+    """The compiler's own files, on which the output depends too."""
     folder = Path(__file__).resolve().parent
     return sorted(file for pattern in ("*.py", "*.lark", "templates/*.j2") for file in folder.glob(pattern))
 
@@ -30,7 +30,7 @@ def Main(argv=None):
     parser.add_argument("file", help="IDL file that defines the entity or uses the file that does")
     parser.add_argument("--entity", required=True, help="qualified name of the entity, such as br.MessageBus")
     parser.add_argument("--output", required=True, type=Path, help="folder for the generated files")
-    parser.add_argument("--depfile", type=Path, help="write what the output depends on, in the form make reads")
+    parser.add_argument("--depfile", type=Path, help="write the files that the output depends on, as a makefile rule")
     arguments = parser.parse_args(argv)
 
     try:

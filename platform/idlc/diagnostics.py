@@ -1,4 +1,4 @@
-"""Where something stands in an IDL text, and what is wrong with it."""
+"""Errors in an IDL text and their positions."""
 
 from dataclasses import dataclass
 
@@ -14,7 +14,7 @@ class Position:
 
 
 class IdlError(Exception):
-    """A fault of the input, for the person who wrote it."""
+    """An error in the input; its text begins with the position."""
 
     def __init__(self, position, message):
         super().__init__(f"{position}: {message}")

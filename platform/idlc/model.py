@@ -1,4 +1,4 @@
-"""Tree to checked model: follows `use`, resolves names, lays the records out and refuses what cannot be generated."""
+"""Tree to checked model: follows `use`, resolves names, lays the records out and rejects what cannot be generated."""
 
 from dataclasses import dataclass
 from pathlib import Path
@@ -10,8 +10,9 @@ HEADER_SIZE = 24  # nk_message; method fields begin here
 HEADER_ALIGNMENT = 4
 RECORD_SIZE = 1056  # every record travels in a buffer of this size
 ERROR_REPLY_SIZE = 32  # header and the first eight bytes, of which an error reply uses two
+LONGEST_CONNECTION = 255  # bytes; platforms use the name as a file name
 
-# Names that generated code uses next to the fields of a method.
+# Names that generated code uses beside the fields of a method.
 RESERVED_FIELD_NAMES = {"header", "transport", "exchange", "status"}
 
 CPP_KEYWORDS = set(
@@ -84,11 +85,18 @@ class Component:
 
 
 @dataclass(frozen=True)
+class Connection:
+    doc: list
+    name: str
+
+
+@dataclass(frozen=True)
 class Entity:
     doc: list
     cppName: str
     memberName: str
     component: Component
+    connection: Connection | None  # the static connection that serves every interface
 
 
 def CppName(qualifiedName):
@@ -100,7 +108,7 @@ def RoundUp(value, alignment):
 
 
 def ReadText(path, position):
-    """Reads a file; `position` is where it was asked for."""
+    """Reads a file; `position` is that of its `use`."""
     try:
         if Path(path).exists() and not Path(path).is_file():  # a pipe would never end
             raise ValueError
@@ -138,7 +146,7 @@ def Load(path):
 
 
 class Checker:
-    """Builds the model out of the definitions and collects every fault on the way."""
+    """Builds the model from the definitions and collects every error."""
 
     def __init__(self, definitions):
         self.errors = []
@@ -239,8 +247,24 @@ class Checker:
             members.append(Member(member.doc, member.name.text, index, service, interfaces[member.type.text]))
         return Component(component.doc, CppName(component.name.text), members)
 
+    def BuildConnection(self, entity):
+        """Returns: the entity's static connection, None when it has none."""
+        for repeated in entity.connections[1:]:
+            self.Fault(repeated.name.position, f"expected one connection for each entity, but '{entity.name.text}' has "
+                                               f"one at {entity.connections[0].name.position}")
+        for connection in entity.connections[:1]:
+            name = connection.name.text
+            # Generated code quotes the name as it is, so it must need no escapes.
+            isPlain = name.isprintable() and "/" not in name and "\\" not in name and name not in (".", "..")
+            if not isPlain or len(name.encode("utf-8")) > LONGEST_CONNECTION:
+                self.Fault(connection.name.position,
+                           f"expected a connection name of 1 to {LONGEST_CONNECTION} bytes: printable, without '/' or "
+                           f"'\\', other than '.' and '..'")
+            return Connection(connection.doc, name)
+        return None
+
     def Build(self):
-        """Returns: the entities by their qualified name. Raises the list of faults as one."""
+        """Returns: the entities by their qualified name. Raises a group of all errors."""
         of = {kind: {name: value for name, value in self.definitions.items() if isinstance(value, kind)}
               for kind in (syntax.Interface, syntax.Component, syntax.Entity)}
         interfaces = {name: self.BuildInterface(value) for name, value in of[syntax.Interface].items()}
@@ -248,9 +272,10 @@ class Checker:
         entities = {}
         for name, entity in of[syntax.Entity].items():
             self.ExpectUsable(entity.member.name, set())
+            connection = self.BuildConnection(entity)
             if self.Resolve(entity.member.type, syntax.Component) is not None:
                 entities[name] = Entity(entity.doc, CppName(name), entity.member.name.text,
-                                        components[entity.member.type.text])
+                                        components[entity.member.type.text], connection)
         if self.errors:
             raise ExceptionGroup("faults of the input", sorted(self.errors, key=lambda error: error.position))
         return entities

@@ -19,7 +19,7 @@ LINE_WIDTH = 120
 
 
 def Declarations(fields):
-    """Fields as members of their record, each with its offset."""
+    """Fields as members of their record, each with its offset in a comment."""
     members = [f"char {field.name}[{field.length}];" if field.length else f"{field.cppType} {field.name};"
                for field in fields]
     width = max((len(member) for member in members), default=0)

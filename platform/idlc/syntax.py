@@ -1,4 +1,4 @@
-"""Text to tree: parses one IDL file. Nothing is looked up or checked here beyond the grammar."""
+"""Text to tree: parses one IDL file. Checks the grammar only; model.py resolves names and checks their meaning."""
 
 from dataclasses import dataclass
 from pathlib import Path
@@ -9,12 +9,13 @@ from diagnostics import IdlError, Position
 
 LONGEST_NUMBER = 9  # digits; far beyond any size that fits a record
 
-# What each terminal is called in an error, in the order in which alternatives are listed.
+# The name of each terminal in an error, in the order in which an error lists alternatives.
 DESCRIPTIONS = {
     "_USE": "'use'",
     "_INTERFACE": "'interface'",
     "_COMPONENT": "'component'",
     "_ENTITY": "'entity'",
+    "_CONNECTION": "'connection'",
     "IN": "'in'",
     "OUT": "'out'",
     "QUALIFIED_NAME": "a qualified name such as br.MessageBus",
@@ -25,6 +26,7 @@ DESCRIPTIONS = {
     "STRING_TYPE": "string<SIZE>",
     "NUMBER": "a number",
     "FILE_NAME": "a file name in double quotes",
+    "CONNECTION_NAME": "a connection name in double quotes",
     "LBRACE": "'{'",
     "RBRACE": "'}'",
     "LPAR": "'('",
@@ -91,10 +93,17 @@ class Component:
 
 
 @dataclass(frozen=True)
+class Connection:
+    doc: list
+    name: Name
+
+
+@dataclass(frozen=True)
 class Entity:
     doc: list
     name: Name
     member: Member
+    connections: list  # the grammar allows any number, the model one
 
 
 @lark.v_args(inline=True)
@@ -108,8 +117,10 @@ class TreeBuilder(lark.Transformer_NonRecursive):
 
     QUALIFIED_NAME = METHOD_NAME = FIELD_NAME = MEMBER_NAME = Name
 
-    def FILE_NAME(self, token):
+    def QuotedName(self, token):
         return Name(str(token)[1:-1], Position(self.file, token.line, token.column))
+
+    FILE_NAME = CONNECTION_NAME = QuotedName
 
     def start(self, *definitions):
         return list(definitions)
@@ -117,11 +128,11 @@ class TreeBuilder(lark.Transformer_NonRecursive):
     def doc(self, lines=None, comment=None):
         if comment is None:
             return []
-        # The text lands in comments of C++, where a control character or a trailing backslash would matter.
+        # The text becomes a C++ comment, where a control character or a trailing backslash would have an effect.
         lines.append("".join(c if c.isprintable() else " " for c in comment[3:]).strip(" \\"))
         return lines
 
-    item_doc = doc
+    item_doc = connection_doc = doc
 
     def direction(self, token):
         return str(token)
@@ -130,7 +141,7 @@ class TreeBuilder(lark.Transformer_NonRecursive):
         return Type(str(token), 0, Position(self.file, token.line, token.column))
 
     def string(self, token, number):
-        # A number too long to convert is out of range all the same, and the model says so.
+        # A number that is too long to convert is out of range too, which the model reports.
         length = int(number) if len(number) <= LONGEST_NUMBER else 10**LONGEST_NUMBER
         return Type(str(token), length, Position(self.file, number.line, number.column))
 
@@ -143,10 +154,13 @@ class TreeBuilder(lark.Transformer_NonRecursive):
     def component(self, doc, name, *members):
         return Component(doc, name, list(members))
 
+    def entity(self, doc, name, member, *connections):
+        return Entity(doc, name, member, list(connections))
+
     use = Use
     field = Field
     member = Member
-    entity = Entity
+    connection = Connection
 
 
 PARSER = lark.Lark(

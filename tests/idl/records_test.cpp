@@ -1,11 +1,13 @@
-// Defends the wire format: every record, offset and size that clients built against it rely on, in literal numbers.
-// The generated header asserts its own layout too, but out of the IDL; these numbers do not follow the IDL.
+// Defends the wire format: every record, offset, size, name and error result that clients rely on, in literals. The
+// generated header asserts its layout too, but with numbers from the IDL; these do not follow the IDL.
 #include "br_MessageBus.h"
 
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
+#include <limits>
 #include <string>
 
 namespace {
@@ -157,6 +159,40 @@ TEST(Records, InterfaceTable_TellsTypeServiceIndexAndMethodCount) {
         EXPECT_EQ(br_MessageBus_interfaces[i].iid, rows[i].iid);
         EXPECT_EQ(br_MessageBus_interfaces[i].methodCount, rows[i].methodCount);
     }
+}
+
+TEST(Records, Connection_HasTheNameThatStaticClientsAskFor) {
+    EXPECT_STREQ(br_MessageBus_connection, "msgbus_connection_id");
+}
+
+TEST(Records, ErrorResults_AreTheNumbersOfTheWire) {
+    struct Row {
+        std::uint16_t value;
+        std::int32_t result;
+    };
+    const Row rows[] = {{0, -16384},   {1, -49152},           {8, -278528},
+                        {10, -344064}, {0x8000, -1073758208}, {0xFFFF, -2147467264}};
+    for (const auto& [value, result] : rows) {
+        EXPECT_EQ(br_MessageBus_ErrorResult(value), result) << value;
+        EXPECT_TRUE(br_MessageBus_IsErrorResult(result)) << value;
+        EXPECT_EQ(br_MessageBus_ErrorValue(result), value) << value;
+    }
+}
+
+TEST(Records, IsErrorResult_TestsBit14OfTheNegatedResult) {
+    for (const std::int32_t result :
+         {0, -1, -42, -0x3FFF, -0x8000, -0x10000, std::numeric_limits<std::int32_t>::min()}) {
+        EXPECT_FALSE(br_MessageBus_IsErrorResult(result)) << result;
+    }
+    for (const std::int32_t result : {1, -0x4000, -0x4001, -0x7FFF, -0xC000}) {
+        EXPECT_TRUE(br_MessageBus_IsErrorResult(result)) << result;
+    }
+}
+
+TEST(Records, ErrorValue_IsTheSixteenBitsAboveBit14OfTheNegatedResult) {
+    EXPECT_EQ(br_MessageBus_ErrorValue(-0x7FFF), 0);
+    EXPECT_EQ(br_MessageBus_ErrorValue(-0xFFFF), 1);
+    EXPECT_EQ(br_MessageBus_ErrorValue(1), 0xFFFF); // bit 31 of the negated result is dropped
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-"""Runs the compiler inside the test's own process, as its command line would."""
+"""Runs the compiler in the test's process, as its command line would."""
 
 import contextlib
 import importlib.util

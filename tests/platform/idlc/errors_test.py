@@ -1,6 +1,6 @@
-"""Defends the compiler's answers to bad input: the place, what was expected there, exit status 1, no output.
+"""Defends the compiler's errors for bad input: position, what was expected there, exit status 1, no output.
 
-Each case is a text and the one error that it must give, behind the name of the file."""
+Each case is a text and the one error that it must give, without the name of the file."""
 
 import subprocess
 import sys
@@ -22,6 +22,15 @@ QUALIFIED = "a qualified name such as br.MessageBus"
 METHOD = "a method name that begins with a capital letter"
 FIELD = "a field name that begins with a small letter"
 MEMBER = "a member name that begins with a small letter"
+CONNECTION = "a connection name in double quotes"
+PLAIN = "a connection name of 1 to 255 bytes: printable, without '/' or '\\', other than '.' and '..'"
+
+
+
+def Connected(name):
+    """A text that is good up to the name of its connection, which begins at 3:35."""
+    return GOOD_INTERFACE + GOOD_COMPONENT + f"entity br.E {{ c: br.C; connection {name}; }}\n"
+
 
 SYNTAX = {
     # Definitions
@@ -78,8 +87,17 @@ SYNTAX = {
     "component br.C { a: A; }": f"1:21: expected {QUALIFIED}, found 'A'",
     "component br.C { a: br.A }": "1:26: expected ';', found '}'",
     "entity br.E {}": f"1:14: expected {MEMBER}, found '}}'",
-    "entity br.E { a: br.C; b: br.C; }": "1:24: expected '}', found 'b'",
-    "entity br.E { a: br.C;": "1:23: expected '}', found the end of the file",
+    "entity br.E { a: br.C; b: br.C; }": "1:24: expected 'connection' or '}', found 'b'",
+    "entity br.E { a: br.C;": "1:23: expected 'connection' or '}', found the end of the file",
+    # Connections
+    'entity br.E { connection "x"; a: br.C; }': "1:26: expected ':', found '\"x\"'",
+    "entity br.E { a: br.C; connection: br.C; }": f"1:34: expected {CONNECTION}, found ':'",
+    "entity br.E { a: br.C; connection x; }": f"1:35: expected {CONNECTION}, found 'x'",
+    'entity br.E { a: br.C; connection ""; }': f"1:35: expected {CONNECTION}, found '\"'",
+    'entity br.E { a: br.C; connection "x\n"; }': f"1:35: expected {CONNECTION}, found '\"'",
+    'entity br.E { a: br.C; connection "x" }': "1:39: expected ';', found '}'",
+    "entity br.E { a: br.C; /// text\n}": "2:1: expected 'connection', found '}'",
+    'component br.C { a: br.A; connection "x"; }': "1:38: expected ':', found '\"x\"'",
     "interface br.A { M(); } " + "x" * 100: f"1:25: expected {DEFINITION}, found '{'x' * 40}...'",
 }
 
@@ -112,6 +130,17 @@ SEMANTICS = {
         "4:21: expected an interface, but 'br.E' is defined at {file}:3:8 as entity",
     GOOD_INTERFACE + "component br.C { a: br.A; b: br.A; }":
         "2:30: expected each interface once, but 'br.A' is already the type of 'a'",
+    # Connections
+    Connected('"x"; connection "y"'):
+        "3:51: expected one connection for each entity, but 'br.E' has one at {file}:3:35",
+    Connected('"a/b"'): f"3:35: expected {PLAIN}",
+    Connected('"a\\b"'): f"3:35: expected {PLAIN}",
+    Connected('"a\tb"'): f"3:35: expected {PLAIN}",
+    Connected('"a\u202eb"'): f"3:35: expected {PLAIN}",
+    Connected('"."'): f"3:35: expected {PLAIN}",
+    Connected('".."'): f"3:35: expected {PLAIN}",
+    Connected(f'"{"x" * 256}"'): f"3:35: expected {PLAIN}",
+    Connected(f'"{"é" * 128}"'): f"3:35: expected {PLAIN}",
     # Sizes
     "interface br.A { M(in x: string<0>); }": "1:33: expected a string size from 2 to 1032, its NUL included",
     "interface br.A { M(in x: string<1>); }": "1:33: expected a string size from 2 to 1032, its NUL included",
@@ -157,6 +186,24 @@ class Errors(unittest.TestCase):
 
     def test_the_good_text_compiles(self):
         self.file.write_text(GOOD, encoding="utf-8")
+        self.assertEqual(Compile(self.file, "br.E", self.output), (0, []))
+
+    def test_a_connection_name_may_have_255_bytes_and_every_printable_character_but_two(self):
+        for name in ["x" * 255, "é" * 127 + "x", "a", "...", "entity", "a b", "".join(chr(c) for c in range(32, 127))]:
+            with self.subTest(name):
+                name = name.translate({ord(c): None for c in '"/\\'})
+                self.file.write_text(Connected(f'"{name}"'), encoding="utf-8")
+                self.assertEqual(Compile(self.file, "br.E", self.output), (0, []))
+                self.assertIn(f'br_E_connection = "{name}";', (self.output / "br_E.h").read_text(encoding="utf-8"))
+
+    def test_an_entity_without_a_connection_has_no_constant_for_one(self):
+        self.file.write_text(GOOD, encoding="utf-8")
+        self.assertEqual(Compile(self.file, "br.E", self.output), (0, []))
+        self.assertNotIn("br_E_connection", (self.output / "br_E.h").read_text(encoding="utf-8"))
+
+    def test_a_member_may_be_called_connection(self):
+        self.file.write_text(GOOD_INTERFACE + "component br.C { connection: br.A; }\n"
+                             + 'entity br.E { connection: br.C; connection "x"; }', encoding="utf-8")
         self.assertEqual(Compile(self.file, "br.E", self.output), (0, []))
 
     def test_each_fault_is_reported_once_where_it_stands(self):

@@ -1,5 +1,5 @@
-"""Defends the compiler with texts that nobody wrote: generated ones that are right compile, with every record laid out as
-docs/idl.md says; those that break one rule give the error at its place.
+"""Defends the compiler with generated texts: right ones compile, with every record laid out as docs/idl.md says; those that
+break one rule give the error at its place.
 
 IDLC_SEED repeats a run, which prints it; IDLC_GENERATED sets how many texts are tried."""
 
@@ -16,7 +16,8 @@ from mutation_test import ERROR, Edit
 SEED = int(os.environ.get("IDLC_SEED", "20240811"))
 ROUNDS = int(os.environ.get("IDLC_GENERATED", "120"))
 HEADER, RECORD = 24, 1056
-SMALL = ["a", "in", "out", "use", "string", "int8", "component", "x1", "self", "request", "record", "size", "ops", "std"]
+SMALL = ["a", "in", "out", "use", "string", "int8", "component", "connection", "x1", "self", "request", "record", "size",
+         "ops", "std"]
 INTEGERS = [f"{sign}int{bits}" for sign in ("", "u") for bits in (8, 16, 32, 64)]
 
 
@@ -25,7 +26,7 @@ def RoundUp(value, alignment):
 
 
 class Source:
-    """A set of files that define the entity gen.E, and what has to come out."""
+    """A set of files that define the entity gen.E, and the expected output."""
 
     def __init__(self, dice):
         self.dice = dice
@@ -34,13 +35,15 @@ class Source:
         interfaces = [self.Interface(number) for number in range(dice.randrange(1, 5))]
         names = [f"File{number}.idl" for number in range(len(interfaces))]
         for number, (name, lines) in enumerate(zip(names, interfaces)):
-            # Any others and itself: each is read once.
+            # Any others, or itself: each is read once.
             self.files[name] = [f'use "{dice.choice(names)}";' for _ in range(dice.randrange(3))] + lines
         members = [f"    {member}: gen.I{number};"
                    for number, member in enumerate(dice.sample(SMALL, len(interfaces)))]
         dice.shuffle(members)
+        self.connection = dice.choice((None, "a", "x" * dice.randrange(1, 256)))
+        line = f'connection "{self.connection}"; ' if self.connection else ""
         self.files["Top.idl"] = ([f'use "{name}";' for name in names] + ["component gen.C {"] + members
-                                 + ["}", f"entity gen.E {{ {dice.choice(SMALL)}: gen.C; }}"])
+                                 + ["}", f"entity gen.E {{ {dice.choice(SMALL)}: gen.C; {line}}}"])
 
     def Interface(self, number):
         lines = [f"interface gen.I{number} {{"]
@@ -113,7 +116,7 @@ class Generated(unittest.TestCase):
         folder.mkdir()
         return folder, Source(self.dice)
 
-    def test_a_text_that_is_right_compiles_and_its_records_have_their_sizes(self):
+    def test_a_text_that_is_right_compiles_to_its_connection_and_to_records_of_their_sizes(self):
         for number in range(ROUNDS):
             folder, source = self.Round(number)
             source.Write(folder)
@@ -122,6 +125,8 @@ class Generated(unittest.TestCase):
                 records = (folder / "output" / "gen_E.h").read_text()
                 sizes = re.findall(r"static_assert\(sizeof\((gen_I\d_M\d_re[qs])\) == (\d+)\)", records)
                 self.assertEqual(source.sizes, {name: int(size) for name, size in sizes})
+                self.assertEqual([source.connection] if source.connection else [],
+                                 re.findall(r'gen_E_connection = "(\w+)";', records))
 
     def test_a_text_that_breaks_one_rule_gives_the_error_at_its_place(self):
         for number in range(ROUNDS):

@@ -1,4 +1,4 @@
-"""Defends the generated text: what a template change does to it shows as a difference to the files in golden/.
+"""Defends the generated code: a change of a template shows as a difference from the files in golden/.
 
 Run with --refresh to write those files anew."""
 
@@ -33,11 +33,12 @@ class Golden(unittest.TestCase):
 
 
 def Refresh():
+    with tempfile.TemporaryDirectory() as folder:
+        generated = Generate(folder)
     for path in GOLDEN.glob("*.golden"):
         path.unlink()
-    with tempfile.TemporaryDirectory() as folder:
-        for name, text in Generate(folder).items():
-            (GOLDEN / name).write_text(text, encoding="utf-8")
+    for name, text in generated.items():
+        (GOLDEN / name).write_text(text, encoding="utf-8")
 
 
 if __name__ == "__main__":

@@ -1,4 +1,5 @@
-"""Defends the compiler against any text: random edits of good texts compile or give placed errors, never a traceback.
+"""Defends the compiler against any text: random edits of good texts compile or give errors with a position, never a
+traceback.
 
 The edits come from a fixed seed; IDLC_MUTATIONS sets how many there are."""
 
@@ -16,9 +17,8 @@ from golden_test import GOLDEN
 SEED = 20240607
 ERROR = re.compile(r"[^\0]+:[1-9][0-9]*:[1-9][0-9]*: expected \S.*")
 STARTS = [(BUS_IDL, "MessageBus.idl", "br.MessageBus"), (GOLDEN, "Store.idl", "sample.Store")]
-WORDS = [b"interface", b"component", b"entity", b"use", b"in ", b"out ", b"string<", b">", b"int64", b"{", b"}", b"(",
-         b")", b";", b":", b",", b"///",
-         b"//", b'"', b"\0", b"\xff", b"\r", b"\n", b"\xef\xbb\xbf", b"99999999999", b"."]
+WORDS = [b"interface", b"component", b"entity", b"connection", b"use", b"in ", b"out ", b"string<", b">", b"int64", b"{",
+         b"}", b"(", b")", b";", b":", b",", b"///", b"//", b'"', b"\0", b"\xff", b"\r", b"\n", b"\xef\xbb\xbf", b"99999999999", b"."]
 
 
 def Edit(dice, data):
@@ -62,7 +62,7 @@ class Mutation(unittest.TestCase):
                     self.assertEqual(status == 1, bool(errors))
                     for error in errors:
                         self.assertRegex(error, ERROR)
-        # Both must happen often, or the edits are too wild or too tame to tell anything.
+        # Both must happen often: edits that are too wild or too tame test nothing.
         self.assertGreater(min(outcomes.values()), sum(outcomes.values()) // 20, outcomes)
 
 
