@@ -39,7 +39,7 @@ public:
     /// IWorker::Wait between two log lines.
     cor::ResultCode Wait(long subscriberId, std::string& topic, long& message);
 
-    /// The IPC result code of `code`: 0, or -(2 * code + 1) * 16384; anything but 0 to 10 counts as 10 and is logged.
+    /// Returns: 0 for 0; br_MessageBus_ErrorResult for 1 to 10; for any other code, which is logged, that of 10.
     std::int32_t ToIpcResultCode(cor::ResultCode code) const;
 
     std::shared_ptr<IProviderControl> GetProviderControl() const {

@@ -18,7 +18,7 @@ namespace message_bus {
 
 /// How clients reach the bus.
 enum class ConnectionType : std::int32_t {
-    Static = 0,  ///< one channel, registered as "msgbus_connection_id"
+    Static = 0,  ///< one channel, registered as br_MessageBus_connection
     Dynamic = 1, ///< services published by name, clients accepted at run time
 };
 

@@ -225,9 +225,7 @@ std::int32_t BosConnector::ToIpcResultCode(ResultCode code) const {
     // Intended: no lock guards the first use (this file is built without thread-safe statics).
     static const std::map<std::int32_t, std::uint16_t> table{{0, 0}, {1, 1}, {10, 10}, {2, 2}, {7, 7}, {3, 3},
                                                              {6, 6}, {9, 9}, {5, 5},   {8, 8}, {4, 4}};
-    const auto wire = [](std::uint16_t value) {
-        return value == 0 ? 0 : static_cast<std::int32_t>(0xFFFFC000U ^ (std::uint32_t{value} << 15));
-    };
+    const auto wire = [](std::uint16_t value) { return value == 0 ? 0 : br_MessageBus_ErrorResult(value); };
     const auto found = table.find(static_cast<std::int32_t>(code));
     if (found == table.end()) {
         Log(LogLevel::Error, "{}: Undefined ResultCode: {}", Tag, static_cast<std::int32_t>(code));

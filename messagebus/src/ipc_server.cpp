@@ -1,5 +1,6 @@
 #include "ipc_server.h"
 
+#include "cor/result_code.h"
 #include "diagnostics.h"
 #include "kn/status.h"
 #include "kn/task.h"
@@ -14,6 +15,7 @@
 
 namespace bos_ipc {
 
+using cor::ResultCode;
 using diagnostics::Check;
 using diagnostics::Log;
 using diagnostics::LogLevel;
@@ -21,13 +23,12 @@ using message_bus::ConnectionType;
 
 namespace {
 
-constexpr int Success = 0;
-constexpr int NoDispatchHandle = 5;
-constexpr int InitFailed = 6;
-constexpr int OtherFailure = 10;
+constexpr int Success = static_cast<int>(ResultCode::Success);
+constexpr int NoDispatchHandle = static_cast<int>(ResultCode::DispatchFailed);
+constexpr int InitFailed = static_cast<int>(ResultCode::InitFailed);
+constexpr int OtherFailure = static_cast<int>(ResultCode::Failed);
 
-constexpr auto StaticConnection = "msgbus_connection_id";
-constexpr auto SubscriberService = "br.MessageBusComponent.subs";
+constexpr auto SubscriberService = br_MessageBusComponent_subs_service;
 
 // One for the process: guards the workers of every IpcServer.
 std::mutex workersMutex;
@@ -55,9 +56,9 @@ int IpcServer::Init(br_MessageBus_component&& newEntity, br_MessageBusComponent_
         }
         // The order of publishing, which is not that of the interface ids.
         const std::vector<DynamicIpcDescriptor> descriptors{
-            {"br.MessageBusProvider", "br.MessageBusComponent.provider", 0},
-            {"br.MessageBusSubs", SubscriberService, 2},
-            {"br.MessageBusCtl", "br.MessageBusComponent.ctl", 1},
+            {br_MessageBusProvider_type, br_MessageBusComponent_provider_service, br_MessageBusComponent_provider_iid},
+            {br_MessageBusSubs_type, SubscriberService, br_MessageBusComponent_subs_iid},
+            {br_MessageBusCtl_type, br_MessageBusComponent_ctl_service, br_MessageBusComponent_ctl_iid},
         };
         std::array<char, 1024> name{};
         if (KnTaskGetName(name.data(), name.size()) != 0) {
@@ -73,7 +74,7 @@ int IpcServer::Init(br_MessageBus_component&& newEntity, br_MessageBusComponent_
 
 int IpcServer::InitStatic() {
     std::uint32_t iid = 0;
-    const KnHandle handle = ServiceLocatorRegister(StaticConnection, nullptr, 0, &iid);
+    const KnHandle handle = ServiceLocatorRegister(br_MessageBus_connection, nullptr, 0, &iid);
     if (handle == InvalidHandle) {
         Log(LogLevel::Error, "{}: ServiceLocatorRegister failed: Invalid handle", "InitStatic");
         return InitFailed;
@@ -355,7 +356,7 @@ int IpcServer::DispatchIpcServer() {
                 const auto found = connections.find(SubscriberService);
                 if (found == connections.end()) {
                     // Intended: the line names the interface, the look-up the service.
-                    Log(LogLevel::Error, "Cannot find handle for {}", "br.MessageBusSubs");
+                    Log(LogLevel::Error, "Cannot find handle for {}", br_MessageBusSubs_type);
                     return NoDispatchHandle;
                 }
                 handle = found->second;
