@@ -2,10 +2,13 @@
 
 #include "cor/result_code.h"
 
+#include <chrono>
+#include <optional>
 #include <set>
 #include <string>
 
-// The seams of the bus. A server program may wrap the first three before it hands them to the connector.
+// The seams of the bus. A server program may wrap IProvider, IProviderControl and IWorker before it hands them to the
+// connector.
 
 namespace message_bus {
 
@@ -60,7 +63,21 @@ public:
     virtual cor::ResultCode Wait(long subscriberId, std::string& topic, long& message) = 0;
 };
 
-/// What the bus needs of whoever connects it to its clients.
+/// Receiving without handing serving over.
+class [[gnu::visibility("default")]] IReadyWorker {
+public:
+    virtual ~IReadyWorker() = default;
+
+    /// Takes the subscriber's next message if it is queued now, or arrives within `linger`.
+    /// Returns: nothing, without a log line and with the outputs left alone, when there is none in time or the
+    /// subscriber is unknown: IWorker::Wait then answers. Otherwise what IWorker::Wait returns and logs, but for its
+    /// refusals: 0 with both outputs written; 1 unregistered meanwhile; 10.
+    /// Blocks: at most `linger`; with 0 at most 1 ms, where another wait takes the message that was seen. Threads: any.
+    virtual std::optional<cor::ResultCode> TryWait(long subscriberId, std::chrono::milliseconds linger,
+                                                   std::string& topic, long& message) = 0;
+};
+
+/// What the bus needs of the object that connects it to its clients.
 class [[gnu::visibility("default")]] IConnector {
 public:
     virtual ~IConnector() = default;
@@ -68,7 +85,7 @@ public:
     /// Starts serving requests and returns. Returns: 0; 6.
     virtual cor::ResultCode RunServer() = 0;
 
-    /// Called on a serving thread that is about to block: another one shall serve in its place. Returns: 0.
+    /// Makes another thread serve in place of the calling one, which is about to block. Returns: 0.
     virtual cor::ResultCode SwitchActiveIpcServer() = 0;
 
     /// True once the component is to shut down.

@@ -4,11 +4,13 @@
 #include "bus_interfaces.h"
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -39,7 +41,10 @@ struct Subscriber {
 ///
 /// Lock order: eventsMutex before publishersMutex and before the inbound queue's mutex; subscribersMutex before the
 /// inbound queue's and any subscriber queue's mutex. publishersMutex and subscribersMutex are never held together.
-class [[gnu::visibility("default")]] MessageBus final : public IProvider, public IProviderControl, public IWorker {
+class [[gnu::visibility("default")]] MessageBus final : public IProvider,
+                                                        public IProviderControl,
+                                                        public IWorker,
+                                                        public IReadyWorker {
 public:
     MessageBus() = default;
     MessageBus(const MessageBus&) = delete;
@@ -59,6 +64,9 @@ public:
     /// Hands serving over through the connector before it blocks; without a connector (the bus was never run) a wait
     /// that passes the look-up fails with 10.
     cor::ResultCode Wait(long subscriberId, std::string& topic, long& message) override;
+
+    std::optional<cor::ResultCode> TryWait(long subscriberId, std::chrono::milliseconds linger, std::string& topic,
+                                           long& message) override;
 
     /// Returns: the topic, empty when there is no such publisher. Threads: any.
     std::string GetPublisherTopicById(long publisherId) const;

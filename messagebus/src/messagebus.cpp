@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -12,6 +13,8 @@ namespace message_bus {
 using cor::ResultCode;
 using diagnostics::Log;
 using diagnostics::LogLevel;
+using diagnostics::LogSite;
+using std::chrono::milliseconds;
 
 namespace {
 
@@ -27,6 +30,39 @@ auto FindPublisher(const std::map<std::string, long>& publishers, long id) {
 
 auto FindSubscriber(const std::list<std::shared_ptr<Subscriber>>& subscribers, long id) {
     return std::find_if(subscribers.begin(), subscribers.end(), [id](const auto& entry) { return entry->id == id; });
+}
+
+// Every record of a wait carries the name of Wait, whichever function writes it: operators search for it.
+LogSite WaitSite(LogLevel level, int line = __builtin_LINE()) {
+    return {level, __FILE__, line, "Wait"};
+}
+
+void LogWaitCall(long subscriberId) {
+    // Contract: no tag, so a search for the tag does not find the first line of a wait.
+    Log(WaitSite(LogLevel::Debug), "Wait is called by subscriber ({})", subscriberId);
+}
+
+ResultCode FailedWait(const std::exception& error) {
+    Log(WaitSite(LogLevel::Error), "{}: {}", Tag, error.what());
+    return ResultCode::Failed;
+}
+
+/// Ends a wait after its pop, which left `next` empty only if the queue is canceled. Writes both outputs or neither.
+ResultCode Deliver(const std::shared_ptr<Message>& next, bool isCanceled, std::string& topic, long& message) {
+    if (isCanceled) {
+        Log(WaitSite(LogLevel::Debug), "{}: Canceled", Tag);
+        return ResultCode::NotRegistered; // a message that was taken is dropped with the subscriber
+    }
+    std::string text = next->topic; // all that can fail, before either output is written
+    message = next->value;
+    topic = std::move(text);
+    return ResultCode::Success;
+}
+
+/// `linger` for BlockingQueue::Pop, which takes 0 as no limit.
+unsigned PopTimeoutMs(milliseconds linger) {
+    return static_cast<unsigned>(
+        std::clamp<milliseconds::rep>(linger.count(), 1, std::numeric_limits<unsigned>::max()));
 }
 
 } // namespace
@@ -207,7 +243,7 @@ void MessageBus::WakeEventsThread() noexcept {
 }
 
 ResultCode MessageBus::Wait(long subscriberId, std::string& topic, long& message) {
-    Log(LogLevel::Debug, "Wait is called by subscriber ({})", subscriberId); // intended: without the tag
+    LogWaitCall(subscriberId);
     // Intended: the same words for both refusals, under different codes.
     if (subscriberId == NoId) {
         Log(LogLevel::Error, "{}: The clientID is not registered", Tag);
@@ -225,17 +261,29 @@ ResultCode MessageBus::Wait(long subscriberId, std::string& topic, long& message
         connector->SwitchActiveIpcServer();
         std::shared_ptr<Message> next;
         subscriber->queue.Pop(next, 0);
-        if (subscriber->queue.IsCanceled()) {
-            Log(LogLevel::Debug, "{}: Canceled", Tag);
-            return ResultCode::NotRegistered; // a message that was taken is dropped with the subscriber
-        }
-        std::string text = next->topic; // all that can fail, before either output is written
-        message = next->value;
-        topic = std::move(text);
-        return ResultCode::Success;
+        return Deliver(next, subscriber->queue.IsCanceled(), topic, message);
     } catch (const std::exception& error) {
-        Log(LogLevel::Error, "{}: {}", Tag, error.what());
-        return ResultCode::Failed;
+        return FailedWait(error);
+    }
+}
+
+std::optional<ResultCode> MessageBus::TryWait(long subscriberId, milliseconds linger, std::string& topic,
+                                              long& message) {
+    try {
+        const auto subscriber = GetSubscriberPtrById(subscriberId);
+        if (!subscriber || (linger <= milliseconds::zero() && subscriber->queue.Size() == 0)) {
+            return std::nullopt;
+        }
+        std::shared_ptr<Message> next;
+        const bool isTaken = subscriber->queue.Pop(next, PopTimeoutMs(linger));
+        const bool isCanceled = subscriber->queue.IsCanceled();
+        if (!isTaken && !isCanceled) {
+            return std::nullopt;
+        }
+        LogWaitCall(subscriberId);
+        return Deliver(next, isCanceled, topic, message);
+    } catch (const std::exception& error) {
+        return FailedWait(error);
     }
 }
 

@@ -66,6 +66,71 @@ void ExpectComplete(const std::vector<Value>& sequence, std::size_t publishers, 
     }
 }
 
+/// One way to take a subscriber's next value. Returns: 0; 1 when the subscriber is gone.
+using Take = std::function<ResultCode(MessageBus& bus, long subscriber, std::string& topic, long& value)>;
+
+ResultCode TakeBlocking(MessageBus& bus, long subscriber, std::string& topic, long& value) {
+    return bus.Wait(subscriber, topic, value);
+}
+
+/// Takes without blocking for longer than `linger`, again and again.
+Take TakeReady(std::chrono::milliseconds linger) {
+    return [linger](MessageBus& bus, long subscriber, std::string& topic, long& value) {
+        while (bus.GetSubscriberPtrById(subscriber)) {
+            if (const auto result = bus.TryWait(subscriber, linger, topic, value)) {
+                return *result;
+            }
+            std::this_thread::yield();
+        }
+        return ResultCode::NotRegistered;
+    };
+}
+
+/// Pushes values to one subscriber, which one thread for each of `ways` takes, and fails unless they share them.
+void ExpectSharedValues(MessageBus& bus, const std::vector<Take>& ways) {
+    constexpr long count = 3000;
+    long subscriber = 0;
+    long publisher = 0;
+    ASSERT_EQ(bus.RegisterSubscriber("reader", {"heat"}, subscriber), ResultCode::Success);
+    ASSERT_EQ(bus.RegisterPublisher("heat", publisher), ResultCode::Success);
+    std::atomic<long> taken{0};
+    std::vector<std::future<std::vector<long>>> readers;
+    for (const auto& take : ways) {
+        readers.push_back(std::async(std::launch::async, [&, take] {
+            std::vector<long> values;
+            std::string topic;
+            long value = 0;
+            while (take(bus, subscriber, topic, value) == ResultCode::Success) {
+                values.push_back(value);
+                ++taken;
+            }
+            return values;
+        }));
+    }
+    for (long value = 0; value < count; ++value) {
+        while (bus.Push(publisher, value) != ResultCode::Success) { // full: a rejected push wakes no thread
+            Nudge(bus);
+            std::this_thread::yield();
+        }
+    }
+    while (taken < count) {
+        Nudge(bus);
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(bus.UnregisterSubscriber(subscriber), ResultCode::Success);
+    std::vector<long> all;
+    for (auto& reader : readers) {
+        const auto values = reader.get();
+        EXPECT_TRUE(std::is_sorted(values.begin(), values.end()));
+        all.insert(all.end(), values.begin(), values.end());
+    }
+    std::sort(all.begin(), all.end());
+    ASSERT_EQ(all.size(), static_cast<std::size_t>(count));
+    for (long value = 0; value < count; ++value) {
+        EXPECT_EQ(all[static_cast<std::size_t>(value)], value);
+    }
+}
+
 TEST_F(ConcurrencyTest, EveryAcceptedPush_ReachesEachSubscriberOnceAndAllSeeTheSameOrder) {
     constexpr std::size_t publisherCount = 4;
     constexpr long perPublisher = 2000;
@@ -154,49 +219,18 @@ TEST_F(ConcurrencyTest, EveryAcceptedPush_ReachesEachSubscriberOnceAndAllSeeTheS
 }
 
 TEST_F(ConcurrencyTest, ConcurrentWaitsOfOneSubscriber_ShareItsValuesWithoutLossOrDoubling) {
-    constexpr long count = 3000;
     MessageBus bus;
     Start(bus);
-    long subscriber = 0;
-    long publisher = 0;
-    ASSERT_EQ(bus.RegisterSubscriber("reader", {"heat"}, subscriber), ResultCode::Success);
-    ASSERT_EQ(bus.RegisterPublisher("heat", publisher), ResultCode::Success);
-    std::atomic<long> taken{0};
-    std::vector<std::future<std::vector<long>>> readers;
-    for (int i = 0; i < 3; ++i) {
-        readers.push_back(std::async(std::launch::async, [&] {
-            std::vector<long> values;
-            std::string topic;
-            long value = 0;
-            while (bus.Wait(subscriber, topic, value) == ResultCode::Success) {
-                values.push_back(value);
-                ++taken;
-            }
-            return values;
-        }));
-    }
-    for (long value = 0; value < count; ++value) {
-        while (bus.Push(publisher, value) != ResultCode::Success) { // full: a refused push wakes nobody
-            Nudge(bus);
-            std::this_thread::yield();
-        }
-    }
-    while (taken < count) {
-        Nudge(bus);
-        std::this_thread::yield();
-    }
-    EXPECT_EQ(bus.UnregisterSubscriber(subscriber), ResultCode::Success);
-    std::vector<long> all;
-    for (auto& reader : readers) {
-        const auto values = reader.get();
-        EXPECT_TRUE(std::is_sorted(values.begin(), values.end()));
-        all.insert(all.end(), values.begin(), values.end());
-    }
-    std::sort(all.begin(), all.end());
-    ASSERT_EQ(all.size(), static_cast<std::size_t>(count));
-    for (long value = 0; value < count; ++value) {
-        EXPECT_EQ(all[static_cast<std::size_t>(value)], value);
-    }
+    ExpectSharedValues(bus, {TakeBlocking, TakeBlocking, TakeBlocking});
+    test_support::StopEventsThread(bus);
+}
+
+TEST_F(ConcurrencyTest, ConcurrentWaitsAndTryWaitsOfOneSubscriber_ShareItsValuesWithoutLossOrDoubling) {
+    using std::chrono::milliseconds;
+    MessageBus bus;
+    Start(bus);
+    ExpectSharedValues(
+        bus, {TakeBlocking, TakeReady(milliseconds(0)), TakeReady(milliseconds(0)), TakeReady(milliseconds(1))});
     test_support::StopEventsThread(bus);
 }
 
