@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -43,6 +44,7 @@ public:
             notEmpty.wait_until(lock, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs), ready);
         }
         if (items.empty()) {
+            assert(canceled || timeoutMs != 0);
             return false;
         }
         element = std::move(items.front());

@@ -12,6 +12,7 @@
 
 #include <array>
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -46,7 +47,7 @@ struct GuardedRecord {
     void PrepareForReceive() noexcept { Message()->size = sizeof(Record); }
 
     Record record;
-    std::uint64_t guard;
+    std::uint64_t guard; ///< stays 0: no transport writes more than the record
 };
 
 /// Memory of a dispatcher's arena: an anonymous mapping that begins with its own length, with `usableBytes` behind it.
@@ -70,8 +71,9 @@ public:
 
     explicit operator bool() const noexcept { return base != nullptr; }
 
-    /// The arena with nothing in it.
+    /// The arena with nothing in it. Requires: the mapping was made.
     nk_arena Empty() const noexcept {
+        assert(base != nullptr);
         auto* const start = reinterpret_cast<char*>(base + 1);
         return {start, start, start + usableBytes};
     }
@@ -200,6 +202,7 @@ public:
                                     nk_arena requestArena = requestMemory.Empty();
                                     nk_arena responseArena = responseMemory.Empty();
                                     Check(NkBosTransport_Receive(&transport, request.Message(), &requestArena) == 0);
+                                    assert(request.guard == 0);
                                     Check(dispatch(entity, request.Message(), &requestArena, response.Message(),
                                                    &responseArena) == 0);
                                     Check(NkBosTransport_Reply(&transport, response.Message(), &responseArena) == 0);

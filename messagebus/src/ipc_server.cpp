@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstring>
 #include <utility>
 
@@ -246,6 +247,7 @@ int IpcServer::DispatchStatic() {
         Log(LogLevel::Error, "{}: NK transport received the error {}", self, received);
         return Success;
     }
+    assert(request.guard == 0);
     const std::int32_t dispatched =
         br_MessageBus_entity_dispatch(&entity, request.Message(), &requestArena, response.Message(), &responseArena);
     if (dispatched == KnStatusNoReply) {
@@ -338,6 +340,7 @@ void IpcServer::ServeOnce(unsigned handle) {
     nk_arena requestArena = requestMemory.Empty();
     nk_arena responseArena = responseMemory.Empty();
     Check(NkBosTransport_Receive(&channel, request.Message(), &requestArena) == 0);
+    assert(request.guard == 0);
     Check(br_MessageBus_entity_dispatch(&entity, request.Message(), &requestArena, response.Message(),
                                         &responseArena) == 0);
     Check(NkBosTransport_Reply(&channel, response.Message(), &responseArena) == 0);

@@ -3,6 +3,7 @@
 #include "diagnostics.h"
 
 #include <algorithm>
+#include <cassert>
 #include <chrono>
 #include <limits>
 #include <stdexcept>
@@ -53,6 +54,7 @@ ResultCode Deliver(const std::shared_ptr<Message>& next, bool isCanceled, std::s
         Log(WaitSite(LogLevel::Debug), "{}: Canceled", Tag);
         return ResultCode::NotRegistered; // a message that was taken is dropped with the subscriber
     }
+    assert(next);
     std::string text = next->topic; // all that can fail, before either output is written
     message = next->value;
     topic = std::move(text);
@@ -90,7 +92,8 @@ ResultCode MessageBus::RegisterPublisher(const std::string& topic, long& publish
         }
         std::string key = topic;
         const long id = ++lastId;
-        publishers.emplace(std::move(key), id);
+        [[maybe_unused]] const bool isNew = publishers.emplace(std::move(key), id).second;
+        assert(isNew);
         publisherId = id;
         Log(LogLevel::Debug, "{}: Publisher {} registered", Tag, id);
         return ResultCode::Success;
@@ -195,7 +198,9 @@ ResultCode MessageBus::Push(long publisherId, long message) {
             return ResultCode::Success; // intended: an unknown publisher is told success, silently
         }
         Log(LogLevel::Debug, "{}: New message ({}) has been pushed to queue", Tag, topic);
-        messageQueue.Enqueue(std::make_shared<Message>(std::move(topic), message));
+        [[maybe_unused]] const std::size_t queued =
+            messageQueue.Enqueue(std::make_shared<Message>(std::move(topic), message));
+        assert(queued != 0 && queued <= InboundLimit); // pushes take turns, and this queue is never canceled
         WakeEventsThread();
         return ResultCode::Success;
     } catch (const std::exception& error) {
@@ -219,7 +224,8 @@ void MessageBus::EventsProcessor() {
                 const std::lock_guard lock(subscribersMutex);
                 while (messageQueue.Size() != 0) {
                     std::shared_ptr<Message> message;
-                    messageQueue.Pop(message, 0); // cannot block: nobody else takes from this queue
+                    [[maybe_unused]] const bool isTaken = messageQueue.Pop(message, 0);
+                    assert(isTaken); // and did not block: only this thread takes from the queue
                     for (const auto& subscriber : subscribers) {
                         if (subscriber->topics.contains(message->topic)) {
                             subscriber->queue.Enqueue(message);

@@ -2,6 +2,7 @@
 
 #include "diagnostics.h"
 
+#include <cassert>
 #include <utility>
 
 namespace message_bus {
@@ -20,7 +21,9 @@ SubscribeHelper::SubscribeHelper(std::shared_ptr<IProviderControl> control) : pr
 
 ResultCode SubscribeHelper::StartSubscribing(const std::string& name, long& id) {
     const std::lock_guard lock(mutex);
-    registrations.try_emplace(nextRegistrationId, RegistrationItem{name, {}});
+    [[maybe_unused]] const bool isNew =
+        registrations.try_emplace(nextRegistrationId, RegistrationItem{name, {}}).second;
+    assert(isNew);
     id = nextRegistrationId;
     ++nextRegistrationId;
     return ResultCode::Success;
