@@ -10,12 +10,12 @@
 
 namespace message_bus {
 
-/// FIFO without a limit of its own, on which consumers block until an item arrives or the queue is canceled.
+/// Unlimited FIFO, on which consumers block until an item arrives or the queue is canceled.
 /// Threads: every operation from any thread.
 template <typename T>
 class BlockingQueue final {
 public:
-    /// Appends `element` at the back; a canceled queue drops it silently. Wakes every Pop either way.
+    /// Appends `element` at the back; a canceled queue drops it silently. Wakes every Pop in both cases.
     /// Returns: the number of items after the call.
     std::size_t Enqueue(T element) {
         std::list<T> node;
@@ -32,8 +32,8 @@ public:
         return size;
     }
 
-    /// Moves the front item into `element`. A canceled queue hands out what it still holds.
-    /// Returns: false, with `element` as it was, when there is nothing to hand out: canceled, or timed out.
+    /// Moves the front item into `element`. A canceled queue still hands out its items.
+    /// Returns: false, with `element` as it was, when the queue is empty: canceled, or timed out.
     /// Blocks: until an item arrives, the queue is canceled, or `timeoutMs` milliseconds have passed; 0: no limit.
     bool Pop(T& element, unsigned timeoutMs) {
         std::unique_lock lock(mutex);
@@ -57,7 +57,7 @@ public:
         return items.size();
     }
 
-    /// Ends every blocked Pop, and every later one that finds nothing. Cannot be undone.
+    /// Ends every blocked Pop, and every later one that finds the queue empty. Cannot be undone.
     void Cancel() {
         {
             const std::lock_guard lock(mutex);
@@ -75,7 +75,7 @@ public:
 private:
     mutable std::mutex mutex; // guards all below
     std::condition_variable notEmpty;
-    std::condition_variable notFull; // nobody waits on it: the queue has no capacity
+    std::condition_variable notFull; // no thread waits on it: the queue has no capacity
     bool canceled = false;
     std::list<T> items;
 };

@@ -15,10 +15,10 @@ namespace message_bus {
 
 class SubscribeHelper;
 
-/// Joins the bus to the platform's IPC: owns the IPC server, the handshake and what the method handlers call.
+/// Joins the bus to the platform's IPC: owns the IPC server, the handshake and the interfaces that the handlers call.
 /// Threads: Init before RunServer, on the hosting thread; everything else from any serving thread.
 /// Lifetime: the IPC server's workers use this object; it must outlive them.
-/// Not final: SwitchActiveIpcServer asks ShouldBeStopped of whatever derives from it.
+/// Not final: SwitchActiveIpcServer calls ShouldBeStopped of a derived class.
 class [[gnu::visibility("default")]] BosConnector : public IConnector {
 public:
     explicit BosConnector(std::shared_ptr<bos_ipc::IpcServer> server);
@@ -26,8 +26,8 @@ public:
     BosConnector& operator=(const BosConnector&) = delete;
     ~BosConnector() override;
 
-    /// Takes the interfaces that the handlers call and puts the bus on the IPC. A second call drops every subscription
-    /// that is under way.
+    /// Stores the interfaces that the handlers call and initialises the IPC server. A second call drops every
+    /// subscription that is under way.
     /// Returns: true when the IPC server is initialised.
     bool Init(std::shared_ptr<IProviderControl> newControl, std::shared_ptr<IProvider> newProvider,
               std::shared_ptr<IWorker> newWorker);

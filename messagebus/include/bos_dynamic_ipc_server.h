@@ -30,11 +30,11 @@ inline constexpr std::uint32_t NsInfiniteTimeout = 0xFFFFFFFF;
 /// Stack of every thread that serves: 1 MiB, rounded up to whole pages.
 inline std::size_t DispatcherStackSize() {
     constexpr std::size_t wanted = 0x100000;
-    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
     return (wanted + page - 1) / page * page;
 }
 
-/// A record and the zeros behind it, at which the scan of a string without terminator ends.
+/// A record with zeros behind it, which end the scan of a string without terminator.
 template <typename Record>
 struct GuardedRecord {
     GuardedRecord() noexcept {
@@ -55,7 +55,7 @@ template <std::size_t usableBytes>
 class ArenaMapping final {
 public:
     ArenaMapping() noexcept {
-        void* const mapping = mmap(nullptr, lengthBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        void* const mapping = ::mmap(nullptr, lengthBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (mapping != MAP_FAILED) {
             base = static_cast<std::uint64_t*>(mapping);
             *base = lengthBytes;
@@ -65,7 +65,7 @@ public:
     ArenaMapping& operator=(const ArenaMapping&) = delete;
     ~ArenaMapping() {
         if (base != nullptr) {
-            munmap(base, *base);
+            ::munmap(base, *base);
         }
     }
 
@@ -87,7 +87,7 @@ private:
 /// One service to publish.
 struct DynamicIpcDescriptor {
     std::string type;    ///< name of the interface, for the name server
-    std::string service; ///< name under which clients connect
+    std::string service; ///< name by which clients connect
     std::uint32_t iid;   ///< index of the interface within the component
 };
 
@@ -99,7 +99,7 @@ public:
     DynamicServer(const DynamicServer&) = delete;
     DynamicServer& operator=(const DynamicServer&) = delete;
 
-    /// Joins every dispatcher; one that is blocked in receive ends with its next request, or when its channel closes.
+    /// Joins every dispatcher. Blocks: a dispatcher in receive ends with its next request or when its channel closes.
     ~DynamicServer() {
         shutdown.exchange(true);
         for (auto& [handle, thread] : threads) {
@@ -113,7 +113,7 @@ public:
         }
     }
 
-    /// Publishes every service in order. What was published before a failure stays published.
+    /// Publishes every service in order. Services published before a failure stay published.
     /// Throws: tua::CheckFailedException.
     void Init(const std::string& serverName, const std::vector<DynamicIpcDescriptor>& descriptors) {
         using diagnostics::Check;
@@ -131,7 +131,7 @@ public:
     }
 
     /// Waits for one connection request and accepts it; a service in `accepted` keeps the channel it has there.
-    /// Returns: service and channel, or nothing: no request in time, or the client could not be accepted.
+    /// Returns: service and channel; nothing when no request came in time or the client could not be accepted.
     /// Throws: tua::CheckFailedException for a service that was not published.
     /// Blocks: up to ListenTimeoutMs.
     std::optional<std::pair<std::string, unsigned>>
@@ -169,8 +169,8 @@ public:
         return std::pair(std::move(service), handle);
     }
 
-    /// Starts a thread that serves `handle` for `entity` through `dispatch`, unless there is one. The thread ends when
-    /// receive, dispatch or reply fails, or after the first reply that finds the server going down.
+    /// Starts a thread that serves `handle` for `entity` through `dispatch`, unless `handle` ever had one. The thread
+    /// ends when receive, dispatch or reply fails, or after the first reply that follows the start of the destructor.
     /// Throws: boost::thread_resource_error.
     template <typename Request, std::size_t requestArenaSize, typename Response, std::size_t responseArenaSize,
               typename Entity, typename DispatchFunction>
@@ -222,7 +222,7 @@ private:
 
     std::atomic<bool> shutdown{false};
     std::unordered_map<std::string, std::uint32_t> services; // name to iid; fixed after Init
-    std::unordered_map<unsigned, boost::thread> threads;     // by channel; only AddIpcThread and the destructor
+    std::unordered_map<unsigned, boost::thread> threads;     // by channel; used by AddIpcThread and the destructor only
 };
 
 } // namespace bos_ipc

@@ -15,9 +15,9 @@ namespace diagnostics {
 
 using bos::logger::LogLevel;
 
-/// Level and place of a log call. Converts from the level alone, so that the place is the caller's.
+/// Level and place of a log call. Converts from a level, and takes the caller's place then.
 struct LogSite {
-    // The compiler's built-ins, because std::source_location spells a function with its whole signature.
+    // The compiler's built-ins, because std::source_location gives the function's whole signature.
     constexpr LogSite(LogLevel siteLevel, const char* siteFile = __builtin_FILE(), int siteLine = __builtin_LINE(),
                       const char* siteFunction = __builtin_FUNCTION())
         : level(siteLevel), file(siteFile), line(siteLine), function(siteFunction) {}
@@ -29,7 +29,7 @@ struct LogSite {
 };
 
 /// Formats and writes one record if its level is enabled; a disabled level costs one virtual call.
-/// Throws: what formatting or the back end throws; nothing is caught here.
+/// Throws: what formatting or the back end throws.
 /// Threads: any.
 template <typename... Args>
 void Log(const LogSite& site, fmt::format_string<Args...> pattern, Args&&... args) {
@@ -49,7 +49,7 @@ inline void Check(bool condition, std::string_view message = {}, const char* fil
     }
 }
 
-/// What a log line tells of `exception`: "what - message. At file(line) ", without the parts that it does not have.
+/// `exception` as log lines show it: "what - message. At file(line) ", without the parts that it does not have.
 inline std::string Describe(const tua::Exception& exception) {
     using tua::text::Cast;
     std::u16string text = Cast<std::u16string>(std::string_view(exception.what()));
@@ -63,7 +63,7 @@ inline std::string Describe(const tua::Exception& exception) {
     return Cast<std::string>(std::u16string_view(text));
 }
 
-/// An exception as the argument of a log line: described only when the line is written.
+/// An exception as an argument of Log: described only when the line is written.
 struct Described {
     const tua::Exception& exception;
 };

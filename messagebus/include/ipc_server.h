@@ -31,62 +31,64 @@ struct WorkerThread {
     static constexpr std::uint32_t MayGoOn = 0xFFFFFFFF;
 
     boost::thread thread;                               // guarded by the pool's mutex
-    std::atomic<std::uint32_t> shutdownMarker{MayGoOn}; // anything else: end after the current cycle
-    unsigned handle = InvalidHandle;                    // channel served in dynamic mode; the worker's own
+    std::atomic<std::uint32_t> shutdownMarker{MayGoOn}; // any other value: end after the current cycle
+    unsigned handle = InvalidHandle;                    // channel served in dynamic mode; used by the worker only
 };
 
-/// Puts the bus on the platform's IPC: publishes it, and serves it on a pool of workers. The pool starts with one
-/// worker and grows by one whenever a worker is about to block; a worker that ends is joined and removed by a
-/// short-lived detached thread.
+/// Publishes the bus on the platform's IPC and serves it on a pool of workers. The pool starts with one worker and
+/// grows by one whenever a worker is about to block. A short-lived detached thread joins and removes each worker that
+/// ends.
 ///
 /// Threads: construction, Init and Run on the hosting thread, in that order; see docs/threading.md for the rest.
 class [[gnu::visibility("default")]] IpcServer final {
 public:
-    /// A failure ends the process.
+    /// Calls nothing of the platform. A failure ends the process.
     explicit IpcServer(message_bus::ConnectionType type) noexcept;
     IpcServer(const IpcServer&) = delete;
     IpcServer& operator=(const IpcServer&) = delete;
 
-    /// Sets the stop signal and waits until every worker has ended: one that is blocked in receive ends with its next
-    /// request or when its channel closes, one that listens within ListenTimeoutMs.
+    /// Sets the stop signal and waits for every worker.
+    /// Blocks: a worker in receive ends with its next request or when its channel closes, one that listens within
+    /// ListenTimeoutMs.
     ~IpcServer();
 
-    /// Takes the records to serve, then registers the static channel or publishes the services.
+    /// Stores the records to serve, then registers the static channel or publishes the services.
     /// Returns: 0; 6; 10 when the task has no name.
     int Init(br_MessageBus_component && newEntity, br_MessageBusComponent_component && newComponent);
     int InitStatic();
     int InitDynamic(const std::string& serverName, const std::vector<DynamicIpcDescriptor>& descriptors);
 
-    /// Starts the first worker and returns; does not check that Init succeeded.
+    /// Starts the first worker and returns. Contract: does not check that Init succeeded, so a static worker may serve
+    /// a transport without a channel.
     /// Returns: 0; 10.
     int Run();
 
-    /// Asks every worker loop to end before its next cycle. Cannot be undone. Threads: any.
+    /// Makes every worker loop end before its next cycle. Cannot be undone. Threads: any.
     void SetStopSignal();
     bool ShouldBeStopped();
 
-    /// Starts a worker in place of the calling one, for the same connection.
+    /// Starts a worker in place of the calling one, on the same connection.
     /// Returns: 0; 5 when no subscriber connection is known; 10.
     /// Threads: workers.
     int DispatchIpcServer();
 
-    /// Tells the calling worker to end after its current cycle.
-    /// Returns: 0; 10 when the caller is no worker.
+    /// Marks the calling worker to end after its current cycle.
+    /// Returns: 0; 10 when the calling thread is no worker.
     int ShutdownIpcServer();
 
     // The pool.
 
-    /// Starts one worker that runs `fn`, which must catch what it throws: an exception that leaves it ends the process.
-    /// A failure to start is logged; its record may stay behind, and then WaitAllThreads does not return (intended).
+    /// Starts one worker that runs `fn`. Contract: an exception that leaves `fn` ends the process. A failure to start
+    /// is logged, and the record that it may leave behind keeps WaitAllThreads from returning.
     void CreateThread(std::function<void()> fn);
 
     /// Returns: the calling worker's record; empty for any other thread.
     std::shared_ptr<WorkerThread> GetCurrentIpcThread() const;
 
-    /// Repeats `fn` until the stop signal (tested before each call) or the worker's marker (tested after it).
+    /// Repeats `fn` until the stop signal is set, tested before each call, or the worker's marker, tested after it.
     void RunLoop(std::function<void()> fn);
 
-    /// Joins the worker `id` of `server` and erases its record; does nothing when it is no longer listed.
+    /// Joins the worker `id` of `server` and erases its record; does nothing when the pool does not list it.
     static void RemoveThread(boost::thread::id id, IpcServer * server);
 
     /// Blocks until the pool is empty.

@@ -22,22 +22,22 @@ namespace message_bus {
 struct Message {
     Message(std::string messageTopic, long messageValue) : topic(std::move(messageTopic)), value(messageValue) {}
 
-    std::string topic; ///< of its publisher, at the time of the push
+    std::string topic; ///< its publisher's, at the time of the push
     long value;
 };
 
-/// Fixed after registration, but for the queue. Outlives its registration while a Wait still holds it.
+/// One registered subscriber: constant but for its queue. Outlives its registration while a wait holds it.
 struct Subscriber {
     long id = -1;
     std::string name; ///< not necessarily unique
     std::unordered_set<std::string> topics;
-    BlockingQueue<std::shared_ptr<Message>> queue; ///< no limit: it grows until the subscriber waits or unregisters
+    BlockingQueue<std::shared_ptr<Message>> queue; ///< unlimited: grows until the subscriber waits or unregisters
 };
 
-/// The heart of the component: the registry of publishers and subscribers, the inbound queue, and the events thread
-/// that fans each message out to the queues of the subscribers of its topic.
+/// The registry of publishers and subscribers, the inbound queue, and the events thread that puts each message into the
+/// queues of its topic's subscribers.
 ///
-/// Nothing expires by itself: a client that goes away without unregistering leaves its records behind.
+/// Nothing expires: a client that goes away without unregistering leaves its records behind.
 ///
 /// Lock order: eventsMutex before publishersMutex and before the inbound queue's mutex; subscribersMutex before the
 /// inbound queue's and any subscriber queue's mutex. publishersMutex and subscribersMutex are never held together.
@@ -50,7 +50,7 @@ public:
     MessageBus(const MessageBus&) = delete;
     MessageBus& operator=(const MessageBus&) = delete;
 
-    /// Joins the events thread, which somebody must have told to stop before: otherwise blocks until somebody does.
+    /// Joins the events thread. Blocks: until that ends, which takes a Stop before or on another thread.
     ~MessageBus() override;
 
     cor::ResultCode Push(long publisherId, long message) override;
@@ -61,42 +61,42 @@ public:
     cor::ResultCode UnregisterPublisher(long publisherId) override;
     cor::ResultCode UnregisterSubscriber(long subscriberId) override;
 
-    /// Hands serving over through the connector before it blocks; without a connector (the bus was never run) a wait
-    /// that passes the look-up fails with 10.
+    /// Hands serving over through the connector before it takes a message. Without a connector, before the first Run,
+    /// it fails with 10 behind the look-up.
     cor::ResultCode Wait(long subscriberId, std::string& topic, long& message) override;
 
     std::optional<cor::ResultCode> TryWait(long subscriberId, std::chrono::milliseconds linger, std::string& topic,
                                            long& message) override;
 
-    /// Returns: the topic, empty when there is no such publisher. Threads: any.
+    /// Returns: the topic; empty when no publisher has that id. Threads: any.
     std::string GetPublisherTopicById(long publisherId) const;
 
-    /// Returns: the subscriber, empty when there is none with that id. Threads: any.
+    /// Returns: the subscriber; empty when none has that id. Threads: any.
     std::shared_ptr<Subscriber> GetSubscriberPtrById(long subscriberId) const;
 
-    /// Returns: the id of the first subscriber registered under `name`, -1 when there is none.
-    /// Threads: takes no lock; not while subscribers are registered or unregistered.
+    /// Returns: the id of the first subscriber registered under `name`; -1 when there is none.
+    /// Contract: takes no lock, so no other thread may register or unregister subscribers meanwhile.
     long GetSubscriberIdByName(const std::string& name) const;
 
-    /// Starts the events thread and the connector, then asks every 5 seconds whether to stop. Clients blocked in Wait
-    /// stay blocked.
+    /// Starts the events thread and the connector, then asks the connector every 5 seconds whether to stop. Blocked
+    /// waits stay blocked.
     /// Returns: true when the connector asked to stop; false when it threw.
     /// Throws: std::system_error when the events thread cannot be started.
-    /// Blocks: until then. Threads: once, on the thread that owns the component.
+    /// Blocks: until the connector asks to stop or throws. Threads: once, on the thread that owns the bus.
     bool Run(const std::shared_ptr<IConnector>& newConnector);
 
     /// Starts the events thread; once per bus.
     /// Throws: std::system_error when it cannot be started.
     void Start();
 
-    /// Asks the events thread to finish its pass and end. Does not wait for it. Threads: any.
+    /// Requests the events thread to end after its pass. Does not wait for it. Threads: any.
     void Stop();
 
 private:
     void EventsProcessor();
     void WakeEventsThread() noexcept;
 
-    std::shared_ptr<IConnector> connector; // set by Run before anybody is served
+    std::shared_ptr<IConnector> connector; // set by Run before it starts the server
 
     std::list<std::shared_ptr<Subscriber>> subscribers; // registration order; guarded by subscribersMutex
     std::map<std::string, long> publishers;             // topic to id; guarded by publishersMutex
@@ -110,8 +110,8 @@ private:
     std::thread eventsThread;
     std::condition_variable eventsCondition;
     std::atomic<bool> stopFlag{false};
-    // Intended to be a plain flag that some wakers set without eventsMutex: a wake-up that falls between the last look
-    // at the queue and the reset is lost until the next one. Accessed through std::atomic_ref.
+    // Contract: a plain flag, set by some wakers without eventsMutex, so a wake-up between the last Size() of the queue
+    // and the reset is lost, and its message waits for the next wake-up. Accessed through std::atomic_ref.
     bool eventsPending = false;
 };
 

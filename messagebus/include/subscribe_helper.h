@@ -11,8 +11,8 @@
 
 namespace message_bus {
 
-/// The registrations of subscribers that are under way: start, one call per topic, then commit or cancel.
-/// A registration that its client never finishes stays until this object goes.
+/// The registrations of subscribers that are under way: start, one call for each topic, then commit or cancel.
+/// A registration that its client never finishes stays until this object is destroyed.
 /// Threads: every operation from any thread.
 class [[gnu::visibility("default")]] SubscribeHelper final {
 public:
@@ -26,7 +26,8 @@ public:
     /// Returns: 0; 8 when it holds the topic already; 10 when there is no such registration.
     cor::ResultCode Subscribe(long id, const std::string& topic);
 
-    /// Ends the registration, whatever follows: `complete` hands it to the bus, otherwise it is dropped.
+    /// Ends the registration: with `complete` it goes to the bus, otherwise it is dropped. Its id is unknown
+    /// afterwards, also when the bus fails.
     /// Returns: what the bus returned; 1 when dropped; 8 when there is no such registration; 10.
     cor::ResultCode FinishSubscribing(long id, bool complete, long& subscriberId);
 

@@ -34,11 +34,11 @@ struct SubscriberObject : br_MessageBusSubs {
 };
 
 constexpr long NoId = -1;
-// The last byte of the topic array is never written, the one before it is always zero.
+// Never writes the last byte of the topic array; the byte before it is always zero.
 constexpr std::size_t WaitTopicLimit = sizeof(br_MessageBusSubs_Wait_res::topic) - 2;
 
-// Reads up to the first NUL, wherever that is: the array's size does not bound the scan, the zeros that the dispatcher
-// keeps behind the record do.
+// Contract: reads up to the first NUL, so a text that fills its array continues with what follows. The zeros behind the
+// record end the scan (GuardedRecord).
 std::string ReadString(const char* text) {
     return std::string(text);
 }
@@ -71,7 +71,7 @@ std::int32_t br_MessageBusCtl_StartSubs_fn(br_MessageBusCtl* self, const br_Mess
     const auto helper = connector.GetSubscribeHelper();
     long id = NoId;
     const auto result = helper->StartSubscribing(ReadString(request->name), id);
-    if (result == ResultCode::Success) { // intended: the only id that is not written on every path
+    if (result == ResultCode::Success) { // Contract: unlike every other id, so a failure leaves the field as it was
         response->registrationId = id;
     }
     return connector.ToIpcResultCode(result);
@@ -184,7 +184,7 @@ bool BosConnector::Init(std::shared_ptr<IProviderControl> newControl, std::share
                  bos_connection::CreateSubscriberImpl(this)};
     entity = {&component};
 
-    // Builds the table while no worker exists, so that its unguarded first use cannot be a race.
+    // Builds the table of codes while no worker exists: its first use is unguarded.
     ToIpcResultCode(ResultCode::Success);
 
     auto servedEntity = entity;
@@ -205,7 +205,7 @@ ResultCode BosConnector::SwitchActiveIpcServer() {
             Log(LogLevel::Error, "{}: DispatchIpcServer error: rc=[{}]", Tag, result);
         }
     }
-    // Intended: the calling worker leaves even when nobody takes its place.
+    // Contract: the calling worker leaves even without a replacement, so the channel can be left without a worker.
     ipcServer->ShutdownIpcServer();
     return ResultCode::Success;
 }
@@ -222,7 +222,7 @@ ResultCode BosConnector::Wait(long subscriberId, std::string& topic, long& messa
 }
 
 std::int32_t BosConnector::ToIpcResultCode(ResultCode code) const {
-    // Intended: no lock guards the first use (this file is built without thread-safe statics).
+    // Contract: no lock guards the first use (see CMakeLists.txt), so Init makes it before any worker exists.
     static const std::map<std::int32_t, std::uint16_t> table{{0, 0}, {1, 1}, {10, 10}, {2, 2}, {7, 7}, {3, 3},
                                                              {6, 6}, {9, 9}, {5, 5},   {8, 8}, {4, 4}};
     const auto wire = [](std::uint16_t value) { return value == 0 ? 0 : br_MessageBus_ErrorResult(value); };

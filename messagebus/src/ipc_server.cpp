@@ -51,11 +51,11 @@ int IpcServer::Init(br_MessageBus_component&& newEntity, br_MessageBusComponent_
     entity = newEntity;
     component = newComponent;
     try {
-        // Intended: here everything but Static counts as dynamic, while Run starts nothing for an unknown type.
+        // Contract: an unknown type counts as dynamic here, so its services are published; Run starts no worker for it.
         if (connectionType == ConnectionType::Static) {
             return InitStatic();
         }
-        // The order of publishing, which is not that of the interface ids.
+        // Contract: not in the order of the interface ids, so after a failure it is ctl that may be missing alone.
         const std::vector<DynamicIpcDescriptor> descriptors{
             {br_MessageBusProvider_type, br_MessageBusComponent_provider_service, br_MessageBusComponent_provider_iid},
             {br_MessageBusSubs_type, SubscriberService, br_MessageBusComponent_subs_iid},
@@ -101,7 +101,7 @@ int IpcServer::Run() {
         } else if (connectionType == ConnectionType::Static) {
             CreateThread([this] { RunStaticLoop(); });
         }
-        return Success; // intended: also when CreateThread could not start anybody
+        return Success; // Contract: also when CreateThread failed, so the caller does not learn that no worker runs
     } catch (...) {
         Log(LogLevel::Error, "Error during {}", "Run");
         return OtherFailure;
@@ -130,13 +130,13 @@ void IpcServer::CreateThread(std::function<void()> fn) {
             remover.detach();
         });
     } catch (...) {
-        // Intended: a record that was listed before the failure stays, with an empty thread.
+        // Contract: a record that was listed before the failure stays, so WaitAllThreads does not return any more.
         Log(LogLevel::Error, "Error during {}", "CreateThread");
     }
 }
 
 void IpcServer::RemoveThread(boost::thread::id id, IpcServer* server) {
-    // Only a failed join is survived: intended, anything else leaves and ends the process.
+    // Contract: only a standard exception of the join is caught, so any other one ends the process.
     std::unique_lock lock(workersMutex);
     auto& workers = server->workers;
     const auto found = std::find_if(workers.begin(), workers.end(),
@@ -161,9 +161,9 @@ void IpcServer::RemoveThread(boost::thread::id id, IpcServer* server) {
 std::shared_ptr<WorkerThread> IpcServer::GetCurrentIpcThread() const {
     try {
         const std::lock_guard lock(workersMutex);
-        const pthread_t self = pthread_self();
+        const pthread_t self = ::pthread_self();
         const auto found = std::find_if(workers.begin(), workers.end(), [self](const auto& worker) {
-            return pthread_equal(worker->thread.native_handle(), self) != 0;
+            return ::pthread_equal(worker->thread.native_handle(), self) != 0;
         });
         return found == workers.end() ? nullptr : *found;
     } catch (...) {
@@ -188,9 +188,9 @@ int IpcServer::ShutdownIpcServer() {
 }
 
 void IpcServer::WaitAllThreads() {
-    // A worker that waits for the first one, when that is itself, gets the thread library's refusal. Every other join
-    // is the remover's alone: two threads may not join through one boost::thread object, and the record is erased by
-    // its remover anyway, so this sleeps until that has happened.
+    // Only the first worker joins here, so that the thread library refuses its wait for itself. Removers make all other
+    // joins, because two threads must not join through one boost::thread object. They erase the records too, so the
+    // other threads sleep here until that has happened.
     for (;;) {
         const std::uint32_t seen = removals;
         {
@@ -286,7 +286,7 @@ int IpcServer::DispatchDynamic() {
         const std::lock_guard lock(connectionsMutex);
         connections[service] = handle;
     }
-    // Intended: the snapshot decides, so two first accepts of one service that race may both start a dispatcher.
+    // Contract: the snapshot decides, so two first accepts of one service that race may both start a dispatcher.
     if (accepted.contains(service)) {
         return Success;
     }
@@ -349,7 +349,7 @@ void IpcServer::ServeOnce(unsigned handle) {
 int IpcServer::DispatchIpcServer() {
     try {
         if (connectionType == ConnectionType::Static) {
-            // Unlike RunStaticLoop this catches nothing: intended.
+            // Contract: unlike RunStaticLoop this catches nothing, so a handler that throws ends the process.
             CreateThread([this] { Repeat([this] { DispatchStatic(); }); });
         } else if (connectionType == ConnectionType::Dynamic) {
             const auto worker = GetCurrentIpcThread();
@@ -358,7 +358,7 @@ int IpcServer::DispatchIpcServer() {
                 const std::lock_guard lock(connectionsMutex);
                 const auto found = connections.find(SubscriberService);
                 if (found == connections.end()) {
-                    // Intended: the line names the interface, the look-up the service.
+                    // Contract: the line names the interface, not the service, so operators search for that.
                     Log(LogLevel::Error, "Cannot find handle for {}", br_MessageBusSubs_type);
                     return NoDispatchHandle;
                 }

