@@ -5,8 +5,8 @@ set(BORVEN_IDLC_DIR ${CMAKE_CURRENT_LIST_DIR} CACHE INTERNAL "Folder of the IDL 
 # Compiles the entity (such as br.MessageBus) that the IDL file defines, and makes
 #   <name>_idl    the records in br_MessageBus.h, and the dispatch: for servers;
 #   <name>_stubs  the client stubs in br_MessageBus_client.h, and the records: for clients.
-# Both are static libraries that may be linked into a shared one. The files that it uses and those of the compiler
-# are dependencies too: the compiler lists them.
+# Both are static libraries that may be linked into a shared one. The compiler lists the used files and its own as
+# dependencies.
 function(borven_idl name entity file)
     string(REPLACE "." "_" base ${entity})
     cmake_path(ABSOLUTE_PATH file BASE_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR} NORMALIZE)
@@ -24,7 +24,8 @@ function(borven_idl name entity file)
     target_include_directories(${name}_idl INTERFACE ${folder})
     target_link_libraries(${name}_idl PUBLIC borven_interfaces PRIVATE borven_warnings)
 
-    # Linked for the records, and so that one target alone runs the compiler; no client pulls the dispatch in.
+    # Links the other library for the records, and so that one target alone runs the compiler. The dispatch is an object
+    # of its own in that library, which no client links in.
     add_library(${name}_stubs STATIC ${folder}/${base}_client.h ${folder}/${base}_client.cpp)
     target_link_libraries(${name}_stubs PUBLIC ${name}_idl PRIVATE borven_warnings)
     set_target_properties(${name}_idl ${name}_stubs PROPERTIES POSITION_INDEPENDENT_CODE ON)

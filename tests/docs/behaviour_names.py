@@ -7,7 +7,7 @@ import re
 import subprocess
 import sys
 
-MINIMUM = 100  # a document that names hardly any test would be no document
+MINIMUM = 100  # a document with fewer names was not read right
 
 
 def main(build, document):

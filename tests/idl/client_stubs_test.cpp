@@ -1,5 +1,5 @@
-// Defends the generated client stubs: the bytes they send, what they make of every reply, and that text that does not
-// fit is refused before anything is sent.
+// Defends the generated client stubs: the bytes that they send, their result for every kind of reply, and that they
+// send nothing when a text does not fit.
 #include "br_MessageBus_client.h"
 #include "kn/status.h"
 
@@ -214,7 +214,7 @@ TEST_F(ClientStubs, ErrorReply_GivesTheHandlersResult) {
 
 TEST_F(ClientStubs, ReplyNeverWritten_IsABadReply) {
     channel.reply = Record(0, 0, 24);
-    EXPECT_EQ(PushOne(), 0); // leaves a good reply on the stack, where the next call's will be
+    EXPECT_EQ(PushOne(), 0); // leaves a good reply on the stack, where the next call puts its own
     channel.answers = false;
     EXPECT_EQ(PushOne(), KnStatusBadReply);
     EXPECT_EQ(br_MessageBusCtl_RegisterPublisher_call(&transport, "weather", id), KnStatusBadReply);
@@ -231,7 +231,7 @@ TEST_F(ClientStubs, ReplyThatTheMethodMayNotGive_IsABadReply) {
         Record(0, 0, 25),         // longer
         Record(0, 0, 0x80000000), // an error without a value
         Record(0, 0, 0x80000000 | 24),
-        ErrorReply(1, 0, 8), // somebody else's error
+        ErrorReply(1, 0, 8), // the error of another interface
         ErrorReply(0, 1, 8),
     };
     for (const Bytes& reply : replies) {

@@ -1,5 +1,5 @@
-// Defends the generated dispatcher: who is called for which indexes, what of the response is cleared before the
-// handler and what its header says afterwards, for success and every kind of failure.
+// Defends the generated dispatch: which handler it calls for which indexes, how much of the response it clears before,
+// and what the response's header says afterwards, for success and every kind of failure.
 #include "br_MessageBus.h"
 #include "kn/status.h"
 
@@ -20,7 +20,7 @@ namespace {
 constexpr unsigned char Dirt = 0xAA; // what the response buffer holds before a dispatch
 using Bytes = std::array<unsigned char, NkRecordSize>;
 
-/// What the handlers were given, and what they shall do.
+/// What the handlers got, and what they do.
 struct Script {
     std::string called; // name of the last handler
     int calls = 0;

@@ -1,5 +1,5 @@
-// Defends the queue under both the inbound queue and every subscriber's: first in, first out, no limit, cancel for
-// good. Everything the bus promises about order and about ending a blocked wait stands on it.
+// Defends the queue behind the inbound queue and every subscriber's: first in, first out, no limit, permanent cancel.
+// The bus's promises about order and about the end of a blocked wait depend on it.
 #include "blocking_queue.h"
 #include "support/bus_test.h"
 #include "support/fault_points.h"
@@ -96,7 +96,7 @@ TEST_F(BlockingQueueTest, Pop_WithATimeOut_EndsWithCancelBeforeTheTimeOut) {
     queue.Cancel();
     EXPECT_EQ(popper.result.get_future().get(), std::pair(false, 0));
     int element = 41;
-    EXPECT_FALSE(queue.Pop(element, 0xFFFFFFFF)); // nor does it begin to wait
+    EXPECT_FALSE(queue.Pop(element, 0xFFFFFFFF)); // and it does not begin to wait
     EXPECT_EQ(element, 41);
 }
 

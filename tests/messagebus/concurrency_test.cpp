@@ -1,6 +1,7 @@
 // Defends the bus against its own concurrency: registration, push, wait, unregistration, replacement and removal of
-// workers, and shut-down, all at once, with a count of every value. Built without fault points, whose locks would hide
-// races. A wake-up that the bus may lose by intent is made up for by the next one: what it stranded has to come then.
+// workers, and shutdown, all at once, with a count of every value. Built without fault points, whose locks would hide
+// races. Contract: the bus may lose a wake-up, so each test wakes it again, and the values left behind have to come
+// then.
 #include "support/bus_test.h"
 #include "support/served_bus.h"
 
@@ -19,7 +20,7 @@ using test_support::Client;
 using test_support::Nudge;
 using test_support::ServedBus;
 
-/// A connector that lets Run be left with the events thread running.
+/// A connector whose exception ends Run and leaves the events thread running.
 class PassingConnector final : public message_bus::IConnector {
 public:
     struct Leave {};
@@ -39,7 +40,7 @@ protected:
         EXPECT_THROW(static_cast<void>(bus.Run(std::make_shared<PassingConnector>())), PassingConnector::Leave);
     }
 
-    /// Waits for `future`, nudging the bus in between.
+    /// Waits for `future`, and nudges the bus meanwhile.
     template <typename Result>
     static Result GetNudging(MessageBus& bus, std::future<Result>& future) {
         while (future.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready) {
@@ -51,10 +52,10 @@ protected:
     test_support::ScriptedPlatform platform;
 };
 
-/// Topic and value as they came.
+/// Topic and value as received.
 using Value = std::pair<std::string, long>;
 
-/// Fails unless each publisher's values 0 to `perPublisher` - 1 stand in `sequence` once and in order.
+/// Fails unless `sequence` has each publisher's values 0 to `perPublisher` - 1 once and in order.
 void ExpectComplete(const std::vector<Value>& sequence, std::size_t publishers, long perPublisher) {
     std::map<std::string, long> next;
     for (const auto& [topic, value] : sequence) {
@@ -162,7 +163,7 @@ TEST_F(ConcurrencyTest, EveryAcceptedPush_ReachesEachSubscriberOnceAndAllSeeTheS
     for (const long publisher : publishers) {
         pushing.push_back(std::async(std::launch::async, [&bus, publisher] {
             for (long value = 0; value < perPublisher; ++value) {
-                while (bus.Push(publisher, value) != ResultCode::Success) { // full: a refused push wakes nobody
+                while (bus.Push(publisher, value) != ResultCode::Success) { // full: a rejected push wakes no thread
                     Nudge(bus);
                     std::this_thread::yield();
                 }
@@ -212,7 +213,7 @@ TEST_F(ConcurrencyTest, EveryAcceptedPush_ReachesEachSubscriberOnceAndAllSeeTheS
     for (const auto& sequence : sequences) {
         EXPECT_EQ(sequence, sequences.front());
     }
-    for (const auto& run : runs) { // what a passing subscriber saw is a piece of the one order, without a gap
+    for (const auto& run : runs) { // a subscriber that comes and goes sees a piece of the one order, without a gap
         EXPECT_NE(std::search(sequences.front().begin(), sequences.front().end(), run.begin(), run.end()),
                   sequences.front().end());
     }
@@ -369,7 +370,7 @@ TEST_P(ServedConcurrencyTest, AServer_MayGoDownAtAnyMomentOfItsClients) {
         }
         served.ShutDown();
         for (auto& client : clients) {
-            client.get(); // none of them hangs
+            client.get(); // none of them may hang
         }
     }
 }

@@ -1,5 +1,5 @@
 // Defends the connector: what Init builds and logs, how results of the server become results of the bus, and that a
-// worker that is about to block always leaves, whether another could take its place or not.
+// worker that is about to block always leaves, with or without a replacement.
 #include "bos_connector.h"
 #include "message_bus.h"
 #include "subscribe_helper.h"
@@ -73,14 +73,14 @@ TEST_F(ConnectorTest, Init_ServesProviderCtlAndSubsUnderTheirInterfaceIndexes) {
         EXPECT_EQ(server->DispatchStatic(), 0);
     }
     EXPECT_THAT(Replies(), SizeIs(3));
-    // Push of an unknown publisher is silent; the topic of the second request is empty; the third waits for nobody.
+    // The push of an unknown publisher logs nothing; the second request has an empty topic, the third the id 0.
     EXPECT_EQ(journal.Count("1 RegisterPublisher: [MessageBus]: RegisterPublisher id -1 topic "), 1U);
     EXPECT_EQ(journal.Count("1 Wait: Wait is called by subscriber (0)"), 1U);
     EXPECT_EQ(Replies()[0].record.header.size, 24U);
 }
 
 TEST_F(ConnectorDeathTest, Init_BuildsTheTableOfResultCodes) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a process in which nobody has used it before
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // the child process has not used the table before
     EXPECT_EXIT(
         {
             InitWithBus(*connector);
@@ -134,7 +134,7 @@ TEST_F(ConnectorTest, RunServer_ReturnsZeroWhenTheServerRuns) {
 TEST_F(ConnectorTest, RunServer_TurnsAFailureOfTheServerIntoSix) {
     fault_points::boostThreadStart.Arm();
     log.Before("4 CreateThread", [] { throw std::runtime_error("out of paper"); });
-    EXPECT_EQ(connector->RunServer(), ResultCode::InitFailed); // from 10
+    EXPECT_EQ(connector->RunServer(), ResultCode::InitFailed); // the server returned 10
     IpcServer::RemoveThread(boost::thread::id(), server.get());
 }
 
@@ -156,7 +156,7 @@ TEST_F(ConnectorTest, SwitchActiveIpcServer_StartsAWorkerAndRetiresTheCallingOne
     });
     RunAsWorker(*server, [&] {
         EXPECT_EQ(connector->SwitchActiveIpcServer(), ResultCode::Success);
-        served.get_future().wait(); // by the other one
+        served.get_future().wait(); // by the replacement
         EXPECT_EQ(server->GetCurrentIpcThread()->shutdownMarker, 0U);
     });
     EXPECT_THAT(journal.Calls("Receive"), SizeIs(1));
@@ -178,7 +178,7 @@ TEST_F(ConnectorTest, SwitchActiveIpcServer_AsksWhetherToStopOfWhateverDerivesFr
         bool ShouldBeStopped() override { return true; }
     };
     StoppedConnector stopped(server);
-    platform.receive.Always([&](auto...) { // of a replacement, if there is one
+    platform.receive.Always([&](auto...) { // called by a replacement, if there is one
         server->SetStopSignal();
         return KnStatusClosed;
     });
@@ -234,7 +234,7 @@ TEST_F(ConnectorTest, Wait_LetsAnExceptionPassWithoutItsLastLine) {
 
 // ----------------------------------------------------------------------------------------------- order of operations
 
-/// Place of a virtual member function in its table.
+/// Index of a virtual member function in its table.
 template <typename Method>
 std::size_t Slot(Method method) {
     std::size_t offset = 0; // the C++ ABI: offset in the table plus one, for a virtual function
@@ -243,7 +243,7 @@ std::size_t Slot(Method method) {
 }
 
 TEST_F(ConnectorTest, Interfaces_KeepTheOrderOfTheirOperationsBehindTheDestructor) {
-    // A virtual destructor takes two places.
+    // A virtual destructor takes two entries.
     EXPECT_EQ(Slot(&message_bus::IProvider::Push), 2U);
     EXPECT_EQ(Slot(&message_bus::IProviderControl::RegisterPublisher), 2U);
     EXPECT_EQ(Slot(&message_bus::IProviderControl::RegisterSubscriber), 3U);

@@ -1,5 +1,5 @@
-// Defends how a log line comes to be, how a check throws and how an exception reads in a line. Operators search logs by
-// these words and levels.
+// Defends how a log line is made, what a check throws, and how a line describes an exception. Operators search the logs
+// for these texts and levels.
 #include "diagnostics.h"
 #include "support/bus_test.h"
 #include "support/fault_points.h"

@@ -1,5 +1,5 @@
-// Defends the dynamic side of the IPC server: who serves an accepted client, how a worker hands serving over, and that
-// a failing pass ends nobody else's service.
+// Defends the dynamic side of the IPC server: which thread serves an accepted client, how a worker hands serving over,
+// and that a failing pass does not end the service of other clients.
 #include "support/bus_harness.h"
 #include "support/ipc_harness.h"
 
@@ -159,7 +159,7 @@ TEST_F(DynamicDispatchTest, DispatchDynamic_RacingForTheFirstClientsOfAService_M
         return KnStatusOk;
     });
     std::thread other([&] { server->DispatchDynamic(); });
-    listening.AwaitReached(); // with its snapshot taken
+    listening.AwaitReached(); // the snapshot is taken
     Asks(Ctl, 9);
     EXPECT_EQ(server->DispatchDynamic(), 0);
     platform.cmAccept.Once([](const char*, const char*, std::uint32_t, KnHandle, KnHandle* given) {
@@ -173,7 +173,7 @@ TEST_F(DynamicDispatchTest, DispatchDynamic_RacingForTheFirstClientsOfAService_M
     Asks(Ctl, 11);
     EXPECT_EQ(server->DispatchDynamic(), 0);
     EXPECT_EQ(journal.Count("KnCmAccept(\"client\", \"br.MessageBusComponent.ctl\", 1, 10)"),
-              1U); // the later one stays
+              1U); // the later handle stays
 }
 
 // --------------------------------------------------------------------------------------------------- RunDynamicLoop
@@ -227,7 +227,7 @@ TEST_F(DynamicDispatchTest, RunIpcDispatcher_WithTheStopSignalSet_MakesNoPassBut
 
 TEST_F(DynamicDispatchTest, RunIpcDispatcher_WhosePassFails_LogsItUnmapsAndGoesOn) {
     platform.receive.Once(KnStatusInvalidArgument);
-    Receives(Request(7, 0)); // fails in dispatch
+    Receives(Request(7, 0)); // the dispatch fails
     Receives(Request(ProviderIid, 0));
     platform.reply.Once(KnStatusInvalidArgument);
     Receives(Request(ProviderIid, 0), [&] { server->SetStopSignal(); });
@@ -252,7 +252,7 @@ TEST_F(DynamicDispatchTest, RunIpcDispatcher_WhoseDispatchAnswersMinus42_FailsTh
 
 TEST_F(DynamicDispatchTest, RunIpcDispatcher_WhosePassFailsWithLevelFourDisabled_AllocatesNothingForALine) {
     log.SetThreshold(5);
-    journal.Ignore("munmap"); // noting it could allocate
+    journal.Ignore("munmap"); // an entry of the journal could allocate
     platform.receive.Once([&](auto...) {
         server->SetStopSignal();
         fault_points::FailAllocation(std::this_thread::get_id());
@@ -345,7 +345,7 @@ TEST_F(DynamicDispatchTest, DispatchIpcServer_InDynamicMode_ServesTheCallingWork
 
 TEST_F(DynamicDispatchTest, DispatchIpcServer_WithoutAConnectionOfItsOwn_TakesThatOfTheSubscriberService) {
     Asks(Subs, 9);
-    std::latch both(2); // the dispatcher of the accepted client, and the one in place of the accepting worker
+    std::latch both(2); // the dispatcher of the accepted client, and the replacement of the accepting worker
     for (int i = 0; i < 2; ++i) {
         Receives(Request(SubsIid, 0), [&] {
             both.arrive_and_wait();
@@ -420,7 +420,7 @@ TEST_F(DynamicDispatchTest, DispatchIpcServer_WhoseWorkerCannotBeStarted_Returns
     fault_points::boostThreadStart.Arm();
     EXPECT_EQ(statically.DispatchIpcServer(), 0);
     EXPECT_THAT(journal.Logs(), ElementsAre("4 CreateThread: Error during CreateThread"));
-    IpcServer::RemoveThread(boost::thread::id(), &statically); // what the failure left behind
+    IpcServer::RemoveThread(boost::thread::id(), &statically); // the record that the failure left behind
 }
 
 TEST_F(DynamicDispatchTest, DispatchIpcServer_OutOfWhoseStartAnExceptionComes_LogsItAndReturnsTen) {
@@ -437,7 +437,7 @@ TEST_F(DynamicDispatchTest, DispatchIpcServer_OutOfWhoseStartAnExceptionComes_Lo
 TEST_F(DynamicDispatchTest, Destructor_WaitsForTheListenInProgressAndJoinsTheDispatchers) {
     Asks(Ctl, 9);
     platform.receive.Always(KnStatusClosed);
-    journal.Ignore("join std thread"); // this test's own
+    journal.Ignore("join std thread"); // the test's own joins
     Gate listening;
     platform.cmListen.Once([&](auto...) {
         listening.Pass();
@@ -446,12 +446,12 @@ TEST_F(DynamicDispatchTest, Destructor_WaitsForTheListenInProgressAndJoinsTheDis
     });
     EXPECT_EQ(server->Run(), 0);
     listening.AwaitReached();
-    ASSERT_TRUE(journal.AwaitPrefix("4 operator()")); // the dispatcher's own end
+    ASSERT_TRUE(journal.AwaitPrefix("4 operator()")); // the dispatcher has ended by itself
     std::thread destroying([&] {
         server.reset();
         journal.AddCall("destroyed");
     });
-    EXPECT_TRUE(fault_points::AwaitSleepingOnAtomic(destroying.get_id())); // waits for the pool
+    EXPECT_TRUE(fault_points::AwaitSleepingOnAtomic(destroying.get_id())); // it waits for the pool
     listening.Open();
     destroying.join();
     EXPECT_THAT(journal.Calls("listen over"), SizeIs(1));

@@ -1,5 +1,5 @@
 // Defends the dynamic connection server by itself: publishing, accepting one client, and the dispatcher thread of a
-// channel with every way in which it ends. Clients that are accepted wrongly are served wrongly until they leave.
+// channel with every way in which it ends. A client that is accepted wrongly is served wrongly until it leaves.
 #include "bos_dynamic_ipc_server.h"
 #include "support/bus_harness.h"
 #include "support/ipc_harness.h"
@@ -53,7 +53,7 @@ protected:
         server->AddIpcThread<br_MessageBus_component_req, 0, br_MessageBus_component_res, 0>(
             &entity, &br_MessageBus_entity_dispatch, handle);
     }
-    /// Waits until the dispatcher thread has ended with its line.
+    /// Waits until the dispatcher thread has logged its end.
     [[nodiscard]] bool AwaitEnd() { return journal.AwaitPrefix("4 operator(): operator(): "); }
 
     std::vector<std::string> LogsAfterEnd() {
@@ -256,13 +256,13 @@ TEST_F(DynamicServerTest, Dispatcher_ResetsSizeWordAndArenasBeforeEveryReceive) 
     std::vector<bool> responseIsReset;
     const auto receive = [&](NkBosTransport*, nk_message* request, nk_arena* arena) {
         requestIsReset.push_back(request->size == 1056 && arena->current == arena->start);
-        request->size = 24; // what a receive may leave behind
+        request->size = 24; // as a receive may leave it
         arena->current = nullptr;
         return KnStatusOk;
     };
     fake.onPush = [&](const void*, const nk_arena*, void*, nk_arena* arena) {
         responseIsReset.push_back(arena->current == arena->start);
-        arena->current = nullptr; // and a handler
+        arena->current = nullptr; // as a handler may leave it
         return 0;
     };
     platform.receive.Once(receive);
@@ -345,7 +345,7 @@ TEST_F(DynamicServerTest, Dispatcher_WhoseReceiveFails_EndsWithACheckWithoutAMes
 
 TEST_F(DynamicServerTest, Dispatcher_WhoseReceiveFailsWithLevelFourDisabled_AllocatesNothingForALine) {
     log.SetThreshold(5);
-    journal.Ignore("munmap"); // noting it could allocate
+    journal.Ignore("munmap"); // an entry of the journal could allocate
     platform.receive.Once([&](auto...) {
         journal.AddCall("failing");
         fault_points::FailAllocation(std::this_thread::get_id());
@@ -353,7 +353,7 @@ TEST_F(DynamicServerTest, Dispatcher_WhoseReceiveFailsWithLevelFourDisabled_Allo
     });
     AddThread(9);
     ASSERT_TRUE(journal.Await("failing"));
-    server.reset(); // an exception out of the thread would have ended the process
+    server.reset(); // an exception that leaves the thread would have ended the process
     EXPECT_THAT(journal.Logs(), IsEmpty());
 }
 
@@ -427,7 +427,7 @@ TEST_F(DynamicServerTest, Destructor_EndsADispatcherAfterTheReplyThatFindsTheShu
     Gate joining;
     Receives(Request(ProviderIid, 0));
     Receives(Request(ProviderIid, 0), [&] { receiving.Pass(); });
-    fault_points::BeforeBoostJoin([&] { joining.Pass(); }); // the flag is set by then
+    fault_points::BeforeBoostJoin([&] { joining.Pass(); }); // the shutdown flag is set before
     AddThread(9);
     receiving.AwaitReached();
     EXPECT_THAT(Replies(), SizeIs(1));

@@ -1,5 +1,5 @@
-// Defends the method handlers: what each calls, which response fields it writes on which path, and how strings are read
-// and cut. These bytes are what every client sees.
+// Defends the method handlers: what each calls, which response fields it writes on which path, and how it reads and
+// cuts strings. Every client gets these bytes.
 #include "bos_connector.h"
 #include "ipc_handlers.h"
 #include "subscribe_helper.h"
@@ -20,7 +20,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 namespace fault_points = test_support::fault_points;
 
-/// A bus that does what a test says and remembers what it was asked.
+/// A bus that does what a test scripts, and records its calls.
 class FakeBus final : public message_bus::IProvider, public message_bus::IProviderControl, public message_bus::IWorker {
 public:
     ResultCode Push(long publisherId, long message) override {
@@ -79,11 +79,11 @@ protected:
 
     template <std::size_t Size>
     static void Put(char (&field)[Size], const std::string& text) {
-        std::memset(field, 0x7E, Size); // nothing behind the terminator matters
+        std::memset(field, 0x7E, Size); // the bytes behind the terminator have no effect
         std::memcpy(field, text.c_str(), text.size() + 1);
     }
 
-    // Every handler ignores both arenas: it gets none here.
+    // Handlers ignore both arenas, so they get none here.
     std::int32_t Push(long id, long value) {
         request.provider_Push.publisherId = id;
         request.provider_Push.message = value;
@@ -215,7 +215,7 @@ TEST_F(HandlersTest, FinishSubs_WithoutASubscriber_WritesMinusOne) {
     EXPECT_EQ(StartSubs("reader"), 0);
     EXPECT_NE(FinishSubs(0, 0), 0); // cancels
     EXPECT_EQ(Field(), -1);
-    EXPECT_NE(FinishSubs(0, 1), 0); // unknown by now
+    EXPECT_NE(FinishSubs(0, 1), 0); // the id is unknown now
     EXPECT_EQ(Field(), -1);
     EXPECT_THAT(bus->calls, IsEmpty());
 }
@@ -314,7 +314,7 @@ TEST_F(HandlersTest, Handlers_OfTheBus_HoldItForTheLengthOfTheCall) {
 
 TEST_F(HandlersTest, Handlers_OfTheHandshake_HoldItForTheLengthOfTheCall) {
     const std::weak_ptr<message_bus::SubscribeHelper> target = connector.GetSubscribeHelper();
-    // Each on a thread and with records of its own: Subscribe keeps the handshake's lock, the others wait for it.
+    // Each call has its own thread and records: Subscribe holds the handshake's lock, the others wait for it.
     const auto call = [this](auto method) {
         return [this, method] {
             auto ownRequest = test_support::Request(test_support::CtlIid, 0);
@@ -336,7 +336,7 @@ TEST_F(HandlersTest, Handlers_OfTheHandshake_HoldItForTheLengthOfTheCall) {
     }));
     EXPECT_TRUE(fault_points::AwaitBlockedOnMutex(starting.get_id()));
     EXPECT_TRUE(fault_points::AwaitBlockedOnMutex(finishing.get_id()));
-    const auto kept = target.lock(); // for a handler that does not
+    const auto kept = target.lock(); // for a handler that holds no reference
     connector.Init(bus, bus, bus);   // releases the connector's reference
     EXPECT_EQ(target.use_count(), 1 + 3);
     gate.Open();
@@ -378,8 +378,7 @@ TEST_F(HandlersTest, InterfaceObjects_AreOnePerProcessAndLeadToTheLastConnector)
     EXPECT_THAT(otherBus->calls, ElementsAre("Push 1 1"));
 }
 
-/// A request whose string has no terminator anywhere in the record ends at the zeros that the dispatcher keeps behind
-/// it.
+/// A string without terminator ends at the zeros that the dispatcher keeps behind the record.
 TEST_F(HandlersTest, StaticDispatch_OfAStringWithoutTerminator_EndsItBehindTheRecord) {
     bos_ipc::IpcServer server(message_bus::ConnectionType::Static);
     platform.serviceLocatorRegister.Once(8);

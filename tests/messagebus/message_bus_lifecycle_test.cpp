@@ -1,5 +1,5 @@
-// Defends start, run, stop and destruction: in which order the connector is asked, how failures end a run, and that
-// nothing hangs or is leaked when the component goes down.
+// Defends start, run, stop and destruction: in which order the bus calls the connector, how failures end a run, and
+// that nothing hangs or leaks when the bus goes down.
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 
@@ -33,7 +33,7 @@ protected:
         return id;
     }
 
-    /// Answers only when the events thread sleeps, so that no wake-up of the test is lost.
+    /// Answers only while the events thread sleeps, so that no wake-up of the test is lost.
     std::shared_ptr<FakeConnector> MakeConnector() {
         auto made = std::make_shared<FakeConnector>();
         made->beforeAnswer = [this] { AwaitIdleEventsThread(*bus); };
@@ -159,7 +159,7 @@ TEST_F(LifecycleTest, Start_ForgetsAnEarlierWakeUpSoThatQueuedMessagesStayUntilT
     EXPECT_EQ(prepared->Push(publisher, 1), ResultCode::Success);
     RunningBus running(prepared);
     ASSERT_TRUE(running.AwaitIdle());
-    EXPECT_EQ(running->GetSubscriberPtrById(reader)->queue.Size(), 0U); // stranded
+    EXPECT_EQ(running->GetSubscriberPtrById(reader)->queue.Size(), 0U); // left in the inbound queue
     EXPECT_EQ(running->Push(publisher, 2), ResultCode::Success);
     EXPECT_EQ(WaitOn(*running, reader), Delivered("heat", 1)); // not lost
     EXPECT_EQ(WaitOn(*running, reader), Delivered("heat", 2));
@@ -219,7 +219,7 @@ TEST_F(LifecycleTest, StoppedBus_RegistersAcceptsPushesUpToItsLimitAndServesWait
     for (long value = 0; value < 1025; ++value) {
         ASSERT_EQ(running->Push(publisher, value), ResultCode::Success) << value;
     }
-    EXPECT_EQ(running->Push(publisher, 0), ResultCode::Exhausted); // nobody drains
+    EXPECT_EQ(running->Push(publisher, 0), ResultCode::Exhausted); // no thread drains the queue
     const auto record = running->GetSubscriberPtrById(reader);
     EXPECT_EQ(record->queue.Size(), 0U);
     record->queue.Enqueue(std::make_shared<message_bus::Message>("heat", 7));
@@ -250,14 +250,14 @@ TEST_F(LifecycleTest, Destructor_DoesNotAskForAStopAndBlocksUntilSomebodyDoes) {
     bus->Start();
     AwaitIdleEventsThread(*bus);
     MessageBus* const running = bus.get();
-    // The one who asks must be through before the bus is gone.
-    std::promise<void> isAsked;
-    log.Before(Stopped, [&] { isAsked.get_future().wait(); });
+    // Stop must have returned before the bus is destroyed.
+    std::promise<void> isStopped;
+    log.Before(Stopped, [&] { isStopped.get_future().wait(); });
     std::thread destroying([&] { bus.reset(); });
     EXPECT_TRUE(journal.Await("join std thread"));
     EXPECT_EQ(journal.Count(Stopped), 0U);
     running->Stop();
-    isAsked.set_value();
+    isStopped.set_value();
     destroying.join();
     EXPECT_EQ(journal.Count(Stopped), 1U);
 }

@@ -1,5 +1,5 @@
-// Defends publishing: the inbound limit, the silent acceptance of unknown publishers, the order of delivery, and what
-// the events thread does with a message. A value lost or doubled here is lost or doubled for every client.
+// Defends publishing: the inbound limit, the silent success of unknown publishers, the order of delivery, and what the
+// events thread does with a message. A value that is lost or doubled here is lost or doubled for every client.
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 
@@ -43,13 +43,13 @@ protected:
         EXPECT_EQ(target.RegisterSubscriber("reader", topics, id), ResultCode::Success);
         return id;
     }
-    /// The wake-up that goes with it is over when it returns.
+    /// The registration's wake-up is over when this returns.
     static long Subscriber(RunningBus& running, const std::set<std::string>& topics) {
         long id = -5;
         EXPECT_TRUE(running.Settle([&] { id = Subscriber(*running, topics); }));
         return id;
     }
-    /// Pushes until the bus refuses. Returns: how many it accepted.
+    /// Pushes until the bus rejects a push. Returns: how many it accepted.
     static long Fill(MessageBus& target, long publisher) {
         long accepted = 0;
         while (accepted <= 2 * InboundRoom && target.Push(publisher, accepted) == ResultCode::Success) {
@@ -133,12 +133,12 @@ TEST_F(PushTest, Push_LetsExceptionsPassThatAreNotStandardOnesAndReleasesItsLock
 
 TEST_F(PushTest, Push_HoldsTheEventsLockThroughoutSoThatPushesTakeTurns) {
     const long publisher = Publisher(bus, "heat");
-    Gate gate; // behind all else that a push does
+    Gate gate; // the last step of a push
     fault_points::BeforeNotifyOne([&] { gate.Pass(); });
     std::thread holding([&] { EXPECT_EQ(bus.Push(publisher, 1), ResultCode::Success); });
     gate.AwaitReached();
     EXPECT_EQ(journal.Count("1 Push: [MessageBus]: New message (heat) has been pushed to queue"), 1U);
-    std::thread next([&] { EXPECT_EQ(bus.Push(-1, 2), ResultCode::Success); }); // wakes nobody
+    std::thread next([&] { EXPECT_EQ(bus.Push(-1, 2), ResultCode::Success); }); // wakes no thread
     EXPECT_TRUE(fault_points::AwaitBlockedOnMutex(next.get_id()));
     gate.Open();
     holding.join();
@@ -246,7 +246,7 @@ TEST_F(PushTest, EventsThread_DiscardsAMessageThatNobodyWantsWithoutALine) {
     EXPECT_EQ(running->Push(publisher, 1), ResultCode::Success);
     ASSERT_TRUE(running.AwaitIdle());
     EXPECT_EQ(running->Push(lightPublisher, 2), ResultCode::Success);
-    EXPECT_EQ(WaitOn(*running, witness), Delivered("light", 2)); // the message before it has been looked at
+    EXPECT_EQ(WaitOn(*running, witness), Delivered("light", 2)); // so the message before it has been handled
     ASSERT_TRUE(running.AwaitIdle());
     EXPECT_THAT(journal.Records(), Each(Field(&LogRecord::function, Ne("EventsProcessor"))));
     const long late = Subscriber(running, {"heat"});
@@ -275,7 +275,7 @@ TEST_F(PushTest, EventsThread_DrainsWithoutTheEventsLock) {
     const long leaving = Subscriber(running, {"heat"});
     const long publisher = Publisher(*running, "heat");
     ASSERT_TRUE(running.AwaitIdle());
-    Gate gate; // keeps the subscribers' lock, so that the drain cannot begin
+    Gate gate; // holds the subscribers' lock, so that the drain cannot begin
     log.Before("1 UnregisterSubscriber", [&] { gate.Pass(); });
     std::thread unregistering([&] { EXPECT_EQ(running->UnregisterSubscriber(leaving), ResultCode::Success); });
     gate.AwaitReached();
@@ -293,7 +293,7 @@ TEST_F(PushTest, EventsThread_HoldsTheSubscribersLockWhileItDelivers) {
     const long reader = Subscriber(running, {"heat"});
     const auto record = running->GetSubscriberPtrById(reader);
     const long publisher = Publisher(*running, "heat");
-    Gate gate; // keeps the queue's lock, so that the delivery cannot end
+    Gate gate; // holds the queue's lock, so that the delivery cannot end
     Message former("", 0);
     std::shared_ptr<Message> element(&former, [&](Message*) { gate.Pass(); });
     record->queue.Enqueue(std::make_shared<Message>("heat", 1));
@@ -322,7 +322,7 @@ TEST_F(PushTest, EventsThread_OffersAMessageInRegistrationOrderAndEndsWithALineW
     ASSERT_TRUE(journal.Await("4 EventsProcessor: [MessageBus]: error occurred: std::bad_alloc"));
     EXPECT_EQ(first->queue.Size(), 1U);
     EXPECT_EQ(second->queue.Size(), 0U);
-    // It is not started again, and it has left no lock behind.
+    // The thread is not started again, and it has released its locks.
     EXPECT_EQ(running->UnregisterSubscriber(first->id), ResultCode::Success);
     EXPECT_EQ(Fill(*running, publisher), InboundRoom);
     running.Stop();
@@ -363,7 +363,7 @@ TEST_F(PushTest, SubscriberQueues_HaveNoLimit) {
         }
         ASSERT_TRUE(running.AwaitIdle());
         ASSERT_EQ(running->Push(lightPublisher, round), ResultCode::Success);
-        ASSERT_EQ(WaitOn(*running, witness), Delivered("light", round)); // behind all the others
+        ASSERT_EQ(WaitOn(*running, witness), Delivered("light", round)); // the last of the round
     }
     EXPECT_EQ(reader->queue.Size(), static_cast<std::size_t>(rounds * perRound));
 }

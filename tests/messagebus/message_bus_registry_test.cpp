@@ -1,5 +1,5 @@
-// Defends the registry of publishers and subscribers: result codes, ids, outputs, log lines, and who is woken.
-// Clients rely on these numbers and operators on these lines.
+// Defends the registry of publishers and subscribers: result codes, ids, outputs, log lines and wake-ups. Clients rely
+// on these numbers, operators on these lines.
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 
@@ -38,7 +38,7 @@ protected:
         EXPECT_EQ(target.RegisterSubscriber(name, topics, id), ResultCode::Success);
         return id;
     }
-    /// The wake-up that goes with it is over when it returns.
+    /// The registration's wake-up is over when this returns.
     long Subscriber(RunningBus& running, const std::set<std::string>& topics, const std::string& name = "reader") {
         long id = -5;
         EXPECT_TRUE(running.Settle([&] { id = Subscriber(*running, topics, name); }));
@@ -114,7 +114,7 @@ TEST_F(RegistryTest, RegisterPublisher_WhenTheLastLineThrows_ReturnsTenAndKeepsT
     long id = 5;
     EXPECT_EQ(bus.RegisterPublisher("heat", id), ResultCode::Failed);
     EXPECT_EQ(id, 1);
-    EXPECT_EQ(bus.GetPublisherTopicById(1), "heat"); // the lock is free again, too
+    EXPECT_EQ(bus.GetPublisherTopicById(1), "heat"); // the lock is released, too
 }
 
 TEST_F(RegistryTest, RegisterPublisher_WithoutMemory_ReturnsTenAndCanBeRepeated) {
@@ -303,7 +303,7 @@ TEST_F(RegistryTest, UnregisterPublisher_WakesTheEventsThreadBeforeItTakesTheLoc
     EXPECT_EQ(stranded->Push(Publisher(*stranded, "heat"), 9), ResultCode::Success);
     RunningBus running(stranded);
     ASSERT_TRUE(running.AwaitIdle());
-    Gate gate; // keeps the publishers' lock
+    Gate gate; // holds the publishers' lock
     log.Before("1 RegisterPublisher: [MessageBus]: Publisher 3", [&] { gate.Pass(); });
     std::thread registering([&] { Publisher(*running, "light"); });
     gate.AwaitReached();
@@ -448,7 +448,7 @@ TEST_F(RegistryTest, GetSubscriberIdByName_WithoutAMatch_IsMinusOne) {
 TEST_F(RegistryTest, GetSubscriberIdByName_TakesNoLock) {
     const long kept = Subscriber(bus, {}, "kept");
     const long removed = Subscriber(bus, {}, "removed");
-    Gate gate; // keeps the subscribers' lock
+    Gate gate; // holds the subscribers' lock
     log.Before("1 UnregisterSubscriber", [&] { gate.Pass(); });
     std::thread unregistering([&] { static_cast<void>(bus.UnregisterSubscriber(removed)); });
     gate.AwaitReached();

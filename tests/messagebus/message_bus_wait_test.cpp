@@ -1,5 +1,5 @@
 // Defends the subscriber's wait: what it returns and writes in every case, that it hands serving over before it blocks,
-// and that unregistration always ends it. A wait that misses its cancel keeps a worker for ever.
+// and that unregistration always ends it. A wait that misses its cancel holds a worker for good.
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 
@@ -100,8 +100,8 @@ TEST_F(WaitTest, Wait_CallsTheConnectorBeforeItTakesAMessage) {
     Give(reader, "heat", 1);
     std::size_t queued = 0;
     running.connector->onSwitch = [&] {
-        queued = running->GetSubscriberPtrById(reader)->queue.Size(); // no lock is held here
-        return ResultCode::Failed;                                    // the result is not looked at
+        queued = running->GetSubscriberPtrById(reader)->queue.Size(); // the bus holds no lock here
+        return ResultCode::Failed;                                    // the bus ignores the result
     };
     EXPECT_EQ(WaitOn(*running, reader), Delivered("heat", 1));
     EXPECT_EQ(queued, 1U);

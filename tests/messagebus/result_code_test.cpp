@@ -1,4 +1,4 @@
-// Defends the numbers that clients get for the results of the bus: every client was built with this table.
+// Defends the numbers that clients get for the results of the bus: every client is built with this table.
 #include "bos_connector.h"
 #include "ipc_server.h"
 #include "support/bus_test.h"

@@ -1,5 +1,5 @@
 // Defends how the IPC server is built, registered or published, and started: every platform call with its arguments and
-// in its order. A service that is published under another name or in another order is one that no client finds.
+// in its order. No client finds a service that is published under another name.
 #include "support/ipc_harness.h"
 
 #include <pthread.h>
@@ -28,9 +28,9 @@ protected:
     /// Removes the record that a failed thread start leaves behind, so that the server can be destroyed.
     static void RemoveLeftOver(IpcServer& server) { IpcServer::RemoveThread(boost::thread::id(), &server); }
 
-    /// A worker that has come and gone when it returns.
+    /// Starts a worker that ends, and waits until it is removed.
     static void RunAsWorkerBeside(IpcServer& server) {
-        std::promise<void> joining; // with the pool's lock
+        std::promise<void> joining; // under the pool's lock
         fault_points::BeforeBoostJoin([&] { joining.set_value(); });
         server.CreateThread([] {});
         joining.get_future().wait();
@@ -69,7 +69,7 @@ TEST_F(ServerSetupTest, Workers_HaveAStackRoundedUpToWholePages) {
     IpcServer server(ConnectionType::Static);
     RunAsWorker(server, [] {});
     EXPECT_THAT(journal.Calls(), ElementsAre("boost thread, stack 1056768", "boost thread, stack 1056768"));
-    EXPECT_EQ(bos_ipc::DispatcherStackSize(), 1056768U); // Boost, too, rounds what it is given
+    EXPECT_EQ(bos_ipc::DispatcherStackSize(), 1056768U); // Boost would round it too
 }
 
 // ------------------------------------------------------------------------------------------------------- static mode
@@ -270,7 +270,7 @@ TEST_F(ServerSetupTest, Run_WithoutAThread_ReturnsZeroAllTheSameAndLeavesARecord
         journal.AddCall("all gone");
     });
     EXPECT_TRUE(fault_points::AwaitSleepingOnAtomic(waiting.get_id()));
-    RunAsWorkerBeside(server); // its removal wakes whoever waits
+    RunAsWorkerBeside(server); // its removal wakes the thread that waits
     journal.AddCall("removing");
     RemoveLeftOver(server);
     waiting.join();

@@ -1,5 +1,5 @@
 // Defends the cycle of a static worker: receive, dispatch, reply, with every way in which a step can fail, and the two
-// conditions that end the loop. What goes wrong here reaches every client of the one channel.
+// conditions that end the loop. A fault here affects every client of the one channel.
 #include "support/ipc_harness.h"
 
 #include <algorithm>
@@ -167,7 +167,7 @@ TEST_F(StaticDispatchTest, DispatchStatic_AllocatesNothing) {
     platform.SetQuiet(true);
     platform.receive.Always(receive); // leaves the zeroed request: interface 0, method 0
     platform.reply.Always(reply);
-    // Not the fake entity, whose handlers note their calls.
+    // Not the fake entity, whose handlers record their calls.
     static const br_MessageBusProvider_ops ops{[](auto...) -> std::int32_t { return 0; }};
     br_MessageBusProvider provider{&ops};
     br_MessageBusComponent_component component{&provider, nullptr, nullptr};
@@ -242,12 +242,12 @@ TEST_F(StaticDispatchTest, RunStaticLoop_ReleasesTheWorkersRecordWhenItEnds) {
     RunAsWorker(server, [&] {
         const auto self = server.GetCurrentIpcThread();
         server.RunStaticLoop();
-        EXPECT_EQ(self.use_count(), 2); // the pool's and this one
+        EXPECT_EQ(self.use_count(), 2); // the pool's reference and this one
     });
 }
 
 TEST_F(StaticDispatchTest, Workers_ShareTheOneTransportWithRecordsOfTheirOwn) {
-    // Two workers inside their handlers at the same time.
+    // Two workers run their handlers at the same time.
     std::promise<void> firstIsIn;
     std::promise<void> secondIsIn;
     fake.onPush = [&](auto...) {

@@ -1,5 +1,5 @@
-// Defends the three-step registration: ids, the codes that differ between steps on purpose, what reaches the bus, and
-// that a registration is gone after its last step whatever follows.
+// Defends the three-step registration: ids, the codes that differ between the steps, what reaches the bus, and that
+// every last step removes the registration.
 #include "subscribe_helper.h"
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
@@ -16,7 +16,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 namespace fault_points = test_support::fault_points;
 
-/// Takes committed registrations instead of a bus.
+/// Takes committed registrations in place of a bus.
 class FakeControl final : public message_bus::IProviderControl {
 public:
     ResultCode RegisterPublisher(const std::string&, long&) override { return ResultCode::Failed; }

@@ -1,5 +1,5 @@
-// Defends the bus as its clients see it, from their stubs through records, dispatch, workers and queues and back, in
-// both ways of connecting.
+// Defends the bus as its clients see it: from their stubs through records, dispatch, workers and queues and back, in
+// static and in dynamic mode.
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 #include "support/served_bus.h"
@@ -93,7 +93,7 @@ TEST_P(WholeBusTest, AWait_HoldsOneWorkerThatEndsAfterItsReply) {
         Push(provider, publisher, 8);
         EXPECT_EQ(subs.Wait(subscriber), Outcome(0, "heat", 8));
     }
-    // One replacement and one remover each; the remover of the very first wait may have come late.
+    // One replacement and one remover for each wait; the remover of the first wait may start late.
     EXPECT_TRUE(journal.AwaitPrefix("boost thread", before + 2 * waits));
 }
 

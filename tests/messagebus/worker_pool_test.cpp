@@ -1,5 +1,5 @@
 // Defends the pool of workers: how a worker is found, retired, removed and joined, what its locks cover, and how the
-// server goes down. A worker that is lost here is a client that is never answered, or a server that never ends.
+// server goes down. A lost worker leaves a client without an answer, or a server that never ends.
 #include "support/bus_harness.h"
 #include "support/ipc_harness.h"
 
@@ -27,7 +27,7 @@ class WorkerPoolTest : public IpcTest {
 protected:
     static void Throw() { throw std::runtime_error("out of paper"); }
 
-    /// Removes a record whose thread is gone or never was.
+    /// Removes a record whose thread has ended or never started.
     static void RemoveLeftOver(IpcServer& target) { IpcServer::RemoveThread(boost::thread::id(), &target); }
 
     std::unique_ptr<IpcServer> server = std::make_unique<IpcServer>(ConnectionType::Static);
@@ -275,11 +275,11 @@ TEST_F(WorkerPoolTest, RemoveThread_LetsAnythingButAStandardExceptionOfTheJoinPa
     fault_points::BeforeBoostJoin([] { throw 42; });
     EXPECT_THROW(IpcServer::RemoveThread(worker, server.get()), int);
     fault_points::BeforeBoostJoin(nullptr);
-    fault_points::FailMutexLockOnThisThread(); // not a failure of the join
+    fault_points::FailMutexLockOnThisThread(); // the lock fails, not the join
     EXPECT_THROW(IpcServer::RemoveThread(worker, server.get()), std::system_error);
     EXPECT_THAT(journal.Logs(), IsEmpty());
     gate.Open();
-    server->WaitAllThreads(); // its remover finds lock and record
+    server->WaitAllThreads(); // the remover finds lock and record
 }
 
 TEST_F(WorkerPoolDeathTest, Worker_WhoseRemoverFailsWithAnythingElse_EndsTheProcess) {
@@ -311,7 +311,7 @@ TEST_F(WorkerPoolTest, RemoveThread_KeepsTheOrderOfTheOthers) {
     Gate third;
     const auto waitForThePool = [&](Gate& gate, const std::string& name) {
         gate.Pass();
-        // Refused at once to whoever is the first; anybody else waits until that is himself.
+        // Throws at once on the first worker; any other worker waits until it is the first.
         EXPECT_THROW(server->WaitAllThreads(), boost::thread_resource_error);
         journal.AddCall(name + " is the first");
     };
@@ -321,7 +321,7 @@ TEST_F(WorkerPoolTest, RemoveThread_KeepsTheOrderOfTheOthers) {
     for (Gate* gate : {&leaving, &second, &third}) {
         gate->AwaitReached();
     }
-    std::promise<void> joining; // with the pool's lock
+    std::promise<void> joining; // under the pool's lock
     bool isFirst = true;
     fault_points::BeforeBoostJoin([&] {
         if (std::exchange(isFirst, false)) {
@@ -392,7 +392,7 @@ TEST_F(WorkerPoolTest, Destructor_SetsTheStopSignalAndWaitsUntilEveryWorkerHasLe
 }
 
 TEST_F(WorkerPoolTest, Destructor_WaitsForAStaticWorkerUntilItsNextRequestIsServed) {
-    journal.Ignore("join std thread"); // this test's own
+    journal.Ignore("join std thread"); // the test's own joins
     EXPECT_EQ(Init(*server), 0);
     Gate receiving;
     Receives(test_support::Request(test_support::ProviderIid, 0), [&] { receiving.Pass(); });
@@ -402,7 +402,7 @@ TEST_F(WorkerPoolTest, Destructor_WaitsForAStaticWorkerUntilItsNextRequestIsServ
         server.reset();
         journal.AddCall("destroyed");
     });
-    EXPECT_TRUE(fault_points::AwaitSleepingOnAtomic(destroying.get_id())); // waits for the pool
+    EXPECT_TRUE(fault_points::AwaitSleepingOnAtomic(destroying.get_id())); // it waits for the pool
     receiving.Open();
     destroying.join();
     EXPECT_THAT(Replies(), SizeIs(1));
