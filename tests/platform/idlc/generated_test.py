@@ -1,5 +1,5 @@
-"""Defends the compiler with generated texts: right ones compile, with every record laid out as docs/idl.md says; those that
-break one rule give the error at its place.
+"""Defends the compiler with generated texts: right ones compile, with every record laid out as docs/idl.md says; those
+that break one rule give the error at its place.
 
 IDLC_SEED repeats a run, which prints it; IDLC_GENERATED sets how many texts are tried."""
 
@@ -16,8 +16,8 @@ from mutation_test import ERROR, Edit
 SEED = int(os.environ.get("IDLC_SEED", "20240811"))
 ROUNDS = int(os.environ.get("IDLC_GENERATED", "120"))
 HEADER, RECORD = 24, 1056
-SMALL = ["a", "in", "out", "use", "string", "int8", "component", "connection", "x1", "self", "request", "record", "size",
-         "ops", "std"]
+SMALL = ["a", "in", "out", "use", "string", "int8", "component", "connection", "x1", "self", "request", "record",
+         "size", "ops", "std"]
 INTEGERS = [f"{sign}int{bits}" for sign in ("", "u") for bits in (8, 16, 32, 64)]
 
 

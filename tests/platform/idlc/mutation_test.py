@@ -17,8 +17,9 @@ from golden_test import GOLDEN
 SEED = 20240607
 ERROR = re.compile(r"[^\0]+:[1-9][0-9]*:[1-9][0-9]*: expected \S.*")
 STARTS = [(BUS_IDL, "MessageBus.idl", "br.MessageBus"), (GOLDEN, "Store.idl", "sample.Store")]
-WORDS = [b"interface", b"component", b"entity", b"connection", b"use", b"in ", b"out ", b"string<", b">", b"int64", b"{",
-         b"}", b"(", b")", b";", b":", b",", b"///", b"//", b'"', b"\0", b"\xff", b"\r", b"\n", b"\xef\xbb\xbf", b"99999999999", b"."]
+WORDS = [b"interface", b"component", b"entity", b"connection", b"use", b"in ", b"out ", b"string<", b">",
+         b"int64", b"{", b"}", b"(", b")", b";", b":", b",", b"///", b"//", b'"', b"\0", b"\xff", b"\r",
+         b"\n", b"\xef\xbb\xbf", b"99999999999", b"."]
 
 
 def Edit(dice, data):
