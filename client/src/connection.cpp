@@ -17,8 +17,7 @@ namespace msgbus {
 
 namespace {
 
-constexpr const char* staticConnection = "msgbus_connection_id";
-constexpr std::size_t longestText = 1023; // requests carry texts in arrays of 1024 bytes, NUL included
+constexpr std::size_t LongestText = sizeof(br_MessageBusCtl_RegisterPublisher_req::topic) - 1; // its NUL travels too
 
 const char* ServiceName(Service service) {
     switch (service) {
@@ -72,7 +71,7 @@ Connection::Connection(Service service, Route& route, std::chrono::milliseconds 
         found = Route::Dynamic;
     }
     if (route == Route::Static || (route == Route::Automatic && status == KnStatusNotFound)) {
-        status = ServiceLocatorConnect(staticConnection, timeoutMs, &handle);
+        status = ServiceLocatorConnect(br_MessageBus_connection, timeoutMs, &handle);
         found = Route::Static;
     }
     switch (status) {
@@ -93,12 +92,10 @@ Connection::Connection(Service service, Route& route, std::chrono::milliseconds 
 }
 
 std::int32_t ResultCodeOf(std::int32_t status) noexcept {
-    // The bus sends code c as -(2c + 1) * 0x4000; the statuses of the platform are small negative numbers.
-    const std::uint32_t negated = 0U - static_cast<std::uint32_t>(status);
     if (status == 0) {
         return 0;
     }
-    return (negated & 0x4000U) != 0 ? static_cast<std::int32_t>(negated >> 15U) : -1;
+    return br_MessageBus_IsErrorResult(status) ? br_MessageBus_ErrorValue(status) : -1;
 }
 
 void ThrowUnlessOk(std::int32_t status, const std::string& sentence) {
@@ -118,9 +115,9 @@ void CheckText(const std::string& text, const char* what) {
     if (text.empty()) {
         throw std::invalid_argument(std::string("the ") + what + " is empty");
     }
-    if (text.size() > longestText) {
+    if (text.size() > LongestText) {
         throw std::invalid_argument(std::string("the ") + what + " has " + std::to_string(text.size()) +
-                                    " bytes; at most " + std::to_string(longestText) + " can be sent");
+                                    " bytes; at most " + std::to_string(LongestText) + " can be sent");
     }
     if (text.find('\0') != std::string::npos) {
         throw std::invalid_argument(std::string("the ") + what + " contains a NUL byte");

@@ -24,7 +24,7 @@ public:
     FakeServer() {
         self.component = {&provider, &ctl, &subs};
         self.entity = {&self.component};
-        KnHandle handle = ServiceLocatorRegister("msgbus_connection_id", nullptr, 0, &iid);
+        KnHandle handle = ServiceLocatorRegister(br_MessageBus_connection, nullptr, 0, &iid);
         NkBosTransport_Init(&transport, handle, nullptr, 0);
         for (auto& thread : threads) {
             thread = std::thread([this] { Serve(); });

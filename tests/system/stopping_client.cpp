@@ -21,7 +21,7 @@ constexpr std::uint32_t timeoutMs = 60000;
 NkBosTransport Connect(const char* service) {
     const std::string_view mode = std::getenv("BORVEN_BUS");
     KnHandle handle = KnInvalidHandle;
-    const std::int32_t status = mode == "static" ? ServiceLocatorConnect("msgbus_connection_id", timeoutMs, &handle)
+    const std::int32_t status = mode == "static" ? ServiceLocatorConnect(br_MessageBus_connection, timeoutMs, &handle)
                                                  : KnCmConnect(service, timeoutMs, &handle);
     if (status != 0) {
         std::cerr << "stopping_client: cannot connect: " << status << '\n';
