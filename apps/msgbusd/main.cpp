@@ -1,24 +1,12 @@
-// The server program of the bus: options, start-up, stop.
+// The server program of the bus: options in, exit status out.
 
-#include "bos_connector.h"
-#include "connector_link.h"
-#include "diagnostics.h"
-#include "fast_wait.h"
-#include "flush_wake.h"
-#include "ipc_server.h"
-#include "keep_together.h"
+#include "bus_server.h"
 #include "log_threshold.h"
-#include "message_bus.h"
+#include "msgbusd/arena_mappings.h"
 #include "signal_watch.h"
 #include "standard_descriptors.h"
-#include "subscriber_ledger.h"
 
-#include "br_MessageBus.h"
-#include "kn/handle.h"
-#include "kn/policy.h"
-#include "kn/status.h"
-#include "ns/name_server.h"
-#include "service_locator.h"
+#include "diagnostics.h"
 
 #include <CLI/CLI.hpp>
 
@@ -29,205 +17,131 @@
 #include <cstring>
 #include <iostream>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 
 namespace {
 
 using diagnostics::Log;
 using diagnostics::LogLevel;
-using message_bus::ConnectionType;
 
-constexpr int exitFailed = 1;
-constexpr int exitUsage = 2;
-constexpr const char* staticConnection = "msgbus_connection_id";
+constexpr int ExitFailed = 1;
+constexpr int ExitUsage = 2;
 
 struct Settings {
-    ConnectionType connectionType = ConnectionType::Dynamic;
+    msgbus_server::BusServerOptions server;
+    bool arenaPool = true;
     int logLevel = static_cast<int>(LogLevel::Info);
-    bool fastWait = true;
-    bool flushWake = true;
-    bool keepTogether = true;
     std::optional<int> readyDescriptor;
 };
 
 int Fail(std::string_view sentence) {
     std::cerr << "msgbusd: " << sentence << '\n';
-    return exitFailed;
+    return ExitFailed;
 }
 
-const char* ModeName(ConnectionType type) {
-    return type == ConnectionType::Static ? "static" : "dynamic";
-}
-
-/// Every client connection takes descriptors; the usual soft limit is meant for programs that select().
+/// Every client connection takes descriptors; the usual soft limit is meant for programs that call select().
 void RaiseDescriptorLimit() {
     rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
         limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
+        ::setrlimit(RLIMIT_NOFILE, &limit);
     }
 }
 
-void TellReady(int descriptor) {
+void ReportReady(int descriptor) {
     constexpr std::string_view line = "READY\n";
-    if (write(descriptor, line.data(), line.size()) < 0) {
-        Log(LogLevel::Warning, "cannot tell readiness on descriptor {}: {}", descriptor, std::strerror(errno));
+    if (::write(descriptor, line.data(), line.size()) < 0) {
+        Log(LogLevel::Warning, "Cannot report readiness on descriptor {}: {}", descriptor, std::strerror(errno));
     }
-    close(descriptor);
-}
-
-/// Why the bus could not be offered. Requires: no server end of our own is open.
-std::string ReasonOfFailure(ConnectionType type) {
-    constexpr std::uint32_t probeTimeoutMs = 1000;
-    std::int32_t status = 0;
-    bool taken = false;
-    if (type == ConnectionType::Static) {
-        KnHandle other = KnInvalidHandle;
-        status = ServiceLocatorConnect(staticConnection, probeTimeoutMs, &other);
-        taken = status == 0;
-        if (taken) {
-            KnHandleClose(other);
-        }
-    } else {
-        NsHandle nameServer = 0;
-        status = NsCreate(nullptr, probeTimeoutMs, &nameServer);
-        if (status == 0) {
-            for (const auto& interface : br_MessageBus_interfaces) {
-                taken = taken || NsLookupService(nameServer, interface.service) == 0;
-            }
-        }
-    }
-    if (taken) {
-        return std::string("another msgbusd is already serving in ") + ModeName(type) +
-               " mode (BORVEN_RUNTIME_DIR chooses where)";
-    }
-    const bool told = status != 0 && status != KnStatusNotFound;
-    return "cannot offer the bus" + (told ? std::string(": ") + KnStatusText(status) : std::string()) +
-           "; is the runtime directory (BORVEN_RUNTIME_DIR) writable and yours alone?";
-}
-
-/// A pointer for those who share; main owns all.
-template <typename Interface>
-std::shared_ptr<Interface> Lend(Interface& object) {
-    return {std::shared_ptr<void>(), &object};
+    ::close(descriptor);
 }
 
 int Serve(const Settings& settings) {
-    msgbus_server::LogThreshold logThreshold(settings.logLevel);
-
-    // Each object is used by those that follow it. The connector's workers use them all, and it goes first.
-    message_bus::MessageBus bus;
-    msgbus_server::SubscriberLedger control(bus);
-    std::optional<msgbus_server::FlushWake> flushWake;
-    if (settings.flushWake) {
-        flushWake.emplace(bus, bus);
-    }
-    std::optional<msgbus_server::FastWait> fastWait;
-    if (settings.fastWait) {
-        using Linger = msgbus_server::FastWait::Linger;
-        // The workers of the static channel serve publishers too.
-        fastWait.emplace(bus, bus,
-                         settings.connectionType == ConnectionType::Dynamic ? Linger::InAStream : Linger::Never);
-    }
-    message_bus::IProvider* provider = flushWake ? static_cast<message_bus::IProvider*>(&*flushWake) : &bus;
-    std::optional<msgbus_server::KeepTogether> keepTogether;
-    // The workers of the static channel share one poller. With several processors they do better by themselves.
-    const bool hasOneProcessor = std::thread::hardware_concurrency() == 1;
-    if (settings.keepTogether && (settings.connectionType == ConnectionType::Dynamic || hasOneProcessor)) {
-        provider = &keepTogether.emplace(*provider);
-    }
-    message_bus::IWorker& worker = fastWait ? static_cast<message_bus::IWorker&>(*fastWait) : bus;
-
-    auto server = std::make_shared<bos_ipc::IpcServer>(settings.connectionType);
-    const msgbus_server::SignalWatch signals([stopping = std::weak_ptr(server)](int number) {
-        Log(LogLevel::Info, "msgbusd: {}: stopping, within 5 seconds; once more ends at once", strsignal(number));
-        if (const auto running = stopping.lock()) {
-            running->SetStopSignal();
+    const msgbus_server::LogThreshold logThreshold(settings.logLevel);
+    msgbus_server::BusServer server(settings.server);
+    const msgbus_server::SignalWatch signals([&](int number) {
+        Log(LogLevel::Info, "SIG{} received; a second signal ends the server at once", ::sigabbrev_np(number));
+        server.RequestStop();
+    });
+    const bool isInOrder = server.Run([&] {
+        if (settings.readyDescriptor) {
+            ReportReady(*settings.readyDescriptor);
         }
     });
+    return isInOrder ? 0 : Fail("the bus ended by itself; the log says why");
+}
 
-    message_bus::BosConnector connector(server);
-    for (const auto& interface : br_MessageBus_interfaces) {
-        KnPolicySetMethodCount(interface.type, interface.methodCount);
+/// Replaces the name of a level by its number; the bus's own numbers pass. Returns: empty, or what is wrong.
+std::string ParseLevel(std::string& level) {
+    static const std::map<std::string, int> levels{
+        {"debug", 1}, {"info", 2}, {"warning", 3}, {"error", 4}, {"off", msgbus_server::LogThreshold::Off},
+        {"1", 1},     {"2", 2},    {"3", 3},       {"4", 4}};
+    const auto found = levels.find(CLI::detail::to_lower(level));
+    if (found == levels.end()) {
+        return "'" + level + "' is no level; it must be debug, info, warning, error or off";
     }
-    if (!connector.Init(Lend<message_bus::IProviderControl>(control), Lend(*provider), Lend(worker))) {
-        KnHandleCloseServerEnds();
-        return Fail(ReasonOfFailure(settings.connectionType));
-    }
+    level = std::to_string(found->second);
+    return {};
+}
 
-    bool stoppedInOrder = false;
+/// Returns: nothing to go on with `settings`, or the exit status.
+std::optional<int> Parse(int argc, char** argv, Settings& settings) {
+    using message_bus::ConnectionType;
+    CLI::App app("The server program of the message bus. It serves until SIGTERM or SIGINT.", "msgbusd");
+    app.set_version_flag("--version", "msgbusd " BORVEN_VERSION);
+    const auto mode = [&](ConnectionType type) { return [&settings, type] { settings.server.connectionType = type; }; };
+    const auto switchOff = [](bool& part) { return [&part] { part = false; }; };
+    auto* const staticFlag =
+        app.add_flag_callback("--static", mode(ConnectionType::Static), "offer the bus on one channel with a fixed name");
+    app.add_flag_callback("--dynamic", mode(ConnectionType::Dynamic),
+                          "offer the bus as services that clients connect to (default)")
+        ->excludes(staticFlag);
+    app.add_option("--log-level", settings.logLevel, "minimum level to log to stderr: debug, info, warning, error or off")
+        ->transform(CLI::Validator(ParseLevel, ""))
+        ->type_name("LEVEL")
+        ->default_str("info");
+    app.add_option("--ready-fd", settings.readyDescriptor,
+                   "when the bus is served, write READY to this descriptor and close it")
+        ->type_name("FD");
+    app.add_flag_callback("--no-fast-wait", switchOff(settings.server.fastWait),
+                          "replace the worker for every wait, even when a value is queued");
+    app.add_flag_callback("--no-flush-wake", switchOff(settings.server.flushWake),
+                          "do not deliver values left behind by a lost wake-up until the next push");
+    app.add_flag_callback("--no-placement", switchOff(settings.server.placement),
+                          "do not move the threads to one processor under load");
+    app.add_flag_callback("--no-arena-pool", switchOff(settings.arenaPool),
+                          "map the arenas of every request anew instead of pooling them");
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return std::string("msgbusd: ") + error.what() + "\nSee 'msgbusd --help'.\n";
+    });
     try {
-        stoppedInOrder = bus.Run(std::make_shared<msgbus_server::ConnectorLink>(connector, [&] {
-            Log(LogLevel::Info, "msgbusd: serving in {} mode", ModeName(settings.connectionType));
-            if (settings.readyDescriptor) {
-                TellReady(*settings.readyDescriptor);
-            }
-        }));
-    } catch (const std::exception& error) {
-        Fail(std::string("cannot run the bus: ") + error.what());
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : ExitUsage;
     }
-
-    server->SetStopSignal();
-    control.StopAndUnregisterAll();
-    if (settings.logLevel > static_cast<int>(LogLevel::Debug)) {
-        // Every receive fails now, as it shall, and each would be reported as an error.
-        logThreshold.Set(msgbus_server::LogThreshold::Off);
-    }
-    KnHandleCloseServerEnds();
-    server->WaitAllThreads();
-    server.reset(); // the connector's is the last one: it joins the other threads while what they use is still there
-    // The events thread may have missed the request to stop, as any wake-up (docs/threading.md), and the bus waits for
-    // it. A push, even of nobody's, takes its lock: after that it sleeps where it can be woken, or has ended.
-    bus.Push(-1, 0);
-    bus.Stop();
-    return stoppedInOrder ? 0 : exitFailed;
+    return std::nullopt;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("The server program of the message bus: serves until SIGTERM or SIGINT.", "msgbusd");
-    app.set_version_flag("--version", "msgbusd " BORVEN_VERSION);
-    bool isStatic = false;
-    bool isDynamic = false;
-    auto* const staticFlag = app.add_flag("--static", isStatic, "offer the bus on one channel that is known by name");
-    app.add_flag("--dynamic", isDynamic, "offer the bus as services that clients connect to (the default)")
-        ->excludes(staticFlag);
     Settings settings;
-    const std::map<std::string, int> levels{
-        {"debug", 1}, {"info", 2}, {"warning", 3}, {"error", 4}, {"off", msgbus_server::LogThreshold::Off}};
-    app.add_option("--log-level", settings.logLevel, "least level that is written to stderr; 1 to 4 do too")
-        ->transform(CLI::CheckedTransformer(levels, CLI::ignore_case).description("debug|info|warning|error|off"))
-        ->default_str("info");
-    app.add_flag("!--no-fast-wait", settings.fastWait, "replace the worker for every wait, values queued or not");
-    app.add_flag("!--no-flush-wake", settings.flushWake,
-                 "leave the last value of a burst to the next push when its wake-up was lost");
-    app.add_flag("!--no-keep-together", settings.keepTogether,
-                 "leave the threads to the scheduler, however many values come");
-    app.add_option("--ready-fd", settings.readyDescriptor, "write READY to this descriptor when serving, and close it")
-        ->type_name("FD");
-    app.failure_message([](const CLI::App*, const CLI::Error& error) {
-        return std::string("msgbusd: ") + error.what() + "\nmsgbusd --help tells the options.\n";
-    });
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : exitUsage;
+    if (const auto status = Parse(argc, argv, settings)) {
+        return *status;
     }
-    settings.connectionType = isStatic ? ConnectionType::Static : ConnectionType::Dynamic;
-
     OccupyStandardDescriptors();
-    if (settings.readyDescriptor && fcntl(*settings.readyDescriptor, F_GETFD) < 0) {
+    if (settings.readyDescriptor && ::fcntl(*settings.readyDescriptor, F_GETFD) < 0) {
         std::cerr << "msgbusd: --ready-fd " << *settings.readyDescriptor << ": " << std::strerror(errno) << '\n';
-        return exitUsage;
+        return ExitUsage;
     }
     RaiseDescriptorLimit();
-    signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGPIPE, SIG_IGN);
     msgbus_server::SignalWatch::BlockSignals();
+    if (settings.arenaPool) {
+        msgbusd::PoolArenaMappings();
+    }
     try {
         return Serve(settings);
     } catch (const std::exception& error) {

@@ -2,7 +2,9 @@
 
 #include "bus_interfaces.h"
 
-#include <mutex>
+#include "common/mutex.h"
+
+#include <cstddef>
 #include <unordered_set>
 
 namespace msgbus_server {
@@ -14,25 +16,26 @@ public:
     /// Lifetime: `bus` must outlive this object.
     explicit SubscriberLedger(message_bus::IProviderControl& bus) : control(bus) {}
 
-    /// As the bus; 10 once StopAndUnregisterAll was called, after which nobody is registered any more and whoever asks
-    /// to be unregistered is told so.
+    /// As the bus; 10 once StopAndUnregisterAll was called: from then on nothing is registered, and nothing is left to
+    /// unregister.
     cor::ResultCode RegisterPublisher(const std::string& topic, long& publisherId) override;
     cor::ResultCode RegisterSubscriber(const std::string& name, const std::set<std::string>& topics,
                                        long& subscriberId) override;
     cor::ResultCode UnregisterPublisher(long publisherId) override;
     cor::ResultCode UnregisterSubscriber(long subscriberId) override;
 
-    /// Refuses newcomers from now on and unregisters every subscriber.
-    void StopAndUnregisterAll();
+    /// Refuses new registrations from now on and unregisters every subscriber, which ends its blocked waits.
+    /// Returns: how many subscribers there were.
+    std::size_t StopAndUnregisterAll();
 
 private:
     bool IsStopping() const;
 
     message_bus::IProviderControl& control;
 
-    mutable std::mutex mutex; // guards all below
-    bool stopping = false;
-    std::unordered_set<long> subscribers;
+    mutable common::Mutex mutex;
+    bool isStopping GUARDED_BY(mutex) = false;
+    std::unordered_set<long> subscribers GUARDED_BY(mutex);
 };
 
 } // namespace msgbus_server

@@ -1,62 +1,35 @@
 #include "fast_wait.h"
 
-#include "diagnostics.h"
-
-#include <utility>
-
 namespace msgbus_server {
 
 namespace {
 
 using cor::ResultCode;
-using diagnostics::Log;
-using diagnostics::LogLevel;
 
-constexpr const char* tag = "[MessageBus]"; // the lines are the bus's, whoever writes them
-constexpr unsigned popTimeoutMs = 1;        // the least: the item that was seen may go to another wait
-constexpr std::chrono::microseconds quickGap{200};
-constexpr int quickDeliveriesOfAStream = 4;
+constexpr std::chrono::milliseconds LingerTime{1};
+constexpr std::chrono::microseconds QuickGap{200};
+constexpr int QuickDeliveriesOfAStream = 4;
 
 } // namespace
 
-cor::ResultCode FastWait::Wait(long subscriberId, std::string& topic, long& message) {
-    try {
-        const auto subscriber = bus.GetSubscriberPtrById(subscriberId);
-        const bool isDue = IsDueAnyMoment(subscriberId);
-        if (subscriber && (isDue || subscriber->queue.Size() != 0)) {
-            std::shared_ptr<message_bus::Message> next;
-            const bool taken = subscriber->queue.Pop(next, popTimeoutMs);
-            const bool canceled = subscriber->queue.IsCanceled();
-            if (taken || canceled) {
-                Log(LogLevel::Debug, "Wait is called by subscriber ({})", subscriberId);
-            }
-            if (canceled) {
-                Log(LogLevel::Debug, "{}: Canceled", tag);
-                return ResultCode::NotRegistered;
-            }
-            if (taken) {
-                std::string text = next->topic; // all that can fail, before either output is written
-                message = next->value;
-                topic = std::move(text);
-                NoteDelivery(subscriberId);
-                return ResultCode::Success;
-            }
+ResultCode FastWait::Wait(long subscriberId, std::string& topic, long& message) {
+    const bool isDue = IsDueAnyMoment(subscriberId);
+    auto result = ready.TryWait(subscriberId, isDue ? LingerTime : LingerTime.zero(), topic, message);
+    if (!result) {
+        if (isDue) {
             quickDeliveries.store(0, std::memory_order_relaxed); // the stream has ended
         }
-    } catch (const std::exception& error) {
-        Log(LogLevel::Error, "{}: {}", tag, error.what());
-        return ResultCode::Failed;
+        result = blocking.Wait(subscriberId, topic, message);
     }
-    const ResultCode result = blockingWorker.Wait(subscriberId, topic, message);
     if (result == ResultCode::Success) {
         NoteDelivery(subscriberId);
     }
-    return result;
+    return *result;
 }
 
 bool FastWait::IsDueAnyMoment(long subscriberId) const {
     return linger == Linger::InAStream && lastSubscriber.load(std::memory_order_relaxed) == subscriberId &&
-           quickDeliveries.load(std::memory_order_relaxed) >= quickDeliveriesOfAStream;
+           quickDeliveries.load(std::memory_order_relaxed) >= QuickDeliveriesOfAStream;
 }
 
 void FastWait::NoteDelivery(long subscriberId) {
@@ -66,7 +39,7 @@ void FastWait::NoteDelivery(long subscriberId) {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     const auto before =
         std::chrono::steady_clock::duration(lastDelivery.exchange(now.count(), std::memory_order_relaxed));
-    if (lastSubscriber.exchange(subscriberId, std::memory_order_relaxed) == subscriberId && now - before < quickGap) {
+    if (lastSubscriber.exchange(subscriberId, std::memory_order_relaxed) == subscriberId && now - before < QuickGap) {
         quickDeliveries.fetch_add(1, std::memory_order_relaxed);
     } else {
         quickDeliveries.store(0, std::memory_order_relaxed);

@@ -12,35 +12,35 @@ namespace {
 using cor::ResultCode;
 
 constexpr std::chrono::milliseconds lookEvery{1};
-constexpr int quietLooksUntilIdle = 20; // a publisher of 50 values a second or more wakes the thread only once
+constexpr int quietLooksUntilIdle = 20; // so publishers of 50 values a second or more wake the thread only once
 
 } // namespace
 
 FlushWake::FlushWake(message_bus::IProvider& publisher, message_bus::IProviderControl& registry)
     : provider(publisher), control(registry), thread([this] { Run(); }) {
-    pthread_setname_np(thread.native_handle(), "flush-wake");
+    ::pthread_setname_np(thread.native_handle(), "flush-wake");
 }
 
 FlushWake::~FlushWake() {
     {
-        const std::lock_guard lock(mutex);
-        ending = true;
+        const common::MutexLock lock(mutex);
+        isEnding = true;
     }
-    changed.notify_one();
+    changed.NotifyOne();
     thread.join();
 }
 
 cor::ResultCode FlushWake::Push(long publisher, long message) {
     const ResultCode result = provider.Push(publisher, message);
-    if (result == ResultCode::Success) { // what a full queue refused is no sign of a burst that goes on
+    if (result == ResultCode::Success) { // a push that a full queue refused does not prolong the burst
         pushes.fetch_add(1);
     }
-    if (!watching.load()) {
+    if (!isWatching.load()) {
         {
-            const std::lock_guard lock(mutex);
-            watching.store(true);
+            const common::MutexLock lock(mutex);
+            isWatching.store(true);
         }
-        changed.notify_one();
+        changed.NotifyOne();
     }
     return result;
 }
@@ -48,9 +48,11 @@ cor::ResultCode FlushWake::Push(long publisher, long message) {
 void FlushWake::Run() {
     while (true) {
         {
-            std::unique_lock lock(mutex);
-            changed.wait(lock, [this] { return ending || watching.load(); });
-            if (ending) {
+            common::MutexLock lock(mutex);
+            while (!isEnding && !isWatching.load()) {
+                changed.Wait(lock);
+            }
+            if (isEnding) {
                 return;
             }
         }
@@ -58,14 +60,17 @@ void FlushWake::Run() {
     }
 }
 
-/// From the first push of a burst until nothing was pushed for a while.
+/// Runs from the first push of a burst until nothing was pushed for a while.
 void FlushWake::Watch() {
-    std::uint64_t seen = 0; // there was a push, or nobody would watch
+    std::uint64_t seen = 0; // differs from the count: a push started this
     int quietLooks = 0;
     while (true) {
         {
-            std::unique_lock lock(mutex);
-            if (changed.wait_for(lock, lookEvery, [this] { return ending; })) {
+            common::MutexLock lock(mutex);
+            const auto nextLook = std::chrono::steady_clock::now() + lookEvery;
+            while (!isEnding && changed.WaitUntil(lock, nextLook) == std::cv_status::no_timeout) {
+            }
+            if (isEnding) {
                 return;
             }
         }
@@ -79,11 +84,11 @@ void FlushWake::Watch() {
             Wake();
         }
         if (quietLooks == quietLooksUntilIdle) {
-            watching.store(false);
+            isWatching.store(false);
             if (pushes.load() == seen) {
                 return;
             }
-            watching.store(true);
+            isWatching.store(true);
         }
     }
 }
@@ -93,7 +98,7 @@ void FlushWake::Wake() {
         return;
     }
     if (provider.Push(publisherId, 0) != ResultCode::Success) {
-        // The queue is full, and the values in it wait for a wake-up that no push can give. Unregistering wakes too.
+        // The queue is full, so no push can wake the events thread. Unregistering wakes it too.
         control.UnregisterPublisher(std::exchange(publisherId, -1));
     }
 }

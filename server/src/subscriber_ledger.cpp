@@ -1,6 +1,6 @@
 #include "subscriber_ledger.h"
 
-#include <utility>
+#include <cassert>
 
 namespace msgbus_server {
 
@@ -20,13 +20,14 @@ cor::ResultCode SubscriberLedger::RegisterSubscriber(const std::string& name, co
         return result;
     }
     {
-        const std::lock_guard lock(mutex);
-        if (!stopping) {
-            subscribers.insert(subscriberId);
+        const common::MutexLock lock(mutex);
+        if (!isStopping) {
+            [[maybe_unused]] const bool isNew = subscribers.insert(subscriberId).second;
+            assert(isNew); // the bus never gives an id twice
             return result;
         }
     }
-    // The stop came while the bus registered it, and has not seen it.
+    // The stop came while the bus registered the subscriber, and missed it.
     control.UnregisterSubscriber(subscriberId);
     return ResultCode::Failed;
 }
@@ -37,8 +38,8 @@ cor::ResultCode SubscriberLedger::UnregisterPublisher(long publisherId) {
 
 cor::ResultCode SubscriberLedger::UnregisterSubscriber(long subscriberId) {
     {
-        const std::lock_guard lock(mutex);
-        if (stopping) {
+        const common::MutexLock lock(mutex);
+        if (isStopping) {
             return ResultCode::Failed;
         }
         subscribers.erase(subscriberId);
@@ -46,21 +47,22 @@ cor::ResultCode SubscriberLedger::UnregisterSubscriber(long subscriberId) {
     return control.UnregisterSubscriber(subscriberId);
 }
 
-void SubscriberLedger::StopAndUnregisterAll() {
+std::size_t SubscriberLedger::StopAndUnregisterAll() {
     std::unordered_set<long> left;
     {
-        const std::lock_guard lock(mutex);
-        stopping = true;
+        const common::MutexLock lock(mutex);
+        isStopping = true;
         left.swap(subscribers);
     }
     for (const long id : left) {
         control.UnregisterSubscriber(id);
     }
+    return left.size();
 }
 
 bool SubscriberLedger::IsStopping() const {
-    const std::lock_guard lock(mutex);
-    return stopping;
+    const common::MutexLock lock(mutex);
+    return isStopping;
 }
 
 } // namespace msgbus_server

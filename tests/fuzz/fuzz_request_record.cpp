@@ -13,6 +13,7 @@
 #include "ipc_server.h"
 #include "kn/status.h"
 #include "message_bus.h"
+#include "stop_events_thread.h"
 #include "support/scripted_platform.h"
 
 #include <memory>
@@ -33,7 +34,7 @@ enum class Way { Static, Pool, DynamicServer };
 
 constexpr std::size_t mostRequests = 256; ///< fewer than the inbound queue holds
 constexpr KnHandle channel = 7;
-constexpr long nobody = -99;
+constexpr long UnknownPublisher = -99;
 
 class FuzzedBus final : public message_bus::IConnector {
 public:
@@ -57,12 +58,7 @@ public:
     }
     FuzzedBus(const FuzzedBus&) = delete;
     FuzzedBus& operator=(const FuzzedBus&) = delete;
-    ~FuzzedBus() override {
-        // A request to stop may be lost as any wake-up may; the push takes the lock after which it cannot.
-        bus->Stop();
-        bus->Push(nobody, 0);
-        bus->Stop();
-    }
+    ~FuzzedBus() override { msgbus_server::StopEventsThread(*bus); }
 
     void Serve(std::vector<Record> incoming) {
         requests = std::move(incoming);
@@ -93,7 +89,7 @@ public:
 
     cor::ResultCode RunServer() override { return cor::ResultCode::Success; }
 
-    /// Comes between the look-up of a wait and its sleep. Nobody takes the caller's place; there is nobody to serve.
+    /// Comes between the look-up of a wait and its sleep. Nobody takes the caller's place; there is UnknownPublisher to serve.
     cor::ResultCode SwitchActiveIpcServer() override {
         if (!model.Subscribers().contains(waitingId)) {
             bus->UnregisterSubscriber(waitingId);
@@ -161,7 +157,7 @@ private:
         bus->Push(publisher, 0);
         const auto last = bus->GetSubscriberPtrById(subscriber);
         while (last->queue.Size() == 0) {
-            bus->UnregisterPublisher(nobody); // wakes the events thread, whose wake-ups may be lost
+            bus->UnregisterPublisher(UnknownPublisher); // wakes the events thread, whose wake-ups may be lost
             std::this_thread::yield();
         }
         bus->UnregisterPublisher(publisher);

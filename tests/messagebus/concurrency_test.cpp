@@ -3,6 +3,7 @@
 // races. Contract: the bus may lose a wake-up, so each test wakes it again, and the values left behind have to come
 // then.
 #include "support/bus_test.h"
+#include "stop_events_thread.h"
 #include "support/served_bus.h"
 
 #include <algorithm>
@@ -207,7 +208,7 @@ TEST_F(ConcurrencyTest, EveryAcceptedPush_ReachesEachSubscriberOnceAndAllSeeTheS
     isOver = true;
     registering.get();
     const auto runs = passing.get();
-    test_support::StopEventsThread(bus);
+    msgbus_server::StopEventsThread(bus);
 
     ExpectComplete(sequences.front(), publisherCount, perPublisher);
     for (const auto& sequence : sequences) {
@@ -223,7 +224,7 @@ TEST_F(ConcurrencyTest, ConcurrentWaitsOfOneSubscriber_ShareItsValuesWithoutLoss
     MessageBus bus;
     Start(bus);
     ExpectSharedValues(bus, {TakeBlocking, TakeBlocking, TakeBlocking});
-    test_support::StopEventsThread(bus);
+    msgbus_server::StopEventsThread(bus);
 }
 
 TEST_F(ConcurrencyTest, ConcurrentWaitsAndTryWaitsOfOneSubscriber_ShareItsValuesWithoutLossOrDoubling) {
@@ -232,7 +233,7 @@ TEST_F(ConcurrencyTest, ConcurrentWaitsAndTryWaitsOfOneSubscriber_ShareItsValues
     Start(bus);
     ExpectSharedValues(
         bus, {TakeBlocking, TakeReady(milliseconds(0)), TakeReady(milliseconds(0)), TakeReady(milliseconds(1))});
-    test_support::StopEventsThread(bus);
+    msgbus_server::StopEventsThread(bus);
 }
 
 TEST_F(ConcurrencyTest, UnregistrationRacingAWait_AlwaysEndsIt) {
@@ -249,7 +250,7 @@ TEST_F(ConcurrencyTest, UnregistrationRacingAWait_AlwaysEndsIt) {
         EXPECT_EQ(bus.UnregisterSubscriber(subscriber), ResultCode::Success);
         EXPECT_EQ(waiting.get(), ResultCode::NotRegistered);
     }
-    test_support::StopEventsThread(bus);
+    msgbus_server::StopEventsThread(bus);
 }
 
 TEST_F(ConcurrencyTest, StoppedEventsThread_ThatIsAskedTwiceBehindAPush_AlwaysEnds) {
@@ -259,7 +260,7 @@ TEST_F(ConcurrencyTest, StoppedEventsThread_ThatIsAskedTwiceBehindAPush_AlwaysEn
         long publisher = 0;
         ASSERT_EQ(bus.RegisterPublisher("heat", publisher), ResultCode::Success);
         static_cast<void>(bus.Push(publisher, round));
-        test_support::StopEventsThread(bus);
+        msgbus_server::StopEventsThread(bus);
     } // the destructor joins
 }
 
@@ -274,7 +275,7 @@ TEST_F(ConcurrencyTest, Handshakes_OfManyThreads_KeepTheirTopicsApart) {
             auto client = Client::ToStaticChannel();
             for (int round = 0; round < rounds; ++round) {
                 const std::string own = std::to_string(thread) + "/" + std::to_string(round);
-                const long id = client.Subscribe(served, own, {own, "common"});
+                const long id = client.Subscribe(own, {own, "common"});
                 const auto record = served.bus->GetSubscriberPtrById(id);
                 ASSERT_TRUE(record);
                 EXPECT_EQ(record->name, own);
@@ -307,7 +308,7 @@ TEST_P(ServedConcurrencyTest, ClientsThatPushAndWait_LoseNothingWhileWorkersRepl
     }
     std::vector<std::future<std::vector<Value>>> readers;
     for (std::size_t i = 0; i < subscriberCount; ++i) {
-        const long subscriber = ctl.Subscribe(served, "reader", topics);
+        const long subscriber = ctl.Subscribe("reader", topics);
         readers.push_back(std::async(std::launch::async, [&, subscriber] {
             auto subs = Subs();
             std::vector<Value> sequence;
@@ -356,7 +357,7 @@ TEST_P(ServedConcurrencyTest, AServer_MayGoDownAtAnyMomentOfItsClients) {
         std::vector<long> subscribers;
         auto ctl = Ctl();
         for (int i = 0; i < 3; ++i) {
-            const long subscriber = ctl.Subscribe(served, "reader", {"heat"});
+            const long subscriber = ctl.Subscribe("reader", {"heat"});
             auto subs = Subs();
             auto provider = Provider();
             clients.push_back(std::async(std::launch::async, [subscriber, subs = std::move(subs)]() mutable {

@@ -47,8 +47,8 @@ INSTANTIATE_TEST_SUITE_P(EitherWay, WholeBusTest, testing::Values(ConnectionType
 TEST_P(WholeBusTest, Values_ReachEverySubscriberOfTheirTopicInPushOrder) {
     auto ctl = Ctl();
     auto provider = Provider();
-    const long first = ctl.Subscribe(served, "first", {"heat", "light"});
-    const long second = ctl.Subscribe(served, "second", {"heat"});
+    const long first = ctl.Subscribe("first", {"heat", "light"});
+    const long second = ctl.Subscribe("second", {"heat"});
     const long heat = ctl.RegisterPublisher("heat");
     const long light = ctl.RegisterPublisher("light");
     Push(provider, heat, 1);
@@ -70,7 +70,7 @@ TEST_P(WholeBusTest, BlockedWaits_KeepNobodyElseFromBeingServed) {
     std::vector<long> subscribers;
     std::vector<std::future<Outcome>> waits;
     for (int i = 0; i < 5; ++i) {
-        subscribers.push_back(ctl.Subscribe(served, "reader", {"heat"}));
+        subscribers.push_back(ctl.Subscribe("reader", {"heat"}));
         waits.push_back(WaitBeside(subscribers.back()));
     }
     Push(provider, publisher, 7);
@@ -83,7 +83,7 @@ TEST_P(WholeBusTest, AWait_HoldsOneWorkerThatEndsAfterItsReply) {
     auto ctl = Ctl();
     auto provider = Provider();
     const long publisher = ctl.RegisterPublisher("heat");
-    const long subscriber = ctl.Subscribe(served, "reader", {"heat"});
+    const long subscriber = ctl.Subscribe("reader", {"heat"});
     Push(provider, publisher, 7);
     Subs().Wait(subscriber);
     const auto before = journal.Calls("boost thread").size();
@@ -99,7 +99,7 @@ TEST_P(WholeBusTest, AWait_HoldsOneWorkerThatEndsAfterItsReply) {
 
 TEST_P(WholeBusTest, Unregistration_EndsABlockedWait) {
     auto ctl = Ctl();
-    const long subscriber = ctl.Subscribe(served, "reader", {"heat"});
+    const long subscriber = ctl.Subscribe("reader", {"heat"});
     auto wait = WaitBeside(subscriber);
     EXPECT_EQ(ctl.Unregister(subscriber), 0);
     EXPECT_EQ(std::get<0>(wait.get()), NotRegistered);
@@ -122,8 +122,8 @@ TEST_P(WholeBusTest, ALongTopic_ArrivesCutButIsMatchedWhole) {
     const std::string topic(1023, 't');
     auto ctl = Ctl();
     auto provider = Provider();
-    const long subscriber = ctl.Subscribe(served, "reader", {topic});
-    const long other = ctl.Subscribe(served, "other", {topic.substr(1)});
+    const long subscriber = ctl.Subscribe("reader", {topic});
+    const long other = ctl.Subscribe("other", {topic.substr(1)});
     const long publisher = ctl.RegisterPublisher(topic);
     Push(provider, publisher, 5);
     EXPECT_EQ(Subs().Wait(subscriber), Outcome(0, topic.substr(1), 5));
@@ -132,7 +132,7 @@ TEST_P(WholeBusTest, ALongTopic_ArrivesCutButIsMatchedWhole) {
 
 TEST_P(WholeBusTest, ShutDown_EndsBlockedWaitsAndRefusesFurtherCalls) {
     auto ctl = Ctl();
-    auto wait = WaitBeside(ctl.Subscribe(served, "reader", {"heat"}));
+    auto wait = WaitBeside(ctl.Subscribe("reader", {"heat"}));
     served.ShutDown();
     const auto status = std::get<0>(wait.get());
     EXPECT_TRUE(status == NotRegistered || status == KnStatusClosed) << status;

@@ -19,7 +19,7 @@ using test_support::WaitOn;
 using testing::IsEmpty;
 namespace fault_points = test_support::fault_points;
 
-constexpr long Nobody = -99; // a push of nobody is accepted and wakes nobody
+constexpr long Unknown = -99; // its push is answered 0 and wakes no thread
 const std::string TopicInLog(FlushWake::Topic);
 
 class FlushWakeTest : public test_support::BusTest {
@@ -45,7 +45,7 @@ protected:
     /// time but has not yet forgotten that it was woken.
     void Strand(long count) {
         const auto* const subscribersMutex =
-            test_support::LastUnlockedBy([this] { bus->GetSubscriberPtrById(Nobody); });
+            test_support::LastUnlockedBy([this] { bus->GetSubscriberPtrById(Unknown); });
         Gate gap;
         test_support::OnNextUnlock(bus.eventsThread, subscribersMutex, [&] { gap.Pass(); });
         ASSERT_EQ(bus->Push(publisher, 0), ResultCode::Success);
@@ -62,7 +62,7 @@ protected:
 TEST_F(FlushWakeTest, Push_AfterAStrandedValue_BringsItOut) {
     Strand(1);
     FlushWake flushWake(*bus, *bus);
-    EXPECT_EQ(flushWake.Push(Nobody, 0), ResultCode::Success);
+    EXPECT_EQ(flushWake.Push(Unknown, 0), ResultCode::Success);
     EXPECT_EQ(WaitOn(*bus, subscriber), Delivered("heat", 0));
     EXPECT_EQ(WaitOn(*bus, subscriber), Delivered("heat", 1));
 }

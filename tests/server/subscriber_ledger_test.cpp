@@ -1,4 +1,4 @@
-// Defends the stop of a server: whoever waits is released, and nobody slips in behind.
+// Defends the stop of a server: every subscriber is released, and none registers afterwards.
 #include "subscriber_ledger.h"
 #include "support/bus_harness.h"
 #include "support/bus_test.h"

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "message_bus.h"
+#include "stop_events_thread.h"
 #include "support/fault_points.h"
 #include "support/journal.h"
 
@@ -58,7 +59,7 @@ private:
 /// Waits until the events thread that `bus` has started last sleeps: the next wake-up is not lost then.
 /// Returns: its id; none when it did not within Patience.
 inline std::thread::id AwaitIdleEventsThread(message_bus::MessageBus& bus) {
-    constexpr long nobody = -99;
+    constexpr long unknownPublisher = -99;
     const std::string started = "2 EventsProcessor: [MessageBus]: queue thread started";
     std::thread::id thread;
     if (!Journal::Instance().Await(started)) {
@@ -72,7 +73,7 @@ inline std::thread::id AwaitIdleEventsThread(message_bus::MessageBus& bus) {
     if (!fault_points::AwaitSleepingOnCondition(thread)) {
         return {};
     }
-    bus.Push(nobody, 0); // locks what the sleeper has given up, so it sleeps for good
+    bus.Push(unknownPublisher, 0); // takes the lock that the sleeper released, so the thread is asleep
     return thread;
 }
 
@@ -95,8 +96,8 @@ public:
 
     /// As AwaitIdleEventsThread, also after the journal was cleared.
     [[nodiscard]] bool AwaitIdle() const {
-        constexpr long nobody = -99;
-        return fault_points::AwaitSleepingOnCondition(eventsThread) && bus->Push(nobody, 0) != cor::ResultCode::Failed;
+        constexpr long unknownPublisher = -99;
+        return fault_points::AwaitSleepingOnCondition(eventsThread) && bus->Push(unknownPublisher, 0) != cor::ResultCode::Failed;
     }
 
     /// Runs `wake`, which wakes the idle events thread once, and waits until that is idle again: a push that follows
@@ -110,8 +111,7 @@ public:
         return fault_points::AwaitMoreSleepsOnCondition(eventsThread, sleeps) && AwaitIdle();
     }
 
-    /// Ends Run, and the events thread surely: the stop request of Run itself may come between the thread's test of its
-    /// flag and its sleep, and is lost then.
+    /// Ends Run, and the events thread.
     void Stop() {
         if (!runner.joinable()) {
             return;
@@ -119,9 +119,7 @@ public:
         connector->Stop();
         runner.join();
         fault_points::SetSleep(nullptr);
-        constexpr long nobody = -99;
-        bus->Push(nobody, 0); // behind the lock that covers test and sleep
-        bus->Stop();
+        msgbus_server::StopEventsThread(*bus);
     }
 
     std::shared_ptr<message_bus::MessageBus> bus;
@@ -191,7 +189,7 @@ private:
 /// A gate that one thread goes through when another opens it.
 class Gate final {
 public:
-    /// For the thread that shall stop here.
+    /// Called by the thread that is to stop here.
     void Pass() {
         reached.set_value();
         opened.get_future().wait();

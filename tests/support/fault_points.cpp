@@ -325,7 +325,7 @@ __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condition_
                                                                  std::unique_lock<std::mutex>& lock);
 void __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condition_variable* self,
                                                                       std::unique_lock<std::mutex>& lock) {
-    // With the mutex still held: whoever locks it after AwaitSleepingOnCondition finds this thread asleep.
+    // With the mutex still held: a thread that locks it after AwaitSleepingOnCondition finds this thread asleep.
     fault_points::OnCondition().Enter();
     __real__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(self, lock);
     fault_points::OnCondition().Leave();

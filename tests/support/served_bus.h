@@ -1,18 +1,17 @@
 #pragma once
 
-#include "bos_connector.h"
 #include "br_MessageBus_client.h"
-#include "ipc_server.h"
+#include "bus_server.h"
 #include "kn/handle.h"
-#include "message_bus.h"
 #include "support/scripted_platform.h"
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <mutex>
+#include <future>
 #include <set>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <utility>
 
 namespace test_support {
@@ -21,76 +20,55 @@ inline std::string ModeName(const testing::TestParamInfo<message_bus::Connection
     return mode.param == message_bus::ConnectionType::Static ? "Static" : "Dynamic";
 }
 
-/// Gives every wake-up a successor, so that none that the bus may lose by intent keeps a value or a stop back.
+/// Gives every wake-up a successor: the bus may lose one, and a value or a stop would wait for the next.
 inline void Nudge(message_bus::MessageBus& bus) {
-    constexpr long nobody = -99;
-    static_cast<void>(bus.UnregisterPublisher(nobody));
+    constexpr long unknownPublisher = -99;
+    static_cast<void>(bus.UnregisterPublisher(unknownPublisher));
 }
 
-/// Stops the events thread for good: a stop request may come between the thread's test of its flag and its sleep, and
-/// is lost then.
-inline void StopEventsThread(message_bus::MessageBus& bus) {
-    constexpr long nobody = -99;
-    bus.Stop();
-    static_cast<void>(bus.Push(nobody, 0)); // behind the lock that covers test and sleep
-    bus.Stop();
-}
-
-/// The whole bus on the in-process platform: bus, connector and IPC server, wired as a server program does it. What
-/// Run adds to that is one sleep, which no test wants.
-class ServedBus final : public message_bus::IConnector {
+/// The whole bus on the in-process platform, as the server program runs it, but bare: without what the server adds to
+/// the bus's answers.
+class ServedBus final {
 public:
-    explicit ServedBus(message_bus::ConnectionType type) : server(std::make_shared<bos_ipc::IpcServer>(type)) {
-        connector = std::make_shared<message_bus::BosConnector>(server);
-        isServing = connector->Init(bus, bus, bus);
-        // Run stores its connector and starts the events thread; leaving it by an exception that it lets pass keeps
-        // both.
-        try {
-            static_cast<void>(bus->Run(std::shared_ptr<IConnector>(std::shared_ptr<IConnector>(), this)));
-        } catch (const Leave&) {
-            isServing = isServing && connector->RunServer() == cor::ResultCode::Success;
-        }
+    explicit ServedBus(message_bus::ConnectionType type)
+        : server({.connectionType = type, .fastWait = false, .flushWake = false, .placement = false}) {
+        std::promise<bool> started;
+        runner = std::thread([this, &started] {
+            bool hasStarted = false;
+            try {
+                stoppedInOrder = server.Run([&] {
+                    hasStarted = true;
+                    started.set_value(true);
+                });
+            } catch (const msgbus_server::OfferError& error) {
+                ADD_FAILURE() << error.what();
+            }
+            if (!hasStarted) {
+                started.set_value(false);
+            }
+        });
+        isServing = started.get_future().get();
     }
-    ~ServedBus() override { ShutDown(); }
+    ~ServedBus() { ShutDown(); }
     ServedBus(const ServedBus&) = delete;
     ServedBus& operator=(const ServedBus&) = delete;
 
-    /// As a server program ends: stop signal, every subscriber unregistered, channels closed, workers gone.
     void ShutDown() {
-        if (!server) {
-            return;
+        if (runner.joinable()) {
+            server.RequestStop();
+            runner.join();
+            EXPECT_TRUE(stoppedInOrder);
         }
-        server->SetStopSignal();
-        for (const long subscriber : subscribers) {
-            static_cast<void>(bus->UnregisterSubscriber(subscriber));
-        }
-        KnHandleCloseServerEnds();
-        server->WaitAllThreads();
-        connector.reset();
-        server.reset();
-        StopEventsThread(*bus);
     }
-
-    /// ShutDown unregisters it.
-    void Remember(long subscriber) {
-        const std::lock_guard lock(mutex);
-        subscribers.insert(subscriber);
-    }
-
-    cor::ResultCode RunServer() override { return cor::ResultCode::Success; }
-    cor::ResultCode SwitchActiveIpcServer() override { return connector->SwitchActiveIpcServer(); }
-    bool ShouldBeStopped() override { throw Leave{}; }
-
-    std::shared_ptr<message_bus::MessageBus> bus = std::make_shared<message_bus::MessageBus>();
-    std::shared_ptr<bos_ipc::IpcServer> server;
-    std::shared_ptr<message_bus::BosConnector> connector;
-    bool isServing = false;
 
 private:
-    struct Leave {};
+    msgbus_server::BusServer server;
+    std::thread runner;
+    bool stoppedInOrder = false;
 
-    std::mutex mutex; // guards subscribers
-    std::set<long> subscribers;
+public:
+    message_bus::MessageBus* const bus = &server.Bus();
+    bool isServing = false;
 };
 
 /// One connection of a client.
@@ -98,7 +76,7 @@ class Client final {
 public:
     static Client ToStaticChannel() {
         Client client;
-        EXPECT_EQ(ServiceLocatorConnect("msgbus_connection_id", patienceMs, &client.handle), KnStatusOk);
+        EXPECT_EQ(ServiceLocatorConnect(br_MessageBus_connection, patienceMs, &client.handle), KnStatusOk);
         NkBosTransport_Init(&client.transport, client.handle, nullptr, 0);
         return client;
     }
@@ -123,7 +101,7 @@ public:
         EXPECT_EQ(br_MessageBusCtl_RegisterPublisher_call(&transport, topic, id), 0);
         return id;
     }
-    long Subscribe(ServedBus& served, const std::string& name, const std::set<std::string>& topics) {
+    long Subscribe(const std::string& name, const std::set<std::string>& topics) {
         std::int64_t registration = -1;
         std::int64_t id = -1;
         EXPECT_EQ(br_MessageBusCtl_StartSubs_call(&transport, name, registration), 0);
@@ -131,7 +109,6 @@ public:
             EXPECT_EQ(br_MessageBusCtl_Subscribe_call(&transport, registration, topic), 0);
         }
         EXPECT_EQ(br_MessageBusCtl_FinishSubs_call(&transport, registration, 1, id), 0);
-        served.Remember(id);
         return id;
     }
     std::int32_t Push(long publisher, long value) {
@@ -162,9 +139,9 @@ private:
 /// For tests that run in the static and in the dynamic mode: clients that reach the bus the way the mode has it.
 class EitherMode : public testing::WithParamInterface<message_bus::ConnectionType> {
 protected:
-    static Client Ctl() { return Connect("br.MessageBusComponent.ctl"); }
-    static Client Subs() { return Connect("br.MessageBusComponent.subs"); }
-    static Client Provider() { return Connect("br.MessageBusComponent.provider"); }
+    static Client Ctl() { return Connect(br_MessageBusComponent_ctl_service); }
+    static Client Subs() { return Connect(br_MessageBusComponent_subs_service); }
+    static Client Provider() { return Connect(br_MessageBusComponent_provider_service); }
 
 private:
     static Client Connect(const char* service) {

@@ -125,7 +125,7 @@ class Delivery(BusTest):
         reader.expect(topic + " 1")
 
     def test_delivery_is_the_same_without_the_shortcuts_of_the_server(self):
-        self.server("--no-fast-wait", "--no-flush-wake", "--no-keep-together")
+        self.server("--no-fast-wait", "--no-flush-wake", "--no-placement", "--no-arena-pool")
         reader = self.sub("t", options=("-n", "100"))
         self.publish("t", *range(100))
         reader.expect_all(f"t {value}" for value in range(100))

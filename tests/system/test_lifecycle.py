@@ -202,12 +202,15 @@ class Stopping(BusTest):
 
         self.expect_once(attempt)
 
-    def test_a_second_signal_ends_the_server_at_once(self):
-        server = self.server()
-        server.signal(signal.SIGTERM)
-        server.expect_error("once more ends at once")
-        server.signal(signal.SIGTERM)
-        server.expect_exit(-signal.SIGTERM)
+    def test_a_stop_says_what_it_does(self):
+        server = self.server(log_level="info")
+        for number in range(3):
+            self.sub("t", name=f"r{number}", options=("--reconnect", "0"))
+        server.stop()
+        lines = [line.partition(": ")[2] for line in server.seen]
+        said = [line for line in lines if line in ("Stopping", "Released subscribers: 3", "Stopped")]
+        self.assertEqual(said, ["Stopping", "Released subscribers: 3", "Stopped"], lines)
+        self.assertTrue(any("a second signal ends the server at once" in line for line in lines), lines)
 
     def test_a_second_server_says_that_there_is_one_and_harms_nobody(self):
         self.server()

@@ -5,14 +5,14 @@
 namespace platform_test {
 namespace {
 
-using StopReceiving = PlatformTest;
+using StopReceivingTest = PlatformTest;
 
-TEST_F(StopReceiving, WithNothingOpen_DoesNothing) {
+TEST_F(StopReceivingTest, WithNothingOpen_DoesNothing) {
     KnHandleStopReceiving();
     KnHandleStopReceiving();
 }
 
-TEST_F(StopReceiving, EndsEveryReceive_AndEveryListen_NowAndLater) {
+TEST_F(StopReceivingTest, EndsEveryReceive_AndEveryListen_NowAndLater) {
     ASSERT_EQ(KnStatusOk, Publish("service"));
     const Joined joined = Join("service");
     const Handle server = RegisterStatic();
@@ -39,7 +39,7 @@ TEST_F(StopReceiving, EndsEveryReceive_AndEveryListen_NowAndLater) {
     EXPECT_EQ(KnStatusClosed, Listen(0xFFFFFFFF).status);
 }
 
-TEST_F(StopReceiving, LeavesReceivedRequestsToBeAnswered) {
+TEST_F(StopReceivingTest, LeavesReceivedRequestsToBeAnswered) {
     const Handle server = RegisterStatic();
     const Handle client = ConnectStatic();
     std::int64_t returned = 0;
@@ -52,7 +52,7 @@ TEST_F(StopReceiving, LeavesReceivedRequestsToBeAnswered) {
     EXPECT_EQ(42, returned);
 }
 
-TEST_F(StopReceiving, LeavesACallBlocked_UntilTheServerEndsClose) {
+TEST_F(StopReceivingTest, LeavesACallBlocked_UntilTheServerEndsClose) {
     const Handle server = RegisterStatic();
     const Handle client = ConnectStatic();
     KnHandleStopReceiving();
@@ -64,7 +64,7 @@ TEST_F(StopReceiving, LeavesACallBlocked_UntilTheServerEndsClose) {
     EXPECT_EQ(KnStatusClosed, call.Get());
 }
 
-TEST_F(StopReceiving, UnderLoad_LosesNoReply) {
+TEST_F(StopReceivingTest, UnderLoad_LosesNoReply) {
     for (int round = 0; round < 20; ++round) {
         std::atomic<int> answered{0};
         const Handle server = RegisterStatic();
@@ -97,7 +97,7 @@ TEST_F(StopReceiving, UnderLoad_LosesNoReply) {
     }
 }
 
-TEST_F(StopReceiving, TheTaskMayOfferAnewAfterClosing) {
+TEST_F(StopReceivingTest, TheTaskMayOfferAnewAfterClosing) {
     {
         const Handle server = RegisterStatic();
         KnHandleStopReceiving();

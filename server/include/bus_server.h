@@ -1,0 +1,89 @@
+#pragma once
+
+#include "closing_log_filter.h"
+#include "fast_wait.h"
+#include "flush_wake.h"
+#include "forwarding_connector.h"
+#include "inherited_thread_name.h"
+#include "ipc_server.h"
+#include "message_bus.h"
+#include "placement.h"
+#include "subscriber_ledger.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+
+namespace message_bus {
+class BosConnector;
+}
+
+namespace msgbus_server {
+
+/// The bus cannot be offered: what() is a sentence for the operator.
+class OfferError final : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// What the server adds around the bus. Everything is on by default; a member set to false leaves that part out.
+struct BusServerOptions {
+    message_bus::ConnectionType connectionType = message_bus::ConnectionType::Dynamic;
+    bool fastWait = true;  ///< FastWait
+    bool flushWake = true; ///< FlushWake
+    bool placement = true; ///< Placement, where it pays: in dynamic mode, or with a single processor
+};
+
+/// The bus as a server: builds the bus, its decorators, the connector and the IPC server, runs them, and stops them in
+/// order. One per process at a time.
+///
+/// The stop, in this order, each step while everything that it uses still exists:
+/// 1. no new cycle of any worker; no new registration; every subscriber is unregistered, which ends its blocked waits;
+/// 2. receiving stops on every channel, so idle workers end; busy ones send their replies first, then end;
+/// 3. the connector and the IPC server go, and with them the last threads that call the bus;
+/// 4. the channels close and their names are free: a client that still waits for a reply gets an error;
+/// 5. the events thread ends.
+class BusServer final {
+public:
+    explicit BusServer(const BusServerOptions& options = {});
+    BusServer(const BusServer&) = delete;
+    BusServer& operator=(const BusServer&) = delete;
+    /// Requires: no Run under way.
+    ~BusServer();
+
+    /// Offers the bus to clients, calls `onServing` when requests are served, and serves until RequestStop; then stops
+    /// in order.
+    /// Returns: true after RequestStop; false when the bus could not serve, with the reason in the log.
+    /// Throws: OfferError, with nothing left behind.
+    /// Blocks: until then. Threads: once, on the thread that hosts the bus.
+    bool Run(std::function<void()> onServing = {});
+
+    /// Ends Run, at once or as soon as it is called. Threads: any; not from a signal handler.
+    void RequestStop();
+
+    /// The bus itself, behind the decorators. Lifetime: this object's.
+    message_bus::MessageBus& Bus() noexcept { return bus; }
+
+private:
+    void Offer();
+    void OnServing();
+    void Stop();
+
+    const message_bus::ConnectionType connectionType;
+    ClosingLogFilter logFilter;
+    std::function<void()> reportServing;
+    std::optional<InheritedThreadName> eventsThreadName; ///< from the start of Run until the bus has started the thread
+
+    // Each is used by those below it. The connector's workers use them all.
+    message_bus::MessageBus bus;
+    SubscriberLedger control;
+    std::optional<FlushWake> flushWake;
+    std::optional<FastWait> fastWait;
+    std::optional<Placement> placement;
+    std::shared_ptr<bos_ipc::IpcServer> server; ///< null once stopped
+    std::unique_ptr<message_bus::BosConnector> connector;
+    std::shared_ptr<ForwardingConnector> forwarding; ///< the bus keeps a share of it until it is destroyed
+};
+
+} // namespace msgbus_server

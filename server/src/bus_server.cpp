@@ -1,0 +1,155 @@
+#include "bus_server.h"
+
+#include "stop_events_thread.h"
+
+#include "bos_connector.h"
+#include "br_MessageBus.h"
+#include "diagnostics.h"
+#include "kn/handle.h"
+#include "kn/policy.h"
+#include "kn/status.h"
+#include "ns/name_server.h"
+#include "service_locator.h"
+
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace msgbus_server {
+
+namespace {
+
+using diagnostics::Log;
+using diagnostics::LogLevel;
+using message_bus::ConnectionType;
+
+const char* ModeName(ConnectionType type) {
+    return type == ConnectionType::Static ? "static" : "dynamic";
+}
+
+/// A shared pointer that owns nothing: the server owns the object.
+template <typename Interface>
+std::shared_ptr<Interface> Lend(Interface& object) {
+    return {std::shared_ptr<void>(), &object};
+}
+
+bool PlacementPays(ConnectionType type) {
+    // The workers of the static channel share one poller. With several processors they do better by themselves.
+    return type == ConnectionType::Dynamic || std::thread::hardware_concurrency() == 1;
+}
+
+/// Looks for another server in the same place. Returns: 0 when there is one, or the platform's status.
+std::int32_t FindOther(ConnectionType type) {
+    constexpr std::uint32_t probeTimeoutMs = 1000;
+    if (type == ConnectionType::Static) {
+        KnHandle other = KnInvalidHandle;
+        const std::int32_t status = ServiceLocatorConnect(br_MessageBus_connection, probeTimeoutMs, &other);
+        if (status == KnStatusOk) {
+            KnHandleClose(other);
+        }
+        return status;
+    }
+    NsHandle nameServer = 0;
+    if (const std::int32_t status = NsCreate(nullptr, probeTimeoutMs, &nameServer); status != KnStatusOk) {
+        return status;
+    }
+    for (const auto& interface : br_MessageBus_interfaces) {
+        if (NsLookupService(nameServer, interface.service) == KnStatusOk) {
+            return KnStatusOk;
+        }
+    }
+    return KnStatusNotFound;
+}
+
+/// Why the bus could not be offered. Requires: no server end of our own is open.
+std::string ReasonOfFailure(ConnectionType type) {
+    const std::int32_t status = FindOther(type);
+    if (status == KnStatusOk) {
+        return std::string("another msgbusd is already serving in ") + ModeName(type) +
+               " mode (BORVEN_RUNTIME_DIR chooses where)";
+    }
+    return "cannot offer the bus" +
+           (status == KnStatusNotFound ? std::string() : std::string(": ") + KnStatusText(status)) +
+           "; is the runtime directory (BORVEN_RUNTIME_DIR) writable and yours alone?";
+}
+
+} // namespace
+
+BusServer::BusServer(const BusServerOptions& options)
+    : connectionType(options.connectionType), control(bus),
+      server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
+      connector(std::make_unique<message_bus::BosConnector>(server)),
+      forwarding(std::make_shared<ForwardingConnector>(
+          *connector, [this] { eventsThreadName.reset(); }, [this] { OnServing(); })) {
+    if (options.flushWake) {
+        flushWake.emplace(bus, bus);
+    }
+    if (options.fastWait) {
+        // The workers of the static channel serve publishers too.
+        fastWait.emplace(bus, bus,
+                         connectionType == ConnectionType::Dynamic ? FastWait::Linger::InAStream
+                                                                   : FastWait::Linger::Never);
+    }
+    if (options.placement && PlacementPays(connectionType)) {
+        placement.emplace(flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus);
+    }
+}
+
+BusServer::~BusServer() = default;
+
+void BusServer::Offer() {
+    for (const auto& interface : br_MessageBus_interfaces) {
+        KnPolicySetMethodCount(interface.type, interface.methodCount);
+    }
+    message_bus::IProvider& provider = placement   ? static_cast<message_bus::IProvider&>(*placement)
+                                       : flushWake ? static_cast<message_bus::IProvider&>(*flushWake)
+                                                   : bus;
+    message_bus::IWorker& worker = fastWait ? static_cast<message_bus::IWorker&>(*fastWait) : bus;
+    if (!connector->Init(Lend<message_bus::IProviderControl>(control), Lend(provider), Lend(worker))) {
+        KnHandleCloseServerEnds();
+        throw OfferError(ReasonOfFailure(connectionType));
+    }
+}
+
+bool BusServer::Run(std::function<void()> onServing) {
+    Offer();
+    reportServing = std::move(onServing);
+    eventsThreadName.emplace("bus-events");
+    bool isInOrder = false;
+    try {
+        isInOrder = bus.Run(forwarding);
+    } catch (const std::exception& error) {
+        Log(LogLevel::Error, "The bus cannot run: {}", error.what());
+    }
+    eventsThreadName.reset();
+    Stop();
+    return isInOrder && !forwarding->HasFailed();
+}
+
+void BusServer::RequestStop() {
+    forwarding->RequestStop();
+}
+
+void BusServer::OnServing() {
+    Log(LogLevel::Info, "Serving in {} mode", ModeName(connectionType));
+    if (reportServing) {
+        reportServing();
+    }
+}
+
+void BusServer::Stop() {
+    Log(LogLevel::Info, "Stopping");
+    server->SetStopSignal();
+    Log(LogLevel::Info, "Released subscribers: {}", control.StopAndUnregisterAll());
+    logFilter.SetClosing(true);
+    KnHandleStopReceiving();
+    server->WaitAllThreads();
+    server.reset();
+    connector.reset(); // the last owner of the server, which joins its other threads
+    logFilter.SetClosing(false);
+    KnHandleCloseServerEnds();
+    StopEventsThread(bus);
+    Log(LogLevel::Info, "Stopped");
+}
+
+} // namespace msgbus_server

@@ -1,0 +1,47 @@
+#include "closing_log_filter.h"
+
+#include "kn/status.h"
+
+#include <string>
+#include <string_view>
+
+namespace msgbus_server {
+
+using bos::logger::BOSLogger;
+using bos::logger::LogLevel;
+
+namespace {
+
+/// How the bus's receiving loops report that receive returned KnStatusClosed: the static one by the status, the dynamic
+/// ones by a failed check. While only receiving has stopped, no other check of theirs can fail.
+bool IsReceiveError(std::string_view function, std::string_view message) {
+    if (function == "DispatchStatic") {
+        static const std::string closed =
+            "DispatchStatic: NK transport received the error " + std::to_string(KnStatusClosed);
+        return message == closed;
+    }
+    return (function == "RunIpcDispatcher" || function == "operator()") &&
+           message.starts_with(std::string(function) + ": Check failed. At ");
+}
+
+} // namespace
+
+ClosingLogFilter::ClosingLogFilter() : next(BOSLogger::RootLogger().SetBackEnd(*this)) {}
+
+ClosingLogFilter::~ClosingLogFilter() {
+    BOSLogger::RootLogger().SetBackEnd(next);
+}
+
+bool ClosingLogFilter::IsEnabled(LogLevel level) const {
+    return next.IsEnabled(level);
+}
+
+void ClosingLogFilter::Write(LogLevel level, const char* file, int line, const char* function,
+                             const std::string& message) {
+    if (level == LogLevel::Error && isClosing.load(std::memory_order_relaxed) && IsReceiveError(function, message)) {
+        return;
+    }
+    next.Write(level, file, line, function, message);
+}
+
+} // namespace msgbus_server

@@ -1,0 +1,167 @@
+// Defends the assembly of the server: it serves until it is asked to stop, and its stop answers every blocked wait, loses
+// no reply, leaves nothing running and says what it did.
+#include "bus_server.h"
+#include "support/bus_test.h"
+#include "support/served_bus.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <string>
+#include <vector>
+
+namespace {
+
+using message_bus::ConnectionType;
+using msgbus_server::BusServer;
+using test_support::Client;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr std::int32_t NotRegistered = -49152;
+
+std::vector<std::string> Errors() {
+    std::vector<std::string> lines = test_support::Journal::Instance().Logs();
+    std::erase_if(lines, [](const std::string& line) { return !line.starts_with("4 "); });
+    return lines;
+}
+
+std::vector<std::string> ThreadNames() {
+    std::vector<std::string> names;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::getline(std::ifstream(task.path() / "comm"), names.emplace_back());
+    }
+    return names;
+}
+
+/// A server on a thread of its own, with everything that it adds.
+class RunningServer final {
+public:
+    explicit RunningServer(ConnectionType type) : server({.connectionType = type}) {
+        std::promise<void> serving;
+        outcome = std::async(std::launch::async, [this, &serving] { return server.Run([&] { serving.set_value(); }); });
+        serving.get_future().wait();
+    }
+    ~RunningServer() {
+        if (outcome.valid()) {
+            Stop();
+        }
+    }
+    RunningServer(const RunningServer&) = delete;
+    RunningServer& operator=(const RunningServer&) = delete;
+
+    bool Stop() {
+        server.RequestStop();
+        return outcome.get();
+    }
+
+private:
+    BusServer server;
+    std::future<bool> outcome;
+};
+
+class BusServerTest : public test_support::BusTest, public test_support::EitherMode {
+protected:
+    test_support::ScriptedPlatform platform;
+};
+
+INSTANTIATE_TEST_SUITE_P(EitherWay, BusServerTest, testing::Values(ConnectionType::Static, ConnectionType::Dynamic),
+                         test_support::ModeName);
+
+TEST_P(BusServerTest, Run_ServesUntilItIsAskedToStop) {
+    RunningServer server(GetParam());
+    auto ctl = Ctl();
+    auto provider = Provider();
+    auto subs = Subs();
+    const long subscriber = ctl.Subscribe("reader", {"heat"});
+    EXPECT_EQ(provider.Push(ctl.RegisterPublisher("heat"), 21), 0);
+    EXPECT_EQ(subs.Wait(subscriber), std::tuple(0, "heat", 21));
+    EXPECT_TRUE(server.Stop());
+}
+
+TEST_P(BusServerTest, Run_AfterARequestToStop_ServesNothingAndReturnsTrue) {
+    BusServer server({.connectionType = GetParam()});
+    server.RequestStop();
+    EXPECT_TRUE(server.Run([] { ADD_FAILURE() << "serving"; }));
+}
+
+TEST_P(BusServerTest, AStop_AnswersEveryBlockedWaitWithOneAndReportsHowMany) {
+    RunningServer server(GetParam());
+    auto ctl = Ctl();
+    std::vector<std::future<std::int32_t>> waits;
+    for (int i = 0; i < 3; ++i) {
+        waits.push_back(std::async(std::launch::async, [id = ctl.Subscribe("reader", {"heat"})] {
+            return std::get<0>(Subs().Wait(id));
+        }));
+    }
+    ASSERT_TRUE(journal.Await("1 Wait: BosConnector: started", 3));
+    EXPECT_TRUE(server.Stop());
+    for (auto& wait : waits) {
+        EXPECT_EQ(wait.get(), NotRegistered);
+    }
+    EXPECT_EQ(journal.Count("2 Stop: Released subscribers: 3"), 1U);
+}
+
+TEST_P(BusServerTest, AStop_IsReportedFromBeginningToEndWithoutAnError) {
+    RunningServer server(GetParam());
+    auto ctl = Ctl();
+    auto provider = Provider();
+    auto subs = Subs();
+    const long subscriber = ctl.Subscribe("reader", {"heat"});
+    EXPECT_EQ(provider.Push(ctl.RegisterPublisher("heat"), 1), 0);
+    EXPECT_EQ(std::get<0>(subs.Wait(subscriber)), 0); // every kind of worker has served, and blocks in receive
+    journal.Clear();
+    EXPECT_TRUE(server.Stop());
+    EXPECT_THAT(Errors(), IsEmpty());
+    std::vector<std::string> lines = journal.Logs();
+    std::erase_if(lines, [](const std::string& line) { return !line.starts_with("2 Stop: "); });
+    EXPECT_THAT(lines, ElementsAre("2 Stop: Stopping", "2 Stop: Released subscribers: 1", "2 Stop: Stopped"));
+}
+
+TEST_P(BusServerTest, AStop_LeavesNoThreadAndNoName) {
+    const std::size_t before = ThreadNames().size();
+    for (int round = 0; round < 3; ++round) {
+        RunningServer server(GetParam());
+        auto ctl = Ctl();
+        EXPECT_NE(ctl.RegisterPublisher("heat"), -1);
+        EXPECT_TRUE(server.Stop());
+    }
+    EXPECT_EQ(ThreadNames().size(), before);
+}
+
+TEST_P(BusServerTest, Run_NamesTheEventsThreadAndKeepsItsOwnName) {
+    std::vector<std::string> names;
+    BusServer server({.connectionType = GetParam()});
+    auto outcome = std::async(std::launch::async, [&] {
+        ::pthread_setname_np(::pthread_self(), "host");
+        return server.Run([&] {
+            names = ThreadNames();
+            server.RequestStop();
+        });
+    });
+    EXPECT_TRUE(outcome.get());
+    EXPECT_EQ(std::ranges::count(names, "bus-events"), 1);
+    EXPECT_GE(std::ranges::count(names, "host"), 1) << "workers of the scripted platform inherit it";
+}
+
+TEST_P(BusServerTest, ABareServer_RegistersNothingOfItsOwn) {
+    test_support::ServedBus served(GetParam());
+    auto ctl = Ctl();
+    EXPECT_EQ(ctl.RegisterPublisher("heat"), 1);
+}
+
+TEST(BusServerOfferTest, Run_WhoseNameIsRefused_ThrowsAnErrorForTheOperator) {
+    test_support::ScriptedPlatform platform;
+    platform.serviceLocatorRegister.Once(KnInvalidHandle);
+    BusServer server({.connectionType = ConnectionType::Static});
+    try {
+        server.Run();
+        FAIL() << "it serves";
+    } catch (const msgbus_server::OfferError& error) {
+        EXPECT_THAT(error.what(), HasSubstr("cannot offer the bus"));
+    }
+}
+
+} // namespace

@@ -1,0 +1,61 @@
+// Defends how the server holds the thread that hosts the bus: until it is asked to stop, or serving has failed.
+#include "forwarding_connector.h"
+#include "support/bus_harness.h"
+#include "support/bus_test.h"
+
+#include <future>
+
+namespace {
+
+using cor::ResultCode;
+using msgbus_server::ForwardingConnector;
+using testing::ElementsAre;
+
+class ForwardingConnectorTest : public test_support::BusTest {
+protected:
+    test_support::FakeConnector target;
+    ForwardingConnector forwarding{target, [this] { journal.AddCall("hosting"); },
+                                   [this] { journal.AddCall("serving"); }};
+};
+
+TEST_F(ForwardingConnectorTest, ShouldBeStopped_BeforeServing_AnswersAtOnceAndReportsTheHostOnce) {
+    EXPECT_FALSE(forwarding.ShouldBeStopped());
+    EXPECT_FALSE(forwarding.ShouldBeStopped());
+    EXPECT_THAT(journal.All(), ElementsAre("hosting"));
+}
+
+TEST_F(ForwardingConnectorTest, RunServer_ReportsServingAfterTheTarget) {
+    EXPECT_EQ(forwarding.RunServer(), ResultCode::Success);
+    EXPECT_THAT(journal.All(), ElementsAre("RunServer", "serving"));
+    EXPECT_FALSE(forwarding.HasFailed());
+}
+
+TEST_F(ForwardingConnectorTest, ShouldBeStopped_WhileServing_BlocksUntilAStopIsRequested) {
+    ASSERT_EQ(forwarding.RunServer(), ResultCode::Success);
+    auto answer = std::async(std::launch::async, [this] { return forwarding.ShouldBeStopped(); });
+    ASSERT_TRUE(journal.Await("hosting"));
+    EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    forwarding.RequestStop();
+    EXPECT_TRUE(answer.get());
+    EXPECT_TRUE(forwarding.ShouldBeStopped()) << "for ever";
+}
+
+TEST_F(ForwardingConnectorTest, ShouldBeStopped_AfterARequestBeforeServing_IsTrue) {
+    forwarding.RequestStop();
+    EXPECT_TRUE(forwarding.ShouldBeStopped());
+}
+
+TEST_F(ForwardingConnectorTest, AFailedRunServer_EndsTheRun) {
+    target.onRunServer = [] { return ResultCode::InitFailed; };
+    EXPECT_EQ(forwarding.RunServer(), ResultCode::InitFailed);
+    EXPECT_TRUE(forwarding.HasFailed());
+    EXPECT_TRUE(forwarding.ShouldBeStopped());
+    EXPECT_THAT(journal.Calls("serving"), testing::IsEmpty());
+}
+
+TEST_F(ForwardingConnectorTest, SwitchActiveIpcServer_IsTheTargets) {
+    target.onSwitch = [] { return ResultCode::Failed; };
+    EXPECT_EQ(forwarding.SwitchActiveIpcServer(), ResultCode::Failed);
+}
+
+} // namespace
