@@ -1,9 +1,8 @@
 #pragma once
 
-#include "exit_status.h"
-
 #include "common/mutex.h"
 #include "common/thread_annotations.h"
+#include "exit_status.h"
 
 #include <chrono>
 #include <functional>

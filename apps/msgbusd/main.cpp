@@ -1,12 +1,11 @@
 // The server program of the bus: options in, exit status out.
 
 #include "bus_server.h"
+#include "diagnostics.h"
 #include "log_threshold.h"
 #include "msgbusd/arena_mappings.h"
 #include "signal_watch.h"
 #include "standard_descriptors.h"
-
-#include "diagnostics.h"
 
 #include <CLI/CLI.hpp>
 
@@ -93,12 +92,13 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
     app.set_version_flag("--version", "msgbusd " BORVEN_VERSION);
     const auto mode = [&](ConnectionType type) { return [&settings, type] { settings.server.connectionType = type; }; };
     const auto switchOff = [](bool& part) { return [&part] { part = false; }; };
-    auto* const staticFlag =
-        app.add_flag_callback("--static", mode(ConnectionType::Static), "offer the bus on one channel with a fixed name");
+    auto* const staticFlag = app.add_flag_callback("--static", mode(ConnectionType::Static),
+                                                   "offer the bus on one channel with a fixed name");
     app.add_flag_callback("--dynamic", mode(ConnectionType::Dynamic),
                           "offer the bus as services that clients connect to (default)")
         ->excludes(staticFlag);
-    app.add_option("--log-level", settings.logLevel, "minimum level to log to stderr: debug, info, warning, error or off")
+    app.add_option("--log-level", settings.logLevel,
+                   "minimum level to log to stderr: debug, info, warning, error or off")
         ->transform(CLI::Validator(ParseLevel, ""))
         ->type_name("LEVEL")
         ->default_str("info");

@@ -2,7 +2,6 @@
 // The address is the server's runtime directory.
 
 #include "driver.h"
-
 #include "msgbus/publisher.h"
 #include "msgbus/subscriber.h"
 

@@ -3,10 +3,9 @@
 // `patience` was left in the inbound queue by a lost wake-up; the first push of the next burst delivers it.
 //
 //     bench_stranded count --address RUNTIME_DIR --bursts 1000 --values 100
-#include "options.h"
-
 #include "msgbus/publisher.h"
 #include "msgbus/subscriber.h"
+#include "options.h"
 
 #include <sys/mman.h>
 #include <sys/wait.h>

@@ -1,10 +1,9 @@
 #include "connection.h"
 
-#include "msgbus/error.h"
-
 #include "br_MessageBus.h"
 #include "kn/connection_manager.h"
 #include "kn/status.h"
+#include "msgbus/error.h"
 #include "service_locator.h"
 
 #include <algorithm>

@@ -1,8 +1,7 @@
 #pragma once
 
-#include "msgbus/options.h"
-
 #include "kn/handle.h"
+#include "msgbus/options.h"
 #include "nk/transport.h"
 
 #include <cstdint>

@@ -1,11 +1,10 @@
 #include "msgbus/publisher.h"
 
-#include "connection.h"
-#include "recovery.h"
-
 #include "br_MessageBus_client.h"
+#include "connection.h"
 #include "cor/result_code.h"
 #include "kn/status.h"
+#include "recovery.h"
 
 #include <algorithm>
 #include <thread>

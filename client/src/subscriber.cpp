@@ -1,13 +1,12 @@
 #include "msgbus/subscriber.h"
 
-#include "connection.h"
-#include "recovery.h"
-
 #include "br_MessageBus_client.h"
 #include "common/mutex.h"
 #include "common/thread_annotations.h"
+#include "connection.h"
 #include "cor/result_code.h"
 #include "kn/status.h"
+#include "recovery.h"
 
 #include <chrono>
 #include <stdexcept>

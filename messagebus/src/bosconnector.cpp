@@ -1,5 +1,4 @@
 #include "bos_connector.h"
-
 #include "diagnostics.h"
 #include "ipc_handlers.h"
 #include "ipc_server.h"

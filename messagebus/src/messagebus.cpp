@@ -1,6 +1,5 @@
-#include "message_bus.h"
-
 #include "diagnostics.h"
+#include "message_bus.h"
 
 #include <algorithm>
 #include <cassert>

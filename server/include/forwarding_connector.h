@@ -1,7 +1,6 @@
 #pragma once
 
 #include "bus_interfaces.h"
-
 #include "common/mutex.h"
 
 #include <functional>
@@ -10,7 +9,8 @@
 namespace msgbus_server {
 
 /// The connector that the bus keeps. The bus holds on to its connector until it is destroyed, but the connector's
-/// workers use the bus: so the bus gets this one, and the server destroys the real connector while the bus still exists.
+/// workers use the bus: so the bus gets this one, and the server destroys the real connector while the bus still
+/// exists.
 ///
 /// It also holds the hosting thread while requests are served. The bus asks every five seconds whether to stop; the
 /// answer is delayed until there is something to answer, so a stop takes effect at once.

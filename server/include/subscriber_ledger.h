@@ -1,7 +1,6 @@
 #pragma once
 
 #include "bus_interfaces.h"
-
 #include "common/mutex.h"
 
 #include <cstddef>

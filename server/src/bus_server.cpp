@@ -1,7 +1,5 @@
 #include "bus_server.h"
 
-#include "stop_events_thread.h"
-
 #include "bos_connector.h"
 #include "br_MessageBus.h"
 #include "diagnostics.h"
@@ -10,6 +8,7 @@
 #include "kn/status.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
+#include "stop_events_thread.h"
 
 #include <string>
 #include <thread>

@@ -1,11 +1,11 @@
 // Defends the publisher of the client library: every refusal is reported, no value is lost silently, and the loss of
 // the server is reported.
-#include "fake_server.h"
-#include "msgbus/error.h"
 #include "msgbus/publisher.h"
-#include "support/scripted_platform.h"
 
+#include "fake_server.h"
 #include "kn/status.h"
+#include "msgbus/error.h"
+#include "support/scripted_platform.h"
 
 #include <optional>
 #include <stdexcept>

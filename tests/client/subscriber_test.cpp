@@ -1,7 +1,8 @@
 // Defends the subscriber of the client library: registration, the wait and how it ends, and the loss of the server.
+#include "msgbus/subscriber.h"
+
 #include "fake_server.h"
 #include "msgbus/error.h"
-#include "msgbus/subscriber.h"
 #include "support/scripted_platform.h"
 
 #include <future>

@@ -4,7 +4,6 @@
 // Input: the words of a command line, the program's name first, separated by NUL bytes.
 
 #include "fuzzing.h"
-
 #include "msgbus/arguments.h"
 #include "msgbus/exit_status.h"
 

@@ -5,10 +5,9 @@
 //
 // Input: the steps that Step reads.
 
-#include "fuzzing.h"
-
 #include "base/unique_fd.h"
 #include "bos/logger.h"
+#include "fuzzing.h"
 #include "kn/connection_manager.h"
 #include "kn/handle.h"
 #include "kn/status.h"

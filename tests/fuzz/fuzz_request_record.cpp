@@ -4,11 +4,10 @@
 // Input: a byte that chooses the way; then for each request the number of its bytes (16 bits) and these bytes, from the
 // header on. The rest of a record is zeros.
 
-#include "bus_model.h"
-#include "fuzzing.h"
-
 #include "bos_connector.h"
 #include "bos_dynamic_ipc_server.h"
+#include "bus_model.h"
+#include "fuzzing.h"
 #include "ipc_handlers.h"
 #include "ipc_server.h"
 #include "kn/status.h"
@@ -89,7 +88,8 @@ public:
 
     cor::ResultCode RunServer() override { return cor::ResultCode::Success; }
 
-    /// Comes between the look-up of a wait and its sleep. Nobody takes the caller's place; there is UnknownPublisher to serve.
+    /// Comes between the look-up of a wait and its sleep. Nobody takes the caller's place; there is UnknownPublisher to
+    /// serve.
     cor::ResultCode SwitchActiveIpcServer() override {
         if (!model.Subscribers().contains(waitingId)) {
             bus->UnregisterSubscriber(waitingId);

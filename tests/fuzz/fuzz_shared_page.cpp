@@ -6,7 +6,6 @@
 // Input: a byte that chooses the kind of channel, then the steps that Step reads.
 
 #include "fuzzing.h"
-
 #include "kn/status.h"
 #include "records/event_fd.h"
 #include "records/shared_memory_channel.h"

@@ -1,6 +1,7 @@
 // Defends the queue behind the inbound queue and every subscriber's: first in, first out, no limit, permanent cancel.
 // The bus's promises about order and about the end of a blocked wait depend on it.
 #include "blocking_queue.h"
+
 #include "support/bus_test.h"
 #include "support/fault_points.h"
 

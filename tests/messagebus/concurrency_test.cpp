@@ -2,8 +2,8 @@
 // workers, and shutdown, all at once, with a count of every value. Built without fault points, whose locks would hide
 // races. Contract: the bus may lose a wake-up, so each test wakes it again, and the values left behind have to come
 // then.
-#include "support/bus_test.h"
 #include "stop_events_thread.h"
+#include "support/bus_test.h"
 #include "support/served_bus.h"
 
 #include <algorithm>

@@ -1,6 +1,7 @@
 // Defends how a log line is made, what a check throws, and how a line describes an exception. Operators search the logs
 // for these texts and levels.
 #include "diagnostics.h"
+
 #include "support/bus_test.h"
 #include "support/fault_points.h"
 

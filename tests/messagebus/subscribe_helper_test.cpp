@@ -1,6 +1,7 @@
 // Defends the three-step registration: ids, the codes that differ between the steps, what reaches the bus, and that
 // every last step removes the registration.
 #include "subscribe_helper.h"
+
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 

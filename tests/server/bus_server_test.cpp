@@ -1,6 +1,7 @@
-// Defends the assembly of the server: it serves until it is asked to stop, and its stop answers every blocked wait, loses
-// no reply, leaves nothing running and says what it did.
+// Defends the assembly of the server: it serves until it is asked to stop, and its stop answers every blocked wait,
+// loses no reply, leaves nothing running and says what it did.
 #include "bus_server.h"
+
 #include "support/bus_test.h"
 #include "support/served_bus.h"
 
@@ -92,9 +93,8 @@ TEST_P(BusServerTest, AStop_AnswersEveryBlockedWaitWithOneAndReportsHowMany) {
     auto ctl = Ctl();
     std::vector<std::future<std::int32_t>> waits;
     for (int i = 0; i < 3; ++i) {
-        waits.push_back(std::async(std::launch::async, [id = ctl.Subscribe("reader", {"heat"})] {
-            return std::get<0>(Subs().Wait(id));
-        }));
+        waits.push_back(std::async(std::launch::async,
+                                   [id = ctl.Subscribe("reader", {"heat"})] { return std::get<0>(Subs().Wait(id)); }));
     }
     ASSERT_TRUE(journal.Await("1 Wait: BosConnector: started", 3));
     EXPECT_TRUE(server.Stop());

@@ -1,5 +1,6 @@
 // Defends that a closing server leaves out the receive errors that it causes itself, and no other line.
 #include "closing_log_filter.h"
+
 #include "support/bus_test.h"
 
 namespace {

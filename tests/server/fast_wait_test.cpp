@@ -1,6 +1,7 @@
 // Defends the short way of a wait: what is queued is taken with the bus's results, outputs and lines, and without a
 // hand-over; whatever may block is the bus's.
 #include "fast_wait.h"
+
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 

@@ -1,12 +1,12 @@
 // Defends that no value stays behind: the gap in which the bus loses a wake-up is forced open, a value is stranded in
 // it, and FlushWake must bring it out.
 #include "flush_wake.h"
-#include "support/bus_harness.h"
-#include "support/bus_test.h"
-#include "unlock_stop.h"
 
 #include "br_MessageBus_client.h"
 #include "kn/status.h"
+#include "support/bus_harness.h"
+#include "support/bus_test.h"
+#include "unlock_stop.h"
 
 namespace {
 

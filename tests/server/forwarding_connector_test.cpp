@@ -1,5 +1,6 @@
 // Defends how the server holds the thread that hosts the bus: until it is asked to stop, or serving has failed.
 #include "forwarding_connector.h"
+
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 

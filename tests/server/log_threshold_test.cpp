@@ -1,6 +1,7 @@
 // Defends the server's --log-level: what is below is not even formatted, and the back end beneath is given back.
-#include "diagnostics.h"
 #include "log_threshold.h"
+
+#include "diagnostics.h"
 #include "support/bus_test.h"
 
 namespace {

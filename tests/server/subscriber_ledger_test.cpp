@@ -1,5 +1,6 @@
 // Defends the stop of a server: every subscriber is released, and none registers afterwards.
 #include "subscriber_ledger.h"
+
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 

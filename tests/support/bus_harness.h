@@ -97,7 +97,8 @@ public:
     /// As AwaitIdleEventsThread, also after the journal was cleared.
     [[nodiscard]] bool AwaitIdle() const {
         constexpr long unknownPublisher = -99;
-        return fault_points::AwaitSleepingOnCondition(eventsThread) && bus->Push(unknownPublisher, 0) != cor::ResultCode::Failed;
+        return fault_points::AwaitSleepingOnCondition(eventsThread) &&
+               bus->Push(unknownPublisher, 0) != cor::ResultCode::Failed;
     }
 
     /// Runs `wake`, which wakes the idle events thread once, and waits until that is idle again: a push that follows

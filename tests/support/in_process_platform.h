@@ -22,8 +22,8 @@ class InProcessConnection;
 /// The contract of platform/include among the threads of one process: no sockets, no descriptors, no other users.
 ///
 /// A channel is a queue of exchanges. An exchange is waiting (in the queue), owned (by the thread that received it) or
-/// finished (by a reply, or by the loss of either side); only the owner and a thread that closes an end change that. The
-/// caller sleeps until its exchange is finished, so no loss leaves it waiting.
+/// finished (by a reply, or by the loss of either side); only the owner and a thread that closes an end change that.
+/// The caller sleeps until its exchange is finished, so no loss leaves it waiting.
 ///
 /// Threads: every operation from any thread, except as platform/include says.
 class InProcessPlatform final {

@@ -1,8 +1,7 @@
 // Defends kn/handle.h, kn/status.h and kn/task.h: closing an end frees every thread that waits on it and no other, and
 // a handle never means something else later.
-#include "support.h"
-
 #include "kn/task.h"
+#include "support.h"
 
 #include <set>
 

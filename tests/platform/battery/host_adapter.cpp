@@ -1,8 +1,9 @@
 #include "adapter.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <filesystem>
-#include <gtest/gtest.h>
 #include <string>
 
 namespace platform_test {

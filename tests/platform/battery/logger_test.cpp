@@ -1,7 +1,7 @@
 // Defends bos/logger.h: what a log site passes reaches the back end unchanged, from any number of threads.
-#include "support.h"
-
 #include "bos/logger.h"
+
+#include "support.h"
 
 #include <map>
 #include <mutex>

@@ -1,7 +1,7 @@
 // Defends kn/policy.h: a method that the declared interface does not have is answered before the server sees it.
-#include "support.h"
-
 #include "kn/policy.h"
+
+#include "support.h"
 
 namespace platform_test {
 namespace {

@@ -1,5 +1,4 @@
 #include "adapter.h"
-
 #include "kn/handle.h"
 
 namespace platform_test {

@@ -1,5 +1,5 @@
-// Defends the first step of an orderly stop (kn/handle.h): no thread receives any more, every received request can still
-// be answered, and closing does the rest.
+// Defends the first step of an orderly stop (kn/handle.h): no thread receives any more, every received request can
+// still be answered, and closing does the rest.
 #include "support.h"
 
 namespace platform_test {

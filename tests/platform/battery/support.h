@@ -1,7 +1,6 @@
 #pragma once
 
 #include "adapter.h"
-
 #include "kn/connection_manager.h"
 #include "kn/handle.h"
 #include "kn/status.h"
@@ -9,6 +8,11 @@
 #include "nk/transport.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -21,14 +25,11 @@
 #include <fstream>
 #include <functional>
 #include <future>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <limits>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 

@@ -1,12 +1,12 @@
 // Defends the logger's back end on Linux: one record is one line, and no reader of standard error stops a writer.
+#include "bos/logger.h"
 #include "process.h"
 
-#include "bos/logger.h"
+#include <sys/socket.h>
+#include <termios.h>
 
 #include <csignal>
 #include <regex>
-#include <sys/socket.h>
-#include <termios.h>
 
 namespace platform_test {
 namespace {

@@ -1,12 +1,12 @@
 // Defends the runtime directory: which directories are used, what may be in them, and that servers leave nothing
 // behind.
+#include "bos/logger.h"
 #include "process.h"
 #include "raw_socket.h"
 
-#include "bos/logger.h"
+#include <sys/file.h>
 
 #include <mutex>
-#include <sys/file.h>
 
 namespace platform_test {
 namespace {

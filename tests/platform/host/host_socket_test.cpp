@@ -1,9 +1,8 @@
 // Defends the platform on Linux against peers that do not use the library: what they send, or do not send, reaches no
 // server code and costs no other client anything.
+#include "joining/admission.h"
 #include "process.h"
 #include "raw_slot.h"
-
-#include "joining/admission.h"
 
 #include <sys/resource.h>
 

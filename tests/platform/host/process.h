@@ -2,14 +2,15 @@
 
 #include "support.h"
 
-#include <cerrno>
-#include <csignal>
 #include <fcntl.h>
-#include <filesystem>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
 
 namespace platform_test {
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "raw_socket.h"
-
 #include "records/shared_memory_slot.h"
 
 #include <sys/mman.h>

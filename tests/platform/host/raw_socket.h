@@ -1,15 +1,15 @@
 #pragma once
 
+#include "names/handshake.h"
 #include "support.h"
 
-#include "names/handshake.h"
-
 #include <fcntl.h>
-#include <filesystem>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+
+#include <filesystem>
 #include <vector>
 
 namespace platform_test {

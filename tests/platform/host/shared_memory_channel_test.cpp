@@ -2,18 +2,19 @@
 // sides: each request is served once by one receiver, each caller gets the reply to its own request, and no receiver
 // sleeps while there is work, whatever the receivers do between two requests.
 #include "records/shared_memory_channel.h"
-#include "records/shared_memory_connection.h"
 
 #include "common/mutex.h"
 #include "kn/status.h"
 #include "records/event_fd.h"
+#include "records/shared_memory_connection.h"
 #include "support.h"
 
-#include <algorithm>
 #include <fcntl.h>
-#include <random>
 #include <sys/mman.h>
 #include <sys/socket.h>
+
+#include <algorithm>
+#include <random>
 
 namespace platform_test {
 namespace {

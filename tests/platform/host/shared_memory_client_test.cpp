@@ -3,8 +3,9 @@
 #include "process.h"
 #include "raw_slot.h"
 
-#include <random>
 #include <sys/epoll.h>
+
+#include <random>
 
 namespace platform_test {
 namespace {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+
 #include <utility>
 
 namespace borven_host {

@@ -2,8 +2,9 @@
 
 #include "base/unique_fd.h"
 
-#include <cstdint>
 #include <sys/epoll.h>
+
+#include <cstdint>
 
 namespace borven_host {
 

@@ -1,9 +1,10 @@
 #pragma once
 
+#include <sched.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <sched.h>
 
 namespace borven_host {
 

@@ -2,10 +2,11 @@
 
 #include "base/unique_fd.h"
 
-#include <cstdint>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+
+#include <cstdint>
 
 namespace borven_host {
 

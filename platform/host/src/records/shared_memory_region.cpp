@@ -3,9 +3,10 @@
 #include "kn/status.h"
 
 #include <fcntl.h>
-#include <new>
 #include <sys/mman.h>
 #include <sys/stat.h>
+
+#include <new>
 
 namespace borven_host {
 
