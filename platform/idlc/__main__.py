@@ -15,17 +15,17 @@ import output
 from diagnostics import IdlError
 
 
-def EscapedForMake(path):
+def escaped_for_make(path):
     return str(path).replace("\\", "\\\\").replace(" ", "\\ ").replace("#", "\\#").replace("$", "$$")
 
 
-def OwnFiles():
+def own_files():
     """The compiler's own files, on which the output depends too."""
     folder = Path(__file__).resolve().parent
     return sorted(file for pattern in ("*.py", "*.lark", "templates/*.j2") for file in folder.glob(pattern))
 
 
-def Main(argv=None):
+def main(argv=None):
     parser = argparse.ArgumentParser(prog="idlc", description="Generates records, dispatch and client stubs.")
     parser.add_argument("file", help="IDL file that defines the entity or uses the file that does")
     parser.add_argument("--entity", required=True, help="qualified name of the entity, such as br.MessageBus")
@@ -34,7 +34,7 @@ def Main(argv=None):
     arguments = parser.parse_args(argv)
 
     try:
-        entity, files = model.Build(arguments.file, arguments.entity)
+        entity, files = model.build(arguments.file, arguments.entity)
     except IdlError as error:
         print(error, file=sys.stderr)
         return 1
@@ -43,14 +43,14 @@ def Main(argv=None):
             print(error, file=sys.stderr)
         return 1
 
-    texts = output.Render(entity, files)
+    texts = output.render(entity, files)
     try:
         arguments.output.mkdir(parents=True, exist_ok=True)
         for name, text in texts.items():
             (arguments.output / name).write_text(text, encoding="utf-8")
         if arguments.depfile:
-            target = EscapedForMake(arguments.output / next(iter(texts)))
-            sources = " ".join(EscapedForMake(file) for file in files + OwnFiles())
+            target = escaped_for_make(arguments.output / next(iter(texts)))
+            sources = " ".join(escaped_for_make(file) for file in files + own_files())
             arguments.depfile.write_text(f"{target}: {sources}\n", encoding="utf-8")
     except OSError as error:
         print(f"idlc: cannot write {error.filename}: {error.strerror}", file=sys.stderr)
@@ -59,4 +59,4 @@ def Main(argv=None):
 
 
 if __name__ == "__main__":
-    sys.exit(Main())
+    sys.exit(main())

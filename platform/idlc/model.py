@@ -31,7 +31,7 @@ CPP_KEYWORDS.add("errno")  # a macro wherever <string> is
 class Field:
     name: str
     direction: str
-    cppType: str  # of an integer; empty for a string
+    cpp_type: str  # of an integer; empty for a string
     length: int  # of a string's array; 0 for an integer
     size: int
     alignment: int
@@ -58,12 +58,12 @@ class Method:
 @dataclass(frozen=True)
 class Interface:
     doc: list
-    typeName: str  # "br.MessageBusCtl"
-    cppName: str  # "br_MessageBusCtl"
+    type_name: str  # "br.MessageBusCtl"
+    cpp_name: str  # "br_MessageBusCtl"
     methods: list
 
     @property
-    def clearedSize(self):
+    def cleared_size(self):
         """Bytes of a response that are cleared before a handler runs: any response of the interface or an error."""
         return max([ERROR_REPLY_SIZE] + [method.response.size for method in self.methods])
 
@@ -73,14 +73,14 @@ class Member:
     doc: list
     name: str
     index: int
-    serviceName: str
+    service_name: str
     interface: Interface
 
 
 @dataclass(frozen=True)
 class Component:
     doc: list
-    cppName: str
+    cpp_name: str
     members: list
 
 
@@ -93,21 +93,21 @@ class Connection:
 @dataclass(frozen=True)
 class Entity:
     doc: list
-    cppName: str
-    memberName: str
+    cpp_name: str
+    member_name: str
     component: Component
     connection: Connection | None  # the static connection that serves every interface
 
 
-def CppName(qualifiedName):
-    return qualifiedName.replace(".", "_")
+def cpp_name_of(qualified_name):
+    return qualified_name.replace(".", "_")
 
 
-def RoundUp(value, alignment):
+def round_up(value, alignment):
     return (value + alignment - 1) // alignment * alignment
 
 
-def ReadText(path, position):
+def read_text(path, position):
     """Reads a file; `position` is that of its `use`."""
     try:
         if Path(path).exists() and not Path(path).is_file():  # a pipe would never end
@@ -115,22 +115,22 @@ def ReadText(path, position):
         data = Path(path).read_bytes()
     except (OSError, ValueError) as error:
         reason = getattr(error, "strerror", None) or "not a file"
-        raise IdlError(position, f"expected a readable file, but {syntax.Quoted(str(path))}: {reason}") from None
+        raise IdlError(position, f"expected a readable file, but {syntax.quoted(str(path))}: {reason}") from None
     try:
         return data.decode("utf-8")
     except UnicodeDecodeError as error:
         before = data[: error.start].decode("utf-8")
-        position = syntax.EndOf(str(path), before)
+        position = syntax.end_of(str(path), before)
         raise IdlError(position, f"expected UTF-8 text, found the byte 0x{data[error.start]:02x}") from None
 
 
-def Load(path):
+def load(path):
     """Returns: the files that `path` uses, itself first, and all their definitions."""
     files = [Path(path)]
     definitions = []
-    askedFrom = {files[0].resolve(): Position(str(path), 1, 1)}
+    asked_from = {files[0].resolve(): Position(str(path), 1, 1)}
     for file in files:  # grows while it is walked
-        for definition in syntax.Parse(str(file), ReadText(file, askedFrom[file.resolve()])):
+        for definition in syntax.parse(str(file), read_text(file, asked_from[file.resolve()])):
             if not isinstance(definition, syntax.Use):
                 definitions.append(definition)
                 continue
@@ -139,8 +139,8 @@ def Load(path):
                 identity = used.resolve()
             except (OSError, ValueError, RuntimeError):
                 raise IdlError(definition.file.position, "expected a file name") from None
-            if identity not in askedFrom:
-                askedFrom[identity] = definition.file.position
+            if identity not in asked_from:
+                asked_from[identity] = definition.file.position
                 files.append(used)
     return files, definitions
 
@@ -152,37 +152,37 @@ class Checker:
         self.errors = []
         self.definitions = {}
         for definition in definitions:
-            self.ExpectNew(definition.name, self.definitions, definition)
+            self.expect_new(definition.name, self.definitions, definition)
 
-    def Fault(self, position, message):
+    def fault(self, position, message):
         self.errors.append(IdlError(position, message))
 
-    def ExpectNew(self, name, known, value):
+    def expect_new(self, name, known, value):
         if name.text in known:
             first = known[name.text].name.position
-            self.Fault(name.position, f"expected a new name, but '{name.text}' is already defined at {first}")
+            self.fault(name.position, f"expected a new name, but '{name.text}' is already defined at {first}")
         else:
             known[name.text] = value
 
-    def ExpectUsable(self, name, reserved):
+    def expect_usable(self, name, reserved):
         if name.text in CPP_KEYWORDS:
-            self.Fault(name.position, f"expected a name that is not a word of C++, found '{name.text}'")
+            self.fault(name.position, f"expected a name that is not a word of C++, found '{name.text}'")
         elif name.text in reserved:
-            self.Fault(name.position, f"expected another name: generated code uses '{name.text}' itself")
+            self.fault(name.position, f"expected another name: generated code uses '{name.text}' itself")
 
-    def Resolve(self, name, kind):
+    def resolve(self, name, kind):
         found = self.definitions.get(name.text)
         if isinstance(found, kind):
             return found
         what = f"an {kind.__name__.lower()}" if kind.__name__[0] in "IE" else f"a {kind.__name__.lower()}"
         if found is None:
-            self.Fault(name.position, f"expected {what}, but nothing defines '{name.text}'")
+            self.fault(name.position, f"expected {what}, but nothing defines '{name.text}'")
         else:
-            self.Fault(name.position, f"expected {what}, but '{name.text}' is defined at {found.name.position} "
+            self.fault(name.position, f"expected {what}, but '{name.text}' is defined at {found.name.position} "
                                       f"as {type(found).__name__.lower()}")
         return None
 
-    def BuildRecord(self, name, fields):
+    def build_record(self, name, fields):
         placed = []
         end = HEADER_SIZE
         alignment = HEADER_ALIGNMENT
@@ -190,101 +190,101 @@ class Checker:
             if field.type.name == "string":
                 largest = RECORD_SIZE - HEADER_SIZE
                 if not 2 <= field.type.length <= largest:
-                    self.Fault(field.type.position, f"expected a string size from 2 to {largest}, its NUL included")
+                    self.fault(field.type.position, f"expected a string size from 2 to {largest}, its NUL included")
                     continue
-                size, fieldAlignment, cppType = field.type.length, 1, ""
+                size, field_alignment, cpp_type = field.type.length, 1, ""
             else:
                 size = int(field.type.name.lstrip("uint")) // 8
-                fieldAlignment, cppType = size, f"std::{field.type.name}_t"
-            offset = RoundUp(end, fieldAlignment)
+                field_alignment, cpp_type = size, f"std::{field.type.name}_t"
+            offset = round_up(end, field_alignment)
             if end <= RECORD_SIZE < offset + size:
-                self.Fault(field.name.position, f"expected a record of at most {RECORD_SIZE} bytes, but "
+                self.fault(field.name.position, f"expected a record of at most {RECORD_SIZE} bytes, but "
                                                 f"'{field.name.text}' ends at byte {offset + size}")
             end = offset + size
-            alignment = max(alignment, fieldAlignment)
-            placed.append(Field(field.name.text, field.direction, cppType, field.type.length, size, fieldAlignment,
+            alignment = max(alignment, field_alignment)
+            placed.append(Field(field.name.text, field.direction, cpp_type, field.type.length, size, field_alignment,
                                 offset))
-        return Record(name, placed, RoundUp(end, alignment))
+        return Record(name, placed, round_up(end, alignment))
 
-    def BuildMethod(self, interfaceName, index, method):
+    def build_method(self, interface_name, index, method):
         known = {}
         for field in method.fields:
-            self.ExpectNew(field.name, known, field)
-            self.ExpectUsable(field.name, RESERVED_FIELD_NAMES)
-        base = f"{interfaceName}_{method.name.text}"
-        request = self.BuildRecord(f"{base}_req", [field for field in method.fields if field.direction == "in"])
-        response = self.BuildRecord(f"{base}_res", [field for field in method.fields if field.direction == "out"])
-        inRecords = {field.name: field for field in request.fields + response.fields}
-        inOrder = [inRecords[name] for name in known if name in inRecords]
-        return Method(method.doc, method.name.text, index, inOrder, request, response)
+            self.expect_new(field.name, known, field)
+            self.expect_usable(field.name, RESERVED_FIELD_NAMES)
+        base = f"{interface_name}_{method.name.text}"
+        request = self.build_record(f"{base}_req", [field for field in method.fields if field.direction == "in"])
+        response = self.build_record(f"{base}_res", [field for field in method.fields if field.direction == "out"])
+        in_records = {field.name: field for field in request.fields + response.fields}
+        in_order = [in_records[name] for name in known if name in in_records]
+        return Method(method.doc, method.name.text, index, in_order, request, response)
 
-    def BuildInterface(self, interface):
+    def build_interface(self, interface):
         if not interface.methods:
-            self.Fault(interface.name.position, f"expected at least one method in '{interface.name.text}'")
+            self.fault(interface.name.position, f"expected at least one method in '{interface.name.text}'")
         known = {}
         for method in interface.methods:
-            self.ExpectNew(method.name, known, method)
-        cppName = CppName(interface.name.text)
-        methods = [self.BuildMethod(cppName, index, method) for index, method in enumerate(interface.methods)]
-        return Interface(interface.doc, interface.name.text, cppName, methods)
+            self.expect_new(method.name, known, method)
+        cpp_name = cpp_name_of(interface.name.text)
+        methods = [self.build_method(cpp_name, index, method) for index, method in enumerate(interface.methods)]
+        return Interface(interface.doc, interface.name.text, cpp_name, methods)
 
-    def BuildComponent(self, component, interfaces):
+    def build_component(self, component, interfaces):
         if not component.members:
-            self.Fault(component.name.position, f"expected at least one member in '{component.name.text}'")
+            self.fault(component.name.position, f"expected at least one member in '{component.name.text}'")
         known = {}
-        usedBy = {}
+        used_by = {}
         members = []
         for index, member in enumerate(component.members):
-            self.ExpectNew(member.name, known, member)
-            self.ExpectUsable(member.name, set())
-            if self.Resolve(member.type, syntax.Interface) is None:
+            self.expect_new(member.name, known, member)
+            self.expect_usable(member.name, set())
+            if self.resolve(member.type, syntax.Interface) is None:
                 continue
-            if member.type.text in usedBy:
-                self.Fault(member.type.position, f"expected each interface once, but '{member.type.text}' is already "
-                                                 f"the type of '{usedBy[member.type.text]}'")
-            usedBy[member.type.text] = member.name.text
+            if member.type.text in used_by:
+                self.fault(member.type.position, f"expected each interface once, but '{member.type.text}' is already "
+                                                 f"the type of '{used_by[member.type.text]}'")
+            used_by[member.type.text] = member.name.text
             service = f"{component.name.text}.{member.name.text}"
             members.append(Member(member.doc, member.name.text, index, service, interfaces[member.type.text]))
-        return Component(component.doc, CppName(component.name.text), members)
+        return Component(component.doc, cpp_name_of(component.name.text), members)
 
-    def BuildConnection(self, entity):
+    def build_connection(self, entity):
         """Returns: the entity's static connection, None when it has none."""
         for repeated in entity.connections[1:]:
-            self.Fault(repeated.name.position, f"expected one connection for each entity, but '{entity.name.text}' has "
+            self.fault(repeated.name.position, f"expected one connection for each entity, but '{entity.name.text}' has "
                                                f"one at {entity.connections[0].name.position}")
         for connection in entity.connections[:1]:
             name = connection.name.text
             # Generated code quotes the name as it is, so it must need no escapes.
-            isPlain = name.isprintable() and "/" not in name and "\\" not in name and name not in (".", "..")
-            if not isPlain or len(name.encode("utf-8")) > LONGEST_CONNECTION:
-                self.Fault(connection.name.position,
+            is_plain = name.isprintable() and "/" not in name and "\\" not in name and name not in (".", "..")
+            if not is_plain or len(name.encode("utf-8")) > LONGEST_CONNECTION:
+                self.fault(connection.name.position,
                            f"expected a connection name of 1 to {LONGEST_CONNECTION} bytes: printable, without '/' or "
                            f"'\\', other than '.' and '..'")
             return Connection(connection.doc, name)
         return None
 
-    def Build(self):
+    def build(self):
         """Returns: the entities by their qualified name. Raises a group of all errors."""
         of = {kind: {name: value for name, value in self.definitions.items() if isinstance(value, kind)}
               for kind in (syntax.Interface, syntax.Component, syntax.Entity)}
-        interfaces = {name: self.BuildInterface(value) for name, value in of[syntax.Interface].items()}
-        components = {name: self.BuildComponent(value, interfaces) for name, value in of[syntax.Component].items()}
+        interfaces = {name: self.build_interface(value) for name, value in of[syntax.Interface].items()}
+        components = {name: self.build_component(value, interfaces) for name, value in of[syntax.Component].items()}
         entities = {}
         for name, entity in of[syntax.Entity].items():
-            self.ExpectUsable(entity.member.name, set())
-            connection = self.BuildConnection(entity)
-            if self.Resolve(entity.member.type, syntax.Component) is not None:
-                entities[name] = Entity(entity.doc, CppName(name), entity.member.name.text,
+            self.expect_usable(entity.member.name, set())
+            connection = self.build_connection(entity)
+            if self.resolve(entity.member.type, syntax.Component) is not None:
+                entities[name] = Entity(entity.doc, cpp_name_of(name), entity.member.name.text,
                                         components[entity.member.type.text], connection)
         if self.errors:
             raise ExceptionGroup("faults of the input", sorted(self.errors, key=lambda error: error.position))
         return entities
 
 
-def Build(path, entityName):
+def build(path, entity_name):
     """Returns: the checked entity and the files that it was read from. Raises IdlError or a group of them."""
-    files, definitions = Load(path)
-    entities = Checker(definitions).Build()
-    if entityName not in entities:
-        raise IdlError(Position(str(path), 1, 1), f"expected the definition of the entity '{entityName}'")
-    return entities[entityName], files
+    files, definitions = load(path)
+    entities = Checker(definitions).build()
+    if entity_name not in entities:
+        raise IdlError(Position(str(path), 1, 1), f"expected the definition of the entity '{entity_name}'")
+    return entities[entity_name], files

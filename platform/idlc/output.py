@@ -18,23 +18,23 @@ TEMPLATES = {
 LINE_WIDTH = 120
 
 
-def Declarations(fields):
+def declarations(fields):
     """Fields as members of their record, each with its offset in a comment."""
-    members = [f"char {field.name}[{field.length}];" if field.length else f"{field.cppType} {field.name};"
+    members = [f"char {field.name}[{field.length}];" if field.length else f"{field.cpp_type} {field.name};"
                for field in fields]
     width = max((len(member) for member in members), default=0)
     return [f"{member.ljust(width)} // offset {field.offset}" for member, field in zip(members, fields)]
 
 
-def Parameter(field):
+def parameter(field):
     if field.direction == "in":
-        return f"std::string_view {field.name}" if field.length else f"{field.cppType} {field.name}"
-    return f"std::string& {field.name}" if field.length else f"{field.cppType}& {field.name}"
+        return f"std::string_view {field.name}" if field.length else f"{field.cpp_type} {field.name}"
+    return f"std::string& {field.name}" if field.length else f"{field.cpp_type}& {field.name}"
 
 
-def Parameters(method):
+def parameters(method):
     """The parameters of a client stub, on as many lines as they need."""
-    parameters = ["NkBosTransport* transport", *map(Parameter, method.fields)]
+    parameters = ["NkBosTransport* transport", *map(parameter, method.fields)]
     glued = [parameter.replace(" ", "\0") for parameter in parameters]
     lines = textwrap.wrap(", ".join(glued), LINE_WIDTH - len("    ) {"), break_long_words=False)
     return "\n    ".join(lines).replace("\0", " ")
@@ -48,10 +48,10 @@ ENVIRONMENT = jinja2.Environment(
     keep_trailing_newline=True,
     autoescape=False,
 )
-ENVIRONMENT.filters.update(declarations=Declarations, parameters=Parameters)
+ENVIRONMENT.filters.update(declarations=declarations, parameters=parameters)
 
 
-def Render(entity, files):
+def render(entity, files):
     """Returns: the text of each output file by its name."""
     methods = [(member, method) for member in entity.component.members for method in member.interface.methods]
     context = {
@@ -67,6 +67,6 @@ def Render(entity, files):
         "returnsText": any(field.length for _, method in methods for field in method.response.fields),
     }
     return {
-        name.format(entity.cppName): ENVIRONMENT.get_template(template).render(context)
+        name.format(entity.cpp_name): ENVIRONMENT.get_template(template).render(context)
         for name, template in TEMPLATES.items()
     }

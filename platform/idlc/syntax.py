@@ -112,15 +112,15 @@ class TreeBuilder(lark.Transformer_NonRecursive):
         super().__init__()
         self.file = file
 
-    def Name(self, token):
+    def plain_name(self, token):
         return Name(str(token), Position(self.file, token.line, token.column))
 
-    QUALIFIED_NAME = METHOD_NAME = FIELD_NAME = MEMBER_NAME = Name
+    QUALIFIED_NAME = METHOD_NAME = FIELD_NAME = MEMBER_NAME = plain_name
 
-    def QuotedName(self, token):
+    def quoted_name(self, token):
         return Name(str(token)[1:-1], Position(self.file, token.line, token.column))
 
-    FILE_NAME = CONNECTION_NAME = QuotedName
+    FILE_NAME = CONNECTION_NAME = quoted_name
 
     def start(self, *definitions):
         return list(definitions)
@@ -171,38 +171,38 @@ PARSER = lark.Lark(
 )
 
 
-def AlternativesText(terminals):
+def alternatives_text(terminals):
     known = [text for terminal, text in DESCRIPTIONS.items() if terminal in terminals]
     if len(known) < 2:
         return "".join(known)
     return ", ".join(known[:-1]) + " or " + known[-1]
 
 
-def Quoted(text):
+def quoted(text):
     return "'" + "".join(c if c.isprintable() else c.encode("unicode_escape").decode() for c in text) + "'"
 
 
-def FoundText(text):
-    return Quoted(text if len(text) <= 40 else text[:40] + "...")
+def found_text(text):
+    return quoted(text if len(text) <= 40 else text[:40] + "...")
 
 
-def EndOf(file, text):
+def end_of(file, text):
     lines = text.split("\n")
     return Position(file, len(lines), len(lines[-1]) + 1)
 
 
-def Parse(file, text):
+def parse(file, text):
     """Returns: the definitions of `text` in their order. Raises IdlError at the first character that does not fit."""
     try:
         tree = PARSER.parse(text)
     except lark.UnexpectedToken as error:
-        expected = AlternativesText(error.accepts or error.expected)
+        expected = alternatives_text(error.accepts or error.expected)
         if error.token.type == "$END":
-            raise IdlError(EndOf(file, text), f"expected {expected}, found the end of the file") from None
+            raise IdlError(end_of(file, text), f"expected {expected}, found the end of the file") from None
         position = Position(file, error.token.line, error.token.column)
-        raise IdlError(position, f"expected {expected}, found {FoundText(str(error.token))}") from None
+        raise IdlError(position, f"expected {expected}, found {found_text(str(error.token))}") from None
     except lark.UnexpectedCharacters as error:
         position = Position(file, error.line, error.column)
-        found = FoundText(text[error.pos_in_stream])
-        raise IdlError(position, f"expected {AlternativesText(error.allowed)}, found {found}") from None
+        found = found_text(text[error.pos_in_stream])
+        raise IdlError(position, f"expected {alternatives_text(error.allowed)}, found {found}") from None
     return TreeBuilder(file).transform(tree)

@@ -16,9 +16,9 @@ idlc = importlib.util.module_from_spec(spec)
 spec.loader.exec_module(idlc)
 
 
-def Compile(file, entity, output):
+def compile_idl(file, entity, output):
     """Returns: the exit status and the lines on the standard error stream."""
     errors = io.StringIO()
     with contextlib.redirect_stderr(errors):
-        status = idlc.Main([str(file), "--entity", entity, "--output", str(output)])
+        status = idlc.main([str(file), "--entity", entity, "--output", str(output)])
     return status, errors.getvalue().splitlines()

@@ -8,7 +8,7 @@ import tempfile
 import unittest
 from pathlib import Path
 
-from compiler import COMPILER, Compile
+from compiler import COMPILER, compile_idl
 
 GOOD_INTERFACE = "interface br.A { M(); }\n"
 GOOD_COMPONENT = "component br.C { a: br.A; }\n"
@@ -26,8 +26,7 @@ CONNECTION = "a connection name in double quotes"
 PLAIN = "a connection name of 1 to 255 bytes: printable, without '/' or '\\', other than '.' and '..'"
 
 
-
-def Connected(name):
+def connected(name):
     """A text that is good up to the name of its connection, which begins at 3:35."""
     return GOOD_INTERFACE + GOOD_COMPONENT + f"entity br.E {{ c: br.C; connection {name}; }}\n"
 
@@ -131,16 +130,16 @@ SEMANTICS = {
     GOOD_INTERFACE + "component br.C { a: br.A; b: br.A; }":
         "2:30: expected each interface once, but 'br.A' is already the type of 'a'",
     # Connections
-    Connected('"x"; connection "y"'):
+    connected('"x"; connection "y"'):
         "3:51: expected one connection for each entity, but 'br.E' has one at {file}:3:35",
-    Connected('"a/b"'): f"3:35: expected {PLAIN}",
-    Connected('"a\\b"'): f"3:35: expected {PLAIN}",
-    Connected('"a\tb"'): f"3:35: expected {PLAIN}",
-    Connected('"a\u202eb"'): f"3:35: expected {PLAIN}",
-    Connected('"."'): f"3:35: expected {PLAIN}",
-    Connected('".."'): f"3:35: expected {PLAIN}",
-    Connected(f'"{"x" * 256}"'): f"3:35: expected {PLAIN}",
-    Connected(f'"{"é" * 128}"'): f"3:35: expected {PLAIN}",
+    connected('"a/b"'): f"3:35: expected {PLAIN}",
+    connected('"a\\b"'): f"3:35: expected {PLAIN}",
+    connected('"a\tb"'): f"3:35: expected {PLAIN}",
+    connected('"a\u202eb"'): f"3:35: expected {PLAIN}",
+    connected('"."'): f"3:35: expected {PLAIN}",
+    connected('".."'): f"3:35: expected {PLAIN}",
+    connected(f'"{"x" * 256}"'): f"3:35: expected {PLAIN}",
+    connected(f'"{"é" * 128}"'): f"3:35: expected {PLAIN}",
     # Sizes
     "interface br.A { M(in x: string<0>); }": "1:33: expected a string size from 2 to 1032, its NUL included",
     "interface br.A { M(in x: string<1>); }": "1:33: expected a string size from 2 to 1032, its NUL included",
@@ -172,62 +171,62 @@ class Errors(unittest.TestCase):
         self.file = self.folder / "bad.idl"
         self.output = self.folder / "output"
 
-    def Fail(self, data):
+    def fail(self, data):
         self.file.write_bytes(data if isinstance(data, bytes) else data.encode("utf-8"))
-        status, errors = Compile(self.file, "br.E", self.output)
+        status, errors = compile_idl(self.file, "br.E", self.output)
         self.assertEqual(status, 1, data)
         self.assertFalse(self.output.exists(), "nothing is written for bad input")
         return errors
 
-    def Expand(self, text):
+    def expand(self, text):
         for name, value in {"{file}": self.file, "{folder}": self.folder, "{xs}": "x" * 300}.items():
             text = text.replace(name, str(value))
         return text
 
     def test_the_good_text_compiles(self):
         self.file.write_text(GOOD, encoding="utf-8")
-        self.assertEqual(Compile(self.file, "br.E", self.output), (0, []))
+        self.assertEqual(compile_idl(self.file, "br.E", self.output), (0, []))
 
     def test_a_connection_name_may_have_255_bytes_and_every_printable_character_but_two(self):
         for name in ["x" * 255, "é" * 127 + "x", "a", "...", "entity", "a b", "".join(chr(c) for c in range(32, 127))]:
             with self.subTest(name):
                 name = name.translate({ord(c): None for c in '"/\\'})
-                self.file.write_text(Connected(f'"{name}"'), encoding="utf-8")
-                self.assertEqual(Compile(self.file, "br.E", self.output), (0, []))
+                self.file.write_text(connected(f'"{name}"'), encoding="utf-8")
+                self.assertEqual(compile_idl(self.file, "br.E", self.output), (0, []))
                 self.assertIn(f'br_E_connection = "{name}";', (self.output / "br_E.h").read_text(encoding="utf-8"))
 
     def test_an_entity_without_a_connection_has_no_constant_for_one(self):
         self.file.write_text(GOOD, encoding="utf-8")
-        self.assertEqual(Compile(self.file, "br.E", self.output), (0, []))
+        self.assertEqual(compile_idl(self.file, "br.E", self.output), (0, []))
         self.assertNotIn("br_E_connection", (self.output / "br_E.h").read_text(encoding="utf-8"))
 
     def test_a_member_may_be_called_connection(self):
         self.file.write_text(GOOD_INTERFACE + "component br.C { connection: br.A; }\n"
                              + 'entity br.E { connection: br.C; connection "x"; }', encoding="utf-8")
-        self.assertEqual(Compile(self.file, "br.E", self.output), (0, []))
+        self.assertEqual(compile_idl(self.file, "br.E", self.output), (0, []))
 
     def test_each_fault_is_reported_once_where_it_stands(self):
         for text, expected in {**SYNTAX, **SEMANTICS}.items():
             with self.subTest(text[:60]):
-                self.assertEqual(self.Fail(text), [f"{self.file}:{self.Expand(expected)}"])
+                self.assertEqual(self.fail(text), [f"{self.file}:{self.expand(expected)}"])
 
     def test_every_fault_of_a_model_is_reported_in_the_order_of_the_text(self):
-        errors = self.Fail("interface br.A { M(in x: string<1>); M(); }\nentity br.E { c: br.C; }\ninterface br.B {}\n")
+        errors = self.fail("interface br.A { M(in x: string<1>); M(); }\nentity br.E { c: br.C; }\ninterface br.B {}\n")
         self.assertEqual([error[len(str(self.file)) + 1:].split(": ")[0] for error in errors],
                          ["1:33", "1:38", "2:18", "3:11"])
 
     def test_a_fault_in_a_used_file_names_that_file(self):
         (self.folder / "used.idl").write_text("interface br.A {\n  M(\n", encoding="utf-8")
-        self.assertEqual(self.Fail('use "used.idl";'),
+        self.assertEqual(self.fail('use "used.idl";'),
                          [f"{self.folder}/used.idl:3:1: expected 'in', 'out' or ')', found the end of the file"])
 
     def test_bytes_that_are_no_text_are_placed(self):
-        self.assertEqual(self.Fail(b"// fine\n  \xff"),
+        self.assertEqual(self.fail(b"// fine\n  \xff"),
                          [f"{self.file}:2:3: expected UTF-8 text, found the byte 0xff"])
 
     def test_a_missing_input_file_is_an_error(self):
         missing = self.folder / "missing.idl"
-        status, errors = Compile(missing, "br.E", self.output)
+        status, errors = compile_idl(missing, "br.E", self.output)
         self.assertEqual((status, len(errors)), (1, 1))
         self.assertTrue(errors[0].startswith(f"{missing}:1:1: expected a readable file"), errors)
 
@@ -235,7 +234,7 @@ class Errors(unittest.TestCase):
         comments = "/// line\n" * 5000
         methods = "".join(f"M{i}();\n" for i in range(2000))
         self.file.write_text(f"{comments}interface br.A {{ {comments}{methods} }}\n{GOOD_COMPONENT}{GOOD_ENTITY}")
-        self.assertEqual(Compile(self.file, "br.E", self.output), (0, []))
+        self.assertEqual(compile_idl(self.file, "br.E", self.output), (0, []))
 
     def test_the_program_exits_with_1_and_prints_the_error_alone(self):
         self.file.write_text("banana", encoding="utf-8")
@@ -246,7 +245,7 @@ class Errors(unittest.TestCase):
 
     def test_an_output_folder_that_cannot_be_made_is_an_error(self):
         self.file.write_text(GOOD, encoding="utf-8")
-        status, errors = Compile(self.file, "br.E", self.file / "output")
+        status, errors = compile_idl(self.file, "br.E", self.file / "output")
         self.assertEqual((status, len(errors)), (1, 1))
         self.assertTrue(errors[0].startswith("idlc: cannot write "), errors)
 

@@ -10,8 +10,8 @@ import tempfile
 import unittest
 from pathlib import Path
 
-from compiler import Compile
-from mutation_test import ERROR, Edit
+from compiler import compile_idl
+from mutation_test import ERROR, edit
 
 SEED = int(os.environ.get("IDLC_SEED", "20240811"))
 ROUNDS = int(os.environ.get("IDLC_GENERATED", "120"))
@@ -21,7 +21,7 @@ SMALL = ["a", "in", "out", "use", "string", "int8", "component", "connection", "
 INTEGERS = [f"{sign}int{bits}" for sign in ("", "u") for bits in (8, 16, 32, 64)]
 
 
-def RoundUp(value, alignment):
+def round_up(value, alignment):
     return -(-value // alignment) * alignment
 
 
@@ -32,7 +32,7 @@ class Source:
         self.dice = dice
         self.files = {}  # name to lines
         self.sizes = {}  # record to bytes
-        interfaces = [self.Interface(number) for number in range(dice.randrange(1, 5))]
+        interfaces = [self.interface(number) for number in range(dice.randrange(1, 5))]
         names = [f"File{number}.idl" for number in range(len(interfaces))]
         for number, (name, lines) in enumerate(zip(names, interfaces)):
             # Any others, or itself: each is read once.
@@ -45,7 +45,7 @@ class Source:
         self.files["Top.idl"] = ([f'use "{name}";' for name in names] + ["component gen.C {"] + members
                                  + ["}", f"entity gen.E {{ {dice.choice(SMALL)}: gen.C; {line}}}"])
 
-    def Interface(self, number):
+    def interface(self, number):
         lines = [f"interface gen.I{number} {{"]
         for method in range(self.dice.randrange(1, 6)):
             end = {"in": HEADER, "out": HEADER}
@@ -62,7 +62,7 @@ class Source:
                 else:
                     kind = self.dice.choice(INTEGERS)
                     size = aligned = int(kind.lstrip("uint")) // 8
-                place = RoundUp(end[direction], aligned)
+                place = round_up(end[direction], aligned)
                 if place + size > RECORD:
                     continue
                 end[direction] = place + size
@@ -70,14 +70,14 @@ class Source:
                 fields.append(f"{direction} {name}: {kind}")
             lines.append(f"    M{method}({', '.join(fields)});")
             for direction, suffix in (("in", "req"), ("out", "res")):
-                self.sizes[f"gen_I{number}_M{method}_{suffix}"] = RoundUp(end[direction], alignment[direction])
+                self.sizes[f"gen_I{number}_M{method}_{suffix}"] = round_up(end[direction], alignment[direction])
         return lines + ["}"]
 
-    def Write(self, folder):
+    def write(self, folder):
         for name, lines in self.files.items():
             (folder / name).write_text("\n".join(lines) + "\n")
 
-    def Break(self):
+    def break_one_rule(self):
         """Breaks one rule. Returns: the file and the line of the fault."""
         name = self.dice.choice([name for name in self.files if name != "Top.idl"])
         lines = self.files[name]
@@ -111,17 +111,17 @@ class Generated(unittest.TestCase):
         self.addCleanup(temporary.cleanup)
         self.root = Path(temporary.name)
 
-    def Round(self, number):
+    def make_round(self, number):
         folder = self.root / str(number)
         folder.mkdir()
         return folder, Source(self.dice)
 
     def test_a_text_that_is_right_compiles_to_its_connection_and_to_records_of_their_sizes(self):
         for number in range(ROUNDS):
-            folder, source = self.Round(number)
-            source.Write(folder)
+            folder, source = self.make_round(number)
+            source.write(folder)
             with self.subTest(round=number, files=source.files):
-                self.assertEqual((0, []), Compile(folder / "Top.idl", "gen.E", folder / "output"))
+                self.assertEqual((0, []), compile_idl(folder / "Top.idl", "gen.E", folder / "output"))
                 records = (folder / "output" / "gen_E.h").read_text()
                 sizes = re.findall(r"static_assert\(sizeof\((gen_I\d_M\d_re[qs])\) == (\d+)\)", records)
                 self.assertEqual(source.sizes, {name: int(size) for name, size in sizes})
@@ -130,23 +130,23 @@ class Generated(unittest.TestCase):
 
     def test_a_text_that_breaks_one_rule_gives_the_error_at_its_place(self):
         for number in range(ROUNDS):
-            folder, source = self.Round(number)
-            name, line = source.Break()
-            source.Write(folder)
+            folder, source = self.make_round(number)
+            name, line = source.break_one_rule()
+            source.write(folder)
             with self.subTest(round=number, files=source.files):
-                status, errors = Compile(folder / "Top.idl", "gen.E", folder / "output")
+                status, errors = compile_idl(folder / "Top.idl", "gen.E", folder / "output")
                 self.assertEqual((1, 1), (status, len(errors)), errors)
                 self.assertTrue(errors[0].startswith(f"{folder / name}:{line}:"), errors)
                 self.assertFalse((folder / "output").exists())
 
     def test_a_text_after_random_edits_compiles_or_gives_placed_errors(self):
         for number in range(ROUNDS):
-            folder, source = self.Round(number)
-            source.Write(folder)
+            folder, source = self.make_round(number)
+            source.write(folder)
             victim = folder / self.dice.choice(sorted(source.files))
-            victim.write_bytes(Edit(self.dice, victim.read_bytes()))
+            victim.write_bytes(edit(self.dice, victim.read_bytes()))
             with self.subTest(round=number, file=victim.name, text=victim.read_bytes()):
-                status, errors = Compile(folder / "Top.idl", "gen.E", folder / "output")
+                status, errors = compile_idl(folder / "Top.idl", "gen.E", folder / "output")
                 self.assertEqual(status == 1, bool(errors))
                 for error in errors:
                     self.assertRegex(error, ERROR)

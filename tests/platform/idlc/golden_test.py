@@ -7,15 +7,15 @@ import tempfile
 import unittest
 from pathlib import Path
 
-from compiler import Compile
+from compiler import compile_idl
 
 GOLDEN = Path(__file__).resolve().parent / "golden"
 ENTITIES = {"sample.Store": "Store.idl", "sample.Bare": "Bare.idl"}
 
 
-def Generate(output):
+def generate(output):
     for entity, file in ENTITIES.items():
-        status, errors = Compile(GOLDEN / file, entity, output)
+        status, errors = compile_idl(GOLDEN / file, entity, output)
         assert status == 0 and not errors, errors
     return {f"{path.name}.golden": path.read_text(encoding="utf-8") for path in Path(output).iterdir()}
 
@@ -25,16 +25,16 @@ class Golden(unittest.TestCase):
 
     def test_every_generated_file_equals_its_golden_file(self):
         with tempfile.TemporaryDirectory() as folder:
-            generated = Generate(folder)
+            generated = generate(folder)
         self.assertEqual(sorted(generated), sorted(path.name for path in GOLDEN.glob("*.golden")))
         for name, text in generated.items():
             with self.subTest(name):
                 self.assertEqual((GOLDEN / name).read_text(encoding="utf-8"), text)
 
 
-def Refresh():
+def refresh():
     with tempfile.TemporaryDirectory() as folder:
-        generated = Generate(folder)
+        generated = generate(folder)
     for path in GOLDEN.glob("*.golden"):
         path.unlink()
     for name, text in generated.items():
@@ -43,6 +43,6 @@ def Refresh():
 
 if __name__ == "__main__":
     if sys.argv[1:] == ["--refresh"]:
-        Refresh()
+        refresh()
     else:
         unittest.main()

@@ -11,7 +11,7 @@ import tempfile
 import unittest
 from pathlib import Path
 
-from compiler import BUS_IDL, Compile
+from compiler import BUS_IDL, compile_idl
 from golden_test import GOLDEN
 
 SEED = 20240607
@@ -22,7 +22,7 @@ WORDS = [b"interface", b"component", b"entity", b"connection", b"use", b"in ", b
          b"\n", b"\xef\xbb\xbf", b"99999999999", b"."]
 
 
-def Edit(dice, data):
+def edit(dice, data):
     """Returns: `data` with one random edit."""
     begin = dice.randrange(len(data) + 1)
     end = min(len(data), begin + dice.randrange(1, 40))
@@ -55,10 +55,10 @@ class Mutation(unittest.TestCase):
                 victim = folder / dice.choice(originals).name
                 data = victim.read_bytes()
                 for _ in range(dice.randrange(1, 4)):
-                    data = Edit(dice, data)
+                    data = edit(dice, data)
                 victim.write_bytes(data)
                 with self.subTest(round=round, file=victim.name, text=data):
-                    status, errors = Compile(folder / top, entity, folder / "output")
+                    status, errors = compile_idl(folder / top, entity, folder / "output")
                     outcomes[status] += 1
                     self.assertEqual(status == 1, bool(errors))
                     for error in errors:
