@@ -10,9 +10,9 @@
 
 namespace {
 
-constexpr std::size_t longestDeliveredTopic = 1022; // bytes; the bus truncates the topic of a delivered message
+constexpr std::size_t LongestDeliveredTopic = 1022; // bytes; the bus truncates the topic of a delivered message
 
-constexpr std::pair<std::string_view, double> units[] = {{"ms", 1}, {"s", 1e3}, {"", 1e3}, {"m", 6e4}, {"h", 3.6e6}};
+constexpr std::pair<std::string_view, double> Units[] = {{"ms", 1}, {"s", 1e3}, {"", 1e3}, {"m", 6e4}, {"h", 3.6e6}};
 
 } // namespace
 
@@ -50,7 +50,7 @@ std::chrono::milliseconds ParseDuration(std::string_view text) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error == std::errc()) {
         const std::string_view unit = text.substr(static_cast<std::size_t>(end - text.data()));
-        for (const auto& [name, factorMs] : units) {
+        for (const auto& [name, factorMs] : Units) {
             constexpr double longestMs = 1e12;
             if (unit == name && number * factorMs >= 1 && number * factorMs <= longestMs) {
                 return std::chrono::milliseconds(std::llround(number * factorMs));
@@ -62,8 +62,8 @@ std::chrono::milliseconds ParseDuration(std::string_view text) {
 }
 
 void WarnAboutCutTopic(const std::string& topic) {
-    if (topic.size() > longestDeliveredTopic) {
-        Say("warning: subscribers receive only the first " + std::to_string(longestDeliveredTopic) +
+    if (topic.size() > LongestDeliveredTopic) {
+        Say("warning: subscribers receive only the first " + std::to_string(LongestDeliveredTopic) +
             " bytes of topic '" + topic.substr(0, 20) + "...'");
     }
 }

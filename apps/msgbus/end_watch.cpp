@@ -21,7 +21,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds timeToRelease{3000};
+constexpr milliseconds TimeToRelease{3000};
 
 // Names of threads; the kernel takes at most 15 bytes.
 constexpr const char* WatchThreadName = "msgbus-watch";
@@ -149,7 +149,7 @@ void EndWatch::Run(std::optional<milliseconds> timeLimit, Output output) {
     ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 
     pollfd quit{quitDescriptor, POLLIN, 0};
-    const auto deadline = steady_clock::now() + timeToRelease;
+    const auto deadline = steady_clock::now() + TimeToRelease;
     while (::poll(&quit, 1, RemainingMs(deadline)) <= 0 && steady_clock::now() < deadline) {
     }
     if (quit.revents != 0) {

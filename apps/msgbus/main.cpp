@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr std::chrono::seconds defaultReconnectTime{5};
+constexpr std::chrono::seconds DefaultReconnectTime{5};
 
 constexpr const char* MainFooter = "See 'msgbus COMMAND --help' for the options of a command.";
 constexpr const char* CommandFooter =
@@ -73,7 +73,7 @@ public:
         options.route = isStatic    ? msgbus::Route::Static
                         : isDynamic ? msgbus::Route::Dynamic
                                     : msgbus::Route::Automatic;
-        options.reconnectFor = defaultReconnectTime;
+        options.reconnectFor = DefaultReconnectTime;
         if (reconnectTime) {
             options.reconnectFor =
                 *reconnectTime == "0" ? std::chrono::milliseconds::zero() : ParseDuration(*reconnectTime);

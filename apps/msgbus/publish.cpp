@@ -31,7 +31,7 @@ public:
                 pending.erase(0, end + 1);
                 return line;
             }
-            if (pending.size() > longestLine) {
+            if (pending.size() > LongestLine) {
                 throw std::invalid_argument("the line is longer than any 64-bit integer");
             }
             if (!Read()) {
@@ -44,7 +44,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t longestLine = 4096;
+    static constexpr std::size_t LongestLine = 4096;
 
     /// Appends what is available to `pending`.
     /// Returns: false at the end of the input, or when the program is to end.

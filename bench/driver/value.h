@@ -6,10 +6,10 @@
 // disorder. A negative value ends a topic and holds the number of its values.
 namespace bench {
 
-constexpr int sequenceBits = 40;
+constexpr int SequenceBits = 40;
 
 constexpr std::int64_t SequenceValue(int topic, std::int64_t sequence) {
-    return (static_cast<std::int64_t>(topic) << sequenceBits) | sequence;
+    return (static_cast<std::int64_t>(topic) << SequenceBits) | sequence;
 }
 constexpr std::int64_t EndValue(int topic, std::int64_t count) {
     return -1 - SequenceValue(topic, count);
@@ -22,10 +22,10 @@ constexpr std::int64_t WithoutEnd(std::int64_t value) {
     return IsEnd(value) ? -1 - value : value;
 }
 constexpr int TopicOf(std::int64_t value) {
-    return static_cast<int>(WithoutEnd(value) >> sequenceBits);
+    return static_cast<int>(WithoutEnd(value) >> SequenceBits);
 }
 constexpr std::int64_t SequenceOf(std::int64_t value) {
-    return WithoutEnd(value) & ((std::int64_t{1} << sequenceBits) - 1);
+    return WithoutEnd(value) & ((std::int64_t{1} << SequenceBits) - 1);
 }
 
 } // namespace bench

@@ -37,16 +37,16 @@ namespace {
 using bench::NowNs;
 using bench::Samples;
 
-constexpr std::size_t recordSizeBytes = 1056;
-constexpr std::size_t threadStackBytes = std::size_t{1} << 20;
-constexpr std::uint64_t lastRecord = UINT64_MAX;
+constexpr std::size_t RecordSizeBytes = 1056;
+constexpr std::size_t ThreadStackBytes = std::size_t{1} << 20;
+constexpr std::uint64_t LastRecord = UINT64_MAX;
 
 /// As large as a request or response record of the bus. The number makes every record different.
 struct Record {
     std::uint64_t number = 0;
-    std::array<std::byte, recordSizeBytes - sizeof(std::uint64_t)> rest{};
+    std::array<std::byte, RecordSizeBytes - sizeof(std::uint64_t)> rest{};
 };
-static_assert(sizeof(Record) == recordSizeBytes);
+static_assert(sizeof(Record) == RecordSizeBytes);
 
 [[noreturn]] void Fail(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -131,7 +131,7 @@ void Echo(ILine& line) {
     do {
         line.Receive(record);
         line.Send(record);
-    } while (record.number != lastRecord);
+    } while (record.number != LastRecord);
 }
 
 Samples PingPong(ILine& line, double seconds) {
@@ -157,7 +157,7 @@ Samples PingPong(ILine& line, double seconds) {
         samples.Add(after - before);
         before = after;
     }
-    request.number = lastRecord;
+    request.number = LastRecord;
     line.Send(request);
     line.Receive(answer);
     return samples;
@@ -227,7 +227,7 @@ Samples SharedMemory(Waiting waiting, Placement placement, double seconds) {
 Samples ThreadHandOver(double seconds) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, threadStackBytes);
+    pthread_attr_setstacksize(&attributes, ThreadStackBytes);
     Samples samples(1'000'000);
     const auto startNs = NowNs();
     for (auto before = startNs; before - startNs < static_cast<std::int64_t>(seconds * 1e9);) {

@@ -21,15 +21,15 @@
 
 namespace {
 
-constexpr auto topic = "burst";
-constexpr std::chrono::milliseconds patience{50};
+constexpr auto Topic = "burst";
+constexpr std::chrono::milliseconds Patience{50};
 
 struct Progress {
     std::atomic<std::int64_t> received; ///< -1 before the subscriber is registered
 };
 
 int Receive(Progress& progress, std::int64_t count) {
-    msgbus::Subscriber subscriber("stranded", {topic});
+    msgbus::Subscriber subscriber("stranded", {Topic});
     progress.received = 0;
     for (std::int64_t i = 0; i < count; ++i) {
         if (const auto message = subscriber.Next(); !message || message->value != i) {
@@ -48,7 +48,7 @@ bool Arrive(const Progress& progress, std::int64_t count) {
         if (const auto now = progress.received.load(); now != seen) {
             seen = now;
             since = Clock::now();
-        } else if (Clock::now() - since > patience) {
+        } else if (Clock::now() - since > Patience) {
             return false;
         }
     }
@@ -76,7 +76,7 @@ int main(int argc, char** argv) {
         while (progress.received < 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        msgbus::Publisher publisher(topic);
+        msgbus::Publisher publisher(Topic);
         std::int64_t pushed = 0;
         std::int64_t stranded = 0;
         for (std::int64_t burst = 0; burst < bursts; ++burst) {

@@ -65,7 +65,7 @@ void BusRunner::Take(long subscriber, long count) {
     const auto record = bus->GetSubscriberPtrById(subscriber);
     std::shared_ptr<message_bus::Message> message;
     while (count > 0) {
-        if (record->queue.Pop(message, static_cast<unsigned>(stuckAfter.count()))) {
+        if (record->queue.Pop(message, static_cast<unsigned>(StuckAfter.count()))) {
             --count;
         } else {
             Rescue();

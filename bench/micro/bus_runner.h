@@ -44,9 +44,9 @@ private:
 };
 
 /// Fits into the inbound queue (1025 values) even if the events thread takes none.
-inline constexpr long batchSize = 1000;
+inline constexpr long BatchSize = 1000;
 
 /// Longer than any delivery takes whose wake-up was not lost.
-inline constexpr std::chrono::milliseconds stuckAfter{20};
+inline constexpr std::chrono::milliseconds StuckAfter{20};
 
 } // namespace bench

@@ -13,14 +13,14 @@ std::int32_t Nothing(Interface*, const Request*, const nk_arena*, Response*, nk_
     return 0;
 }
 
-constexpr br_MessageBusProvider_ops providerOps{&Nothing};
-constexpr br_MessageBusCtl_ops ctlOps{&Nothing, &Nothing, &Nothing, &Nothing, &Nothing, &Nothing};
-constexpr br_MessageBusSubs_ops subsOps{&Nothing};
+constexpr br_MessageBusProvider_ops ProviderOps{&Nothing};
+constexpr br_MessageBusCtl_ops CtlOps{&Nothing, &Nothing, &Nothing, &Nothing, &Nothing, &Nothing};
+constexpr br_MessageBusSubs_ops SubsOps{&Nothing};
 
 void Dispatch(benchmark::State& state, std::uint16_t iid, std::uint16_t mid) {
-    br_MessageBusProvider provider{&providerOps};
-    br_MessageBusCtl ctl{&ctlOps};
-    br_MessageBusSubs subs{&subsOps};
+    br_MessageBusProvider provider{&ProviderOps};
+    br_MessageBusCtl ctl{&CtlOps};
+    br_MessageBusSubs subs{&SubsOps};
     br_MessageBusComponent_component component{&provider, &ctl, &subs};
     br_MessageBus_component entity{&component};
     br_MessageBus_component_req request;

@@ -14,11 +14,11 @@ namespace msgbus {
 
 namespace {
 
-constexpr auto full = static_cast<std::int32_t>(cor::ResultCode::Exhausted);
-constexpr auto conflict = static_cast<std::int32_t>(cor::ResultCode::Conflict);
+constexpr auto Full = static_cast<std::int32_t>(cor::ResultCode::Exhausted);
+constexpr auto Conflict = static_cast<std::int32_t>(cor::ResultCode::Conflict);
 
-constexpr std::chrono::microseconds firstPause{50};
-constexpr std::chrono::microseconds longestPause{10000};
+constexpr std::chrono::microseconds FirstPause{50};
+constexpr std::chrono::microseconds LongestPause{10000};
 
 } // namespace
 
@@ -46,7 +46,7 @@ public:
             RegisterAnew(value);
             status = PushOnce(value);
         }
-        if (ResultCodeOf(status) == full) {
+        if (ResultCodeOf(status) == Full) {
             return false;
         }
         ThrowUnlessOk(status);
@@ -55,14 +55,14 @@ public:
 
     void Push(std::int64_t value) {
         const auto deadline = std::chrono::steady_clock::now() + options.fullQueueTimeout;
-        auto pause = firstPause;
+        auto pause = FirstPause;
         while (!TryPush(value)) {
             if (std::chrono::steady_clock::now() >= deadline) {
-                throw RefusedError(full, "the bus stayed full for " + std::to_string(options.fullQueueTimeout.count()) +
+                throw RefusedError(Full, "the bus stayed full for " + std::to_string(options.fullQueueTimeout.count()) +
                                              " ms; the value was not published");
             }
             std::this_thread::sleep_for(pause);
-            pause = std::min(2 * pause, longestPause);
+            pause = std::min(2 * pause, LongestPause);
         }
     }
 
@@ -70,7 +70,7 @@ public:
         provider.reset();
         if (const std::int64_t registered = std::exchange(id, -1); registered != -1) {
             const std::int32_t status = br_MessageBusCtl_UnregisterPublisher_call(ctl->Transport(), registered);
-            ThrowUnlessOk(status, ResultCodeOf(status) == conflict
+            ThrowUnlessOk(status, ResultCodeOf(status) == Conflict
                                       ? "another client has unregistered the publisher of topic '" + topic + "'"
                                       : "");
         }
@@ -93,7 +93,7 @@ private:
         auto newProvider = std::make_unique<Connection>(Service::Provider, found, options.connectTimeout);
         std::int64_t newId = -1;
         const std::int32_t status = br_MessageBusCtl_RegisterPublisher_call(newCtl->Transport(), topic, newId);
-        ThrowUnlessOk(status, ResultCodeOf(status) == conflict ? "topic '" + topic + "' already has a publisher" : "");
+        ThrowUnlessOk(status, ResultCodeOf(status) == Conflict ? "topic '" + topic + "' already has a publisher" : "");
         ctl = std::move(newCtl);
         provider = std::move(newProvider);
         id = newId;

@@ -4,7 +4,7 @@ namespace msgbus {
 
 namespace {
 
-constexpr std::chrono::milliseconds timeBetweenAttempts{50};
+constexpr std::chrono::milliseconds TimeBetweenAttempts{50};
 
 } // namespace
 
@@ -31,7 +31,7 @@ bool Recover(const Options& options, const ServerGoneError& loss, const std::fun
         if (std::chrono::steady_clock::now() >= deadline) {
             throw loss;
         }
-        if (!pause(timeBetweenAttempts)) {
+        if (!pause(TimeBetweenAttempts)) {
             return false;
         }
     }

@@ -16,8 +16,8 @@ namespace msgbus {
 
 namespace {
 
-constexpr auto notRegistered = static_cast<std::int32_t>(cor::ResultCode::NotRegistered);
-constexpr auto conflict = static_cast<std::int32_t>(cor::ResultCode::Conflict);
+constexpr auto NotRegistered = static_cast<std::int32_t>(cor::ResultCode::NotRegistered);
+constexpr auto Conflict = static_cast<std::int32_t>(cor::ResultCode::Conflict);
 
 /// One registration with one server. A wait occupies its connection until the reply, so ctl has a separate one.
 /// Threads: Wait on one thread, EndWait on any; the caller serializes Unregister and Id.
@@ -35,7 +35,7 @@ public:
                 std::int64_t none = -1;
                 static_cast<void>(br_MessageBusCtl_FinishSubs_call(ctl.Transport(), handshake, 0, none));
             }
-            ThrowUnlessOk(status, ResultCodeOf(status) == conflict ? "topic '" + topic + "' is named twice" : "");
+            ThrowUnlessOk(status, ResultCodeOf(status) == Conflict ? "topic '" + topic + "' is named twice" : "");
         }
         ThrowUnlessOk(br_MessageBusCtl_FinishSubs_call(ctl.Transport(), handshake, 1, id));
     }
@@ -133,12 +133,12 @@ private:
             if (canceled) {
                 return false;
             }
-            if (ResultCodeOf(status) == notRegistered) {
+            if (ResultCodeOf(status) == NotRegistered) {
                 // Another client has unregistered this id, or the server has, which does so when it stops. Only a
                 // running server answers the next call with "no such id".
                 const std::int32_t answer = registration->Unregister();
-                if (ResultCodeOf(answer) == conflict) {
-                    throw RefusedError(notRegistered, "another client has unregistered subscriber '" + name + "'");
+                if (ResultCodeOf(answer) == Conflict) {
+                    throw RefusedError(NotRegistered, "another client has unregistered subscriber '" + name + "'");
                 }
                 status = KnStatusClosed;
             }

@@ -50,15 +50,15 @@ struct GuardedRecord {
     std::uint64_t guard; ///< stays 0: no transport writes more than the record
 };
 
-/// Memory of a dispatcher's arena: an anonymous mapping that begins with its own length, with `usableBytes` behind it.
-template <std::size_t usableBytes>
+/// Memory of a dispatcher's arena: an anonymous mapping that begins with its own length, with `UsableBytes` behind it.
+template <std::size_t UsableBytes>
 class ArenaMapping final {
 public:
     ArenaMapping() noexcept {
-        void* const mapping = ::mmap(nullptr, lengthBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        void* const mapping = ::mmap(nullptr, LengthBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (mapping != MAP_FAILED) {
             base = static_cast<std::uint64_t*>(mapping);
-            *base = lengthBytes;
+            *base = LengthBytes;
         }
     }
     ArenaMapping(const ArenaMapping&) = delete;
@@ -75,11 +75,11 @@ public:
     nk_arena Empty() const noexcept {
         assert(base != nullptr);
         auto* const start = reinterpret_cast<char*>(base + 1);
-        return {start, start, start + usableBytes};
+        return {start, start, start + UsableBytes};
     }
 
 private:
-    static constexpr std::size_t lengthBytes = sizeof(std::uint64_t) + usableBytes;
+    static constexpr std::size_t LengthBytes = sizeof(std::uint64_t) + UsableBytes;
 
     std::uint64_t* base = nullptr; // owned: the mapping
 };
@@ -172,7 +172,7 @@ public:
     /// Starts a thread that serves `handle` for `entity` through `dispatch`, unless `handle` ever had one. The thread
     /// ends when receive, dispatch or reply fails, or after the first reply that follows the start of the destructor.
     /// Throws: boost::thread_resource_error.
-    template <typename Request, std::size_t requestArenaSize, typename Response, std::size_t responseArenaSize,
+    template <typename Request, std::size_t RequestArenaSize, typename Response, std::size_t ResponseArenaSize,
               typename Entity, typename DispatchFunction>
     void AddIpcThread(Entity* entity, DispatchFunction dispatch, unsigned handle) {
         if (threads.contains(handle)) {
@@ -190,9 +190,9 @@ public:
                                 Check(entity != nullptr, "nullptr entity");
                                 NkBosTransport transport{};
                                 NkBosTransport_Init(&transport, handle, nullptr, 0);
-                                const ArenaMapping<requestArenaSize> requestMemory;
+                                const ArenaMapping<RequestArenaSize> requestMemory;
                                 Check(static_cast<bool>(requestMemory), "reqBuffer is null");
-                                const ArenaMapping<responseArenaSize> responseMemory;
+                                const ArenaMapping<ResponseArenaSize> responseMemory;
                                 Check(static_cast<bool>(responseMemory), "resBuffer is null");
                                 GuardedRecord<Request> request;
                                 GuardedRecord<Response> response;

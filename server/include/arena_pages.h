@@ -26,9 +26,9 @@ public:
     bool GiveBack(void* address) noexcept;
 
 private:
-    static constexpr std::size_t bitsPerWord = 64;
+    static constexpr std::size_t BitsPerWord = 64;
 
-    std::array<std::atomic<std::uint64_t>, Capacity / bitsPerWord> lent{}; ///< a bit for each page
+    std::array<std::atomic<std::uint64_t>, Capacity / BitsPerWord> lent{}; ///< a bit for each page
     alignas(PageSize) std::array<std::array<std::byte, PageSize>, Capacity> pages{};
 };
 

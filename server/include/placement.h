@@ -24,8 +24,8 @@ namespace msgbus_server {
 /// Threads: any. Requires: nothing else changes the placement of the process's threads meanwhile.
 class Placement final : public message_bus::IProvider {
 public:
-    static constexpr int quickPushes = 256;
-    static constexpr int slowPushes = 16;
+    static constexpr int QuickPushes = 256;
+    static constexpr int SlowPushes = 16;
 
     using Clock = std::chrono::steady_clock::time_point (*)();
 

@@ -13,7 +13,7 @@ void* ArenaPages::Lend() noexcept {
             const std::uint64_t bit = std::uint64_t{1} << std::countr_one(word);
             word = lent[i].fetch_or(bit, std::memory_order_acquire);
             if ((word & bit) == 0) {
-                auto& page = pages[i * bitsPerWord + static_cast<std::size_t>(std::countr_zero(bit))];
+                auto& page = pages[i * BitsPerWord + static_cast<std::size_t>(std::countr_zero(bit))];
                 page.fill(std::byte{0});
                 return page.data();
             }
@@ -34,8 +34,8 @@ bool ArenaPages::GiveBack(void* address) noexcept {
         return false;
     }
     const std::size_t index = offset / PageSize;
-    const std::uint64_t bit = std::uint64_t{1} << index % bitsPerWord;
-    return (lent[index / bitsPerWord].fetch_and(~bit, std::memory_order_release) & bit) != 0;
+    const std::uint64_t bit = std::uint64_t{1} << index % BitsPerWord;
+    return (lent[index / BitsPerWord].fetch_and(~bit, std::memory_order_release) & bit) != 0;
 }
 
 } // namespace msgbus_server

@@ -11,8 +11,8 @@ namespace {
 
 using cor::ResultCode;
 
-constexpr std::chrono::milliseconds lookEvery{1};
-constexpr int quietLooksUntilIdle = 20; // so publishers of 50 values a second or more wake the thread only once
+constexpr std::chrono::milliseconds LookEvery{1};
+constexpr int QuietLooksUntilIdle = 20; // so publishers of 50 values a second or more wake the thread only once
 
 } // namespace
 
@@ -67,7 +67,7 @@ void FlushWake::Watch() {
     while (true) {
         {
             common::MutexLock lock(mutex);
-            const auto nextLook = std::chrono::steady_clock::now() + lookEvery;
+            const auto nextLook = std::chrono::steady_clock::now() + LookEvery;
             while (!isEnding && changed.WaitUntil(lock, nextLook) == std::cv_status::no_timeout) {
             }
             if (isEnding) {
@@ -80,10 +80,10 @@ void FlushWake::Watch() {
             continue;
         }
         ++quietLooks;
-        if (quietLooks == 1 || quietLooks == quietLooksUntilIdle) {
+        if (quietLooks == 1 || quietLooks == QuietLooksUntilIdle) {
             Wake();
         }
-        if (quietLooks == quietLooksUntilIdle) {
+        if (quietLooks == QuietLooksUntilIdle) {
             isWatching.store(false);
             if (pushes.load() == seen) {
                 return;

@@ -11,8 +11,8 @@ namespace {
 
 using std::chrono::steady_clock;
 
-constexpr std::chrono::microseconds shortGap{100};
-constexpr std::chrono::milliseconds longGap{1};
+constexpr std::chrono::microseconds ShortGap{100};
+constexpr std::chrono::milliseconds LongGap{1};
 
 /// Counts up to a few times `every`. Returns: whether the count has just reached it or a multiple of it. Several times,
 /// because a thread that was being created may have been missed: it inherits the placement of its creator.
@@ -47,16 +47,16 @@ cor::ResultCode Placement::Push(long publisherId, long message) {
 }
 
 void Placement::Note(steady_clock::duration gap) {
-    if (gap < shortGap) {
+    if (gap < ShortGap) {
         slow.store(0, std::memory_order_relaxed);
-        if (IsDue(quick, quickPushes)) {
+        if (IsDue(quick, QuickPushes)) {
             wereArranged.store(true, std::memory_order_relaxed);
             Arrange(busy);
         }
         return;
     }
     quick.store(0, std::memory_order_relaxed);
-    if (gap > longGap && wereArranged.load(std::memory_order_relaxed) && IsDue(slow, slowPushes)) {
+    if (gap > LongGap && wereArranged.load(std::memory_order_relaxed) && IsDue(slow, SlowPushes)) {
         Arrange(usual);
     }
 }

@@ -151,13 +151,13 @@ private:
         }
     }
 
-    static const br_MessageBusProvider_ops providerOps;
-    static const br_MessageBusCtl_ops ctlOps;
-    static const br_MessageBusSubs_ops subsOps;
+    static const br_MessageBusProvider_ops ProviderOps;
+    static const br_MessageBusCtl_ops CtlOps;
+    static const br_MessageBusSubs_ops SubsOps;
 
-    Provider provider{{&providerOps}, this};
-    Ctl ctl{{&ctlOps}, this};
-    Subs subs{{&subsOps}, this};
+    Provider provider{{&ProviderOps}, this};
+    Ctl ctl{{&CtlOps}, this};
+    Subs subs{{&SubsOps}, this};
     Self self{};
     std::uint32_t iid = 0;
     NkBosTransport transport{};
@@ -172,10 +172,10 @@ private:
     std::vector<std::pair<std::string, std::int64_t>> messages GUARDED_BY(mutex);
 };
 
-inline const br_MessageBusProvider_ops FakeServer::providerOps{[](auto* object, auto* request, auto*, auto*, auto*) {
+inline const br_MessageBusProvider_ops FakeServer::ProviderOps{[](auto* object, auto* request, auto*, auto*, auto*) {
     return Of(object).Note("Push", std::to_string(request->publisherId) + ", " + std::to_string(request->message));
 }};
-inline const br_MessageBusCtl_ops FakeServer::ctlOps{
+inline const br_MessageBusCtl_ops FakeServer::CtlOps{
     [](auto* object, auto* request, auto*, auto* response, auto*) {
         response->publisherId = PublisherId;
         return Of(object).Note("RegisterPublisher", request->topic);
@@ -200,7 +200,7 @@ inline const br_MessageBusCtl_ops FakeServer::ctlOps{
         Of(object).Release();
         return result;
     }};
-inline const br_MessageBusSubs_ops FakeServer::subsOps{
+inline const br_MessageBusSubs_ops FakeServer::SubsOps{
     [](auto* object, auto* request, auto*, auto* response, auto*) { return Of(object).Wait(*request, *response); }};
 
 } // namespace test_support

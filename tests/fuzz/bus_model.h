@@ -70,7 +70,7 @@ public:
     const std::map<long, Subscriber>& Subscribers() const { return subscribers; }
 
 private:
-    static constexpr std::size_t deliveredTopicLimit = 1022;
+    static constexpr std::size_t DeliveredTopicLimit = 1022;
 
     template <typename Object>
     static Object As(const Record& record) {
@@ -199,7 +199,7 @@ private:
             return Refused(record, 1);
         }
         br_MessageBusSubs_Wait_res response{};
-        queue.front().first.copy(response.topic, deliveredTopicLimit);
+        queue.front().first.copy(response.topic, DeliveredTopicLimit);
         response.message = queue.front().second;
         queue.pop_front();
         return Done(record, response);

@@ -36,11 +36,11 @@ using borven_host::UniqueFd;
 using fuzzing::Input;
 using fuzzing::Require;
 
-constexpr std::uint32_t patienceMs = 20000; ///< only a broken server makes this run out
-constexpr std::size_t visitorCount = 6;
-constexpr std::size_t mostSteps = 48; ///< fewer than the visitors that the server admits at a time
-constexpr const char* lineName = "line";
-constexpr const char* serviceName = "service";
+constexpr std::uint32_t PatienceMs = 20000; ///< only a broken server makes this run out
+constexpr std::size_t VisitorCount = 6;
+constexpr std::size_t MostSteps = 48; ///< fewer than the visitors that the server admits at a time
+constexpr const char* LineName = "line";
+constexpr const char* ServiceName = "service";
 
 class NoLog final : public bos::logger::ILogBackEnd {
 public:
@@ -59,7 +59,7 @@ static_assert(sizeof(Record) == NkRecordSize);
 class Client final {
 public:
     Client() {
-        Require(ServiceLocatorConnect(lineName, patienceMs, &handle) == KnStatusOk, "a client of the library joins");
+        Require(ServiceLocatorConnect(LineName, PatienceMs, &handle) == KnStatusOk, "a client of the library joins");
         NkBosTransport_Init(&transport, handle, nullptr, 0);
     }
     Client(const Client&) = delete;
@@ -92,11 +92,11 @@ public:
         ::setenv("BORVEN_RUNTIME_DIR", pattern.c_str(), 1);
         bos::logger::BOSLogger::RootLogger().SetBackEnd(noLog);
         std::uint32_t iid = 0;
-        const KnHandle line = ServiceLocatorRegister(lineName, nullptr, 0, &iid);
+        const KnHandle line = ServiceLocatorRegister(LineName, nullptr, 0, &iid);
         Require(line != KnInvalidHandle, "the server offers its line");
         NsHandle nameServer = 0;
-        Require(NsCreate(nullptr, patienceMs, &nameServer) == KnStatusOk &&
-                    NsPublishService(nameServer, "fuzz.Type", "fuzz", serviceName) == KnStatusOk,
+        Require(NsCreate(nullptr, PatienceMs, &nameServer) == KnStatusOk &&
+                    NsPublishService(nameServer, "fuzz.Type", "fuzz", ServiceName) == KnStatusOk,
                 "the server publishes its service");
         serving = std::thread([line] { Serve(line); });
         steady = std::make_unique<Client>();
@@ -118,7 +118,7 @@ public:
 
     /// A thread of the server's own notices visitors that have left.
     void AwaitClosedDescriptors() const {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(patienceMs);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(PatienceMs);
         while (OpenDescriptors() > descriptors) {
             Require(std::chrono::steady_clock::now() < deadline, "the descriptors of visitors that left are closed");
             std::this_thread::yield();
@@ -248,7 +248,7 @@ public:
         }
         Require(answer.status == KnStatusDenied && received.empty(), "a visitor that does not greet is refused");
         pollfd watched{socket.Get(), POLLRDHUP, 0};
-        Require(::poll(&watched, 1, patienceMs) == 1, "the socket of a refused visitor ends");
+        Require(::poll(&watched, 1, PatienceMs) == 1, "the socket of a refused visitor ends");
     }
 
 private:
@@ -286,7 +286,7 @@ public:
         const auto status = KnCmListen(nullptr, timeoutMs, client.data(), service.data());
         Require(status == KnStatusOk || status == KnStatusTimedOut, "the server goes on listening");
         if (status == KnStatusOk) {
-            Require(std::string(service.data()) == serviceName, "the request names the published service");
+            Require(std::string(service.data()) == ServiceName, "the request names the published service");
             announced.emplace_back(client.data());
         }
         return status == KnStatusOk;
@@ -299,7 +299,7 @@ public:
         const std::string client = announced.front();
         announced.pop_front();
         KnHandle given = KnInvalidHandle;
-        const auto status = KnCmAccept(client.c_str(), serviceName, 0, channel, &given);
+        const auto status = KnCmAccept(client.c_str(), ServiceName, 0, channel, &given);
         Require(status == KnStatusOk || status == KnStatusPeerGone, "an announced visitor joins or has left");
         channel = status == KnStatusOk ? given : channel;
     }
@@ -315,9 +315,9 @@ private:
     KnHandle channel = KnInvalidHandle;
 };
 
-void Step(Input& input, std::array<Visitor, visitorCount>& visitors, Acceptor& acceptor) {
+void Step(Input& input, std::array<Visitor, VisitorCount>& visitors, Acceptor& acceptor) {
     const auto choice = input.Below(9);
-    Visitor& visitor = visitors[input.Below(visitorCount)];
+    Visitor& visitor = visitors[input.Below(VisitorCount)];
     switch (choice) {
     case 0:
         visitor.Connect(Visitor::Target::Line);
@@ -369,16 +369,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     TheWorld().CountDescriptors(); // not once at the start: libFuzzer opens some of its own between two inputs
     Input input(data, size);
     {
-        std::array<Visitor, visitorCount> visitors;
+        std::array<Visitor, VisitorCount> visitors;
         Acceptor acceptor;
-        for (std::size_t step = 0; step < mostSteps && !input.IsEmpty(); ++step) {
+        for (std::size_t step = 0; step < MostSteps && !input.IsEmpty(); ++step) {
             Step(input, visitors, acceptor);
         }
         for (const Visitor& visitor : visitors) {
             if (!visitor.IsOwedAnswer()) {
                 continue;
             }
-            const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(patienceMs);
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(PatienceMs);
             while (!visitor.IsAnswered()) {
                 Require(std::chrono::steady_clock::now() < deadline, "a visitor that sent a message is answered");
                 if (visitor.Asks()) {

@@ -31,8 +31,8 @@ using message_bus::ConnectionType;
 
 enum class Way { Static, Pool, DynamicServer };
 
-constexpr std::size_t mostRequests = 256; ///< fewer than the inbound queue holds
-constexpr KnHandle channel = 7;
+constexpr std::size_t MostRequests = 256; ///< fewer than the inbound queue holds
+constexpr KnHandle Channel = 7;
 constexpr long UnknownPublisher = -99;
 
 class FuzzedBus final : public message_bus::IConnector {
@@ -68,7 +68,7 @@ public:
             }
             break;
         case Way::Pool:
-            server->RunIpcDispatcher(channel);
+            server->RunIpcDispatcher(Channel);
             break;
         case Way::DynamicServer: {
             br_MessageBusComponent_component component{bos_connection::CreateBusImpl(connector.get()),
@@ -77,7 +77,7 @@ public:
             br_MessageBus_component entity{&component};
             bos_ipc::DynamicServer dynamicServer;
             dynamicServer.AddIpcThread<br_MessageBus_component_req, 0, br_MessageBus_component_res, 0>(
-                &entity, &br_MessageBus_entity_dispatch, channel);
+                &entity, &br_MessageBus_entity_dispatch, Channel);
             lastReceived.acquire();
             break;
         }
@@ -213,7 +213,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Input input(data, size);
     FuzzedBus bus(static_cast<Way>(input.Below(3)));
     std::vector<Record> requests;
-    while (!input.IsEmpty() && requests.size() < mostRequests) {
+    while (!input.IsEmpty() && requests.size() < MostRequests) {
         const auto bytes = input.Bytes(input.Number<std::uint16_t>() % (NkRecordSize + 1));
         std::copy(bytes.begin(), bytes.end(), requests.emplace_back(Record{}).begin());
     }

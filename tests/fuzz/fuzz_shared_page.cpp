@@ -36,10 +36,10 @@ using fuzzing::Require;
 
 using Record = std::array<std::byte, NkRecordSize>;
 
-constexpr RequestFilter filter{2, 3};
-constexpr std::size_t mostHostile = 3;
-constexpr std::size_t mostSteps = 400;
-constexpr std::size_t pageSize = 4096;
+constexpr RequestFilter Filter{2, 3};
+constexpr std::size_t MostHostile = 3;
+constexpr std::size_t MostSteps = 400;
+constexpr std::size_t PageSize = 4096;
 
 nk_message& HeaderOf(Record& record) {
     return *reinterpret_cast<nk_message*>(record.data());
@@ -48,7 +48,7 @@ nk_message& HeaderOf(Record& record) {
 /// The record in `half`, assembled piece by piece.
 Record Assembled(const SlotHalf& half, std::uint32_t pieces) {
     Record record{};
-    for (std::size_t piece = 0; piece < SlotHalf::pieceCount; ++piece) {
+    for (std::size_t piece = 0; piece < SlotHalf::PieceCount; ++piece) {
         if ((pieces >> piece & 1) != 0) {
             std::copy(half.record.begin() + static_cast<std::ptrdiff_t>(SlotHalf::PieceStart(piece)),
                       half.record.begin() + static_cast<std::ptrdiff_t>(SlotHalf::PieceEnd(piece)),
@@ -75,7 +75,7 @@ public:
         region = ends.region;
         bell = UniqueFd(::fcntl(ends.bell.Get(), F_DUPFD_CLOEXEC, 0));
         doorbell = UniqueFd(::fcntl(ends.doorbell.Get(), F_DUPFD_CLOEXEC, 0));
-        Require(joined.AddClient(std::move(serverSocket), std::move(ends), filter, &id) == KnStatusOk, "it joins");
+        Require(joined.AddClient(std::move(serverSocket), std::move(ends), Filter, &id) == KnStatusOk, "it joins");
     }
 
     SharedSlot& Slot() const { return region.Slot(); }
@@ -91,8 +91,8 @@ public:
     }
 
     /// Puts a value that no server writes in place of the reply's word, so that the next write is seen.
-    void ForgetReply() const { Slot().reply.word.store(noReply); }
-    bool HasReply() const { return Slot().reply.word.load() != noReply; }
+    void ForgetReply() const { Slot().reply.word.store(NoReply); }
+    bool HasReply() const { return Slot().reply.word.load() != NoReply; }
 
     /// Returns: whether the server owes it nothing.
     bool IsSettled() const { return RequestWord().Sequence() == answered || HasEnded(); }
@@ -115,7 +115,7 @@ public:
     bool wasRemoved = false;
 
 private:
-    static constexpr std::uint64_t noReply = 1U << 20; ///< a bit that has no meaning
+    static constexpr std::uint64_t NoReply = 1U << 20; ///< a bit that has no meaning
 
     SharedMemoryRegion region;
 };
@@ -125,7 +125,7 @@ public:
     explicit Scene(Channel::DeadClient deadClient) : reaction(deadClient), channel(deadClient) { Join(); }
 
     void Play(Input& input) {
-        for (std::size_t step = 0; step < mostSteps && !input.IsEmpty(); ++step) {
+        for (std::size_t step = 0; step < MostSteps && !input.IsEmpty(); ++step) {
             Step(input);
         }
         Input nothing(nullptr, 0);
@@ -159,7 +159,7 @@ private:
         const auto choice = input.Below(16);
         if (choice == 0) {
             Call(input);
-        } else if (choice == 1 && hostile.size() < mostHostile) {
+        } else if (choice == 1 && hostile.size() < MostHostile) {
             Join();
         } else {
             Misbehave(*hostile[input.Below(hostile.size())], choice, input);
@@ -180,7 +180,7 @@ private:
             const auto wrongInterface = input.Number<std::uint8_t>();
             const auto method = input.Number<std::uint8_t>();
             const auto wrongSize = std::uint32_t{input.Number<std::uint8_t>()} << input.Below(32);
-            HeaderOf(record) = {static_cast<std::uint16_t>(*filter.onlyInterface ^ wrongInterface),
+            HeaderOf(record) = {static_cast<std::uint16_t>(*Filter.onlyInterface ^ wrongInterface),
                                 method,
                                 std::uint32_t{NkRecordSize} ^ wrongSize,
                                 {}};
@@ -198,13 +198,13 @@ private:
             slot.request.hint.store(input.Number<std::uint32_t>());
             break;
         case 6: {
-            const auto start = input.Number<std::uint16_t>() % pageSize;
-            const auto bytes = input.Bytes(std::min<std::size_t>(input.Number<std::uint8_t>(), pageSize - start));
+            const auto start = input.Number<std::uint16_t>() % PageSize;
+            const auto bytes = input.Bytes(std::min<std::size_t>(input.Number<std::uint8_t>(), PageSize - start));
             std::copy(bytes.begin(), bytes.end(), page + start);
             break;
         }
         case 7:
-            std::fill_n(page, pageSize, input.Number<std::uint8_t>());
+            std::fill_n(page, PageSize, input.Number<std::uint8_t>());
             break;
         case 8: {
             const auto count = input.Number<std::uint64_t>();
@@ -257,7 +257,7 @@ private:
     /// A call of the client that keeps to the protocol.
     void Call(Input& input) {
         Record request{};
-        HeaderOf(request) = {*filter.onlyInterface, 1, NkRecordSize, {}};
+        HeaderOf(request) = {*Filter.onlyInterface, 1, NkRecordSize, {}};
         const std::uint64_t value = ++calls;
         std::memcpy(request.data() + sizeof(nk_message), &value, sizeof value);
         auto& slot = honest.Slot();
@@ -279,7 +279,7 @@ private:
         HeaderOf(request).size = NkRecordSize;
         Require(channel.Receive(&HeaderOf(request)) == KnStatusOk, "there is a request");
         Require(NkGetSize(HeaderOf(request)) == NkRecordSize && !NkIsError(HeaderOf(request)) &&
-                    HeaderOf(request).iid == *filter.onlyInterface && HeaderOf(request).mid < *filter.methodCount,
+                    HeaderOf(request).iid == *Filter.onlyInterface && HeaderOf(request).mid < *Filter.methodCount,
                 "what is received has passed the filter");
         Require(!honest.HasReply(), "a good call is not refused");
 

@@ -68,11 +68,11 @@ TEST_F(FlushWakeTest, Push_AfterAStrandedValue_BringsItOut) {
 }
 
 TEST_F(FlushWakeTest, Push_IntoAFullQueueThatNobodyDrains_BringsAllOut) {
-    constexpr long InboundRoom = 1025;
-    Strand(InboundRoom);
+    constexpr long inboundRoom = 1025;
+    Strand(inboundRoom);
     FlushWake flushWake(*bus, *bus);
     EXPECT_EQ(flushWake.Push(publisher, 7), ResultCode::Exhausted);
-    for (long value = 0; value <= InboundRoom; ++value) {
+    for (long value = 0; value <= inboundRoom; ++value) {
         ASSERT_EQ(WaitOn(*bus, subscriber), Delivered("heat", value));
     }
 }

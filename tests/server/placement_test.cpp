@@ -77,7 +77,7 @@ TEST_F(PlacementTest, Push_WithShortGaps_PutsAllThreadsOnOneProcessor) {
         others.set_value({Processors(), sched_getscheduler(0)});
     });
     Push(1, 1s);
-    Push(Placement::quickPushes - 1, 20us);
+    Push(Placement::QuickPushes - 1, 20us);
     EXPECT_TRUE(IsAsUsual());
     Push(1, 20us);
     const cpu_set_t own = Processors();
@@ -94,42 +94,42 @@ TEST_F(PlacementTest, Push_OfThreadsWithAnotherPolicy_LeavesThemThat) {
     constexpr sched_param noPriority{};
     ASSERT_EQ(sched_setscheduler(0, SCHED_BATCH, &noPriority), 0);
     Placement batch{provider, [] { return now; }};
-    Push(batch, Placement::quickPushes + 1, 20us);
-    Push(batch, Placement::slowPushes, 2ms);
+    Push(batch, Placement::QuickPushes + 1, 20us);
+    Push(batch, Placement::SlowPushes, 2ms);
     EXPECT_TRUE(AreSpread());
     EXPECT_EQ(sched_getscheduler(0), SCHED_BATCH);
 }
 
 TEST_F(PlacementTest, Push_WithOneLongGapAmongShortOnes_BeginsToCountAnew) {
-    Push(Placement::quickPushes - 1, 20us);
+    Push(Placement::QuickPushes - 1, 20us);
     Push(1, 150us);
-    Push(Placement::quickPushes - 1, 20us);
+    Push(Placement::QuickPushes - 1, 20us);
     EXPECT_TRUE(IsAsUsual());
 }
 
 TEST_F(PlacementTest, Push_WithLongGapsAfterShortOnes_GivesTheThreadsBackToTheScheduler) {
-    Push(Placement::quickPushes + 1, 20us);
-    Push(Placement::slowPushes - 1, 2ms);
+    Push(Placement::QuickPushes + 1, 20us);
+    Push(Placement::SlowPushes - 1, 2ms);
     EXPECT_FALSE(IsAsUsual());
     Push(1, 2ms);
     EXPECT_TRUE(IsAsUsual());
 }
 
 TEST_F(PlacementTest, Push_WithShortGapsThatGoOn_FindsAThreadThatWasMissed) {
-    Push(Placement::quickPushes + 1, 20us);
+    Push(Placement::QuickPushes + 1, 20us);
     RunAsUsual(); // as one that was being made
-    Push(Placement::quickPushes, 20us);
+    Push(Placement::QuickPushes, 20us);
     const cpu_set_t own = Processors();
     EXPECT_EQ(CPU_COUNT(&own), 1);
     EXPECT_EQ(sched_getscheduler(0), SCHED_BATCH);
 }
 
 TEST_F(PlacementTest, Push_WithLongGapsThatGoOn_FindsAThreadThatWasMissed) {
-    Push(Placement::quickPushes + 1, 20us);
+    Push(Placement::QuickPushes + 1, 20us);
     const cpu_set_t one = Processors();
-    Push(Placement::slowPushes, 2ms);
+    Push(Placement::SlowPushes, 2ms);
     sched_setaffinity(0, sizeof one, &one); // as one that was being made
-    Push(Placement::slowPushes, 2ms);
+    Push(Placement::SlowPushes, 2ms);
     EXPECT_TRUE(AreSpread());
 }
 

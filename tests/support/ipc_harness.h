@@ -67,24 +67,24 @@ private:
         return Run("ctl", static_cast<Ctl*>(self)->owner->onCtl, request, requestArena, response, responseArena);
     }
 
-    static const br_MessageBusProvider_ops providerOps;
-    static const br_MessageBusCtl_ops ctlOps;
-    static const br_MessageBusSubs_ops subsOps;
+    static const br_MessageBusProvider_ops ProviderOps;
+    static const br_MessageBusCtl_ops CtlOps;
+    static const br_MessageBusSubs_ops SubsOps;
 
-    Provider provider{{&providerOps}, this};
-    Ctl ctl{{&ctlOps}, this};
-    Subs subs{{&subsOps}, this};
+    Provider provider{{&ProviderOps}, this};
+    Ctl ctl{{&CtlOps}, this};
+    Subs subs{{&SubsOps}, this};
     br_MessageBusComponent_component component{&provider, &ctl, &subs};
 };
 
 // Outside the class, which has to be complete here.
-inline const br_MessageBusProvider_ops FakeEntity::providerOps{
+inline const br_MessageBusProvider_ops FakeEntity::ProviderOps{
     [](br_MessageBusProvider* self, const br_MessageBusProvider_Push_req* request, const nk_arena* requestArena,
        br_MessageBusProvider_Push_res* response, nk_arena* responseArena) {
         return Run("Push", static_cast<Provider*>(self)->owner->onPush, request, requestArena, response, responseArena);
     }};
-inline const br_MessageBusCtl_ops FakeEntity::ctlOps{&RunCtl, &RunCtl, &RunCtl, &RunCtl, &RunCtl, &RunCtl};
-inline const br_MessageBusSubs_ops FakeEntity::subsOps{
+inline const br_MessageBusCtl_ops FakeEntity::CtlOps{&RunCtl, &RunCtl, &RunCtl, &RunCtl, &RunCtl, &RunCtl};
+inline const br_MessageBusSubs_ops FakeEntity::SubsOps{
     [](br_MessageBusSubs* self, const br_MessageBusSubs_Wait_req* request, const nk_arena* requestArena,
        br_MessageBusSubs_Wait_res* response, nk_arena* responseArena) {
         return Run("Wait", static_cast<Subs*>(self)->owner->onWait, request, requestArena, response, responseArena);

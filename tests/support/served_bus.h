@@ -76,13 +76,13 @@ class Client final {
 public:
     static Client ToStaticChannel() {
         Client client;
-        EXPECT_EQ(ServiceLocatorConnect(br_MessageBus_connection, patienceMs, &client.handle), KnStatusOk);
+        EXPECT_EQ(ServiceLocatorConnect(br_MessageBus_connection, PatienceMs, &client.handle), KnStatusOk);
         NkBosTransport_Init(&client.transport, client.handle, nullptr, 0);
         return client;
     }
     static Client ToService(const char* service) {
         Client client;
-        EXPECT_EQ(KnCmConnect(service, patienceMs, &client.handle), KnStatusOk);
+        EXPECT_EQ(KnCmConnect(service, PatienceMs, &client.handle), KnStatusOk);
         NkBosTransport_Init(&client.transport, client.handle, nullptr, 0);
         return client;
     }
@@ -128,7 +128,7 @@ public:
     NkBosTransport* Transport() { return &transport; }
 
 private:
-    static constexpr std::uint32_t patienceMs = 30000;
+    static constexpr std::uint32_t PatienceMs = 30000;
 
     Client() = default;
 

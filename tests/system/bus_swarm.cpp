@@ -30,8 +30,8 @@
 
 namespace {
 
-const std::vector<std::string> topics{"even", "odd", "third"};
-constexpr std::chrono::milliseconds timeBetweenValues{1};
+const std::vector<std::string> Topics{"even", "odd", "third"};
+constexpr std::chrono::milliseconds TimeBetweenValues{1};
 
 /// Memory that all processes share.
 struct Shared {
@@ -80,12 +80,12 @@ bool WaitFor(const std::vector<pid_t>& children) {
 }
 
 void PublishUntilEnd(Shared& shared, std::size_t topic) {
-    msgbus::Publisher publisher(topics[topic]);
+    msgbus::Publisher publisher(Topics[topic]);
     while (!shared.ending) {
         publisher.Push(shared.next[topic]);
         ++shared.next[topic];
         // While its inbound queue is never empty, the bus registers and unregisters no subscriber.
-        std::this_thread::sleep_for(timeBetweenValues);
+        std::this_thread::sleep_for(TimeBetweenValues);
     }
 }
 
@@ -94,14 +94,14 @@ void Stay(Shared& shared, std::mt19937& random, const std::string& name) {
     std::vector<std::string> chosen;
     std::map<std::string, std::int64_t> due; // the next value; before the first one its upper bound
     std::map<std::string, bool> begun;
-    for (const auto& topic : topics) {
+    for (const auto& topic : Topics) {
         if (chosen.empty() || random() % 2 == 0) {
             chosen.push_back(topic);
         }
     }
     msgbus::Subscriber subscriber(name, chosen);
-    for (std::size_t topic = 0; topic < topics.size(); ++topic) {
-        due[topics[topic]] = shared.next[topic] + 1; // `next` itself may be delivered before the registration
+    for (std::size_t topic = 0; topic < Topics.size(); ++topic) {
+        due[Topics[topic]] = shared.next[topic] + 1; // `next` itself may be delivered before the registration
     }
     const auto takeOne = [&] {
         const auto message = subscriber.Next();
@@ -136,8 +136,8 @@ bool Churn(int clients) {
     constexpr int staysEach = 3;
     Shared& shared = *MapShared();
     std::vector<pid_t> publishers;
-    for (std::size_t topic = 0; topic < topics.size(); ++topic) {
-        publishers.push_back(Fork("publisher of " + topics[topic], [&] { PublishUntilEnd(shared, topic); }));
+    for (std::size_t topic = 0; topic < Topics.size(); ++topic) {
+        publishers.push_back(Fork("publisher of " + Topics[topic], [&] { PublishUntilEnd(shared, topic); }));
     }
     std::vector<pid_t> subscribers;
     for (int number = 0; number < clients; ++number) {
@@ -153,8 +153,8 @@ bool Churn(int clients) {
     shared.ending = true;
     const bool publishersGood = WaitFor(publishers);
     std::cout << clients << " clients, " << clients * staysEach << " stays";
-    for (std::size_t topic = 0; topic < topics.size(); ++topic) {
-        std::cout << ", " << shared.next[topic] << " values of " << topics[topic];
+    for (std::size_t topic = 0; topic < Topics.size(); ++topic) {
+        std::cout << ", " << shared.next[topic] << " values of " << Topics[topic];
     }
     std::cout << std::endl;
     return subscribersGood && publishersGood;

@@ -16,13 +16,13 @@
 
 namespace {
 
-constexpr std::uint32_t timeoutMs = 60000;
+constexpr std::uint32_t TimeoutMs = 60000;
 
 NkBosTransport Connect(const char* service) {
     const std::string_view mode = std::getenv("BORVEN_BUS");
     KnHandle handle = KnInvalidHandle;
-    const std::int32_t status = mode == "static" ? ServiceLocatorConnect(br_MessageBus_connection, timeoutMs, &handle)
-                                                 : KnCmConnect(service, timeoutMs, &handle);
+    const std::int32_t status = mode == "static" ? ServiceLocatorConnect(br_MessageBus_connection, TimeoutMs, &handle)
+                                                 : KnCmConnect(service, TimeoutMs, &handle);
     if (status != 0) {
         std::cerr << "stopping_client: cannot connect: " << status << '\n';
         std::exit(1);

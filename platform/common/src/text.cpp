@@ -6,7 +6,7 @@ namespace tua::text {
 
 namespace {
 
-constexpr char32_t replacement = 0xFFFD;
+constexpr char32_t Replacement = 0xFFFD;
 
 void AppendUtf8(std::string& text, char32_t point) {
     if (point < 0x80) {
@@ -33,7 +33,7 @@ std::string Cast<std::string>(std::u16string_view from) {
         if (isSurrogate) {
             const bool isPair =
                 point <= 0xDBFF && i + 1 < from.size() && from[i + 1] >= 0xDC00 && from[i + 1] <= 0xDFFF;
-            point = isPair ? 0x10000 + ((point - 0xD800) << 10) + (from[++i] - 0xDC00u) : replacement;
+            point = isPair ? 0x10000 + ((point - 0xD800) << 10) + (from[++i] - 0xDC00u) : Replacement;
         }
         AppendUtf8(text, point);
     }

@@ -272,7 +272,7 @@ TEST_F(ConnectionManager, ManyClientsThatComeAndGo_AreAllServed) {
             int wrong = 0;
             for (int visit = 0; visit < 10; ++visit) {
                 KnHandle number = KnInvalidHandle;
-                wrong += KnCmConnect("service", patienceMs, &number) != KnStatusOk;
+                wrong += KnCmConnect("service", PatienceMs, &number) != KnStatusOk;
                 const Handle client(number);
                 std::int64_t returned = 0;
                 wrong += CallWith(number, i * 100 + visit, &returned) != KnStatusOk || returned != i * 100 + visit + 1;

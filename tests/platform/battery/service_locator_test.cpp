@@ -74,9 +74,9 @@ TEST_F(ServiceLocator, EveryOtherName_Works) {
 
 TEST_F(ServiceLocator, ConnectingToNobody_IsAnsweredAtOnce) {
     KnHandle handle = 99;
-    EXPECT_EQ(KnStatusNotFound, ServiceLocatorConnect("line", patienceMs, &handle));
+    EXPECT_EQ(KnStatusNotFound, ServiceLocatorConnect("line", PatienceMs, &handle));
     RegisterStatic();
-    EXPECT_EQ(KnStatusNotFound, ServiceLocatorConnect("line", patienceMs, &handle)) << "after its server end closed";
+    EXPECT_EQ(KnStatusNotFound, ServiceLocatorConnect("line", PatienceMs, &handle)) << "after its server end closed";
     EXPECT_EQ(99u, handle);
 }
 

@@ -36,8 +36,8 @@
 namespace platform_test {
 
 /// How long anything may take before it counts as hung. No test depends on how fast things are.
-inline constexpr std::chrono::seconds patience{60};
-inline constexpr std::uint32_t patienceMs = 60000;
+inline constexpr std::chrono::seconds Patience{60};
+inline constexpr std::uint32_t PatienceMs = 60000;
 
 [[noreturn]] inline void GiveUp(const char* what) {
     std::fprintf(stderr, "hung: %s\n", what);
@@ -47,7 +47,7 @@ inline constexpr std::uint32_t patienceMs = 60000;
 /// Repeats `condition` until it holds.
 template <typename Condition>
 void Await(const char* what, const Condition& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
+    const auto deadline = std::chrono::steady_clock::now() + Patience;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
             GiveUp(what);
@@ -100,7 +100,7 @@ public:
 
 private:
     void Finish() {
-        if (result.wait_for(patience) != std::future_status::ready) {
+        if (result.wait_for(Patience) != std::future_status::ready) {
             GiveUp("a step on another thread");
         }
         if (thread.joinable()) {
@@ -246,7 +246,7 @@ inline Handle RegisterStatic(const char* name = "line") {
 
 inline Handle ConnectStatic(const char* name = "line") {
     KnHandle handle = KnInvalidHandle;
-    EXPECT_EQ(KnStatusOk, ServiceLocatorConnect(name, patienceMs, &handle));
+    EXPECT_EQ(KnStatusOk, ServiceLocatorConnect(name, PatienceMs, &handle));
     return Handle(handle);
 }
 
@@ -267,7 +267,7 @@ struct Request {
     std::string service;
 };
 
-inline Request Listen(std::uint32_t timeoutMs = patienceMs, const char* filter = nullptr) {
+inline Request Listen(std::uint32_t timeoutMs = PatienceMs, const char* filter = nullptr) {
     std::array<char, KnCmNameSize> client{};
     std::array<char, KnCmNameSize> service{};
     const auto status = KnCmListen(filter, timeoutMs, client.data(), service.data());
@@ -276,7 +276,7 @@ inline Request Listen(std::uint32_t timeoutMs = patienceMs, const char* filter =
 
 /// A client that asks for a service on a thread of its own.
 struct Asking {
-    explicit Asking(const char* service, std::uint32_t timeoutMs = patienceMs)
+    explicit Asking(const char* service, std::uint32_t timeoutMs = PatienceMs)
         : status([this, service, timeoutMs] { return KnCmConnect(service, timeoutMs, &handle); }) {}
     ~Asking() {
         if (status.Get() == KnStatusOk) {

@@ -100,8 +100,8 @@ TEST_F(Names, OfADeadServer_AreFree) {
     server.Kill();
     KnHandle handle = 0;
     EXPECT_EQ(KnStatusNotFound, NsLookupService(NameServer(), "service"));
-    EXPECT_EQ(KnStatusNotFound, KnCmConnect("service", patienceMs, &handle));
-    EXPECT_EQ(KnStatusNotFound, ServiceLocatorConnect("line", patienceMs, &handle));
+    EXPECT_EQ(KnStatusNotFound, KnCmConnect("service", PatienceMs, &handle));
+    EXPECT_EQ(KnStatusNotFound, ServiceLocatorConnect("line", PatienceMs, &handle));
     EXPECT_EQ(KnStatusOk, Publish("service"));
     const Handle replaced = RegisterStatic();
     const Handle client = ConnectStatic();
@@ -339,7 +339,7 @@ TEST_F(Limits, WithoutDescriptors_TheServerTellsNewClients_AndServesTheOthers) {
     EXPECT_EQ("use-up-descriptors 0", server.Hear());
     for (int i = 0; i < 10; ++i) {
         KnHandle handle = 0;
-        EXPECT_EQ(KnStatusNoResources, ServiceLocatorConnect("line", patienceMs, &handle));
+        EXPECT_EQ(KnStatusNoResources, ServiceLocatorConnect("line", PatienceMs, &handle));
         EXPECT_EQ(KnStatusOk, CallWith(client.Get(), i));
     }
     server.GoOn();

@@ -20,7 +20,7 @@ using OtherUser = PlatformTest;
 TEST_F(RudeClient, ThatGreetsWrongly_IsRefused) {
     const Handle server = RegisterStatic();
     using borven_host::Greeting;
-    constexpr Greeting good{borven_host::greetingMagic, borven_host::protocolVersion, NkRecordSize};
+    constexpr Greeting good{borven_host::GreetingMagic, borven_host::ProtocolVersion, NkRecordSize};
     Greeting otherMagic = good;
     otherMagic.magic ^= 1;
     Greeting otherVersion = good;
@@ -48,7 +48,7 @@ TEST_F(RudeClient, ThatGreetsWrongly_IsRefused) {
 TEST_F(RudeClient, ThatNeverGreets_MakesRoomForTheNext) {
     const Handle server = RegisterStatic();
     const Echoers echoers(server.Get());
-    std::vector<RawSocket> silent(Admission::maxGreeting + 10);
+    std::vector<RawSocket> silent(Admission::MaxGreeting + 10);
     for (const RawSocket& client : silent) {
         ASSERT_EQ(0, client.Connect("static/line"));
     }
@@ -62,18 +62,18 @@ TEST_F(RudeClient, ThatAsksTooOften_IsBusy_AndOthersAreServed) {
     ASSERT_EQ(KnStatusOk, Publish("service"));
     const Joined joined = Join("service");
     const Echoers echoers(joined.channel);
-    std::vector<RawSocket> asking(Visitors::maxAskingPerProcess + 20);
+    std::vector<RawSocket> asking(Visitors::MaxAskingPerProcess + 20);
     for (const RawSocket& client : asking) {
         ASSERT_EQ(0, client.Connect("services/service"));
         ASSERT_TRUE(client.Greet());
     }
-    for (std::size_t i = Visitors::maxAskingPerProcess; i < asking.size(); ++i) {
+    for (std::size_t i = Visitors::MaxAskingPerProcess; i < asking.size(); ++i) {
         EXPECT_EQ(KnStatusBusy, asking[i].Answer());
     }
     EXPECT_EQ(KnStatusOk, CallWith(joined.client.Get(), 1));
     Process other({"ask", "service", "call", "1"});
     std::size_t accepted = 0;
-    for (; accepted <= Visitors::maxAskingPerProcess; ++accepted) {
+    for (; accepted <= Visitors::MaxAskingPerProcess; ++accepted) {
         const Request request = Listen();
         ASSERT_EQ(KnStatusOk, request.status);
         KnHandle channel = KnInvalidHandle;
@@ -87,7 +87,7 @@ TEST_F(RudeClient, PastTheMostThatAChannelTakes_IsBusy) {
     rlimit limit{};
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));
     const rlimit before = limit;
-    constexpr rlim_t needed = 8 * Channel::maxClients + 256;
+    constexpr rlim_t needed = 8 * Channel::MaxClients + 256;
     if (limit.rlim_cur < needed) {
         if (limit.rlim_max < needed) {
             GTEST_SKIP() << "this machine lets a process have too few descriptors";
@@ -98,15 +98,15 @@ TEST_F(RudeClient, PastTheMostThatAChannelTakes_IsBusy) {
     const Handle server = RegisterStatic();
     const Echoers echoers(server.Get());
     std::vector<RawSlot> clients;
-    for (std::size_t i = 0; i < Channel::maxClients; ++i) {
+    for (std::size_t i = 0; i < Channel::MaxClients; ++i) {
         clients.emplace_back();
     }
     KnHandle handle = 0;
-    EXPECT_EQ(KnStatusBusy, ServiceLocatorConnect("line", patienceMs, &handle));
+    EXPECT_EQ(KnStatusBusy, ServiceLocatorConnect("line", PatienceMs, &handle));
     EXPECT_EQ(KnStatusOk, clients.back().Call(RequestOf(1)));
 
     clients.pop_back();
-    Await("room for a client", [&] { return ServiceLocatorConnect("line", patienceMs, &handle) == KnStatusOk; });
+    Await("room for a client", [&] { return ServiceLocatorConnect("line", PatienceMs, &handle) == KnStatusOk; });
     EXPECT_EQ(KnStatusOk, CallWith(handle, 1));
     EXPECT_EQ(KnStatusOk, KnHandleClose(handle));
     clients.clear();
@@ -162,21 +162,21 @@ TEST_F(RudeServer, ThatAnswersWrongly_IsRefused) {
     const RawSocket server;
     server.ListenAs("static/line");
     using borven_host::Answer;
-    constexpr Answer good{borven_host::answerMagic, borven_host::protocolVersion, NkRecordSize, KnStatusOk, 0};
+    constexpr Answer good{borven_host::AnswerMagic, borven_host::ProtocolVersion, NkRecordSize, KnStatusOk, 0};
     Answer otherMagic = good;
     otherMagic.magic ^= 1;
     Answer otherVersion = good;
     ++otherVersion.version;
     for (const Answer& answer : {otherMagic, otherVersion}) {
         KnHandle handle = 99;
-        Background connecting([&] { return ServiceLocatorConnect("line", patienceMs, &handle); });
+        Background connecting([&] { return ServiceLocatorConnect("line", PatienceMs, &handle); });
         const RawSocket client = server.Accept();
         ASSERT_TRUE(client.Send(&answer, sizeof answer));
         EXPECT_EQ(KnStatusDenied, connecting.Get());
     }
     for (const auto size : std::initializer_list<std::size_t>{1, 15, 17, 1056}) {
         KnHandle handle = 99;
-        Background connecting([&] { return ServiceLocatorConnect("line", patienceMs, &handle); });
+        Background connecting([&] { return ServiceLocatorConnect("line", PatienceMs, &handle); });
         const RawSocket client = server.Accept();
         const std::vector<char> bytes(size, 'x');
         ASSERT_TRUE(client.Send(bytes.data(), size));
@@ -189,7 +189,7 @@ TEST_F(RudeServer, ThatHangsUpAtOnce_HasClosed) {
     const RawSocket server;
     server.ListenAs("services/service");
     KnHandle handle = 99;
-    Background connecting([&] { return KnCmConnect("service", patienceMs, &handle); });
+    Background connecting([&] { return KnCmConnect("service", PatienceMs, &handle); });
     { const RawSocket client = server.Accept(); }
     EXPECT_EQ(KnStatusClosed, connecting.Get());
     server.Forget();
@@ -245,7 +245,7 @@ TEST_F(OtherUser, AsAServer_IsRefused) {
     ::close(ready[1]);
     ASSERT_EQ(0, ::chmod(RuntimePath("").c_str(), 0700));
     KnHandle handle = 99;
-    EXPECT_EQ(KnStatusDenied, ServiceLocatorConnect("line", patienceMs, &handle));
+    EXPECT_EQ(KnStatusDenied, ServiceLocatorConnect("line", PatienceMs, &handle));
     EXPECT_EQ(99u, handle);
     ::kill(other, SIGKILL);
     ::waitpid(other, nullptr, 0);

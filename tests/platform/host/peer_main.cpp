@@ -30,7 +30,7 @@
 
 namespace {
 
-constexpr std::uint32_t timeoutMs = 60000;
+constexpr std::uint32_t TimeoutMs = 60000;
 
 struct Record {
     nk_message header{};
@@ -45,11 +45,11 @@ public:
         const std::map<std::string_view, std::function<void()>> known{
             {"register", [this] { Say(server = ServiceLocatorRegister(Next().c_str(), nullptr, 0, nullptr)); }},
             {"publish", [this] { Say(NsPublishService(NameServer(), "test.Type", "peer", Next().c_str())); }},
-            {"connect", [this] { Say(ServiceLocatorConnect(Next().c_str(), timeoutMs, &client)); }},
-            {"ask", [this] { Say(KnCmConnect(Next().c_str(), timeoutMs, &client)); }},
+            {"connect", [this] { Say(ServiceLocatorConnect(Next().c_str(), TimeoutMs, &client)); }},
+            {"ask", [this] { Say(KnCmConnect(Next().c_str(), TimeoutMs, &client)); }},
             {"call", [this] { Say(Call(std::atoll(Next().c_str()))); }},
             {"call-many", [this] { CallMany(std::atoi(Next().c_str())); }},
-            {"listen", [this] { Say(KnCmListen(nullptr, timeoutMs, asker.data(), service.data())); }},
+            {"listen", [this] { Say(KnCmListen(nullptr, TimeoutMs, asker.data(), service.data())); }},
             {"accept", [this] { Say(KnCmAccept(asker.data(), service.data(), 0, server, &server)); }},
             {"receive", [this] { Say(Receive()); }},
             {"reply", [this] { Say(Reply()); }},
@@ -97,7 +97,7 @@ private:
 
     static NsHandle NameServer() {
         NsHandle nameServer = 0;
-        NsCreate(nullptr, timeoutMs, &nameServer);
+        NsCreate(nullptr, TimeoutMs, &nameServer);
         return nameServer;
     }
 
@@ -179,7 +179,7 @@ private:
     void ForkAndConnect() {
         const std::string name = Next();
         Say(Fork([&] {
-            const auto status = ServiceLocatorConnect(name.c_str(), timeoutMs, &client);
+            const auto status = ServiceLocatorConnect(name.c_str(), TimeoutMs, &client);
             return status == KnStatusOk ? Call(1) : status;
         }));
     }

@@ -65,7 +65,7 @@ public:
     std::string Hear() {
         while (heard.find('\n') == std::string::npos) {
             pollfd waited{output, POLLIN, 0};
-            if (::poll(&waited, 1, static_cast<int>(patienceMs)) == 0) {
+            if (::poll(&waited, 1, static_cast<int>(PatienceMs)) == 0) {
                 GiveUp("no output from another process");
             }
             std::array<char, 256> buffer{};

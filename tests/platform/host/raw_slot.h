@@ -15,7 +15,7 @@ public:
         EXPECT_EQ(0, socket.Connect("static/" + name));
         EXPECT_TRUE(socket.Greet());
         pollfd waited{socket.Get(), POLLIN, 0};
-        if (::poll(&waited, 1, static_cast<int>(patienceMs)) == 0) {
+        if (::poll(&waited, 1, static_cast<int>(PatienceMs)) == 0) {
             GiveUp("a server should answer a greeting");
         }
         borven_host::Answer answer{};

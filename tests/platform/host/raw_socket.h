@@ -77,14 +77,14 @@ public:
     }
 
     bool Greet() const {
-        const borven_host::Greeting greeting{borven_host::greetingMagic, borven_host::protocolVersion, NkRecordSize};
+        const borven_host::Greeting greeting{borven_host::GreetingMagic, borven_host::ProtocolVersion, NkRecordSize};
         return Send(&greeting, sizeof greeting);
     }
 
     /// Returns: the next message; empty at the end of the connection.
     std::vector<char> Receive() const {
         pollfd waited{fd, POLLIN, 0};
-        if (::poll(&waited, 1, static_cast<int>(patienceMs)) == 0) {
+        if (::poll(&waited, 1, static_cast<int>(PatienceMs)) == 0) {
             GiveUp("nothing arrives on a socket");
         }
         std::vector<char> message(8192);
@@ -104,12 +104,12 @@ public:
             return 1;
         }
         std::memcpy(&answer, message.data(), sizeof answer);
-        return answer.magic == borven_host::answerMagic ? answer.status : 1;
+        return answer.magic == borven_host::AnswerMagic ? answer.status : 1;
     }
 
     bool HasEnded() const {
         pollfd waited{fd, POLLRDHUP, 0};
-        return ::poll(&waited, 1, static_cast<int>(patienceMs)) == 1;
+        return ::poll(&waited, 1, static_cast<int>(PatienceMs)) == 1;
     }
 
 private:

@@ -16,7 +16,7 @@ using borven_host::SlotWord;
 using RudeSlot = PlatformTest;
 using KilledAt = PlatformTest;
 
-constexpr std::uint32_t allPieces = (1U << SlotHalf::pieceCount) - 1;
+constexpr std::uint32_t AllPieces = (1U << SlotHalf::PieceCount) - 1;
 
 TEST_F(RudeSlot, ThatSendsAWrongSizeWord_IsAnsweredAndNeverReceived) {
     const Handle server = RegisterStatic();
@@ -69,7 +69,7 @@ TEST_F(RudeSlot, ThatSkipsASequenceNumber_IsEnded_AndOthersAreServed) {
     const Handle other = ConnectStatic();
     for (const std::uint32_t sequence : {2U, 1000U, 0xFFFFFFFFU}) {
         RawSlot client;
-        client.PublishAs(sequence, allPieces);
+        client.PublishAs(sequence, AllPieces);
         client.Ring();
         EXPECT_TRUE(client.Socket().HasEnded()) << sequence;
     }

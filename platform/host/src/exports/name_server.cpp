@@ -10,7 +10,7 @@ using namespace borven_host;
 namespace {
 
 /// The only name server is the runtime directory.
-constexpr NsHandle theNameServer = 1;
+constexpr NsHandle TheNameServer = 1;
 
 } // namespace
 
@@ -25,7 +25,7 @@ std::int32_t NsCreate(const char* name, std::uint32_t, NsHandle* nameServer) noe
         UniqueFd directory;
         const auto status = OpenRuntimeDirectory(Missing::IsCreated, directory);
         if (status == KnStatusOk) {
-            *nameServer = theNameServer;
+            *nameServer = TheNameServer;
         }
         return status;
     });
@@ -33,7 +33,7 @@ std::int32_t NsCreate(const char* name, std::uint32_t, NsHandle* nameServer) noe
 
 std::int32_t NsPublishService(NsHandle nameServer, const char* type, const char* serverName,
                               const char* service) noexcept {
-    if (nameServer != theNameServer || type == nullptr || *type == '\0' || serverName == nullptr ||
+    if (nameServer != TheNameServer || type == nullptr || *type == '\0' || serverName == nullptr ||
         *serverName == '\0' || service == nullptr || !IsName(service)) {
         return KnStatusInvalidArgument;
     }
@@ -41,7 +41,7 @@ std::int32_t NsPublishService(NsHandle nameServer, const char* type, const char*
 }
 
 std::int32_t NsLookupService(NsHandle nameServer, const char* service) noexcept {
-    if (nameServer != theNameServer || service == nullptr || !IsName(service)) {
+    if (nameServer != TheNameServer || service == nullptr || !IsName(service)) {
         return KnStatusInvalidArgument;
     }
     return NoThrow([&] { return LookUpName(NameKind::Service, service); });

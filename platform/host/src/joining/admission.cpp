@@ -31,7 +31,7 @@ UniqueFd AcceptFrom(int listening) {
 bool IsFromReserve(int fd) {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
-    return static_cast<rlim_t>(fd) + Admission::descriptorReserve >= limit.rlim_cur;
+    return static_cast<rlim_t>(fd) + Admission::DescriptorReserve >= limit.rlim_cur;
 }
 
 } // namespace
@@ -139,10 +139,10 @@ void Admission::Welcome(std::uint64_t listenerId, UniqueFd socket) {
         SendAnswer(socket.Get(), status);
         return;
     }
-    if (visitors.GreetingCount() >= maxGreeting) {
+    if (visitors.GreetingCount() >= MaxGreeting) {
         visitors.RefuseOldestGreeting(KnStatusBusy);
     }
-    const Deadline greetBy = std::chrono::steady_clock::now() + greetingTime;
+    const Deadline greetBy = std::chrono::steady_clock::now() + GreetingTime;
     if (auto* const visitor = visitors.Add(listenerId, std::move(socket), std::move(peer), greetBy)) {
         ReadGreeting(*visitor);
     }

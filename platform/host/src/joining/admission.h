@@ -26,11 +26,11 @@ namespace borven_host {
 class Admission final {
 public:
     /// Visitors in the stage Greeting; one more replaces the oldest.
-    static constexpr std::size_t maxGreeting = 64;
+    static constexpr std::size_t MaxGreeting = 64;
     /// From connecting to the greeting.
-    static constexpr std::chrono::seconds greetingTime{10};
+    static constexpr std::chrono::seconds GreetingTime{10};
     /// Descriptors that clients cannot use up.
-    static constexpr unsigned descriptorReserve = 32;
+    static constexpr unsigned DescriptorReserve = 32;
 
     struct Listener {
         std::unique_ptr<NamedSocket> socket;

@@ -64,7 +64,7 @@ bool Visitors::IsAskingTooMuch(const Visitor& visitor) const {
         sameService += other.listenerId == visitor.listenerId ? 1 : 0;
         sameProcess += other.peer.pid == visitor.peer.pid ? 1 : 0;
     }
-    return sameService >= maxAskingPerService || sameProcess >= maxAskingPerProcess;
+    return sameService >= MaxAskingPerService || sameProcess >= MaxAskingPerProcess;
 }
 
 void Visitors::Ask(Visitor& visitor, const std::string& service, const std::string& type) {
@@ -139,7 +139,7 @@ void Visitors::Leave(Visitor& visitor) {
         visitor.stage = Stage::Left;
         visitor.socket.Reset();
         visitor.peer.process.Reset();
-        visitor.deadline = std::chrono::steady_clock::now() + leftTime;
+        visitor.deadline = std::chrono::steady_clock::now() + LeftTime;
         return;
     }
     const auto channel = visitor.channel;

@@ -48,11 +48,11 @@ namespace borven_host {
 class Visitors final {
 public:
     /// Clients of one service that wait to be accepted.
-    static constexpr std::size_t maxAskingPerService = 256;
+    static constexpr std::size_t MaxAskingPerService = 256;
     /// So that one process cannot use up the share of a service.
-    static constexpr std::size_t maxAskingPerProcess = 64;
+    static constexpr std::size_t MaxAskingPerProcess = 64;
     /// How long a Left visitor is kept for KnCmAccept.
-    static constexpr std::chrono::seconds leftTime{30};
+    static constexpr std::chrono::seconds LeftTime{30};
 
     enum class Stage { Greeting, Asking, Announced, Left, Joined };
 

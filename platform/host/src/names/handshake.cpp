@@ -7,20 +7,20 @@
 namespace borven_host {
 
 Greeting MakeGreeting() noexcept {
-    return {greetingMagic, protocolVersion, NkRecordSize};
+    return {GreetingMagic, ProtocolVersion, NkRecordSize};
 }
 
 Answer MakeAnswer(std::int32_t status) noexcept {
-    return {answerMagic, protocolVersion, NkRecordSize, status, 0};
+    return {AnswerMagic, ProtocolVersion, NkRecordSize, status, 0};
 }
 
 bool IsValid(const Greeting& greeting) noexcept {
-    return greeting.magic == greetingMagic && greeting.version == protocolVersion &&
+    return greeting.magic == GreetingMagic && greeting.version == ProtocolVersion &&
            greeting.recordSize == NkRecordSize;
 }
 
 bool IsValid(const Answer& answer) noexcept {
-    return answer.magic == answerMagic && answer.version == protocolVersion && answer.recordSize == NkRecordSize;
+    return answer.magic == AnswerMagic && answer.version == ProtocolVersion && answer.recordSize == NkRecordSize;
 }
 
 bool SendAnswer(int socket, std::int32_t status) noexcept {

@@ -6,9 +6,9 @@ namespace borven_host {
 
 // The two messages on the socket of a connection, one each way, when it is made. Records travel in shared memory.
 
-inline constexpr std::uint32_t greetingMagic = 0x48565242; ///< "BRVH"
-inline constexpr std::uint32_t answerMagic = 0x41565242;   ///< "BRVA"
-inline constexpr std::uint16_t protocolVersion = 1;
+inline constexpr std::uint32_t GreetingMagic = 0x48565242; ///< "BRVH"
+inline constexpr std::uint32_t AnswerMagic = 0x41565242;   ///< "BRVA"
+inline constexpr std::uint16_t ProtocolVersion = 1;
 
 /// The client's first message.
 struct Greeting {

@@ -5,7 +5,7 @@ namespace borven_host {
 namespace {
 
 /// Read once at start, before any thread changes its own set of CPUs.
-const bool hasOneCpu = [] {
+const bool OneCpu = [] {
     cpu_set_t cpus{};
     return ::sched_getaffinity(0, sizeof cpus, &cpus) == 0 && CPU_COUNT(&cpus) == 1;
 }();
@@ -13,7 +13,7 @@ const bool hasOneCpu = [] {
 } // namespace
 
 bool HasOneCpu() noexcept {
-    return hasOneCpu;
+    return OneCpu;
 }
 
 } // namespace borven_host

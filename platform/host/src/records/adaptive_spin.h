@@ -40,7 +40,7 @@ public:
     }
 
     void Succeeded() noexcept {
-        if (failures != 0 && ++successes == forgiving) {
+        if (failures != 0 && ++successes == Forgiving) {
             failures = 0;
             successes = 0;
         }
@@ -48,22 +48,22 @@ public:
 
     void Failed() noexcept {
         successes = 0;
-        failures = std::min(failures + 1, maxFailures);
+        failures = std::min(failures + 1, MaxFailures);
         toSkip = 1U << failures;
     }
 
     /// Asked once on each occasion, on one CPU. Returns: whether to yield after one look, because looking again would
     /// not help: the peer cannot have run yet.
-    bool ShouldYieldAtOnce() noexcept { return cameAfterYield == oftenEnough && ++yieldedAtOnce % retry != 0; }
+    bool ShouldYieldAtOnce() noexcept { return cameAfterYield == OftenEnough && ++yieldedAtOnce % Retry != 0; }
 
     void CameAwake() noexcept { cameAfterYield = 0; }
-    void CameAfterYield() noexcept { cameAfterYield = std::min(cameAfterYield + 1, oftenEnough); }
+    void CameAfterYield() noexcept { cameAfterYield = std::min(cameAfterYield + 1, OftenEnough); }
 
 private:
-    static constexpr std::uint32_t maxFailures = 10; ///< one try in a thousand: less than one percent of the time
-    static constexpr std::uint32_t forgiving = 16;
-    static constexpr std::uint32_t oftenEnough = 4;
-    static constexpr std::uint32_t retry = 64;
+    static constexpr std::uint32_t MaxFailures = 10; ///< one try in a thousand: less than one percent of the time
+    static constexpr std::uint32_t Forgiving = 16;
+    static constexpr std::uint32_t OftenEnough = 4;
+    static constexpr std::uint32_t Retry = 64;
 
     std::uint32_t toSkip = 0;
     std::uint32_t failures = 0;

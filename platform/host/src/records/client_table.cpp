@@ -42,7 +42,7 @@ std::int32_t ClientTable::Add(UniqueFd&& socket, SharedMemoryEnds&& ends, const 
     if (isClosed.load(std::memory_order_relaxed)) {
         return KnStatusClosed;
     }
-    if (clients.size() >= Channel::maxClients) {
+    if (clients.size() >= Channel::MaxClients) {
         return KnStatusBusy;
     }
     const auto client = std::make_shared<ChannelClient>(lastId + 1, filter, deadClient, std::move(ends));

@@ -76,7 +76,7 @@ Channel::~Channel() {
 }
 
 std::int32_t Channel::AddClient(UniqueFd&& socket, const RequestFilter& filter, std::uint64_t* clientId) {
-    if (state->clients.Count() >= maxClients) {
+    if (state->clients.Count() >= MaxClients) {
         return KnStatusBusy;
     }
     SharedMemoryEnds ends;

@@ -18,7 +18,7 @@ public:
     enum class DeadClient { ReplyReportsIt, ReplyAnswersOk };
 
     /// Each costs four descriptors, one mapping of a page, and a worker of the bus while it waits.
-    static constexpr std::size_t maxClients = 2048;
+    static constexpr std::size_t MaxClients = 2048;
 
     explicit Channel(DeadClient deadClient);
     ~Channel();

@@ -18,8 +18,8 @@ namespace borven_host {
 
 namespace {
 
-constexpr std::uint64_t doorbellData = 0;
-constexpr std::uint64_t serverData = 1; ///< its socket or its process
+constexpr std::uint64_t DoorbellData = 0;
+constexpr std::uint64_t ServerData = 1; ///< its socket or its process
 
 /// Blocks until `socket` can be read or `process` is gone. Returns: false when the deadline came first.
 bool WaitReadable(int socket, int process, Deadline deadline) noexcept {
@@ -37,9 +37,9 @@ bool WaitReadable(int socket, int process, Deadline deadline) noexcept {
 
 UniqueFd MakeEpoll(const UniqueFd& doorbell, const UniqueFd& socket, const UniqueFd& process) {
     UniqueFd epoll(::epoll_create1(EPOLL_CLOEXEC));
-    if (!epoll || !Watch(epoll, doorbell.Get(), EPOLLIN | EPOLLET, doorbellData) ||
-        !Watch(epoll, socket.Get(), EPOLLIN | EPOLLRDHUP, serverData) ||
-        (process && !Watch(epoll, process.Get(), EPOLLIN, serverData))) {
+    if (!epoll || !Watch(epoll, doorbell.Get(), EPOLLIN | EPOLLET, DoorbellData) ||
+        !Watch(epoll, socket.Get(), EPOLLIN | EPOLLRDHUP, ServerData) ||
+        (process && !Watch(epoll, process.Get(), EPOLLIN, ServerData))) {
         throw std::system_error(errno, std::generic_category());
     }
     return epoll;
@@ -87,7 +87,7 @@ std::int32_t Connection::Call(const nk_message* request, nk_message* response) n
     if (hasRung) {
         Ring(shared.bell);
         isAnswered = HasReply(sequence, reply); // on a shared CPU the server may have run first
-    } else if (auto& learner = learners[(request->iid * 5U + request->mid) % learnerCount]; learner.IsWorthwhile()) {
+    } else if (auto& learner = learners[(request->iid * 5U + request->mid) % LearnerCount]; learner.IsWorthwhile()) {
         isAnswered = SpinUntil(ClientSpinLimit, learner, [&] { return HasReply(sequence, reply); });
         isAnswered ? learner.Succeeded() : learner.Failed();
     }
@@ -122,7 +122,7 @@ bool Connection::Sleep(std::uint32_t sequence, SlotWord& reply) noexcept {
         std::array<epoll_event, 2> events{};
         const int count = ::epoll_wait(epoll.Get(), events.data(), events.size(), -1);
         for (int i = 0; i < count; ++i) {
-            if (events[static_cast<std::size_t>(i)].data.u64 == serverData) {
+            if (events[static_cast<std::size_t>(i)].data.u64 == ServerData) {
                 return HasReply(sequence, reply);
             }
         }

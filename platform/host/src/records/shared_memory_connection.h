@@ -36,7 +36,7 @@ public:
     void Close() noexcept;
 
 private:
-    static constexpr std::size_t learnerCount = 16;
+    static constexpr std::size_t LearnerCount = 16;
 
     bool HasReply(std::uint32_t sequence, SlotWord& reply) const noexcept;
     bool Sleep(std::uint32_t sequence, SlotWord& reply) noexcept REQUIRES(callMutex);
@@ -50,7 +50,7 @@ private:
     common::Mutex callMutex; ///< held for the length of a call: calls take turns
     std::uint32_t lastSequence GUARDED_BY(callMutex) = 0;
     /// By method, because some methods answer at once and others after minutes.
-    std::array<SpinLearner, learnerCount> learners GUARDED_BY(callMutex);
+    std::array<SpinLearner, LearnerCount> learners GUARDED_BY(callMutex);
 };
 
 } // namespace borven_host

@@ -12,26 +12,26 @@ namespace borven_host {
 
 namespace {
 
-constexpr std::size_t regionSize = 4096;
-static_assert(sizeof(SharedSlot) <= regionSize);
+constexpr std::size_t RegionSize = 4096;
+static_assert(sizeof(SharedSlot) <= RegionSize);
 
-constexpr int sizeSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
+constexpr int SizeSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
 
 } // namespace
 
 std::int32_t SharedMemoryRegion::Create(SharedMemoryRegion& region, UniqueFd& file) {
     UniqueFd created(::memfd_create("borven-slot", MFD_CLOEXEC | MFD_ALLOW_SEALING));
     // Allocated now: a lack of memory is a refused join, not a signal in the middle of a call.
-    if (!created || ::ftruncate(created.Get(), regionSize) != 0 || ::fallocate(created.Get(), 0, 0, regionSize) != 0 ||
-        ::fcntl(created.Get(), F_ADD_SEALS, sizeSeals) != 0) {
+    if (!created || ::ftruncate(created.Get(), RegionSize) != 0 || ::fallocate(created.Get(), 0, 0, RegionSize) != 0 ||
+        ::fcntl(created.Get(), F_ADD_SEALS, SizeSeals) != 0) {
         return KnStatusNoResources;
     }
     if (const auto status = Map(created, region); status != KnStatusOk) {
         return status;
     }
     SharedSlot& slot = region.Slot();
-    slot.magic = SharedSlot::expectedMagic;
-    slot.version = SharedSlot::expectedVersion;
+    slot.magic = SharedSlot::ExpectedMagic;
+    slot.version = SharedSlot::ExpectedVersion;
     slot.size = sizeof(SharedSlot);
     slot.recordSize = NkRecordSize;
     file = std::move(created);
@@ -41,8 +41,8 @@ std::int32_t SharedMemoryRegion::Create(SharedMemoryRegion& region, UniqueFd& fi
 std::int32_t SharedMemoryRegion::Open(const UniqueFd& file, SharedMemoryRegion& region) {
     struct stat status {};
     const int seals = ::fcntl(file.Get(), F_GET_SEALS);
-    if (seals < 0 || (seals & sizeSeals) != sizeSeals || ::fstat(file.Get(), &status) != 0 ||
-        status.st_size != static_cast<off_t>(regionSize)) {
+    if (seals < 0 || (seals & SizeSeals) != SizeSeals || ::fstat(file.Get(), &status) != 0 ||
+        status.st_size != static_cast<off_t>(RegionSize)) {
         return KnStatusDenied;
     }
     SharedMemoryRegion opened;
@@ -50,7 +50,7 @@ std::int32_t SharedMemoryRegion::Open(const UniqueFd& file, SharedMemoryRegion& 
         return mapped;
     }
     const SharedSlot& slot = opened.Slot();
-    if (slot.magic != SharedSlot::expectedMagic || slot.version != SharedSlot::expectedVersion ||
+    if (slot.magic != SharedSlot::ExpectedMagic || slot.version != SharedSlot::ExpectedVersion ||
         slot.size != sizeof(SharedSlot) || slot.recordSize != NkRecordSize) {
         return KnStatusDenied;
     }
@@ -59,14 +59,14 @@ std::int32_t SharedMemoryRegion::Open(const UniqueFd& file, SharedMemoryRegion& 
 }
 
 std::int32_t SharedMemoryRegion::Map(const UniqueFd& file, SharedMemoryRegion& region) {
-    void* const memory = ::mmap(nullptr, regionSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, file.Get(), 0);
+    void* const memory = ::mmap(nullptr, RegionSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, file.Get(), 0);
     if (memory == MAP_FAILED) {
         return KnStatusNoResources;
     }
-    ::madvise(memory, regionSize, MADV_DONTFORK);
+    ::madvise(memory, RegionSize, MADV_DONTFORK);
     // A fresh file is zeros, and zeros are a slot that has never been used.
     region.slot = std::shared_ptr<SharedSlot>(static_cast<SharedSlot*>(memory),
-                                              [](SharedSlot* mapped) { ::munmap(mapped, regionSize); });
+                                              [](SharedSlot* mapped) { ::munmap(mapped, RegionSize); });
     return KnStatusOk;
 }
 

@@ -83,34 +83,34 @@ struct alignas(64) SlotHalf {
     std::uint32_t unused;
     std::array<std::byte, NkRecordSize> record;
 
-    static constexpr std::size_t pieceSize = 64;
-    static constexpr std::size_t firstPieceSize = 48; ///< what is left of the word's line
-    static constexpr std::size_t lastPieceSize = 48;
-    static constexpr std::size_t pieceCount = 17;
+    static constexpr std::size_t PieceSize = 64;
+    static constexpr std::size_t FirstPieceSize = 48; ///< what is left of the word's line
+    static constexpr std::size_t LastPieceSize = 48;
+    static constexpr std::size_t PieceCount = 17;
 
     static constexpr std::size_t PieceStart(std::size_t piece) {
-        return piece == 0 ? 0 : firstPieceSize + (piece - 1) * pieceSize;
+        return piece == 0 ? 0 : FirstPieceSize + (piece - 1) * PieceSize;
     }
     static constexpr std::size_t PieceEnd(std::size_t piece) { return std::min(PieceStart(piece + 1), NkRecordSize); }
 
     /// Copies the first `used` bytes of a record in. Returns: its pieces. What lies behind them counts as zeros.
     std::uint32_t Put(const void* source, std::size_t used) noexcept {
         const auto* bytes = static_cast<const std::byte*>(source);
-        std::uint32_t pieces = PutPiece<firstPieceSize>(0, bytes, used);
-        for (std::size_t piece = 1; piece < pieceCount - 1 && PieceStart(piece) < used; ++piece) {
-            pieces |= PutPiece<pieceSize>(piece, bytes, used);
+        std::uint32_t pieces = PutPiece<FirstPieceSize>(0, bytes, used);
+        for (std::size_t piece = 1; piece < PieceCount - 1 && PieceStart(piece) < used; ++piece) {
+            pieces |= PutPiece<PieceSize>(piece, bytes, used);
         }
-        return pieces | PutPiece<lastPieceSize>(pieceCount - 1, bytes, used);
+        return pieces | PutPiece<LastPieceSize>(PieceCount - 1, bytes, used);
     }
 
     /// Copies a whole record out, once: what the other side does to it later is not seen any more.
     void Get(void* target, std::uint32_t pieces) const noexcept {
         auto* bytes = static_cast<std::byte*>(target);
-        GetPiece<firstPieceSize>(0, bytes, pieces);
-        for (std::size_t piece = 1; piece < pieceCount - 1; ++piece) {
-            GetPiece<pieceSize>(piece, bytes, pieces);
+        GetPiece<FirstPieceSize>(0, bytes, pieces);
+        for (std::size_t piece = 1; piece < PieceCount - 1; ++piece) {
+            GetPiece<PieceSize>(piece, bytes, pieces);
         }
-        GetPiece<lastPieceSize>(pieceCount - 1, bytes, pieces);
+        GetPiece<LastPieceSize>(PieceCount - 1, bytes, pieces);
         std::atomic_signal_fence(std::memory_order_seq_cst); // the compiler must not read a second time either
     }
 
@@ -153,13 +153,13 @@ private:
         }
     }
 };
-static_assert(SlotHalf::PieceEnd(SlotHalf::pieceCount - 1) == NkRecordSize);
-static_assert(offsetof(SlotHalf, record) + SlotHalf::firstPieceSize == 64);
+static_assert(SlotHalf::PieceEnd(SlotHalf::PieceCount - 1) == NkRecordSize);
+static_assert(offsetof(SlotHalf, record) + SlotHalf::FirstPieceSize == 64);
 
 /// The memory that a client and its server share: one page, with nothing of another client in it.
 struct SharedSlot {
-    static constexpr std::uint32_t expectedMagic = 0x53565242; ///< "BRVS"
-    static constexpr std::uint32_t expectedVersion = 1;
+    static constexpr std::uint32_t ExpectedMagic = 0x53565242; ///< "BRVS"
+    static constexpr std::uint32_t ExpectedVersion = 1;
 
     std::uint32_t magic;
     std::uint32_t version;
