@@ -24,14 +24,15 @@ namespace {
 using msgbus_server::ArenaPages;
 
 constexpr std::string_view BusLibrary = "/libmessagebus.so";
-constexpr std::size_t ArenaLength = sizeof(std::uint64_t); // an arena without room: its length word alone
+[[maybe_unused]] constexpr std::size_t ArenaLength =
+    sizeof(std::uint64_t); // an arena without room: its length word alone
 
-constinit ArenaPages pool;
+[[maybe_unused]] constinit ArenaPages pool;
 constinit std::atomic<std::uintptr_t> busBegin{0}; // where the bus's library is mapped; empty: nothing is pooled
 constinit std::atomic<std::uintptr_t> busEnd{0};
 constinit std::atomic<std::uint64_t> pooled{0};
 
-bool IsTheBus(const void* caller) noexcept {
+[[maybe_unused]] bool IsTheBus(const void* caller) noexcept {
     const auto address = reinterpret_cast<std::uintptr_t>(caller);
     return address >= busBegin.load(std::memory_order_relaxed) && address < busEnd.load(std::memory_order_relaxed);
 }
@@ -62,7 +63,7 @@ std::uint64_t msgbusd::PooledArenaCount() noexcept {
     return pooled.load(std::memory_order_relaxed);
 }
 
-#ifndef BORVEN_KEEP_MMAP
+#ifndef BORVEN_KEEP_MMAP // where a sanitizer has an mmap of its own
 
 extern "C" {
 
