@@ -1,6 +1,7 @@
 // The command line of the bus: options, help, exit status.
 
 #include "arguments.h"
+#include "help_and_errors.h"
 #include "msgbus/error.h"
 #include "standard_descriptors.h"
 
@@ -27,33 +28,6 @@ constexpr const char* CommandFooter =
     "\n"
     "Exit status:\n"
     "  0 success, 1 failure, 2 usage error, 3 rejected by the bus, 4 no server or server gone, 124 time limit reached";
-
-/// Prints an option's name and value only: its description says which options it excludes and whether it is required.
-class HelpFormatter final : public CLI::Formatter {
-public:
-    HelpFormatter() {
-        label("SUBCOMMAND", "COMMAND");
-        label("Positionals", "Arguments");
-    }
-
-    std::string make_option_opts(const CLI::Option* option) const override {
-        const bool hasValue = option->get_type_size() != 0;
-        return hasValue && option->nonpositional() ? ' ' + option->get_type_name() : std::string();
-    }
-};
-
-/// Returns: what is wrong with the command line, as one sentence.
-std::string DescribeUsageError(const CLI::App& app, const CLI::Error& error) {
-    const bool isRequiredError = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
-    if (!isRequiredError || !app.get_subcommands().empty()) {
-        return error.what();
-    }
-    const auto words = app.remaining();
-    if (words.empty()) {
-        return "no command given";
-    }
-    return (words.front().starts_with('-') ? "unknown option '" : "unknown command '") + words.front() + "'";
-}
 
 /// The options of both commands.
 class CommonOptions final {

@@ -2,6 +2,7 @@
 
 #include "bus_server.h"
 #include "diagnostics.h"
+#include "help_and_errors.h"
 #include "log_threshold.h"
 #include "msgbusd/arena_mappings.h"
 #include "signal_watch.h"
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,6 +26,15 @@ namespace {
 
 using diagnostics::Log;
 using diagnostics::LogLevel;
+
+constexpr const char* Footer =
+    "Environment:\n"
+    "  BORVEN_RUNTIME_DIR          directory for the server's sockets; if unset, $XDG_RUNTIME_DIR/borven, else a\n"
+    "                              directory of the user's own in /tmp\n"
+    "  BORVEN_THREAD_NAMES=off     do not name the threads that serve\n"
+    "\n"
+    "Exit status:\n"
+    "  0 stopped by SIGTERM or SIGINT, 1 could not serve, 2 usage error";
 
 constexpr int ExitFailed = 1;
 constexpr int ExitUsage = 2;
@@ -57,11 +68,15 @@ void ReportReady(int descriptor) {
     ::close(descriptor);
 }
 
+void LogSignal(int number) {
+    Log(LogLevel::Info, "SIG{} received; a second signal ends the server at once", ::sigabbrev_np(number));
+}
+
 int Serve(const Settings& settings) {
     const msgbus_server::LogThreshold logThreshold(settings.logLevel);
     msgbus_server::BusServer server(settings.server);
     const msgbus_server::SignalWatch signals([&](int number) {
-        Log(LogLevel::Info, "SIG{} received; a second signal ends the server at once", ::sigabbrev_np(number));
+        LogSignal(number);
         server.RequestStop();
     });
     const bool isInOrder = server.Run([&] {
@@ -69,7 +84,7 @@ int Serve(const Settings& settings) {
             ReportReady(*settings.readyDescriptor);
         }
     });
-    return isInOrder ? 0 : Fail("the bus ended by itself; the log says why");
+    return isInOrder ? 0 : Fail("the bus stopped without a request; the log has the reason");
 }
 
 /// Replaces the name of a level by its number; the bus's own numbers pass. Returns: empty, or what is wrong.
@@ -79,7 +94,7 @@ std::string ParseLevel(std::string& level) {
         {"1", 1},     {"2", 2},    {"3", 3},       {"4", 4}};
     const auto found = levels.find(CLI::detail::to_lower(level));
     if (found == levels.end()) {
-        return "'" + level + "' is no level; it must be debug, info, warning, error or off";
+        return "'" + level + "' is not a log level; it must be debug, info, warning, error or off";
     }
     level = std::to_string(found->second);
     return {};
@@ -89,19 +104,21 @@ std::string ParseLevel(std::string& level) {
 std::optional<int> Parse(int argc, char** argv, Settings& settings) {
     using message_bus::ConnectionType;
     CLI::App app("The server program of the message bus. It serves until SIGTERM or SIGINT.", "msgbusd");
+    app.formatter(std::make_shared<HelpFormatter>());
+    app.footer(Footer);
     app.set_version_flag("--version", "msgbusd " BORVEN_VERSION);
     const auto mode = [&](ConnectionType type) { return [&settings, type] { settings.server.connectionType = type; }; };
     const auto switchOff = [](bool& part) { return [&part] { part = false; }; };
-    auto* const staticFlag = app.add_flag_callback("--static", mode(ConnectionType::Static),
-                                                   "offer the bus on one channel with a fixed name");
+    auto* const staticFlag =
+        app.add_flag_callback("--static", mode(ConnectionType::Static),
+                              "offer the bus on one channel with a fixed name (not with --dynamic)");
     app.add_flag_callback("--dynamic", mode(ConnectionType::Dynamic),
-                          "offer the bus as services that clients connect to (default)")
+                          "offer the bus as services that clients connect to (default; not with --static)")
         ->excludes(staticFlag);
     app.add_option("--log-level", settings.logLevel,
-                   "minimum level to log to stderr: debug, info, warning, error or off")
+                   "minimum level to log to stderr: debug, info, warning, error or off (default: info)")
         ->transform(CLI::Validator(ParseLevel, ""))
-        ->type_name("LEVEL")
-        ->default_str("info");
+        ->type_name("LEVEL");
     app.add_option("--ready-fd", settings.readyDescriptor,
                    "when the bus is served, write READY to this descriptor and close it")
         ->type_name("FD");
@@ -112,9 +129,9 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
     app.add_flag_callback("--no-placement", switchOff(settings.server.placement),
                           "do not move the threads to one processor under load");
     app.add_flag_callback("--no-arena-pool", switchOff(settings.arenaPool),
-                          "map the arenas of every request anew instead of pooling them");
-    app.failure_message([](const CLI::App*, const CLI::Error& error) {
-        return std::string("msgbusd: ") + error.what() + "\nSee 'msgbusd --help'.\n";
+                          "map new arenas for every request instead of pooling them");
+    app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
+        return "msgbusd: " + DescribeUsageError(*failed, error) + "\nSee 'msgbusd --help'.\n";
     });
     try {
         app.parse(argc, argv);

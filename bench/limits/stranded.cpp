@@ -1,6 +1,6 @@
 // How often the bus loses a wake-up at the end of a burst. Publishes bursts of acknowledged values at full speed with
 // one subscriber, and waits after each burst until all values have arrived. A value that has not arrived within
-// `patience` was left in the inbound queue by a lost wake-up; the first push of the next burst delivers it.
+// `Patience` was left in the inbound queue by a lost wake-up; the first push of the next burst delivers it.
 //
 //     bench_stranded count --address RUNTIME_DIR --bursts 1000 --values 100
 #include "msgbus/publisher.h"
@@ -40,7 +40,7 @@ int Receive(Progress& progress, std::int64_t count) {
     return 0;
 }
 
-/// Waits for `count` values. Returns: false when no value arrived for as long as `patience`.
+/// Waits for `count` values. Returns: false when no value arrived for as long as `Patience`.
 bool Arrive(const Progress& progress, std::int64_t count) {
     using Clock = std::chrono::steady_clock;
     auto seen = progress.received.load();

@@ -32,7 +32,7 @@ public:
         return size;
     }
 
-    /// Moves the front item into `element`. A canceled queue still hands out its items.
+    /// Moves the front item into `element`. A canceled queue still returns its items.
     /// Returns: false, with `element` as it was, when the queue is empty: canceled, or timed out.
     /// Blocks: until an item arrives, the queue is canceled, or `timeoutMs` milliseconds have passed; 0: no limit.
     bool Pop(T& element, unsigned timeoutMs) {

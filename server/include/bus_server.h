@@ -39,7 +39,8 @@ struct BusServerOptions {
 /// order. One per process at a time.
 ///
 /// The stop, in this order, each step while everything that it uses still exists:
-/// 1. no new cycle of any worker; no new registration; every subscriber is unregistered, which ends its blocked waits;
+/// 1. no new cycle of any pool worker; no new registration; every subscriber is unregistered, which ends its blocked
+/// waits;
 /// 2. receiving stops on every channel, so idle workers end; busy ones send their replies first, then end;
 /// 3. the connector and the IPC server go, and with them the last threads that call the bus;
 /// 4. the channels close and their names are free: a client that still waits for a reply gets an error;

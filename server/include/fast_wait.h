@@ -8,7 +8,7 @@
 namespace msgbus_server {
 
 /// Receiving without a hand-over where none is needed. A wait in the bus replaces the worker that serves it, two thread
-/// births per value, because it may block; a wait whose subscriber has values queued does not block. Such a wait takes
+/// starts per value, because it may block; a wait whose subscriber has values queued does not block. Such a wait takes
 /// its value with the bus's TryWait; every other one is passed on.
 /// Threads: any.
 class FastWait final : public message_bus::IWorker {

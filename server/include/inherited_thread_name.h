@@ -5,7 +5,7 @@
 namespace msgbus_server {
 
 /// Names a thread that other code starts: a new thread inherits the name of the thread that starts it, so the calling
-/// thread bears `name` from construction to Restore or destruction.
+/// thread has `name` from construction to Restore or destruction.
 /// Threads: all on the same one.
 class InheritedThreadName final {
 public:

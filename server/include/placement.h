@@ -17,8 +17,8 @@ namespace msgbus_server {
 /// - As batch threads they do not preempt each other: the woken thread runs when the waking one has finished, and finds
 ///   more work at once.
 ///
-/// docs/performance.md has figures. The threads run as found at first, placed after `quickPushes` pushes with short
-/// gaps, and as found again after `slowPushes` with long ones. Threads stay within the processors that the process was
+/// docs/performance.md has figures. The threads run as found at first, placed after `QuickPushes` pushes with short
+/// gaps, and as found again after `SlowPushes` with long ones. Threads stay within the processors that the process was
 /// given, and a process whose threads do not have the system's normal policy keeps its policy.
 ///
 /// Threads: any. Requires: nothing else changes the placement of the process's threads meanwhile.

@@ -15,8 +15,7 @@ public:
     /// Lifetime: `bus` must outlive this object.
     explicit SubscriberLedger(message_bus::IProviderControl& bus) : control(bus) {}
 
-    /// As the bus; 10 once StopAndUnregisterAll was called: from then on nothing is registered, and nothing is left to
-    /// unregister.
+    /// As the bus. Once StopAndUnregisterAll was called, all but UnregisterPublisher return 10.
     cor::ResultCode RegisterPublisher(const std::string& topic, long& publisherId) override;
     cor::ResultCode RegisterSubscriber(const std::string& name, const std::set<std::string>& topics,
                                        long& subscriberId) override;

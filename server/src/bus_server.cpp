@@ -67,6 +67,10 @@ std::string ReasonOfFailure(ConnectionType type) {
         return std::string("another msgbusd is already serving in ") + ModeName(type) +
                " mode (BORVEN_RUNTIME_DIR chooses where)";
     }
+    if (status == KnStatusDenied) {
+        return "cannot offer the bus: the runtime directory cannot be used, see the log (BORVEN_RUNTIME_DIR chooses "
+               "another)";
+    }
     return "cannot offer the bus" +
            (status == KnStatusNotFound ? std::string() : std::string(": ") + KnStatusText(status)) +
            "; is the runtime directory (BORVEN_RUNTIME_DIR) writable and yours alone?";

@@ -1,4 +1,4 @@
-// Defends the pool behind the server program's small mappings: pages of zeros, each with one owner at a time, and no
+// Defends the pool behind the server program's arenas: pages of zeros, each with one owner at a time, and no
 // claim on memory that is not its own.
 #include "arena_pages.h"
 

@@ -27,7 +27,7 @@ std::chrono::steady_clock::time_point now;
 
 cpu_set_t Processors() {
     cpu_set_t processors{};
-    EXPECT_EQ(sched_getaffinity(0, sizeof processors, &processors), 0);
+    EXPECT_EQ(::sched_getaffinity(0, sizeof processors, &processors), 0);
     return processors;
 }
 
@@ -41,8 +41,8 @@ protected:
 
     void RunAsUsual() const {
         constexpr sched_param noPriority{};
-        EXPECT_EQ(sched_setaffinity(0, sizeof before, &before), 0);
-        EXPECT_EQ(sched_setscheduler(0, SCHED_OTHER, &noPriority), 0);
+        EXPECT_EQ(::sched_setaffinity(0, sizeof before, &before), 0);
+        EXPECT_EQ(::sched_setscheduler(0, SCHED_OTHER, &noPriority), 0);
     }
 
     void Push(int times, std::chrono::microseconds gap) { Push(placement, times, gap); }
@@ -57,7 +57,7 @@ protected:
         const cpu_set_t processors = Processors();
         return CPU_EQUAL(&processors, &before) != 0;
     }
-    bool IsAsUsual() const { return AreSpread() && sched_getscheduler(0) == SCHED_OTHER; }
+    bool IsAsUsual() const { return AreSpread() && ::sched_getscheduler(0) == SCHED_OTHER; }
 
     const cpu_set_t before = Processors();
     testing::NiceMock<FakeProvider> provider;
@@ -74,7 +74,7 @@ TEST_F(PlacementTest, Push_WithShortGaps_PutsAllThreadsOnOneProcessor) {
     std::promise<std::pair<cpu_set_t, int>> others;
     std::thread other([&] {
         isDone.get_future().wait();
-        others.set_value({Processors(), sched_getscheduler(0)});
+        others.set_value({Processors(), ::sched_getscheduler(0)});
     });
     Push(1, 1s);
     Push(Placement::QuickPushes - 1, 20us);
@@ -82,7 +82,7 @@ TEST_F(PlacementTest, Push_WithShortGaps_PutsAllThreadsOnOneProcessor) {
     Push(1, 20us);
     const cpu_set_t own = Processors();
     EXPECT_EQ(CPU_COUNT(&own), 1);
-    EXPECT_EQ(sched_getscheduler(0), SCHED_BATCH);
+    EXPECT_EQ(::sched_getscheduler(0), SCHED_BATCH);
     isDone.set_value();
     const auto [processors, policy] = others.get_future().get();
     other.join();
@@ -92,12 +92,12 @@ TEST_F(PlacementTest, Push_WithShortGaps_PutsAllThreadsOnOneProcessor) {
 
 TEST_F(PlacementTest, Push_OfThreadsWithAnotherPolicy_LeavesThemThat) {
     constexpr sched_param noPriority{};
-    ASSERT_EQ(sched_setscheduler(0, SCHED_BATCH, &noPriority), 0);
+    ASSERT_EQ(::sched_setscheduler(0, SCHED_BATCH, &noPriority), 0);
     Placement batch{provider, [] { return now; }};
     Push(batch, Placement::QuickPushes + 1, 20us);
     Push(batch, Placement::SlowPushes, 2ms);
     EXPECT_TRUE(AreSpread());
-    EXPECT_EQ(sched_getscheduler(0), SCHED_BATCH);
+    EXPECT_EQ(::sched_getscheduler(0), SCHED_BATCH);
 }
 
 TEST_F(PlacementTest, Push_WithOneLongGapAmongShortOnes_BeginsToCountAnew) {
@@ -121,14 +121,14 @@ TEST_F(PlacementTest, Push_WithShortGapsThatGoOn_FindsAThreadThatWasMissed) {
     Push(Placement::QuickPushes, 20us);
     const cpu_set_t own = Processors();
     EXPECT_EQ(CPU_COUNT(&own), 1);
-    EXPECT_EQ(sched_getscheduler(0), SCHED_BATCH);
+    EXPECT_EQ(::sched_getscheduler(0), SCHED_BATCH);
 }
 
 TEST_F(PlacementTest, Push_WithLongGapsThatGoOn_FindsAThreadThatWasMissed) {
     Push(Placement::QuickPushes + 1, 20us);
     const cpu_set_t one = Processors();
     Push(Placement::SlowPushes, 2ms);
-    sched_setaffinity(0, sizeof one, &one); // as one that was being made
+    ::sched_setaffinity(0, sizeof one, &one); // as one that was being made
     Push(Placement::SlowPushes, 2ms);
     EXPECT_TRUE(AreSpread());
 }

@@ -61,7 +61,7 @@ void FailAllocation(std::thread::id thread, long skip = 0);
 void DisarmAllocation();
 
 /// Waits until `thread` sleeps in std::condition_variable::wait and has given up the mutex that it waits with, or will
-/// before anybody else can lock it. Returns: false when it did not within Patience.
+/// before another thread can lock it. Returns: false when it did not within Patience.
 [[nodiscard]] bool AwaitSleepingOnCondition(std::thread::id thread);
 
 /// How often `thread` has gone to sleep like that.

@@ -40,7 +40,7 @@ struct OwedReplies {
 
 thread_local OwedReplies owed;
 
-std::int32_t Screen(const ConnectionLimits& limits, const nk_message& request) {
+std::int32_t CheckRequest(const ConnectionLimits& limits, const nk_message& request) {
     if ((request.size & (NkErrorFlag | NkSizeMask)) != NkRecordSize) {
         return KnStatusBadRecord;
     }
@@ -112,7 +112,7 @@ std::int32_t InProcessConnection::Call(const nk_message* request, nk_message* re
     if (isClosed || channel->isClosed) {
         return KnStatusClosed;
     }
-    if (const auto status = Screen(limits, *request); status != KnStatusOk) {
+    if (const auto status = CheckRequest(limits, *request); status != KnStatusOk) {
         return status;
     }
     channel->changed.wait(lock, [this] { return isClosed || channel->isClosed || current == nullptr; });

@@ -37,7 +37,7 @@ class Threads(BusTest):
         for reader in readers:
             reader.expect("t 1")
         self.assertGreater(len(documented()), 5)
-        # A worker that has just been started bears the name of its creator until its first receive.
+        # A worker that has just been started has the name of its creator until its first receive.
         wait_until(self, lambda: set(running(server.popen.pid)) == documented(), "the names of the page")
         serving = "serve-static" if MODE == "static" else "serve-subs"
         wait_until(self, lambda: running(server.popen.pid).count(serving) == len(readers) + 1,

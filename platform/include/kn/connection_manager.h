@@ -8,7 +8,7 @@
 // Connection manager: how a client of a published service gets a connection at run time.
 //
 // Contract:
-// - A client asks for a service that a live server published; the server listens, learns who asks for what, and
+// - A client asks for a service that a live server published; the server listens, learns which client asks for which service, and
 //   accepts. The connection then leads to the channel whose handle the server accepted it to.
 // - What a connection may ask is bound to the `iid` of its acceptance: a request for another interface, or for a method
 //   that the interface does not have (see kn/policy.h), is answered by the platform and never reaches the server.
@@ -29,7 +29,8 @@ inline constexpr std::size_t KnCmNameSize = 1024; ///< size of the name buffers 
 /// of KnCmNameSize bytes; on success they hold the client's name, unique among the pending requests, and the service
 /// that it asks for.
 ///
-/// Returns: 0; KnStatusTimedOut; KnStatusClosed after KnHandleCloseServerEnds.
+/// Returns: 0; KnStatusTimedOut; KnStatusClosed after KnHandleStopReceiving or
+/// KnHandleCloseServerEnds, until a service is published again.
 /// Blocks: up to `timeoutMs` milliseconds. Threads: any number at once; each request is given to one of them.
 std::int32_t KnCmListen(const char* filter, std::uint32_t timeoutMs, char* clientName, char* serviceName) noexcept;
 

@@ -20,7 +20,7 @@ inline constexpr KnHandle KnInvalidHandle = 0xFFFFFFFF;
 /// Blocks: never on a peer. Threads: any.
 std::int32_t KnHandleClose(KnHandle handle) noexcept;
 
-/// Stops receiving on every server end of the calling task, for good: the first step of an orderly stop.
+/// Stops receiving on every server end of the calling task, permanently: in an orderly stop, before the server ends close.
 ///
 /// Contract:
 /// - Every thread blocked in receive returns KnStatusClosed at once, and so does every later receive; every thread
@@ -33,7 +33,7 @@ void KnHandleStopReceiving() noexcept;
 
 /// Closes every server end of the calling task and withdraws every service it published: the last step of a server
 /// program. A thread blocked in KnCmListen returns KnStatusClosed at once. Names are free again afterwards, and the
-/// task may register and publish anew.
+/// task may register and publish again.
 ///
 /// Threads: any, but not while the same task registers, publishes or accepts.
 void KnHandleCloseServerEnds() noexcept;

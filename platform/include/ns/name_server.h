@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-// Name server: which services exist, and who offers them.
+// Name server: which services exist, and which server offers them.
 //
 // Contract:
 // - A service published by a live server cannot be published by a second one; the second gets KnStatusAlreadyExists.

@@ -1,3 +1,5 @@
+// Checks arguments and finds the end of the handle; records/channel.h names the transport that does the rest.
+
 #include "nk/transport.h"
 
 #include "base/thread_name.h"

@@ -4,7 +4,7 @@
 // is the one place that chooses. Another transport is a pair of classes with these names and public members, in files
 // of its own, and two other includes here:
 //
-// - Channel, the server's end: DeadClient, maxClients, AddClient over a connected socket, RemoveClient, Receive, Reply,
+// - Channel, the server's end: DeadClient, MaxClients, AddClient over a connected socket, RemoveClient, Receive, Reply,
 //   Close, ClientCount
 // - Connection, a client's end: Join, Call, Close
 //
