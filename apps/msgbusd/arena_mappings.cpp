@@ -23,7 +23,7 @@ namespace {
 
 using msgbus_server::ArenaPages;
 
-constexpr std::string_view BusLibrary = "/libmessagebus.so";
+constexpr std::string_view BusLibrary = "libmessagebus.so";
 [[maybe_unused]] constexpr std::size_t ArenaLength =
     sizeof(std::uint64_t); // an arena without room: its length word alone
 
@@ -38,7 +38,8 @@ constinit std::atomic<std::uint64_t> pooled{0};
 }
 
 int FindBus(dl_phdr_info* object, std::size_t, void*) {
-    if (std::string_view(object->dlpi_name).find(BusLibrary) == std::string_view::npos) {
+    const std::string_view path(object->dlpi_name);
+    if (!path.substr(path.rfind('/') + 1).starts_with(BusLibrary)) {
         return 0;
     }
     for (unsigned i = 0; i < object->dlpi_phnum; ++i) {

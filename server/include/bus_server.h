@@ -39,12 +39,13 @@ struct BusServerOptions {
 /// order. One per process at a time.
 ///
 /// The stop, in this order, each step while everything that it uses still exists:
-/// 1. no new cycle of any pool worker; no new registration; every subscriber is unregistered, which ends its blocked
-/// waits;
-/// 2. receiving stops on every channel, so idle workers end; busy ones send their replies first, then end;
+/// 1. receiving stops on every channel, so idle threads end; busy ones send their replies first, then end;
+/// 2. nothing is registered any more, and every subscriber is unregistered, which ends its blocked waits;
 /// 3. the connector and the IPC server go, and with them the last threads that call the bus;
 /// 4. the channels close and their names are free: a client that still waits for a reply gets an error;
 /// 5. the events thread ends.
+///
+/// Step 3 waits for ever for a thread that does not end; five seconds later step 4 is taken all the same.
 class BusServer final {
 public:
     explicit BusServer(const BusServerOptions& options = {});
@@ -78,9 +79,9 @@ private:
 
     // Each is used by those below it. The connector's workers use them all.
     message_bus::MessageBus bus;
-    SubscriberLedger control;
+    std::unique_ptr<FastWait> fastWait; ///< null: left out
+    SubscriberLedger ledger;
     std::optional<FlushWake> flushWake;
-    std::optional<FastWait> fastWait;
     std::optional<Placement> placement;
     std::shared_ptr<bos_ipc::IpcServer> server; ///< null once stopped
     std::unique_ptr<message_bus::BosConnector> connector;

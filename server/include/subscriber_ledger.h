@@ -10,10 +10,11 @@ namespace msgbus_server {
 
 /// Registration that remembers the registered subscribers, so that a stopping server can release their waits.
 /// Threads: every operation from any thread. Holds no lock while the bus works.
-class SubscriberLedger final : public message_bus::IProviderControl {
+class SubscriberLedger final : public message_bus::IProviderControl, public message_bus::IWorker {
 public:
-    /// Lifetime: `bus` must outlive this object.
-    explicit SubscriberLedger(message_bus::IProviderControl& bus) : control(bus) {}
+    /// Lifetime: both must outlive this object.
+    SubscriberLedger(message_bus::IProviderControl& bus, message_bus::IWorker& blockingWorker)
+        : control(bus), worker(blockingWorker) {}
 
     /// As the bus. Once StopAndUnregisterAll was called, all but UnregisterPublisher return 10.
     cor::ResultCode RegisterPublisher(const std::string& topic, long& publisherId) override;
@@ -21,6 +22,10 @@ public:
                                        long& subscriberId) override;
     cor::ResultCode UnregisterPublisher(long publisherId) override;
     cor::ResultCode UnregisterSubscriber(long subscriberId) override;
+
+    /// As the worker. Once StopAndUnregisterAll was called it returns 1, without a line: the bus would report an
+    /// unknown subscriber as an error.
+    cor::ResultCode Wait(long subscriberId, std::string& topic, long& message) override;
 
     /// Refuses new registrations from now on and unregisters every subscriber, which ends its blocked waits.
     /// Returns: how many subscribers there were.
@@ -30,6 +35,7 @@ private:
     bool IsStopping() const;
 
     message_bus::IProviderControl& control;
+    message_bus::IWorker& worker;
 
     mutable common::Mutex mutex;
     bool isStopping GUARDED_BY(mutex) = false;

@@ -8,8 +8,10 @@
 #include "kn/status.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
+#include "stop_deadline.h"
 #include "stop_events_thread.h"
 
+#include <chrono>
 #include <string>
 #include <thread>
 #include <utility>
@@ -21,6 +23,9 @@ namespace {
 using diagnostics::Log;
 using diagnostics::LogLevel;
 using message_bus::ConnectionType;
+
+/// After this, the stop closes the channels although threads are left: their clients must not wait for ever.
+constexpr std::chrono::seconds StopLimit{5};
 
 const char* ModeName(ConnectionType type) {
     return type == ConnectionType::Static ? "static" : "dynamic";
@@ -76,22 +81,25 @@ std::string ReasonOfFailure(ConnectionType type) {
            "; is the runtime directory (BORVEN_RUNTIME_DIR) writable and yours alone?";
 }
 
+/// The workers of the static channel serve publishers too, so a wait may not linger there.
+std::unique_ptr<FastWait> MakeFastWait(message_bus::MessageBus& bus, const BusServerOptions& options) {
+    const bool isStatic = options.connectionType == ConnectionType::Static;
+    return options.fastWait
+               ? std::make_unique<FastWait>(bus, bus, isStatic ? FastWait::Linger::Never : FastWait::Linger::InAStream)
+               : nullptr;
+}
+
 } // namespace
 
 BusServer::BusServer(const BusServerOptions& options)
-    : connectionType(options.connectionType), control(bus),
+    : connectionType(options.connectionType), fastWait(MakeFastWait(bus, options)),
+      ledger(bus, fastWait ? static_cast<message_bus::IWorker&>(*fastWait) : bus),
       server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
       connector(std::make_unique<message_bus::BosConnector>(server)),
       forwarding(std::make_shared<ForwardingConnector>(
           *connector, [this] { eventsThreadName.reset(); }, [this] { OnServing(); })) {
     if (options.flushWake) {
         flushWake.emplace(bus, bus);
-    }
-    if (options.fastWait) {
-        // The workers of the static channel serve publishers too.
-        fastWait.emplace(bus, bus,
-                         connectionType == ConnectionType::Dynamic ? FastWait::Linger::InAStream
-                                                                   : FastWait::Linger::Never);
     }
     if (options.placement && PlacementPays(connectionType)) {
         placement.emplace(flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus);
@@ -107,8 +115,8 @@ void BusServer::Offer() {
     message_bus::IProvider& provider = placement   ? static_cast<message_bus::IProvider&>(*placement)
                                        : flushWake ? static_cast<message_bus::IProvider&>(*flushWake)
                                                    : bus;
-    message_bus::IWorker& worker = fastWait ? static_cast<message_bus::IWorker&>(*fastWait) : bus;
-    if (!connector->Init(Lend<message_bus::IProviderControl>(control), Lend(provider), Lend(worker))) {
+    if (!connector->Init(Lend<message_bus::IProviderControl>(ledger), Lend(provider),
+                         Lend<message_bus::IWorker>(ledger))) {
         KnHandleCloseServerEnds();
         throw OfferError(ReasonOfFailure(connectionType));
     }
@@ -143,12 +151,15 @@ void BusServer::OnServing() {
 void BusServer::Stop() {
     Log(LogLevel::Info, "Stopping");
     server->SetStopSignal();
-    Log(LogLevel::Info, "Released subscribers: {}", control.StopAndUnregisterAll());
     logFilter.SetClosing(true);
-    KnHandleStopReceiving();
-    server->WaitAllThreads();
-    server.reset();
-    connector.reset(); // the last owner of the server, which joins its other threads
+    KnHandleStopReceiving(); // first: publishers that go on pushing could keep the next step waiting
+    Log(LogLevel::Info, "Released subscribers: {}", ledger.StopAndUnregisterAll());
+    {
+        const StopDeadline deadline(StopLimit);
+        server->WaitAllThreads();
+        server.reset();
+        connector.reset(); // the last owner of the server, which joins its other threads
+    }
     logFilter.SetClosing(false);
     KnHandleCloseServerEnds();
     StopEventsThread(bus);

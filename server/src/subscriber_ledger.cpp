@@ -47,6 +47,10 @@ cor::ResultCode SubscriberLedger::UnregisterSubscriber(long subscriberId) {
     return control.UnregisterSubscriber(subscriberId);
 }
 
+cor::ResultCode SubscriberLedger::Wait(long subscriberId, std::string& topic, long& message) {
+    return IsStopping() ? ResultCode::NotRegistered : worker.Wait(subscriberId, topic, message);
+}
+
 std::size_t SubscriberLedger::StopAndUnregisterAll() {
     std::unordered_set<long> left;
     {

@@ -17,7 +17,7 @@ class SubscriberLedgerTest : public test_support::BusTest {
 protected:
     const fault_points::Disarmer disarmer{};
     RunningBus bus;
-    SubscriberLedger ledger{*bus};
+    SubscriberLedger ledger{*bus, *bus};
 
     long Register() {
         long id = -1;
@@ -63,6 +63,20 @@ TEST_F(SubscriberLedgerTest, Registration_ThatTheStopOvertakes_IsTakenBack) {
     long id = -1;
     EXPECT_EQ(ledger.RegisterSubscriber("late", {"heat"}, id), ResultCode::Failed);
     EXPECT_EQ(bus->GetSubscriberPtrById(id), nullptr);
+}
+
+TEST_F(SubscriberLedgerTest, Wait_IsTheWorkersUntilTheStop) {
+    const long subscriber = Register();
+    bus->GetSubscriberPtrById(subscriber)->queue.Enqueue(std::make_shared<message_bus::Message>("heat", 5));
+    EXPECT_EQ(test_support::WaitOn(ledger, subscriber), test_support::Delivered("heat", 5));
+}
+
+TEST_F(SubscriberLedgerTest, Wait_WhileStopping_ReturnsOneAndIsNotPassedOn) {
+    const long subscriber = Register();
+    ledger.StopAndUnregisterAll();
+    journal.Clear();
+    EXPECT_EQ(test_support::WaitOn(ledger, subscriber), NotDelivered(1));
+    EXPECT_TRUE(journal.All().empty());
 }
 
 TEST_F(SubscriberLedgerTest, Results_AreTheBuss) {

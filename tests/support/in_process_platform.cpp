@@ -119,6 +119,12 @@ std::int32_t InProcessPlatform::Accept(const char* clientName, const char* servi
     if (client->isGone) {
         return KnStatusPeerGone;
     }
+    if (isClosed) {
+        client->status = KnStatusClosed;
+        client->isAnswered = true;
+        changed.notify_all();
+        return KnStatusClosed;
+    }
     std::shared_ptr<InProcessChannel> serverEnd;
     if (channel == KnInvalidHandle) {
         serverEnd = std::make_shared<InProcessChannel>(InProcessChannel::DeadClient::ReplyAnswersOk);

@@ -24,11 +24,11 @@ std::int32_t KnHandleClose(KnHandle handle) noexcept;
 ///
 /// Contract:
 /// - Every thread blocked in receive returns KnStatusClosed at once, and so does every later receive; every thread
-///   blocked in KnCmListen, too.
+///   blocked in KnCmListen, too, and KnCmAccept refuses the client.
 /// - A request that was received before can still be replied to.
 /// - Calls that were not received stay blocked until the server ends close.
 ///
-/// Threads: any, but not while the same task registers, publishes or accepts.
+/// Threads: any, but not while the same task registers or publishes.
 void KnHandleStopReceiving() noexcept;
 
 /// Closes every server end of the calling task and withdraws every service it published: the last step of a server

@@ -39,6 +39,17 @@ TEST_F(StopReceivingTest, EndsEveryReceive_AndEveryListen_NowAndLater) {
     EXPECT_EQ(KnStatusClosed, Listen(0xFFFFFFFF).status);
 }
 
+TEST_F(StopReceivingTest, RefusesAClientThatWasAnnounced) {
+    ASSERT_EQ(KnStatusOk, Publish("service"));
+    Asking asking("service");
+    const Request request = Listen();
+    ASSERT_EQ(KnStatusOk, request.status);
+    KnHandleStopReceiving();
+    KnHandle handle = KnInvalidHandle;
+    EXPECT_EQ(KnStatusClosed, KnCmAccept(request.client.c_str(), request.service.c_str(), 0, KnInvalidHandle, &handle));
+    EXPECT_EQ(KnStatusClosed, asking.status.Get());
+}
+
 TEST_F(StopReceivingTest, LeavesReceivedRequestsToBeAnswered) {
     const Handle server = RegisterStatic();
     const Handle client = ConnectStatic();

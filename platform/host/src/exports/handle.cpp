@@ -23,10 +23,11 @@ std::int32_t KnHandleClose(KnHandle handle) noexcept {
 
 void KnHandleStopReceiving() noexcept {
     NoThrow([] {
+        // In this order: what was accepted before is among the server ends, and nothing is accepted afterwards.
+        Housekeeper::Instance().StopListening();
         for (const auto& channel : HandleTable::Instance().ServerEnds()) {
             channel->StopReceiving();
         }
-        Housekeeper::Instance().StopListening();
         return KnStatusOk;
     });
 }

@@ -95,6 +95,7 @@ std::shared_ptr<End> HandleTable::Remove(KnHandle handle) noexcept {
 std::vector<std::shared_ptr<Channel>> HandleTable::ServerEnds() const {
     const common::MutexLock lock(entries->mutex);
     std::vector<std::shared_ptr<Channel>> channels;
+    channels.reserve(entries->open.size());
     for (const auto& [handle, end] : entries->open) {
         if (IsServerEnd(*end)) {
             channels.push_back(end->channel);
@@ -106,6 +107,7 @@ std::vector<std::shared_ptr<Channel>> HandleTable::ServerEnds() const {
 std::vector<std::shared_ptr<Channel>> HandleTable::RemoveServerEnds() {
     const common::MutexLock lock(entries->mutex);
     std::vector<std::shared_ptr<Channel>> channels;
+    channels.reserve(entries->open.size()); // before anything is erased
     std::erase_if(entries->open, [&](const auto& entry) {
         if (IsServerEnd(*entry.second)) {
             channels.push_back(entry.second->channel);

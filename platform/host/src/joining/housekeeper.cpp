@@ -183,9 +183,10 @@ std::int32_t Housekeeper::Accept(std::string_view clientName, std::string_view s
         visitors.Forget(*visitor);
         return KnStatusPeerGone;
     }
-    if (!channel) {
-        visitors.Refuse(*visitor, refusal);
-        return refusal;
+    if (!channel || !isListening) {
+        const std::int32_t status = channel ? std::int32_t{KnStatusClosed} : refusal;
+        visitors.Refuse(*visitor, status);
+        return status;
     }
     const RequestFilter filter{iid, DeclaredMethodCount(visitor->type)};
     return visitors.Join(*visitor, channel, filter);

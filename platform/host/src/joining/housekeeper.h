@@ -40,7 +40,7 @@ public:
     std::int32_t Accept(std::string_view clientName, std::string_view service, std::uint16_t iid,
                         const std::shared_ptr<Channel>& channel, std::int32_t refusal) EXCLUDES(mutex);
 
-    /// Makes every KnCmListen return KnStatusClosed, until a service is published again.
+    /// Makes every KnCmListen return KnStatusClosed, and KnCmAccept refuse, until a service is published again.
     void StopListening() EXCLUDES(mutex);
 
     /// Removes the channel's name, if it has one, and closes it.
