@@ -8,7 +8,8 @@
 // Connection manager: how a client of a published service gets a connection at run time.
 //
 // Contract:
-// - A client asks for a service that a live server published; the server listens, learns which client asks for which service, and
+// - A client asks for a service that a live server published; the server listens, learns which client asks for which
+// service, and
 //   accepts. The connection then leads to the channel whose handle the server accepted it to.
 // - What a connection may ask is bound to the `iid` of its acceptance: a request for another interface, or for a method
 //   that the interface does not have (see kn/policy.h), is answered by the platform and never reaches the server.

@@ -20,7 +20,8 @@ inline constexpr KnHandle KnInvalidHandle = 0xFFFFFFFF;
 /// Blocks: never on a peer. Threads: any.
 std::int32_t KnHandleClose(KnHandle handle) noexcept;
 
-/// Stops receiving on every server end of the calling task, permanently: in an orderly stop, before the server ends close.
+/// Stops receiving on every server end of the calling task, permanently: in an orderly stop, before the server ends
+/// close.
 ///
 /// Contract:
 /// - Every thread blocked in receive returns KnStatusClosed at once, and so does every later receive; every thread
