@@ -22,8 +22,11 @@ def documented():
 def running(pid):
     names = []
     for task in os.listdir(f"/proc/{pid}/task"):
-        with open(f"/proc/{pid}/task/{task}/comm", encoding="utf-8") as comm:
-            names.append(comm.read().rstrip("\n"))
+        try:
+            with open(f"/proc/{pid}/task/{task}/comm", encoding="utf-8") as comm:
+                names.append(comm.read().rstrip("\n"))
+        except (FileNotFoundError, ProcessLookupError):
+            pass  # the thread has ended meanwhile
     return names
 
 
