@@ -3,6 +3,7 @@
 #include "bus_interfaces.h"
 #include "common/mutex.h"
 
+#include <atomic>
 #include <cstddef>
 #include <unordered_set>
 
@@ -32,13 +33,12 @@ public:
     std::size_t StopAndUnregisterAll();
 
 private:
-    bool IsStopping() const;
-
     message_bus::IProviderControl& control;
     message_bus::IWorker& worker;
 
-    mutable common::Mutex mutex;
-    bool isStopping GUARDED_BY(mutex) = false;
+    std::atomic<bool> isStopping{false}; ///< turns true under the mutex; every wait reads it
+
+    common::Mutex mutex;
     std::unordered_set<long> subscribers GUARDED_BY(mutex);
 };
 

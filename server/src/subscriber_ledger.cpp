@@ -7,12 +7,12 @@ namespace msgbus_server {
 using cor::ResultCode;
 
 cor::ResultCode SubscriberLedger::RegisterPublisher(const std::string& topic, long& publisherId) {
-    return IsStopping() ? ResultCode::Failed : control.RegisterPublisher(topic, publisherId);
+    return isStopping ? ResultCode::Failed : control.RegisterPublisher(topic, publisherId);
 }
 
 cor::ResultCode SubscriberLedger::RegisterSubscriber(const std::string& name, const std::set<std::string>& topics,
                                                      long& subscriberId) {
-    if (IsStopping()) {
+    if (isStopping) {
         return ResultCode::Failed;
     }
     const ResultCode result = control.RegisterSubscriber(name, topics, subscriberId);
@@ -48,7 +48,7 @@ cor::ResultCode SubscriberLedger::UnregisterSubscriber(long subscriberId) {
 }
 
 cor::ResultCode SubscriberLedger::Wait(long subscriberId, std::string& topic, long& message) {
-    return IsStopping() ? ResultCode::NotRegistered : worker.Wait(subscriberId, topic, message);
+    return isStopping ? ResultCode::NotRegistered : worker.Wait(subscriberId, topic, message);
 }
 
 std::size_t SubscriberLedger::StopAndUnregisterAll() {
@@ -62,11 +62,6 @@ std::size_t SubscriberLedger::StopAndUnregisterAll() {
         control.UnregisterSubscriber(id);
     }
     return left.size();
-}
-
-bool SubscriberLedger::IsStopping() const {
-    const common::MutexLock lock(mutex);
-    return isStopping;
 }
 
 } // namespace msgbus_server

@@ -18,7 +18,7 @@ namespace {
 
 using message_bus::ConnectionType;
 using msgbus_server::BusServer;
-using test_support::Client;
+using test_support::ServedBus;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -39,32 +39,6 @@ std::vector<std::string> ThreadNames() {
     return names;
 }
 
-/// A server on a thread of its own, with everything that it adds.
-class RunningServer final {
-public:
-    explicit RunningServer(ConnectionType type) : server({.connectionType = type}) {
-        std::promise<void> serving;
-        outcome = std::async(std::launch::async, [this, &serving] { return server.Run([&] { serving.set_value(); }); });
-        serving.get_future().wait();
-    }
-    ~RunningServer() {
-        if (outcome.valid()) {
-            Stop();
-        }
-    }
-    RunningServer(const RunningServer&) = delete;
-    RunningServer& operator=(const RunningServer&) = delete;
-
-    bool Stop() {
-        server.RequestStop();
-        return outcome.get();
-    }
-
-private:
-    BusServer server;
-    std::future<bool> outcome;
-};
-
 class BusServerTest : public test_support::BusTest, public test_support::EitherMode {
 protected:
     test_support::ScriptedPlatform platform;
@@ -74,14 +48,14 @@ INSTANTIATE_TEST_SUITE_P(EitherWay, BusServerTest, testing::Values(ConnectionTyp
                          test_support::ModeName);
 
 TEST_P(BusServerTest, Run_ServesUntilItIsAskedToStop) {
-    RunningServer server(GetParam());
+    ServedBus server({.connectionType = GetParam()});
     auto ctl = Ctl();
     auto provider = Provider();
     auto subs = Subs();
     const long subscriber = ctl.Subscribe("reader", {"heat"});
     EXPECT_EQ(provider.Push(ctl.RegisterPublisher("heat"), 21), 0);
     EXPECT_EQ(subs.Wait(subscriber), std::tuple(0, "heat", 21));
-    EXPECT_TRUE(server.Stop());
+    server.ShutDown();
 }
 
 TEST_P(BusServerTest, Run_AfterARequestToStop_ServesNothingAndReturnsTrue) {
@@ -91,7 +65,7 @@ TEST_P(BusServerTest, Run_AfterARequestToStop_ServesNothingAndReturnsTrue) {
 }
 
 TEST_P(BusServerTest, AStop_AnswersEveryBlockedWaitWithOneAndReportsHowMany) {
-    RunningServer server(GetParam());
+    ServedBus server({.connectionType = GetParam()});
     auto ctl = Ctl();
     std::vector<std::future<std::int32_t>> waits;
     for (int i = 0; i < 3; ++i) {
@@ -99,7 +73,7 @@ TEST_P(BusServerTest, AStop_AnswersEveryBlockedWaitWithOneAndReportsHowMany) {
                                    [id = ctl.Subscribe("reader", {"heat"})] { return std::get<0>(Subs().Wait(id)); }));
     }
     ASSERT_TRUE(journal.Await("1 Wait: BosConnector: started", 3));
-    EXPECT_TRUE(server.Stop());
+    server.ShutDown();
     for (auto& wait : waits) {
         EXPECT_EQ(wait.get(), NotRegistered);
     }
@@ -107,7 +81,7 @@ TEST_P(BusServerTest, AStop_AnswersEveryBlockedWaitWithOneAndReportsHowMany) {
 }
 
 TEST_P(BusServerTest, AStop_IsReportedFromBeginningToEndWithoutAnError) {
-    RunningServer server(GetParam());
+    ServedBus server({.connectionType = GetParam()});
     auto ctl = Ctl();
     auto provider = Provider();
     auto subs = Subs();
@@ -115,7 +89,7 @@ TEST_P(BusServerTest, AStop_IsReportedFromBeginningToEndWithoutAnError) {
     EXPECT_EQ(provider.Push(ctl.RegisterPublisher("heat"), 1), 0);
     EXPECT_EQ(std::get<0>(subs.Wait(subscriber)), 0); // every kind of worker has served, and blocks in receive
     journal.Clear();
-    EXPECT_TRUE(server.Stop());
+    server.ShutDown();
     EXPECT_THAT(Errors(), IsEmpty());
     std::vector<std::string> lines = journal.Logs();
     std::erase_if(lines, [](const std::string& line) { return !line.starts_with("2 Stop: "); });
@@ -125,10 +99,10 @@ TEST_P(BusServerTest, AStop_IsReportedFromBeginningToEndWithoutAnError) {
 TEST_P(BusServerTest, AStop_LeavesNoThreadAndNoName) {
     const std::size_t before = ThreadNames().size();
     for (int round = 0; round < 3; ++round) {
-        RunningServer server(GetParam());
+        ServedBus server({.connectionType = GetParam()});
         auto ctl = Ctl();
         EXPECT_NE(ctl.RegisterPublisher("heat"), -1);
-        EXPECT_TRUE(server.Stop());
+        server.ShutDown();
     }
     // A detached remover may end a moment after the record that it erased.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -154,7 +128,7 @@ TEST_P(BusServerTest, Run_NamesTheEventsThreadAndKeepsItsOwnName) {
 }
 
 TEST_P(BusServerTest, ABareServer_RegistersNothingOfItsOwn) {
-    test_support::ServedBus served(GetParam());
+    ServedBus served(GetParam());
     auto ctl = Ctl();
     EXPECT_EQ(ctl.RegisterPublisher("heat"), 1);
 }

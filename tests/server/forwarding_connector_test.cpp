@@ -4,16 +4,18 @@
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 
-#include <future>
+#include <thread>
 
 namespace {
 
 using cor::ResultCode;
 using msgbus_server::ForwardingConnector;
 using testing::ElementsAre;
+namespace fault_points = test_support::fault_points;
 
 class ForwardingConnectorTest : public test_support::BusTest {
 protected:
+    const fault_points::Disarmer disarmer{};
     test_support::FakeConnector target;
     ForwardingConnector forwarding{target, [this] { journal.AddCall("hosting"); },
                                    [this] { journal.AddCall("serving"); }};
@@ -33,11 +35,12 @@ TEST_F(ForwardingConnectorTest, RunServer_ReportsServingAfterTheTarget) {
 
 TEST_F(ForwardingConnectorTest, ShouldBeStopped_WhileServing_BlocksUntilAStopIsRequested) {
     ASSERT_EQ(forwarding.RunServer(), ResultCode::Success);
-    auto answer = std::async(std::launch::async, [this] { return forwarding.ShouldBeStopped(); });
-    ASSERT_TRUE(journal.Await("hosting"));
-    EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    bool answer = false;
+    std::thread host([&] { answer = forwarding.ShouldBeStopped(); });
+    EXPECT_TRUE(fault_points::AwaitSleepingOnCondition(host.get_id()));
     forwarding.RequestStop();
-    EXPECT_TRUE(answer.get());
+    host.join();
+    EXPECT_TRUE(answer);
     EXPECT_TRUE(forwarding.ShouldBeStopped()) << "for ever";
 }
 

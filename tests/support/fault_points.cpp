@@ -93,6 +93,7 @@ Hook<std::chrono::nanoseconds> sleepHook;
 Hook<> boostJoinHook;
 Hook<> boostStartHook;
 Hook<> notifyOneHook;
+Hook<> conditionWaitHook;
 
 /// The threads that stop somewhere.
 class Stopped {
@@ -176,6 +177,10 @@ void AfterBoostStart(std::function<void()> action) {
     boostStartHook.Set(std::move(action));
 }
 
+void BeforeConditionWait(std::function<void()> action) {
+    conditionWaitHook.Set(std::move(action));
+}
+
 void BeforeNotifyOne(std::function<void()> action) {
     notifyOneHook.Set(std::move(action));
 }
@@ -233,6 +238,7 @@ void DisarmAll() {
     SetSleep(nullptr);
     BeforeBoostJoin(nullptr);
     AfterBoostStart(nullptr);
+    BeforeConditionWait(nullptr);
     BeforeNotifyOne(nullptr);
     mutexLocksToSkip = -1;
     DisarmAllocation();
@@ -325,6 +331,9 @@ __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condition_
                                                                  std::unique_lock<std::mutex>& lock);
 void __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condition_variable* self,
                                                                       std::unique_lock<std::mutex>& lock) {
+    if (const auto action = fault_points::conditionWaitHook.Get()) {
+        action();
+    }
     // With the mutex still held: a thread that locks it after AwaitSleepingOnCondition finds this thread asleep.
     fault_points::OnCondition().Enter();
     __real__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(self, lock);

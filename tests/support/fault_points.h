@@ -45,6 +45,10 @@ void BeforeBoostJoin(std::function<void()> action);
 /// Called in every start of a boost::thread after the thread runs, before its starter knows; null: nothing.
 void AfterBoostStart(std::function<void()> action);
 
+/// Called on the waiting thread before each std::condition_variable::wait, with its mutex held; must not throw. Null:
+/// nothing.
+void BeforeConditionWait(std::function<void()> action);
+
 /// Called on the notifying thread before each std::condition_variable::notify_one; must not throw. Null: nothing.
 void BeforeNotifyOne(std::function<void()> action);
 

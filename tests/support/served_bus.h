@@ -26,12 +26,14 @@ inline void Nudge(message_bus::MessageBus& bus) {
     static_cast<void>(bus.UnregisterPublisher(unknownPublisher));
 }
 
-/// The whole bus on the in-process platform, as the server program runs it, but bare: without what the server adds to
-/// the bus's answers.
+/// The whole bus on the in-process platform, as the server program runs it.
 class ServedBus final {
 public:
+    /// Bare: without what the server adds to the bus's answers.
     explicit ServedBus(message_bus::ConnectionType type)
-        : server({.connectionType = type, .fastWait = false, .flushWake = false, .placement = false}) {
+        : ServedBus({.connectionType = type, .fastWait = false, .flushWake = false, .placement = false}) {}
+
+    explicit ServedBus(const msgbus_server::BusServerOptions& options) : server(options) {
         std::promise<bool> started;
         runner = std::thread([this, &started] {
             bool hasStarted = false;
