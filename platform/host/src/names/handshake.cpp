@@ -19,8 +19,7 @@ std::int32_t Check(const Greeting& greeting) noexcept {
     if (greeting.magic != GreetingMagic || greeting.recordSize != NkRecordSize) {
         return KnStatusDenied;
     }
-    const bool isServed =
-        greeting.layoutVersion >= OldestLayoutVersion && greeting.layoutVersion <= LayoutVersion;
+    const bool isServed = greeting.layoutVersion >= OldestLayoutVersion && greeting.layoutVersion <= LayoutVersion;
     return isServed ? KnStatusOk : KnStatusOtherVersion;
 }
 

@@ -72,7 +72,7 @@ public:
 
 private:
     struct Entry {
-        const void* channel; ///< compared only: the channel may have been destroyed
+        const void* channel;                   ///< compared only: the channel may have been destroyed
         std::shared_ptr<ChannelClient> client; ///< null: deferred
     };
 

@@ -150,8 +150,8 @@ std::int32_t Channel::Defer(NkDeferredReply& deferred) noexcept {
     return KnStatusOk;
 }
 
-std::int32_t Channel::ReplyDeferred(const NkDeferredReply& deferred, const nk_message& response,
-                                    const NkOffers& offers, std::size_t& offered) noexcept {
+std::int32_t Channel::ReplyDeferred(const NkDeferredReply& deferred, const nk_message& response, const NkOffers& offers,
+                                    std::size_t& offered) noexcept {
     if (state->clients.IsClosed(std::memory_order_acquire)) {
         return KnStatusClosed;
     }

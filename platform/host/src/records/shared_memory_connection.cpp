@@ -9,8 +9,8 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <system_error>

@@ -51,8 +51,8 @@ std::int32_t SharedMemoryRegion::Open(const UniqueFd& file, SharedMemoryRegion& 
         return mapped;
     }
     const SharedSlot& slot = opened.Slot();
-    if (slot.magic != SharedSlot::ExpectedMagic || slot.version != LayoutVersion ||
-        slot.size != sizeof(SharedSlot) || slot.recordSize != NkRecordSize) {
+    if (slot.magic != SharedSlot::ExpectedMagic || slot.version != LayoutVersion || slot.size != sizeof(SharedSlot) ||
+        slot.recordSize != NkRecordSize) {
         return KnStatusDenied;
     }
     region = std::move(opened);

@@ -36,7 +36,8 @@
 //
 // The server trusts its own turn and nothing in the page. Of the client's words it uses a sequence number, which must
 // be the next one or the last one, a mask of pieces, of which every value is valid, a hint whether the client sleeps,
-// and how many of its own offers are taken, which it bounds by the number that it put. It copies a record once, then checks and uses the copy. So a client that writes garbage harms itself only.
+// and how many of its own offers are taken, which it bounds by the number that it put. It copies a record once, then
+// checks and uses the copy. So a client that writes garbage harms itself only.
 //
 // Who wakes whom:
 //
@@ -53,8 +54,9 @@
 // will ring), or its event is pending in the kernel, where every receiver that comes to sleep finds it.
 //
 // The death of a client: the housekeeper calls RemoveClient. A free, filling, ready, deferred or replied slot is
-// forgotten, with its offers; a claimed one is replied to by its thread, into memory that no process reads, and goes with that thread's reference.
-// The death of the server: the kernel closes the sockets; a client looks for its reply once more and gives up.
+// forgotten, with its offers; a claimed one is replied to by its thread, into memory that no process reads, and goes
+// with that thread's reference. The death of the server: the kernel closes the sockets; a client looks for its reply
+// once more and gives up.
 
 namespace borven_host {
 
