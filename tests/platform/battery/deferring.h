@@ -129,6 +129,44 @@ private:
     Background<Returned> call;
 };
 
+/// Two threads that do the same at the same time, again and again: the calling one, and one of its own.
+template <typename Result>
+class Rivals final {
+public:
+    explicit Rivals(std::function<Result(int rival)> given) : step(std::move(given)) {}
+    Rivals(Rivals&&) = delete;
+    ~Rivals() { round = -1; }
+
+    std::array<Result, 2> Race() {
+        const int now = ++round;
+        Await("the rival's start", [&] { return started == now; });
+        for (int spins = now % 100; spins > 0; --spins) { // the other one has a way to go, too
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        }
+        Result own = step(0);
+        Await("the rival's end", [&] { return ended == now; });
+        return {std::move(own), std::move(result)};
+    }
+
+private:
+    const std::function<Result(int)> step;
+    std::atomic<int> round{0};
+    std::atomic<int> started{0};
+    std::atomic<int> ended{0};
+    Result result{}; ///< of the rival; handed over by `ended`
+    Background<void> rival{[this] {
+        for (int last = 0; true; ++last) {
+            Await("the next round", [&] { return round != last; });
+            if (round < 0) {
+                return;
+            }
+            started = last + 1;
+            result = step(1);
+            ended = last + 1;
+        }
+    }};
+};
+
 inline Returned OkWith(std::int64_t value) {
     return {KnStatusOk, value};
 }

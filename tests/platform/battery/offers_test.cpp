@@ -122,25 +122,20 @@ TEST_P(OffersTest, TakenBack_AreCountedAndNeverDelivered) {
     }
 }
 
-TEST_P(OffersTest, AnyThread_TakesThemBack_AndOneOfSeveral) {
+TEST_P(OffersTest, AnyThread_TakesThemBack_AndOneOfTwo) {
     const Handle client = Connect();
-    for (int round = 0; round < 50; ++round) {
-        const NkDeferredReply deferred = CallWithOffers(client, 10, {11, 12});
+    NkDeferredReply deferred;
+    using Outcome = std::pair<std::int32_t, std::size_t>;
+    Rivals<Outcome> rivals([&](int) {
+        Outcome outcome{KnStatusOk, 77};
+        outcome.first = NkTakeBackOffers(deferred, &outcome.second);
+        return outcome;
+    });
+    for (int round = 0; round < 1000; ++round) {
+        deferred = CallWithOffers(client, 10, {11, 12});
         CallThatTakes(client, 11);
-        std::atomic<bool> mayStart{false};
-        const auto takeBack = [&] {
-            Await("the start", [&] { return mayStart.load(); });
-            std::size_t taken = 77;
-            const auto status = NkTakeBackOffers(deferred, &taken);
-            return std::pair(status, taken);
-        };
-        Background first(takeBack);
-        Background second(takeBack);
-        mayStart = true;
-        const std::array results{first.Get(), second.Get()};
-        EXPECT_THAT(results,
-                    testing::UnorderedElementsAre(std::pair(std::int32_t{KnStatusOk}, std::size_t{1}),
-                                                  std::pair(std::int32_t{KnStatusInvalidArgument}, std::size_t{77})));
+        EXPECT_THAT(rivals.Race(),
+                    testing::UnorderedElementsAre(Outcome{KnStatusOk, 1}, Outcome{KnStatusInvalidArgument, 77}));
     }
 }
 
@@ -224,8 +219,9 @@ TEST_P(OffersTest, OfAClientThatGoesAway_AreTaken) {
 
 TEST_P(OffersTest, AfterTheClientsHandleIsClosed_AreNotTaken) {
     Handle client = Connect();
-    CallWithOffers(client, 10, {11, 12});
+    CallWithOffers(client, 10, {11, 12, 13});
     const KnHandle handle = client.Get();
+    EXPECT_EQ(OkWith(11), CallFor(handle, 1)); // this thread knows the handle
     client.Close();
     EXPECT_EQ(KnStatusClosed, CallFor(handle, 1).status);
 }
@@ -233,7 +229,7 @@ TEST_P(OffersTest, AfterTheClientsHandleIsClosed_AreNotTaken) {
 TEST_P(OffersTest, AfterTheChannelIsClosed_AreNotTaken) {
     const Handle client = Connect();
     CallWithOffers(client, 10, {11, 12});
-    CallThatTakes(client, 11);
+    EXPECT_EQ(OkWith(11), CallFor(client.Get(), 1));
     ASSERT_EQ(KnStatusOk, KnHandleClose(Channel()));
     EXPECT_EQ(KnStatusClosed, CallFor(client.Get(), 1).status);
 }
@@ -298,36 +294,48 @@ private:
     std::optional<NkDeferredReply> offering;
 };
 
-// Whichever side has it wrong, the numbers that follow are too high or too low.
+// Whichever side has it wrong, the numbers that follow are too high or too low. The server takes back while the client
+// takes one after the other.
 TEST_P(OffersTest, EachIsTakenOrTakenBack_WhenTheServerAndTheClientMeet) {
-    constexpr std::int64_t end = 20000;
+    constexpr int enough = 500;
+    constexpr int mostRounds = 20000;
     const Handle client = Connect();
+    std::atomic<std::int64_t> seen{-1};
     Background serving([&] {
         constexpr unsigned seed = 2024;
         std::mt19937 random(seed);
         Counting numbers;
-        int withdrawn = 0;
-        while (numbers.Next() < end) {
+        int met = 0;
+        for (int round = 0; round < mostRounds && met < enough; ++round) {
             const NkDeferredReply deferred = ReceiveAndDefer();
             numbers.TakeBack();
-            const std::int64_t left = end - 1 - numbers.Next();
-            // The last one comes without offers, so that the client sends a request for it.
-            const auto most = static_cast<std::size_t>(std::clamp<std::int64_t>(left - 1, 0, random() % 9));
+            const std::size_t most = random() % NkMaxOffers;
+            const std::int64_t answer = numbers.Next();
             numbers.Answer(deferred, most);
-            if (random() % 4 == 0) {
+            if (random() % 8 == 0) {
                 continue; // takes them back when the client has taken all
             }
-            for (auto spins = random() % 2000; spins > 0; --spins) {
+            for (int spins = 100000; spins > 0 && seen < answer; --spins) { // no yield: the client would take all
+            }
+            for (auto spins = random() % 20000; spins > 0; --spins) {
                 std::atomic_signal_fence(std::memory_order_seq_cst);
             }
-            withdrawn += numbers.TakeBack().value_or(most) < most ? 1 : 0;
+            const std::size_t taken = numbers.TakeBack().value_or(0);
+            met += taken > 0 && taken < most ? 1 : 0;
         }
-        return withdrawn;
+        const NkDeferredReply last = ReceiveAndDefer();
+        EXPECT_EQ(KnStatusOk, Answer(last, -1));
+        numbers.TakeBack();
+        return std::pair(met, numbers.Next());
     });
-    for (std::int64_t value = 0; value < end; ++value) {
-        ASSERT_EQ(OkWith(value), CallFor(client.Get(), 1));
+    Returned returned;
+    for (std::int64_t value = 0; (returned = CallFor(client.Get(), 1)) != OkWith(-1); ++value) {
+        ASSERT_EQ(OkWith(value), returned);
+        seen = value;
     }
-    EXPECT_GT(serving.Get(), 0) << "some were taken back";
+    const auto [met, numbers] = serving.Get();
+    EXPECT_GT(met, 0) << "some were taken, and the others taken back";
+    EXPECT_EQ(numbers - 1, seen);
 }
 
 TEST_P(OffersTest, SeveralThreadsOnOneConnection_TakeEachOnce) {

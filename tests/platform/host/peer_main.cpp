@@ -4,6 +4,7 @@
 #include "kn/connection_manager.h"
 #include "kn/handle.h"
 #include "kn/status.h"
+#include "nk/deferred_reply.h"
 #include "nk/transport.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
@@ -23,6 +24,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <numeric>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -53,6 +55,7 @@ public:
             {"accept", [this] { Say(KnCmAccept(asker.data(), service.data(), 0, server, &server)); }},
             {"receive", [this] { Say(Receive()); }},
             {"reply", [this] { Say(Reply()); }},
+            {"reply-with-offers", [this] { Say(ReplyWithOffers(std::stoul(Next()))); }},
             {"serve", [this] { Serve(); }},
             {"thread-name", [this] { SayText(NameOf(servingThread)); }},
             {"close-all", [this] { Say((KnHandleCloseServerEnds(), 0)); }},
@@ -133,6 +136,19 @@ private:
     std::int32_t Reply() {
         NkBosTransport transport = TransportOf(server);
         return NkBosTransport_Reply(&transport, &received.header, nullptr);
+    }
+
+    /// Answers with 100, and offers what follows. Returns: how many were put.
+    std::size_t ReplyWithOffers(std::size_t count) {
+        std::vector<std::int64_t> values(count);
+        std::iota(values.begin(), values.end(), 101);
+        const std::int64_t first = 100;
+        std::memcpy(received.body.data(), &first, sizeof first);
+        NkDeferredReply deferred;
+        std::size_t put = 0;
+        NkDeferReply(&deferred);
+        NkReplyDeferred(deferred, &received.header, {sizeof(nk_message), values.data(), values.size()}, &put);
+        return put;
     }
 
     void Serve() {

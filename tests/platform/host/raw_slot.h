@@ -7,13 +7,13 @@
 
 namespace platform_test {
 
-/// A client that has joined the static connection `name` and does its half of the slot and doorbell protocol by hand,
+/// A client that has joined the static connection "line" and does its half of the slot and doorbell protocol by hand,
 /// step by step.
 class RawSlot final {
 public:
-    explicit RawSlot(const std::string& name = "line") {
-        EXPECT_EQ(0, socket.Connect("static/" + name));
-        EXPECT_TRUE(socket.Greet());
+    explicit RawSlot(std::uint16_t layoutVersion = borven_host::LayoutVersion) {
+        EXPECT_EQ(0, socket.Connect("static/line"));
+        EXPECT_TRUE(socket.Greet(layoutVersion));
         pollfd waited{socket.Get(), POLLIN, 0};
         if (::poll(&waited, 1, static_cast<int>(PatienceMs)) == 0) {
             GiveUp("a server should answer a greeting");

@@ -76,8 +76,8 @@ public:
         return ::send(fd, bytes, size, MSG_NOSIGNAL | flags) == static_cast<ssize_t>(size);
     }
 
-    bool Greet() const {
-        const borven_host::Greeting greeting{borven_host::GreetingMagic, borven_host::LayoutVersion, NkRecordSize};
+    bool Greet(std::uint16_t layoutVersion = borven_host::LayoutVersion) const {
+        const borven_host::Greeting greeting{borven_host::GreetingMagic, layoutVersion, NkRecordSize};
         return Send(&greeting, sizeof greeting);
     }
 
