@@ -4,15 +4,9 @@
 #include "records/shared_memory_channel.h"
 
 #include "common/mutex.h"
-#include "kn/status.h"
-#include "names/handshake.h"
-#include "records/event_fd.h"
-#include "records/shared_memory_connection.h"
-#include "support.h"
+#include "one_mapping.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <random>
@@ -25,58 +19,10 @@ using borven_host::Connection;
 using borven_host::LayoutVersion;
 using borven_host::MakeBell;
 using borven_host::RequestFilter;
-using borven_host::SharedMemoryEnds;
 using borven_host::SharedMemoryRegion;
 using borven_host::SlotHalf;
 using borven_host::SlotWord;
 using borven_host::UniqueFd;
-
-struct Client {
-    std::shared_ptr<Connection> connection;
-    std::uint64_t id = 0;
-};
-
-UniqueFd Duplicate(const UniqueFd& fd) {
-    return UniqueFd(::fcntl(fd.Get(), F_DUPFD_CLOEXEC, 3));
-}
-
-/// Joins a client whose page is mapped once, for both sides.
-Client JoinOverOneMapping(Channel& channel, const RequestFilter& filter = {}) {
-    std::array<int, 2> pair{};
-    EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()));
-    UniqueFd serverSocket(pair[0]);
-    SharedMemoryEnds ends;
-    UniqueFd file;
-    EXPECT_EQ(KnStatusOk, SharedMemoryRegion::Create(LayoutVersion, ends.region, file));
-    ends.bell = MakeBell();
-    ends.doorbell = MakeBell();
-    SharedMemoryEnds other{ends.region, Duplicate(ends.bell), Duplicate(ends.doorbell)};
-    Client joined;
-    joined.connection = std::make_shared<Connection>(UniqueFd(pair[1]), UniqueFd(), std::move(other));
-    EXPECT_EQ(KnStatusOk, channel.AddClient(std::move(serverSocket), std::move(ends), filter, &joined.id));
-    return joined;
-}
-
-std::int32_t ReceiveFrom(Channel& channel, Record& request) {
-    NkSetSize(request.header, NkRecordSize);
-    return channel.Receive(&request.header);
-}
-
-std::int32_t EchoTo(Channel& channel, const Record& request) {
-    Record response = request;
-    response.SetValue(request.Value() + 1);
-    return channel.Reply(&response.header);
-}
-
-std::int32_t CallOn(Connection& connection, std::int64_t value, std::int64_t* returned = nullptr) {
-    const Record request = RequestOf(value);
-    Record response;
-    const auto status = connection.Call(&request.header, &response.header);
-    if (returned != nullptr) {
-        *returned = response.Value();
-    }
-    return status;
-}
 
 /// One call for each value from `first` up to `end`, which must be answered with the next one.
 void CallWithEach(Connection& connection, std::int64_t first, std::int64_t end) {

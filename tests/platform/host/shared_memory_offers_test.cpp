@@ -14,7 +14,7 @@ using borven_host::SharedSlot;
 
 constexpr std::size_t ValueOffset = sizeof(nk_message);
 
-class RudeOffers : public PlatformTest {
+class RudeOffersTest : public PlatformTest {
 protected:
     void SetUp() override {
         PlatformTest::SetUp();
@@ -101,7 +101,7 @@ private:
     NkDeferredReply deferred;
 };
 
-TEST_F(RudeOffers, TakenByTheProtocol_AreCounted) {
+TEST_F(RudeOffersTest, TakenByTheProtocol_AreCounted) {
     RawSlot client;
     for (std::uint32_t next = 0; next <= 5; ++next) {
         const NkDeferredReply deferred = CallWithOffers(client, 5);
@@ -118,7 +118,7 @@ TEST_F(RudeOffers, TakenByTheProtocol_AreCounted) {
     }
 }
 
-TEST_F(RudeOffers, WhoseWordMakesNoSense_CountAsAllTaken_AndTheNextOnesAreSound) {
+TEST_F(RudeOffersTest, WhoseWordMakesNoSense_CountAsAllTaken_AndTheNextOnesAreSound) {
     const Bystander other(server.Get());
     RawSlot client;
     constexpr std::uint32_t count = 5;
@@ -155,7 +155,7 @@ TEST_F(RudeOffers, WhoseWordMakesNoSense_CountAsAllTaken_AndTheNextOnesAreSound)
     EXPECT_EQ(0u, TakeBack(deferred));
 }
 
-TEST_F(RudeOffers, AtRandom_NeverCountForMoreThanThereWere) {
+TEST_F(RudeOffersTest, AtRandom_NeverCountForMoreThanThereWere) {
     const Bystander other(server.Get());
     constexpr unsigned seed = 31;
     std::mt19937_64 random(seed);
@@ -176,7 +176,7 @@ TEST_F(RudeOffers, AtRandom_NeverCountForMoreThanThereWere) {
     }
 }
 
-TEST_F(RudeOffers, ThatAreForgedWhileNoneAreOutstanding_AreNothingToTakeBack) {
+TEST_F(RudeOffersTest, ThatAreForgedWhileNoneAreOutstanding_AreNothingToTakeBack) {
     RawSlot client;
     const NkDeferredReply deferred = CallWithOffers(client, 0);
     client.Slot().offers.word.store(OfferWord(deferred.call, 1, 5).Raw());
@@ -187,7 +187,7 @@ TEST_F(RudeOffers, ThatAreForgedWhileNoneAreOutstanding_AreNothingToTakeBack) {
     EXPECT_EQ(0u, TakeBack(next));
 }
 
-TEST_F(RudeOffers, WhileOthersAreOutstanding_AreNotPut_WhateverThePageSays) {
+TEST_F(RudeOffersTest, WhileOthersAreOutstanding_AreNotPut_WhateverThePageSays) {
     RawSlot client;
     const NkDeferredReply deferred = CallWithOffers(client, 3);
     client.Slot().offers.word.store(0); // as if they were taken back
@@ -198,7 +198,7 @@ TEST_F(RudeOffers, WhileOthersAreOutstanding_AreNotPut_WhateverThePageSays) {
     EXPECT_EQ(3u, TakeBack(deferred));
 }
 
-TEST_F(RudeOffers, ThatPublishesWhileItsRequestIsDeferred_WaitsItsTurn) {
+TEST_F(RudeOffersTest, ThatPublishesWhileItsRequestIsDeferred_WaitsItsTurn) {
     RawSlot client;
     client.Send(RequestOf(1));
     const NkDeferredReply deferred = ReceiveAndDefer(1);
@@ -219,7 +219,7 @@ TEST_F(RudeOffers, ThatPublishesWhileItsRequestIsDeferred_WaitsItsTurn) {
     EXPECT_EQ(KnStatusOk, client.AwaitReply());
 }
 
-TEST_F(RudeOffers, ThatIsEndedWhileItsRequestIsDeferred_IsGone) {
+TEST_F(RudeOffersTest, ThatIsEndedWhileItsRequestIsDeferred_IsGone) {
     RawSlot client;
     client.Send(RequestOf(1));
     const NkDeferredReply deferred = ReceiveAndDefer(1);
@@ -248,7 +248,7 @@ TEST_F(RudeOffers, ThatIsEndedWhileItsRequestIsDeferred_IsGone) {
     Await("the client to be removed", [&] { return NkTakeBackOffers(deferred, &taken) == KnStatusPeerGone; });
 }
 
-TEST_F(RudeOffers, ToAClientOfTheLayoutBefore_AreNotPut) {
+TEST_F(RudeOffersTest, ToAClientOfTheLayoutBefore_AreNotPut) {
     RawSlot client(1);
     EXPECT_EQ(1u, client.Slot().version);
     EXPECT_EQ(2240u, client.Slot().size);
@@ -272,9 +272,9 @@ TEST_F(RudeOffers, ToAClientOfTheLayoutBefore_AreNotPut) {
 
 // Between processes, and across their deaths.
 
-using OffersBetweenProcesses = RudeOffers;
+using OffersBetweenProcessesTest = RudeOffersTest;
 
-TEST_F(OffersBetweenProcesses, AreTaken_AndAKilledClientIsGone) {
+TEST_F(OffersBetweenProcessesTest, AreTaken_AndAKilledClientIsGone) {
     Process client({"connect", "line", "call", "1", "call", "1", "call", "1", "wait"});
     EXPECT_EQ("connect 0", client.Hear());
     const NkDeferredReply deferred = ReceiveAndDefer(1);
@@ -291,7 +291,7 @@ TEST_F(OffersBetweenProcesses, AreTaken_AndAKilledClientIsGone) {
     });
 }
 
-TEST_F(OffersBetweenProcesses, AClientThatIsKilled_EndsItsDeferredRequest) {
+TEST_F(OffersBetweenProcessesTest, AClientThatIsKilled_EndsItsDeferredRequest) {
     const std::size_t before = OpenDescriptors();
     NkDeferredReply deferred;
     {
@@ -305,7 +305,7 @@ TEST_F(OffersBetweenProcesses, AClientThatIsKilled_EndsItsDeferredRequest) {
     EXPECT_EQ(KnStatusPeerGone, NkReplyDeferred(deferred, &response.header));
 }
 
-TEST_F(OffersBetweenProcesses, AServerThatIsKilled_LeavesThemToBeTaken) {
+TEST_F(OffersBetweenProcessesTest, AServerThatIsKilled_LeavesThemToBeTaken) {
     server.Close();
     Process killed({"register", "line", "receive", "reply-with-offers", "3", "wait"});
     EXPECT_EQ("register 1", killed.Hear());
@@ -327,7 +327,7 @@ TEST_F(OffersBetweenProcesses, AServerThatIsKilled_LeavesThemToBeTaken) {
     Reclaim();
 }
 
-TEST_F(OffersBetweenProcesses, AForkedChild_CanNeitherAnswerNorTakeBack) {
+TEST_F(OffersBetweenProcessesTest, AForkedChild_CanNeitherAnswerNorTakeBack) {
     RawSlot client;
     const NkDeferredReply offered = CallWithOffers(client, 3);
     client.Send(RequestOf(2));
