@@ -5,6 +5,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 namespace bench {
 
@@ -25,6 +26,14 @@ public:
     /// Blocks: until the acknowledgement.
     [[nodiscard]] virtual bool Publish(std::int64_t value) = 0;
 };
+
+/// Publishes `value` until the bus accepts it, and counts the refusals.
+inline void PublishSurely(IPublisher& publisher, std::int64_t value, std::int64_t& refused) {
+    while (!publisher.Publish(value)) {
+        ++refused;
+        std::this_thread::yield();
+    }
+}
 
 /// One subscribing connection.
 /// Threads: one at a time.
@@ -57,7 +66,7 @@ inline std::string TopicName(int topic) {
 /// Makes the driver of the server at `address`, which has the form that `start` in harness/systems.py returns.
 using MakeDriver = std::function<std::unique_ptr<IDriver>(const std::string& address)>;
 
-/// The body of every driver's main: `publish` or `subscribe`, see bench/README.md.
+/// The body of every driver's main: `publish` or `subscribe`, or these `-on-schedule`, see bench/README.md.
 /// Returns: the exit code of the process.
 int RunDriver(const MakeDriver& makeDriver, int argc, char** argv);
 

@@ -1,8 +1,9 @@
-// The publishing and the subscribing process, the same for every bus: this file decides what is sent, timed and
-// checked; a driver only moves values. Both print one JSON object per line. The publisher starts when it reads a line
-// from standard input.
+// The publishing and the subscribing process, the same for every bus: this file and open_loop.cpp decide what is sent,
+// timed and checked; a driver only moves values. Both print one JSON object per line. The publisher starts when it
+// reads a line from standard input.
 
 #include "driver.h"
+#include "open_loop.h"
 #include "options.h"
 #include "samples.h"
 #include "value.h"
@@ -59,14 +60,6 @@ struct PublishResult {
     std::int64_t startNs = 0;
     std::int64_t endNs = 0;
 };
-
-/// Publishes `value` until the bus accepts it. Counts the refusals.
-void PublishSurely(IPublisher& publisher, std::int64_t value, std::int64_t& refused) {
-    while (!publisher.Publish(value)) {
-        ++refused;
-        std::this_thread::yield();
-    }
-}
 
 PublishResult PublishAll(IPublisher& publisher, int topic, const PublishPlan& plan, std::barrier<>& start) {
     PublishResult result;
@@ -223,7 +216,13 @@ int RunDriver(const MakeDriver& makeDriver, int argc, char** argv) {
         if (options.Verb() == "subscribe") {
             return SubscribeVerb(*driver, options);
         }
-        std::fprintf(stderr, "usage: %s publish|subscribe --address ADDRESS [--name value]...\n",
+        if (options.Verb() == "publish-on-schedule") {
+            return PublishOnSchedule(*driver, options);
+        }
+        if (options.Verb() == "subscribe-on-schedule") {
+            return SubscribeOnSchedule(*driver, options);
+        }
+        std::fprintf(stderr, "usage: %s [publish|subscribe][-on-schedule] --address ADDRESS [--name value]...\n",
                      program_invocation_short_name);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, error.what());

@@ -125,14 +125,14 @@ class Bench:
         """A raw round trip, or creating and joining a thread."""
         command = [os.path.join(self.bin_directory, "bench_limits"), name, "--seconds",
                    str(self.sizes.limit_seconds), "--apart", str(apart)]
-        return _json_of(command, cpus)
+        return json_of(command, cpus)
 
     def micro(self, minimum_s):
         """The in-process benchmarks: {name: ns per operation}."""
         program = os.path.join(self.bin_directory, "bench_micro")
         if not os.access(program, os.X_OK):
             raise Failure("bench_micro was not built")
-        report = _json_of([program, "--benchmark_format=json", f"--benchmark_min_time={minimum_s}"], None)
+        report = json_of([program, "--benchmark_format=json", f"--benchmark_min_time={minimum_s}"], None)
         units = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
         return {run["name"].removesuffix("/manual_time"):
                 1e9 / run["items_per_second"] if "items_per_second" in run else run["real_time"] * units[run["time_unit"]]
@@ -149,7 +149,7 @@ def _cost(children, values):
     return figures
 
 
-def _json_of(command, cpus):
+def json_of(command, cpus):
     done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=600, check=False,
                           preexec_fn=lambda: os.sched_setaffinity(0, cpus) if cpus else None)
     if done.returncode != 0:

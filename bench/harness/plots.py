@@ -17,6 +17,8 @@ QUESTIONS = {
     "m4": "M4: How many deliveries per second to 100 subscribers?",
     "m6-publish": "M6: How does the publish rate change with subscribers and publishers?",
     "m6-fan-out": "M6: How does the delivery rate change with subscribers and publishers?",
+    "m7-rate": "M7: How does the 99th percentile change with the rate?",
+    "m7-percentiles": "M7: How are the delivery times distributed at a fixed rate?",
 }
 COLOURS = {"msgbus": "#d1242f", "msgbus-static": "#e8888d", "redis": "#1f77b4", "nats": "#2ca02c",
            "mosquitto": "#9467bd", "dbus": "#8c564b", "zeromq": "#ff7f0e", "iceoryx": "#7f7f7f"}
@@ -28,8 +30,8 @@ def file_name(picture):
     return picture + ".svg"
 
 
-def draw(results, folder):
-    """Writes one SVG per question that the results can answer."""
+def draw(results, folder, others):
+    """Writes one SVG per question that the results can answer. `others` makes further figures: {picture: function}."""
     try:
         import matplotlib
     except ImportError:
@@ -51,6 +53,7 @@ def draw(results, folder):
         "m6-publish": _growth(results, "m6-publish", "M6 publish", "ops", "publishes per second", 1),
         "m6-fan-out": _growth(results, "m6-fan-out", "M6 fan-out", "deliveries", "deliveries per second", 100),
     }
+    figures.update({picture: make(results) for picture, make in others.items()})
     for picture, figure in figures.items():
         if figure is not None:
             _save(figure, os.path.join(folder, file_name(picture)))
@@ -67,8 +70,8 @@ def _points(results, picture, unit, series):
     if not systems:
         return None
     legend = len(series) > 1
-    figure, (axes,) = _figure(width=7, height=1.2 + 0.3 * len(systems), left=1.2, right=0.45,
-                              top=0.5 if legend else 0.3, bottom=0.5)
+    figure, (axes,) = new_figure(width=7, height=1.2 + 0.3 * len(systems), left=1.2, right=0.45,
+                                 top=0.5 if legend else 0.3, bottom=0.5)
     drawn = []
     for number, (variant, what, scale, title) in enumerate(series):
         filled = number == 0
@@ -76,11 +79,11 @@ def _points(results, picture, unit, series):
         for row, system in enumerate(systems):
             passes = [value * scale for value in results.passes(measure, variant, system.name, what)]
             if passes:
-                _spread(axes, row + (number - (len(series) - 1) / 2) * 0.4, passes, _colour(system), filled)
+                _spread(axes, row + (number - (len(series) - 1) / 2) * 0.4, passes, colour(system), filled)
                 drawn += passes
     axes.set_yticks(range(len(systems)), [s.label for s in systems])
     axes.set_ylim(len(systems) - 0.4, -0.6)
-    _logarithmic(axes, axes.xaxis, drawn)
+    logarithmic(axes, axes.xaxis, drawn)
     axes.set_xlabel(f"{unit} ({SPREAD})")
     axes.set_title(QUESTIONS[picture], pad=22 if legend else 6)
     axes.grid(axis="x", alpha=0.3, clip_on=False)
@@ -94,7 +97,7 @@ def _spread(axes, y, passes, colour, filled):
     middle = statistics.median(passes)
     axes.plot([min(passes), max(passes)], [y, y], color=colour, linewidth=1.5, clip_on=False)
     axes.plot([middle], [y], "o", color=colour, markerfacecolor=colour if filled else "white", markersize=5, clip_on=False)
-    axes.annotate(_short(middle), (max(passes), y), xytext=(5, 0), textcoords="offset points", va="center", fontsize=7)
+    axes.annotate(short(middle), (max(passes), y), xytext=(5, 0), textcoords="offset points", va="center", fontsize=7)
 
 
 def _growth(results, picture, measure, what, unit, subscribers):
@@ -107,7 +110,7 @@ def _growth(results, picture, measure, what, unit, subscribers):
     counted = [clients for clients in labels if any(clients in variant for variant in results.variants(measure))]
     if not counted:
         return None
-    figure, panels = _figure(width=8, height=3.4, left=0.65, right=1.15, top=0.3, bottom=0.5, panels=len(counted))
+    figure, panels = new_figure(width=8, height=3.4, left=0.65, right=1.15, top=0.3, bottom=0.5, panels=len(counted))
     drawn = []
     for axes, clients in zip(panels, counted):
         variants = [variant for variant in results.variants(measure) if clients in variant]
@@ -115,7 +118,7 @@ def _growth(results, picture, measure, what, unit, subscribers):
         axes.set_xlabel(labels[clients])
         axes.grid(alpha=0.3, clip_on=False)
     for axes in panels:
-        _logarithmic(axes, axes.yaxis, drawn)
+        logarithmic(axes, axes.yaxis, drawn)
         axes.tick_params(labelleft=axes is panels[0])
     panels[0].set_ylabel(f"{unit} (median, log scale)")
     panels[0].set_title(QUESTIONS[picture])
@@ -131,21 +134,21 @@ def _curves(axes, results, measure, variants, what):
                    for variant in variants}
         points = sorted((count, median) for count, median in medians.items() if median)
         if points:
-            axes.plot(*zip(*points), marker="o", markersize=3, label=system.label, clip_on=False, color=_colour(system),
+            axes.plot(*zip(*points), marker="o", markersize=3, label=system.label, clip_on=False, color=colour(system),
                       linewidth=2 if system.name == OURS else 1)
             counts.update(count for count, _ in points)
             drawn += [median for _, median in points]
-    _logarithmic(axes, axes.xaxis, counts)
+    logarithmic(axes, axes.xaxis, counts)
     axes.set_xlim(min(counts), max(counts))
     axes.set_xticks(sorted(counts))
     return drawn
 
 
-def _colour(system):
+def colour(system):
     return COLOURS.get(system.name, "#333333")
 
 
-def _figure(width, height, left, right, top, bottom, panels=1):
+def new_figure(width, height, left, right, top, bottom, panels=1):
     """A figure with panels side by side. Lengths are in inches. Returns: (figure, panels)."""
     from matplotlib import pyplot
 
@@ -155,7 +158,7 @@ def _figure(width, height, left, right, top, bottom, panels=1):
     return figure, grid[0]
 
 
-def _logarithmic(axes, axis, values):
+def logarithmic(axes, axis, values):
     """Makes `axis` logarithmic over whole decades, so that plots of different runs look alike."""
     from matplotlib import ticker
 
@@ -167,10 +170,10 @@ def _logarithmic(axes, axis, values):
         axes.set_yscale("log")
         axes.set_ylim(*limits)
     axis.set_minor_locator(ticker.NullLocator())
-    axis.set_major_formatter(ticker.FuncFormatter(lambda value, _: _short(value)))
+    axis.set_major_formatter(ticker.FuncFormatter(lambda value, _: short(value)))
 
 
-def _short(value):
+def short(value):
     """1234 as 1.2k: about three characters, for a tick or a point."""
     for limit, unit in ((1e6, "M"), (1e3, "k")):
         if value >= limit:

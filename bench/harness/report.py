@@ -4,7 +4,7 @@ import os
 import re
 import statistics
 
-from . import plots
+from . import latency_plots, latency_report, plots
 from .systems import OURS
 
 BEGIN = "<!-- measured: begin (written by bench/run, do not edit between the markers) -->"
@@ -225,6 +225,7 @@ def section_summary(results):
         (f"M5 resident memory per waiting subscriber, {most} waiting", "lower",
          waiting_cost(results, "rssKib", most, "KiB")),
         ("M1 time per publish against a raw round trip through shared memory + Push", "lower", against_floor(results)),
+        latency_report.summary_row(results, number),
     )
     return ["### Summary", table(["what", "measured", "better is"],
                                  [[what, measured or "–", better] for what, better, measured in rows])]
@@ -255,13 +256,14 @@ def text(results, pictures):
     parts = (section_summary(results) + section_m1(results, pictures) + section_m2(results, pictures) +
              section_rate(results, "M3", "### M3: sustained delivery to one subscriber, each publish acknowledged", pictures) +
              section_rate(results, "M4", "### M4: fan-out to 100 subscribers", pictures) + section_m5(results) +
-             section_m6(results, pictures) + section_limits(results) + ["### Setting"] + setting(results))
+             section_m6(results, pictures) + latency_report.section(results, number, table, lambda name: image(pictures, name)) +
+             section_limits(results) + ["### Setting"] + setting(results))
     return "\n\n".join(parts)
 
 
 def write(results, folder, page):
     """Draws the plots in `folder` and replaces the part of `page` between its markers. Returns: that part."""
-    plots.draw(results, folder)
+    plots.draw(results, folder, latency_plots.FIGURES)
     content = EMPTY_PAGE
     if os.path.exists(page):
         with open(page, encoding="utf-8") as file:
