@@ -1,4 +1,5 @@
-// NATS through its C client over loopback TCP, the only kind of socket the server has. PUB has no reply.
+// NATS through its C client over loopback TCP, the only kind of socket the server has; both ends set TCP_NODELAY by
+// themselves. PUB has no reply.
 // Acknowledgement: the PONG to a PING sent after the PUB (natsConnection_Flush). The server handles the commands of a
 // connection in order, so the PONG means that the value has been routed to every subscriber.
 

@@ -7,7 +7,7 @@ import subprocess
 import tempfile
 import time
 
-from .processes import Child, Failure, cpu_seconds, memory_kib
+from .processes import Child, Failure, cpu_ns, cpu_ticks_s, descriptors, memory_kib, threads
 from .systems import Context
 
 ONE_CPU = {0}
@@ -27,7 +27,8 @@ class Bench:
             try:
                 yield server, address, directory
             finally:
-                server.stop()
+                if server:
+                    server.stop()
 
     @contextlib.contextmanager
     def _driver(self, system, verb, address, directory, cpus, **arguments):
@@ -53,15 +54,20 @@ class Bench:
                 with self._driver(system, "subscribe", address, directory, cpus, subscribers=subscribers,
                                   topics=publishers, stamped=stamped) as subscriber:
                     subscriber.event("registered", deadline)
+                    before_ns = cpu_ns(server.pid) if server else 0
                     publisher.send("go")
                     published = publisher.event("published", deadline)
                     received = subscriber.event("received", deadline)
+                    server_ns = cpu_ns(server.pid) - before_ns if server else None
                     if subscriber.finish(deadline) != 0:
                         raise Failure(f"lost {received['lost']}, repeated or out of order {received['repeated']}")
                 if publisher.finish(deadline) != 0:
                     raise Failure(f"publisher failed: {publisher.errors()}")
-            server.stop()
+            if server:
+                server.stop()
             cost = _cost({"server": server, "publisher": publisher, "subscriber": subscriber}, published["values"])
+            if server and received["received"]:
+                cost["serverUsPerDelivery"] = server_ns / 1e3 / received["received"]
         warm_up = plan.get("warm_up", 0) * publishers
         expected = (published["values"] + warm_up) * subscribers
         if received["received"] != expected:
@@ -85,9 +91,13 @@ class Bench:
         _, received, _ = self._exchange(system, stamped=1, values=self.sizes.m2_values, interval_us=2000)
         return {name: received[name] for name in ("p50", "p99", "max", "mean")}
 
-    def delivery(self, system, values, subscribers=1, publishers=1):
-        """M3 and M4: from the first publish until the last subscriber has the last value."""
-        published, received, cost = self._exchange(system, subscribers, publishers, values=values // publishers)
+    def delivery(self, system, values, subscribers=1, publishers=1, seconds=0):
+        """M3 and M4: from the first publish until the last subscriber has the last value.
+
+        The publishers stop after `values` values or `seconds` seconds, whichever comes first; 0 is no limit.
+        """
+        published, received, cost = self._exchange(system, subscribers, publishers, values=values // publishers,
+                                                   seconds=seconds)
         elapsed_s = (received["lastNs"] - published["startNs"]) / 1e9
         return {"deliveries": received["received"] / elapsed_s, "values": published["values"],
                 "refused": published["refused"], **cost}
@@ -99,27 +109,29 @@ class Bench:
             with self._driver(system, "publish", address, directory, None) as publisher:
                 publisher.event("ready", deadline)
                 time.sleep(self.sizes.settle_s)
-                before = memory_kib(server.pid)
+                before = _held(server)
                 with self._driver(system, "subscribe", address, directory, None,
                                   subscribers=subscribers) as subscriber:
                     registered = subscriber.event("registered", deadline)
                     time.sleep(self.sizes.settle_s)
-                    after = memory_kib(server.pid)
-                    figures = {"registerMs": registered["registerNs"] / 1e6,
-                               "rssKib": (after["rss"] - before["rss"]) / subscribers,
-                               "pssKib": (after["pss"] - before["pss"]) / subscribers}
-                    if subscribers == 100:
+                    after = _held(server)
+                    figures = {"registerMs": registered["registerNs"] / 1e6}
+                    figures.update({name: (after[name] - before[name]) / subscribers for name in after})
+                    if server and subscribers >= 100:
                         figures.update(self._idle_cpu(server))
                     return figures
 
     def _idle_cpu(self, server):
-        ticks, scheduled = cpu_seconds(server.pid)
-        start = time.monotonic()
+        ticks_s, scheduled_ns, start = cpu_ticks_s(server.pid), cpu_ns(server.pid), time.monotonic()
         time.sleep(self.sizes.idle_s)
         elapsed = time.monotonic() - start
-        ticks_after, scheduled_after = cpu_seconds(server.pid)
-        return {"ticksPercent": (ticks_after - ticks) / elapsed * 100,
-                "cpuPercent": (scheduled_after - scheduled) / elapsed * 100}
+        return {"ticksPercent": (cpu_ticks_s(server.pid) - ticks_s) / elapsed * 100,
+                "cpuPercent": (cpu_ns(server.pid) - scheduled_ns) / 1e9 / elapsed * 100}
+
+    def relay(self, hops, cpus=None):
+        """A value through a chain of processes at the rate of M2."""
+        return json_of([os.path.join(self.bin_directory, "bench_limits"), "relay", "--hops", str(hops), "--values",
+                        str(self.sizes.relay_values)], cpus)
 
     def limit(self, name, cpus=None, apart=0):
         """A raw round trip, or creating and joining a thread."""
@@ -139,10 +151,21 @@ class Bench:
                 for run in report["benchmarks"] if run.get("run_type", "iteration") == "iteration"}
 
 
+def _held(server):
+    """What a server holds now; nothing without a server."""
+    if not server:
+        return {}
+    memory = memory_kib(server.pid)
+    return {"rssKib": memory["rss"], "pssKib": memory["pss"], "threads": threads(server.pid),
+            "descriptors": descriptors(server.pid)}
+
+
 def _cost(children, values):
     """CPU time and context switches of each process per published value, including its start and end."""
     figures = {}
     for name, child in children.items():
+        if child is None:
+            continue
         usage = child.usage
         figures[name + "CpuUs"] = (usage.ru_utime + usage.ru_stime) * 1e6 / values
         figures[name + "Switches"] = (usage.ru_nvcsw + usage.ru_nivcsw) / values

@@ -8,22 +8,23 @@ import statistics
 import sys
 from xml.etree import ElementTree
 
+from .results import MANY
 from .systems import OURS
 
 QUESTIONS = {
     "m1": "M1: How many acknowledged publishes per second, one at a time?",
     "m2": "M2: How long does one value take on an idle system?",
     "m3": "M3: How many values per second reach one subscriber?",
-    "m4": "M4: How many deliveries per second to 100 subscribers?",
+    "m4": "M4: How many deliveries per second to many subscribers?",
     "m6-publish": "M6: How does the publish rate change with subscribers and publishers?",
     "m6-fan-out": "M6: How does the delivery rate change with subscribers and publishers?",
     "m7-rate": "M7: How does the 99th percentile change with the rate?",
     "m7-percentiles": "M7: How are the delivery times distributed at a fixed rate?",
 }
 COLOURS = {"msgbus": "#d1242f", "msgbus-static": "#e8888d", "redis": "#1f77b4", "nats": "#2ca02c",
-           "mosquitto": "#9467bd", "dbus": "#8c564b", "zeromq": "#ff7f0e", "iceoryx": "#7f7f7f"}
+           "mosquitto": "#9467bd", "dbus": "#8c564b", "zeromq": "#ff7f0e", "iceoryx": "#7f7f7f", "cyclonedds": "#17becf"}
 SVG = "http://www.w3.org/2000/svg"
-SPREAD = "point: median, line: least to greatest pass; log scale"
+SPREAD = "point: median, ticks: passes; log scale"
 
 
 def file_name(picture):
@@ -49,7 +50,9 @@ def draw(results, folder, others):
         "m2": _points(results, "m2", "one-way time in µs", (
             ("unpinned", "p50", 1e-3, "p50"), ("unpinned", "p99", 1e-3, "p99"))),
         "m3": _points(results, "m3", "deliveries per second", unpinned),
-        "m4": _points(results, "m4", "deliveries per second", unpinned),
+        "m4": _points(results, "m4", "deliveries per second", unpinned if MANY not in results.variants("M4") else (
+            ("unpinned", "deliveries", 1, "100 subscribers"),
+            (MANY, "deliveries", 1, f"{results.raw['sizes']['many']:,} subscribers"))),
         "m6-publish": _growth(results, "m6-publish", "M6 publish", "ops", "publishes per second", 1),
         "m6-fan-out": _growth(results, "m6-fan-out", "M6 fan-out", "deliveries", "deliveries per second", 100),
     }
@@ -93,9 +96,10 @@ def _points(results, picture, unit, series):
 
 
 def _spread(axes, y, passes, colour, filled):
-    """A point at the median, a line from the least to the greatest pass, and the median as text behind it."""
+    """A point at the median, a line from the least to the greatest pass with a tick at each, and the median as text."""
     middle = statistics.median(passes)
     axes.plot([min(passes), max(passes)], [y, y], color=colour, linewidth=1.5, clip_on=False)
+    axes.plot(sorted(passes), [y] * len(passes), "|", color=colour, markersize=6, clip_on=False)
     axes.plot([middle], [y], "o", color=colour, markerfacecolor=colour if filled else "white", markersize=5, clip_on=False)
     axes.annotate(short(middle), (max(passes), y), xytext=(5, 0), textcoords="offset points", va="center", fontsize=7)
 

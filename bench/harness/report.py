@@ -5,7 +5,11 @@ import re
 import statistics
 
 from . import latency_plots, latency_report, plots
-from .systems import OURS
+from .modes import modes
+from .quiet import QUIET_LOAD, under_load
+from .results import MANY
+from .summary import brokered, section_summary
+from .text import number, table
 
 BEGIN = "<!-- measured: begin (written by bench/run, do not edit between the markers) -->"
 END = "<!-- measured: end -->"
@@ -19,37 +23,26 @@ LIMITS = {
 }
 
 
-def brokered(system):
-    return system.brokered
-
-
-def acknowledging(system):
-    return system.acknowledges
-
-
-def number(value, digits=3):
-    """`value` with `digits` significant digits and a comma between thousands."""
-    if value is None:
-        return "–"
-    if value == 0:
-        return "0"
-    magnitude = len(str(int(abs(value))))
-    return f"{value:,.{max(digits - magnitude, 0) if abs(value) >= 1 else digits - 1}f}"
-
-
 def spread(passes, scale=1.0):
-    """The median and, in brackets, the least and the greatest pass."""
+    """The median and, in brackets, the least and the greatest pass; the two modes behind it if there are two."""
     if not passes:
         return "–"
     scaled = [value * scale for value in passes]
     middle = number(statistics.median(scaled))
-    return middle if len(scaled) == 1 else f"{middle} [{number(min(scaled))} – {number(max(scaled))}]"
+    if len(scaled) == 1:
+        return middle
+    cell = f"{middle} [{number(min(scaled))} – {number(max(scaled))}]"
+    groups = modes(scaled)
+    return cell if groups is None else cell + "; two modes: " + " / ".join(
+        f"{number(median)} ({count} of {len(scaled)})" for median, count in groups)
 
 
-def table(header, rows):
-    lines = ["| " + " | ".join(header) + " |", "|" + "|".join("---" if i == 0 else "---:" for i in range(len(header)))
-             + "|"]
-    return "\n".join(lines + ["| " + " | ".join(row) + " |" for row in rows])
+def measured(results, systems):
+    """One line under a table: when it was measured, and the versions of its systems."""
+    versions = results.raw.get("versions", {})
+    named = [f"{s.label} {versions[s.name]['version']}" + (f" of {versions[s.name]['date']}" if versions[s.name]["date"] else "")
+             for s in systems if s.name in versions and not s.variant]
+    return f"<sub>Measured {results.raw['date']}{': ' if named else '.'}{', '.join(named)}{'.' if named else ''}</sub>"
 
 
 def ratio(value, best):
@@ -72,8 +65,9 @@ def rate_table(results, measure, variant, figure, unit, extra):
         rows.append([s.label, spread(results.passes(measure, variant, s.name, figure)),
                      ratio(results.median(measure, variant, s.name, figure), best)] +
                     [spread(results.passes(measure, variant, s.name, name), scale) for _, name, scale in extra])
-    return table(["system", unit, f"against {best[1].label if best else 'the best peer'}"] +
-                 [title for title, _, _ in extra], rows)
+    return "\n\n".join((table(["system", unit, f"against {best[1].label if best else 'the best peer'}"] +
+                              [title for title, _, _ in extra], rows),
+                        measured(results, results.shown(measure, variant))))
 
 
 def section_m1(results, pictures):
@@ -91,7 +85,7 @@ def section_m1(results, pictures):
             + ["#### What one value of M1 costs",
                "CPU time and context switches per value, including those of starting and ending the processes.",
                table(["system", "server µs", "server switches", "publisher µs", "publisher switches", "subscriber µs",
-                      "subscriber switches"], cost)])
+                      "subscriber switches"], cost), measured(results, results.shown("M1", "unpinned"))])
 
 
 def section_m2(results, pictures):
@@ -108,42 +102,73 @@ def section_m2(results, pictures):
             spread(results.passes("M2", "unpinned", s.name, "p99"), 1e-3),
             spread(results.passes("M2", "unpinned", s.name, "max"), 1e-3)]))
     return ["### M2: one-way delivery on an idle system, one value every 2 ms", image(pictures, "m2"),
-            table(["system", "p50 µs", f"against {best[1].label if best else 'the best peer'}", "p99 µs", "max µs"], rows)]
+            table(["system", "p50 µs", f"against {best[1].label if best else 'the best peer'}", "p99 µs", "max µs"], rows),
+            measured(results, shown)] + relay(results)
 
 
-def section_rate(results, measure, title, pictures):
-    if not results.shown(measure, "unpinned"):
+def relay(results):
+    """The floor of M2: a value through a chain of processes, taken in the same passes."""
+    rows = []
+    for variant in results.variants("M2 relay"):
+        rows += [[f"{hops} hop{'s' if hops != '1' else ''}", variant] +
+                 [spread(results.passes("M2 relay", variant, hops, figure), 1e-3) for figure in ("p50", "p99", "max")]
+                 for hops in results.raw["figures"]["M2 relay"][variant]]
+    if not rows:
         return []
-    return [title, image(pictures, measure.lower()),
-            rate_table(results, measure, "unpinned", "deliveries", "deliveries/s",
-                       (("refused and repeated publishes", "refused", 1),))]
+    return ["#### M2, the floor: a relay of processes",
+            "One value every 2 ms through a chain of processes that do nothing but wait on a word in shared memory (futex) and "
+            "pass the value on; taken in the same passes as M2.",
+            table(["relay", "where", "p50 µs", "p99 µs", "max µs"], rows), measured(results, ())]
+
+
+def section_rate(results, measure, title, pictures, variants):
+    """`variants` are (variant, title of its table)."""
+    shown = [(variant, heading) for variant, heading in variants if results.shown(measure, variant)]
+    if not shown:
+        return []
+    parts = [title, image(pictures, measure.lower())]
+    for variant, heading in shown:
+        parts += [heading] if heading else []
+        parts.append(rate_table(results, measure, variant, "deliveries", "deliveries/s",
+                                (("server CPU µs per delivery", "serverUsPerDelivery", 1),
+                                 ("refused and repeated publishes", "refused", 1))))
+    return parts
 
 
 def section_m5(results):
     counts = results.variants("M5")
     if not counts:
         return []
-    rows = []
-    most = counts[-1]
-    for s in results.systems:
-        if not any(s in results.shown("M5", count) for count in counts):
-            continue
-        row = [s.label] + [spread(results.passes("M5", "100", s.name, name)) for name in ("cpuPercent", "ticksPercent")]
-        for count in counts:
-            failure = results.failure("M5", count, s.name)
-            row.append("failed" if failure else spread(results.passes("M5", count, s.name, "rssKib")))
-        failure = results.failure("M5", most, s.name)
-        row.append("failed" if failure else spread(results.passes("M5", most, s.name, "pssKib")))
-        row.append("failed" if failure else spread(results.passes("M5", most, s.name, "registerMs")))
-        rows.append(row)
-    failures = [f"{s.label}, {count} waiting: {results.failure('M5', count, s.name)}" for s in results.systems
+    shown = [s for s in results.systems if any(s in results.shown("M5", count) for count in counts)]
+    many = [count for count in counts if int(count) >= 100]
+    failures = [f"{s.label}, {count} waiting: {results.failure('M5', count, s.name)}" for s in shown
                 for count in counts if results.failure("M5", count, s.name)]
-    return ["### M5: the cost of being idle",
-            "The server's memory that each waiting subscriber adds, and the server's CPU time with 100 waiting and no traffic: "
-            "from the scheduler's counters in ns, and from utime + stime, which count units of 10 ms. PSS counts a page "
-            "that n processes map as 1/n, so it is lower where clients map the server's memory.",
-            table(["system", "CPU %", "utime + stime %"] + [f"RSS KiB each, {count}" for count in counts] +
-                  [f"PSS KiB each, {most}", f"ms to register {most}"], rows)] + failures
+
+    def cells(s, columns):
+        return ["failed" if results.failure("M5", count, s.name) else spread(results.passes("M5", count, s.name, name))
+                for count, name in columns]
+
+    most = counts[-1]
+    cpu = [(count, name) for count in many for name in ("cpuPercent", "ticksPercent")]
+    memory = [(count, "rssKib") for count in counts] + [(most, "pssKib")]
+    held = [(count, name) for count in many for name in ("threads", "descriptors")]
+    return (["### M5: the cost of being idle",
+             "The server's CPU time with waiting subscribers and no traffic: from the scheduler's counters in ns, and from "
+             "utime + stime, which count units of 10 ms.",
+             table(["system"] + [f"{title}, {count} waiting" for count in many for title in ("CPU %", "utime + stime %")],
+                   [[s.label] + cells(s, cpu) for s in shown]),
+             measured(results, shown),
+             "The server's memory that each waiting subscriber adds. PSS counts a page that n processes map as 1/n, so it is "
+             "lower where clients map the server's memory.",
+             table(["system"] + [f"RSS KiB each, {count}" for count in counts] + [f"PSS KiB each, {most}"],
+                   [[s.label] + cells(s, memory) for s in shown]),
+             measured(results, shown),
+             "The server's threads and descriptors that each waiting subscriber adds, and the time to register the subscribers "
+             "one by one.",
+             table(["system"] + [f"{name} each, {count}" for count in many for name in ("threads", "descriptors")] +
+                   [f"ms to register {most}"],
+                   [[s.label] + cells(s, held + [(most, "registerMs")]) for s in shown]),
+             measured(results, shown)] + failures)
 
 
 def section_m6(results, pictures):
@@ -159,7 +184,8 @@ def section_m6(results, pictures):
                 rows.append([s.label] + ["failed" if results.failure(measure, variant, s.name) else
                                          spread(results.passes(measure, variant, s.name, figure))
                                          for variant in variants])
-        parts += [f"#### {measure}: {title}", image(pictures, picture), table(["system"] + variants, rows)]
+        parts += [f"#### {measure}: {title}", image(pictures, picture), table(["system"] + variants, rows),
+                  measured(results, [s for s in results.systems if any(s in results.shown(measure, v) for v in variants)])]
         for variant in variants:
             parts += [f"{s.label}, {variant}: {results.failure(measure, variant, s.name)}" for s in results.systems
                       if results.failure(measure, variant, s.name)]
@@ -186,78 +212,57 @@ def section_limits(results):
     return parts
 
 
-def against(results, measure, variant, figure, better, among):
-    """This bus divided by the best peer of `among`, or None."""
-    ours = results.median(measure, variant, OURS, figure)
-    best = results.best(measure, variant, figure, better, among)
-    return None if ours is None or best is None else f"{number(ours / best[0])} × {best[1].label}"
-
-
-def waiting_cost(results, figure, waiting, unit):
-    value = results.median("M5", waiting, OURS, figure)
-    return None if value is None else f"{number(value)} {unit}"
-
-
-def against_floor(results):
-    """The mean time of a publish divided by the least it can take here: a round trip and a push."""
-    ops = results.median("M1", "unpinned", OURS, "ops")
-    # The median trip against our mean: a disturbed pass then counts against us, not for us.
-    trip = results.median("limits", "two CPUs", "shared-spin", "p50")
-    push = results.median("micro", "one process", "micro", "Push")
-    if None in (ops, trip, push):
-        return None
-    return f"{number(1e9 / ops / (trip + push))} × ({number(trip)} + {number(push)} ns)"
-
-
-def section_summary(results):
-    most = (results.variants("M5") or ["100"])[-1]
-    rows = (
-        ("M1 publishes/s against the best peer with a broker", "higher",
-         against(results, "M1", "unpinned", "ops", max, brokered)),
-        ("M1 publishes/s on one CPU against the best peer with a broker", "higher",
-         against(results, "M1", "one CPU", "ops", max, brokered)),
-        ("M2 p50 against the best peer with a broker", "lower", against(results, "M2", "unpinned", "p50", min, brokered)),
-        ("M3 deliveries/s against the best peer that acknowledges", "higher",
-         against(results, "M3", "unpinned", "deliveries", max, acknowledging)),
-        ("M4 deliveries/s against D-Bus", "higher",
-         against(results, "M4", "unpinned", "deliveries", max, lambda s: s.name == "dbus")),
-        ("M5 server CPU, 100 subscribers waiting", "lower", waiting_cost(results, "cpuPercent", "100", "%")),
-        (f"M5 resident memory per waiting subscriber, {most} waiting", "lower",
-         waiting_cost(results, "rssKib", most, "KiB")),
-        ("M1 time per publish against a raw round trip through shared memory + Push", "lower", against_floor(results)),
-        latency_report.summary_row(results, number),
-    )
-    return ["### Summary", table(["what", "measured", "better is"],
-                                 [[what, measured or "–", better] for what, better, measured in rows])]
-
-
 def setting(results):
     raw, machine = results.raw, results.raw["machine"]
     sizes = raw["sizes"]
     lines = [f"`{raw['command']}`, {raw['date']}, {raw['seconds'] / 60:.0f} min. {machine['cpus']} CPUs of "
              f"{machine['cpu']} ({machine['virtual']}), {machine['memoryGib']} GiB, Linux {machine['kernel']}, "
              f"{machine['compiler']}; load at the start {machine['load']:.2f}.",
-             f"Medians of {sizes['passes']} passes (M5 and M6: {sizes['growth_passes']}) with the least and the greatest "
+             f"Medians of {sizes['passes']} passes (M5, M6, the limits, M4 with more than 100 subscribers, and the static "
+             f"variant: {sizes['growth_passes']}) with the least and the greatest "
              "in brackets; the systems take turns pass by pass. Every value is checked for loss, repetition and order by "
              "every subscriber. Each subscriber is a connection with its own thread, which blocks in the receive call of its "
              "library; all subscribers are in one process, all publishers in another.",
-             "Packages: " + ", ".join(machine["packages"]) + "."]
-    rows = [[s.label, s.acknowledgement, s.no_loss] for s in results.systems if s.name not in raw["absent"]]
+             "Two modes are shown where the widest gap between the passes is wider than each of the two groups that it makes, "
+             "each group has at least two passes, and the upper median is more than 1.5 times the lower one."]
+    if "packages" in machine:   # results of older runs
+        lines.append("Packages: " + ", ".join(machine["packages"]) + ".")
+    shown = [s for s in results.systems if s.name not in raw["absent"] and s.name in raw.get("versions", {s.name: ""})]
+    if "versions" in raw:
+        lines += ["Versions, and the dates of the packages, or of the commit of this bus:",
+                  "| system | version | date | packages |\n|---|---|---|---|\n" + "\n".join(
+                      f"| {s.label} | {raw['versions'][s.name]['version'] or '–'} | {raw['versions'][s.name]['date'] or '–'} | "
+                      f"{', '.join(raw['versions'][s.name]['packages']) or '–'} |" for s in shown)]
     lines.append("| system | a publish returns on | loss is excluded by |\n|---|---|---|\n" +
-                 "\n".join("| " + " | ".join(row) + " |" for row in rows))
+                 "\n".join(f"| {s.label} | {s.acknowledgement} | {s.no_loss} |" for s in shown))
     lines += [f"{s.label} has no rows with more than {s.most_subscribers} subscribers: its build allows no more for one "
-              "publisher." for s in results.systems if s.most_subscribers < 1000]
+              "publisher." for s in shown if s.most_subscribers < 1000]
     lines += [f"Not measured: {name}: {reason}." for name, reason in raw["absent"].items()]
     return lines
 
 
+def warnings(results):
+    """What has to be known before any figure is read."""
+    raw = results.raw
+    found = [f"**Missing in this run: {', '.join(raw['absent'])}.**"] if raw["absent"] else []
+    if under_load(raw):
+        found.append(f"**Taken under load: the load average was {raw['machine']['load']:.2f} at the start (a quiet machine: less "
+                     f"than {QUIET_LOAD}).**")
+    return found
+
+
 def text(results, pictures):
     """The whole report as Markdown, with links to the plots in the folder `pictures`."""
-    parts = (section_summary(results) + section_m1(results, pictures) + section_m2(results, pictures) +
-             section_rate(results, "M3", "### M3: sustained delivery to one subscriber, each publish acknowledged", pictures) +
-             section_rate(results, "M4", "### M4: fan-out to 100 subscribers", pictures) + section_m5(results) +
-             section_m6(results, pictures) + latency_report.section(results, number, table, lambda name: image(pictures, name)) +
-             section_limits(results) + ["### Setting"] + setting(results))
+    many = results.raw["sizes"].get("many", 0)
+    latency = latency_report.section(results, number, table, lambda name: image(pictures, name))
+    parts = (warnings(results) + section_summary(results) + [measured(results, results.systems)] +
+             section_m1(results, pictures) + section_m2(results, pictures) +
+             section_rate(results, "M3", "### M3: sustained delivery to one subscriber, each publish acknowledged", pictures,
+                          (("unpinned", ""),)) +
+             section_rate(results, "M4", "### M4: fan-out", pictures,
+                          (("unpinned", "#### M4, 100 subscribers"), (MANY, f"#### M4, {many:,} subscribers"))) +
+             section_m5(results) + section_m6(results, pictures) + latency + section_limits(results) +
+             ["### Setting"] + setting(results))
     return "\n\n".join(parts)
 
 

@@ -5,6 +5,7 @@ import os
 import statistics
 
 FILE_NAME = "results.json"
+MANY = "many subscribers"   # the variant of M4 with the number of subscribers in sizes["many"]
 
 
 class Results:
@@ -51,9 +52,10 @@ def save(raw, folder):
     A record is one system in one variant of one measure, and each of its figures lists the passes in the order taken.
     Integers are exact; other numbers keep nine significant digits, more than the report shows.
     """
-    parts = {name: json.dumps(value) for name, value in raw.items() if name not in ("machine", "sizes")}
-    for name in ("machine", "sizes"):
-        parts[name] = _lines("{}", [f"{json.dumps(key)}: {json.dumps(value)}" for key, value in raw[name].items()])
+    by_line = ("machine", "versions", "sizes")
+    parts = {name: json.dumps(value) for name, value in raw.items() if name not in by_line}
+    for name in by_line:
+        parts[name] = _lines("{}", [f"{json.dumps(key)}: {json.dumps(value)}" for key, value in raw.get(name, {}).items()])
     parts["failures"] = _lines("[]", [json.dumps({**place, "reason": reason}) for place, reason in _leaves(raw["failures"])])
     parts["figures"] = _lines("[]", [json.dumps({**place, **_columns(passes)}) for place, passes in _leaves(raw["figures"])])
     with open(os.path.join(folder, FILE_NAME), "w", encoding="utf-8") as file:

@@ -7,19 +7,23 @@ import socket
 
 from .processes import Child, Failure, wait_for
 
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+FETCHED = os.path.join(ROOT, ".deps", "bench", "usr", "sbin")     # what bench/fetch_nats brings
+
 
 @dataclasses.dataclass(frozen=True)
 class System:
-    """One bus. `start(context)` returns (server process, address for its driver)."""
+    """One bus. `start(context)` returns (server process or None, address for its driver)."""
     name: str
     label: str
-    server: str             # the program, looked up beside the drivers and on PATH
+    server: str             # the program, looked up beside the drivers, in FETCHED and on PATH
     start: object
     brokered: bool          # a server is in the path of every value
     acknowledges: bool      # a publish returns on a reply from the server
     acknowledgement: str    # what it means that a publish has returned
     no_loss: str            # how loss is prevented
-    packages: str
+    packages: str           # Debian's; the first one is of the version that is measured
+    version_option: str = ""            # makes the program print its version
     most_subscribers: int = 1_000_000   # the most that one publisher can have
     variant: str = ""                   # the system it is a variant of: same driver, takes part in M1 to M4 only
     leftovers: tuple = ()               # files outside its directory that a stopped driver leaves behind
@@ -34,7 +38,7 @@ class System:
 
     def missing(self, bin_directory):
         """The reason why this machine cannot measure the system, or None."""
-        needs = f" (packages: {self.packages})" if self.packages else ""
+        needs = " (./dev bench-setup installs it)" if self.packages else ""
         if not os.access(os.path.join(bin_directory, self.driver_program), os.X_OK):
             return f"its driver {self.driver_program} was not built{needs}"
         if self.program(bin_directory) is None:
@@ -42,7 +46,7 @@ class System:
         return None
 
     def program(self, bin_directory):
-        return shutil.which(self.server, path=os.pathsep.join((bin_directory, os.environ.get("PATH", ""))))
+        return shutil.which(self.server, path=os.pathsep.join((bin_directory, FETCHED, os.environ.get("PATH", ""))))
 
 
 @dataclasses.dataclass(frozen=True)
@@ -97,6 +101,8 @@ def _start_msgbus(*options):
 
 
 def _start_redis(context):
+    # Unix socket instead of TCP, no persistence: Redis manual, "Diagnosing latency issues". Without a limit on the output
+    # buffers of subscribers, a slow one is not disconnected: redis.conf, client-output-buffer-limit.
     path = context.path("socket")
     server = context.child(["--port", "0", "--unixsocket", path, "--save", "", "--appendonly", "no",
                             "--client-output-buffer-limit", "pubsub 0 0 0", "--loglevel", "warning",
@@ -105,6 +111,8 @@ def _start_redis(context):
 
 
 def _start_nats(context):
+    # NATS manual, "Server configuration", "Limits": a slow consumer is disconnected when it has more than max_pending bytes
+    # waiting, or when a write takes longer than write_deadline.
     configuration = context.write("nats.conf", f"""
 host: 127.0.0.1
 port: -1
@@ -121,13 +129,14 @@ write_deadline: "120s"
 
 
 def _start_mosquitto(context):
+    # mosquitto.conf(5): 0 is no limit for max_queued_messages, above which messages are dropped, and for
+    # max_inflight_messages. set_tcp_nodelay has no meaning on a unix socket.
     path = context.path("socket")
     configuration = context.write("mosquitto.conf", f"""
 listener 0 {path}
 user root
 allow_anonymous true
 persistence false
-set_tcp_nodelay true
 max_queued_messages 0
 max_inflight_messages 0
 log_type error
@@ -137,6 +146,7 @@ log_type error
 
 
 def _start_dbus(context):
+    # dbus-daemon(1), "limit": the daemon drops a connection that exceeds them.
     path = context.path("socket")
     limits = ("max_incoming_bytes", "max_outgoing_bytes", "max_message_size", "service_start_timeout",
               "max_completed_connections", "max_incomplete_connections", "max_connections_per_user",
@@ -157,6 +167,8 @@ def _start_dbus(context):
 
 
 def _start_zeromq(context):
+    # zmq_setsockopt(3): the driver sets ZMQ_SNDHWM and ZMQ_RCVHWM to 0, no limit, without which PUB sockets drop messages.
+    # One I/O thread is what zmq_ctx_set(3) advises below one gigabyte per second.
     server = context.child(["serve", "--address", context.directory])
     return _started(server, _accepts(context.path("in")), "its socket"), context.directory
 
@@ -182,30 +194,46 @@ count = 100000
     return server, "roudi"
 
 
+def _start_cyclonedds(context):
+    # The manual, "Configuration file reference". Only loopback, which Linux does not mark as capable of multicast, so that
+    # the processes find each other through the list of peers. A writer asks for an acknowledgement with a heartbeat, at
+    # most one per HeartbeatInterval (100 ms by default): with the least interval, it goes out with each value. Shared memory
+    # needs a history that keeps only the last values ("Limitations of shared memory"), so it would lose some.
+    context.write("cyclonedds.xml", """
+<CycloneDDS><Domain Id="any">
+  <General><Interfaces><NetworkInterface name="lo"/></Interfaces><AllowMulticast>false</AllowMulticast></General>
+  <Discovery><ParticipantIndex>auto</ParticipantIndex><Peers><Peer address="127.0.0.1"/></Peers></Discovery>
+  <Internal><HeartbeatInterval min="1 us" minsched="1 us" max="100 ms">1 us</HeartbeatInterval></Internal>
+</Domain></CycloneDDS>
+""")
+    return None, context.directory
+
+
 OURS = "msgbus"
 _OURS_ACKNOWLEDGED = "the server's reply to Push: the value is in the inbound queue"
 _OURS_NO_LOSS = "a full inbound queue (1025 values) refuses the push, which is repeated; queues of subscribers have no limit"
 
 SYSTEMS = (
-    System(OURS, "this bus", "msgbusd", _start_msgbus(), True, True, _OURS_ACKNOWLEDGED, _OURS_NO_LOSS, ""),
+    System(OURS, "this bus", "msgbusd", _start_msgbus(), True, True, _OURS_ACKNOWLEDGED, _OURS_NO_LOSS, "",
+           version_option="--version"),
     System("msgbus-static", "this bus, static", "msgbusd", _start_msgbus("--static"), True, True, _OURS_ACKNOWLEDGED,
-           _OURS_NO_LOSS, "", variant=OURS),
+           _OURS_NO_LOSS, "", version_option="--version", variant=OURS),
     System("redis", "Redis", "redis-server", _start_redis, True, True,
            "the reply to PUBLISH: the value is in every subscriber's output buffer",
            "output buffers of subscribers without a limit, persistence off, unix socket",
-           "redis-server libhiredis-dev"),
+           "redis-server libhiredis-dev", version_option="--version"),
     System("nats", "NATS", "nats-server", _start_nats, True, True,
            "the PONG to a PING sent behind the PUB (flush): the value has been routed",
            "4 GB of pending data per connection before the server drops it, no limit in the client, loopback TCP",
-           "nats-server libnats-dev"),
+           "libnats-dev", version_option="--version"),
     System("mosquitto", "mosquitto", "mosquitto", _start_mosquitto, True, True,
            "PUBACK of a QoS 1 publish",
            "QoS 1 to the subscriber as well, its queue without a limit, unix socket",
-           "mosquitto libmosquitto-dev"),
+           "mosquitto libmosquitto-dev", version_option="-h"),
     System("dbus", "D-Bus", "dbus-daemon", _start_dbus, True, True,
            "the daemon's reply to a Ping sent behind the signal: the signal has been routed",
            "limits of a private daemon raised to 1 GB, unix socket",
-           "dbus-daemon libsystemd-dev"),
+           "dbus-daemon libsystemd-dev", version_option="--version"),
     System("zeromq", "ZeroMQ proxy", "bench_zeromq", _start_zeromq, True, True,
            "the proxy's reply (REQ to ROUTER), sent when the value is in every subscriber's queue (XPUB)",
            "no high-water marks, unix sockets",
@@ -213,6 +241,10 @@ SYSTEMS = (
     System("iceoryx", "iceoryx", "iox-roudi", _start_iceoryx, False, False,
            "none: publish returns when the value is in every subscriber's queue in shared memory; no broker in the path",
            "a full queue (256 values) blocks the publisher",
-           "iceoryx libiceoryx-posh-dev", most_subscribers=256,
+           "iceoryx libiceoryx-posh-dev", version_option="--version", most_subscribers=256,
            leftovers=("/tmp/bench-{pid}", "/tmp/bench-{pid}.lock")),
+    System("cyclonedds", "Cyclone DDS", "bench_cyclonedds", _start_cyclonedds, False, True,
+           "dds_wait_for_acks: the process of every reader has the value; no broker in the path",
+           "reliable writers and readers that keep all values; loopback UDP",
+           "cyclonedds-dev cyclonedds-tools"),
 )

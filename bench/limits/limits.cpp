@@ -1,10 +1,12 @@
 // The limits of the machine: round trips of a record between two processes over a socket pair and over shared memory,
-// and the cost of a thread. Every record is checked. Prints one JSON object.
+// a value through a chain of processes, and the cost of a thread. Every record is checked. Prints one JSON object.
 //
 //   bench_limits seqpacket|shared-spin|shared-sleep|thread [--seconds S] [--apart 1]
+//   bench_limits relay [--hops N] [--values N] [--interval-us US]
 //
 // `--apart 1` puts the two processes on CPUs 0 and 1; without it the scheduler may run both on one.
 
+#include "chain.h"
 #include "options.h"
 #include "samples.h"
 
@@ -21,6 +23,7 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -246,7 +249,15 @@ Samples ThreadHandOver(double seconds) {
     return samples;
 }
 
-Samples Measure(const std::string& what, Placement placement, double seconds) {
+Samples Measure(const bench::Options& options) {
+    const auto& what = options.Verb();
+    const auto placement = options.Number("apart", 0) != 0 ? Placement::Apart : Placement::Scheduler;
+    const auto seconds = options.Real("seconds", 1);
+    if (what == "relay") {
+        return bench::PassThroughChain(static_cast<std::size_t>(options.Number("hops", 3)),
+                                       static_cast<std::uint32_t>(options.Number("values", 500)),
+                                       options.Number("interval-us", 2000));
+    }
     if (what == "seqpacket") {
         return Seqpacket(placement, seconds);
     }
@@ -266,9 +277,7 @@ Samples Measure(const std::string& what, Placement placement, double seconds) {
 
 int main(int argc, char** argv) {
     try {
-        const bench::Options options(argc, argv);
-        const auto placement = options.Number("apart", 0) != 0 ? Placement::Apart : Placement::Scheduler;
-        auto samples = Measure(options.Verb(), placement, options.Real("seconds", 1));
+        auto samples = Measure(bench::Options(argc, argv));
         std::cout << "{\"count\":" << samples.Count() << "," << samples.Json() << "}" << std::endl;
         return 0;
     } catch (const std::exception& error) {
