@@ -48,9 +48,8 @@ struct NkOffers {
 /// Server: takes over the duty to answer the request that the calling thread received last and has not answered. The
 /// thread's own reply to it then answers 0 and sends nothing.
 ///
-/// Returns: 0 and `*deferred`; KnStatusInvalidArgument when the thread owes no reply; KnStatusUnimplemented on a platform
-/// without deferred replies.
-/// Blocks: never. Threads: any.
+/// Returns: 0 and `*deferred`; KnStatusInvalidArgument when the thread owes no reply; KnStatusUnimplemented on a
+/// platform without deferred replies. Blocks: never. Threads: any.
 std::int32_t NkDeferReply(NkDeferredReply* deferred) noexcept;
 
 /// Server: answers a deferred request. `response` is a buffer of NkRecordSize bytes; `offers` come with it, as far as
