@@ -4,7 +4,6 @@
 #include "bus_interfaces.h"
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <exception>
 #include <list>
@@ -41,11 +40,9 @@ struct Subscriber {
 /// Nothing expires: a client that goes away without unregistering leaves its records behind.
 ///
 /// Lock order: eventsMutex before publishersMutex and before the inbound queue's mutex; subscribersMutex before the
-/// inbound queue's and any subscriber queue's mutex. publishersMutex and subscribersMutex are never held together.
-class [[gnu::visibility("default")]] MessageBus final : public IProvider,
-                                                        public IProviderControl,
-                                                        public IWorker,
-                                                        public IReadyWorker {
+/// inbound queue's and any subscriber queue's mutex. publishersMutex and subscribersMutex are never held together. The
+/// listener of a subscriber's queue is called inside subscribersMutex.
+class [[gnu::visibility("default")]] MessageBus final : public IProvider, public IProviderControl, public IWorker {
 public:
     MessageBus() = default;
     MessageBus(const MessageBus&) = delete;
@@ -65,9 +62,6 @@ public:
     /// Hands serving over through the connector before it takes a message. Without a connector, before the first Run,
     /// it fails with 10 behind the look-up.
     cor::ResultCode Wait(long subscriberId, std::string& topic, long& message) override;
-
-    std::optional<cor::ResultCode> TryWait(long subscriberId, std::chrono::milliseconds linger, std::string& topic,
-                                           long& message) override;
 
     // A wait of a known subscriber in steps that never block, for a worker that does not hand serving over.
 

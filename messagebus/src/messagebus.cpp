@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cassert>
 #include <chrono>
-#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -14,7 +13,6 @@ using cor::ResultCode;
 using diagnostics::Log;
 using diagnostics::LogLevel;
 using diagnostics::LogSite;
-using std::chrono::milliseconds;
 
 namespace {
 
@@ -52,12 +50,6 @@ void Deliver(const Message& next, std::string& topic, long& message) {
     std::string text = next.topic; // all that can fail
     message = next.value;
     topic = std::move(text);
-}
-
-/// `linger` for BlockingQueue::Pop, which takes 0 as no limit.
-unsigned PopTimeoutMs(milliseconds linger) {
-    return static_cast<unsigned>(
-        std::clamp<milliseconds::rep>(linger.count(), 1, std::numeric_limits<unsigned>::max()));
 }
 
 } // namespace
@@ -263,29 +255,6 @@ ResultCode MessageBus::Wait(long subscriberId, std::string& topic, long& message
         const ResultCode result = TestForCancel(*subscriber);
         if (result == ResultCode::Success) {
             assert(next);
-            Deliver(*next, topic, message);
-        }
-        return result;
-    } catch (const std::exception& error) {
-        return FailWait(error);
-    }
-}
-
-std::optional<ResultCode> MessageBus::TryWait(long subscriberId, milliseconds linger, std::string& topic,
-                                              long& message) {
-    try {
-        const auto subscriber = GetSubscriberPtrById(subscriberId);
-        if (!subscriber || (linger <= milliseconds::zero() && subscriber->queue.Size() == 0)) {
-            return std::nullopt;
-        }
-        std::shared_ptr<Message> next;
-        const bool isTaken = subscriber->queue.Pop(next, PopTimeoutMs(linger));
-        if (!isTaken && !subscriber->queue.IsCanceled()) {
-            return std::nullopt;
-        }
-        BeginWait(subscriberId);
-        const ResultCode result = TestForCancel(*subscriber);
-        if (result == ResultCode::Success) {
             Deliver(*next, topic, message);
         }
         return result;
