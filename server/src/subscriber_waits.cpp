@@ -73,8 +73,7 @@ void SubscriberWaits::OnQueueChanged() noexcept {
             Serve();
             isOver = subscriber->queue.IsCanceled();
             if (isOver) {
-                TakeBack(); // so that no later wait of the client takes one
-                values.clear();
+                TakeBack(); // so that no later wait of the client takes one; what is left goes with this object
             }
         }
         if (isOver) {

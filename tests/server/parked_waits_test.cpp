@@ -5,9 +5,17 @@
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 #include "support/deferring_clients.h"
+#include "unlock_stop.h"
 
+#include <algorithm>
+#include <memory>
 #include <numeric>
+#include <optional>
 #include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -132,7 +140,7 @@ TEST_F(ParkedWaitsTest, Wait_WithMoreValuesThanAReplyOffers_DeliversThemAllInOrd
     while (clients.Answers(A).size() != expected.size()) {
         Wait(A);
         ASSERT_FALSE(clients.IsBlocked(A));
-        ASSERT_LE(clients.Offers(A).size(), NkMaxOffers);
+        EXPECT_EQ(clients.Offers(A).size(), std::min(NkMaxOffers, expected.size() - clients.Answers(A).size()));
         clients.TakeOffers(A, clients.Offers(A).size());
     }
     EXPECT_EQ(clients.Answers(A), expected);
@@ -341,6 +349,17 @@ TEST_F(ParkedWaitsTest, Unregistration_BetweenTheLookUpAndTheParking_AnswersOneA
     EXPECT_TRUE(record.expired());
 }
 
+TEST_F(ParkedWaitsTest, Unregistration_BeforeTheWaitFollowsTheQueue_AnswersOneAndLeavesNothingBehind) {
+    const std::weak_ptr<message_bus::Subscriber> record = std::exchange(kept, nullptr);
+    const auto* const registry =
+        test_support::LastUnlockedBy([this] { static_cast<void>(bus->GetSubscriberPtrById(-1)); });
+    test_support::OnNextUnlock(std::this_thread::get_id(), registry, [this] { Unregister(); });
+    Wait(A);
+    EXPECT_THAT(clients.Answers(A), ElementsAre(Canceled));
+    EXPECT_THAT(journal.All(), ElementsAre(RemovedLine, FirstLine, CancelLine));
+    EXPECT_TRUE(record.expired());
+}
+
 TEST_F(ParkedWaitsTest, Wait_OfACanceledQueueWithKeptValues_ReturnsOneAndDropsThem) {
     DisableDebug();
     clients.SetRoom(0);
@@ -397,7 +416,7 @@ TEST_F(BlockingWaitsTest, Wait_BlocksInTheBusAfterItsHandOver) {
 
 TEST_F(BlockingWaitsTest, Wait_WithValuesThatAnEarlierWaitHasLeft_TakesThemFirst) {
     DisableDebug();
-    platform.deferReply.Once([this](NkDeferredReply* deferred) {
+    platform.deferReply.Once([](NkDeferredReply* deferred) {
         *deferred = {1, 1, A};
         return KnStatusOk;
     });
@@ -472,6 +491,25 @@ TEST_F(ParkedWaitsTest, Wait_WithoutMemoryForOffers_LeavesThemInTheQueue) {
         }
     }
     EXPECT_GT(next, 1);
+}
+
+TEST_F(ParkedWaitsTest, AParkedWaitWithoutMemoryForItsValue_IsAnsweredTenAndLeavesTheValueInTheQueue) {
+    constexpr long ofTheEnqueue = 2; // the message, and its place in the queue
+    int failures = 0;
+    for (long value = 0; value < 100; ++value) { // not every value needs memory
+        Wait(A);
+        fault_points::FailAllocation(std::this_thread::get_id(), ofTheEnqueue);
+        Give("heat", value);
+        fault_points::DisarmAllocation();
+        ASSERT_FALSE(clients.IsBlocked(A)) << value;
+        if (clients.Answers(A).back() == Failed) {
+            ++failures;
+            Wait(A);
+        }
+        ASSERT_EQ(clients.Answers(A).back(), Value("heat", value));
+    }
+    EXPECT_GT(failures, 0);
+    EXPECT_EQ(journal.Count("4 Wait: [MessageBus]: std::bad_alloc"), static_cast<std::size_t>(failures));
 }
 
 TEST_F(ParkedWaitsTest, Wait_WhoseFirstLineThrows_AnswersTenAndLogsTheText) {
