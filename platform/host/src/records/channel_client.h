@@ -158,7 +158,8 @@ public:
 
     /// Ends the connection. The housekeeper notices it as it notices death.
     void End() noexcept {
-        isGone.store(true, std::memory_order_release);
+        isGone.store(true, std::memory_order_seq_cst);
+        ForgetOffers();
         ::shutdown(socket.Get(), SHUT_RDWR);
     }
 
@@ -224,8 +225,18 @@ private:
         const OfferWord word(Turn(turn.load(std::memory_order_relaxed)).Sequence(), 0,
                              static_cast<std::uint32_t>(offers.count));
         offered.store(word.Raw(), std::memory_order_release);
-        target.word.store(word.Raw(), std::memory_order_release);
+        target.word.store(word.Raw(), std::memory_order_seq_cst);
+        if (isGone.load(std::memory_order_seq_cst)) { // End may have been too early to see them
+            ForgetOffers();
+        }
         return offers.count;
+    }
+
+    /// A connection that has ended answers no call, not even ahead.
+    void ForgetOffers() noexcept {
+        if (takesOffers) {
+            Slot().offers.word.store(0, std::memory_order_seq_cst);
+        }
     }
 
     void Publish(const nk_message& response) noexcept {

@@ -141,6 +141,9 @@ std::int32_t Channel::Reply(const nk_message* response) noexcept {
 }
 
 std::int32_t Channel::Defer(NkDeferredReply& deferred) noexcept {
+    if (state->clients.IsClosed(std::memory_order_acquire)) {
+        return KnStatusClosed;
+    }
     const auto client = OwedReplies::OfThisThread().Defer(state.get());
     if (!client) {
         return KnStatusInvalidArgument;
