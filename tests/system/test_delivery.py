@@ -124,8 +124,8 @@ class Delivery(BusTest):
         self.publish(topic, 1)
         reader.expect(topic + " 1")
 
-    def test_delivery_is_the_same_without_the_shortcuts_of_the_server(self):
-        self.server("--no-fast-wait", "--no-flush-wake", "--no-placement", "--no-arena-pool")
+    def test_delivery_is_the_same_without_the_additions_of_the_server(self):
+        self.server("--no-parked-waits", "--no-flush-wake", "--no-placement", "--no-arena-pool")
         reader = self.sub("t", options=("-n", "100"))
         self.publish("t", *range(100))
         reader.expect_all(f"t {value}" for value in range(100))
