@@ -26,9 +26,15 @@ public:
 
     explicit DeferringClients(ScriptedPlatform& platform) {
         platform.deferReply.Always([this](NkDeferredReply* deferred) { return Defer(*deferred); });
-        platform.replyDeferred.Always(
-            [this](const NkDeferredReply& deferred, const nk_message* response, const NkOffers& offers,
-                   std::size_t* offered) { return Reply(deferred, *response, offers, *offered); });
+        platform.replyDeferred.Always([this](const NkDeferredReply& deferred, const nk_message* response,
+                                             const NkOffers& offers, std::size_t* offered) {
+            std::size_t put = 0;
+            const std::int32_t status = Reply(deferred, *response, offers, put);
+            if (offered != nullptr) {
+                *offered = put;
+            }
+            return status;
+        });
         platform.takeBackOffers.Always(
             [this](const NkDeferredReply& deferred, std::size_t* taken) { return TakeBack(deferred, *taken); });
     }
