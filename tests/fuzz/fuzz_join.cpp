@@ -242,19 +242,29 @@ public:
                 received.emplace_back(descriptor);
             }
         }
-        if (Greets()) {
+        if (Deserved() == KnStatusOk) {
             Require(answer.status == KnStatusOk && received.size() == ends, "a visitor that greets joins");
             return;
         }
-        Require(answer.status == KnStatusDenied && received.empty(), "a visitor that does not greet is refused");
+        Require(answer.status == Deserved() && received.empty(), "a visitor that does not greet is refused");
         pollfd watched{socket.Get(), POLLRDHUP, 0};
         Require(::poll(&watched, 1, PatienceMs) == 1, "the socket of a refused visitor ends");
     }
 
 private:
-    bool Greets() const {
-        const borven_host::Greeting greeting = borven_host::MakeGreeting();
-        return firstMessage == std::string(reinterpret_cast<const char*>(&greeting), sizeof greeting);
+    bool Greets() const { return Deserved() == KnStatusOk; }
+
+    /// Returns: the status that the first message deserves.
+    std::int32_t Deserved() const {
+        borven_host::Greeting greeting{};
+        if (!firstMessage || firstMessage->size() != sizeof greeting) {
+            return KnStatusDenied;
+        }
+        std::memcpy(&greeting, firstMessage->data(), sizeof greeting);
+        if (greeting.magic != borven_host::GreetingMagic || greeting.recordSize != NkRecordSize) {
+            return KnStatusDenied;
+        }
+        return greeting.layoutVersion == 1 || greeting.layoutVersion == 2 ? KnStatusOk : KnStatusOtherVersion;
     }
 
     Target target = Target::Line;

@@ -1,7 +1,8 @@
 // Hostile clients that do anything to what they share with the server (the page, the bells, the socket), beside an
 // honest one that keeps to the protocol. The honest one's calls must be answered. Of the hostile ones' requests, the
 // server serves what passes the filter, byte for byte as it stood in the page when it was claimed; a hostile client
-// that has rung is answered or ended. One thread plays all parts, so that a run can be repeated.
+// that has rung is answered or ended. Some replies are deferred, and some of those come with offers: of them, the
+// server never counts more as taken than there were. One thread plays all parts, so that a run can be repeated.
 //
 // Input: a byte that chooses the kind of channel, then the steps that Step reads.
 
@@ -16,7 +17,9 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <deque>
 #include <memory>
+#include <numeric>
 #include <optional>
 #include <vector>
 
@@ -25,6 +28,7 @@ namespace {
 using borven_host::Channel;
 using borven_host::LayoutVersion;
 using borven_host::MakeBell;
+using borven_host::OfferWord;
 using borven_host::RequestFilter;
 using borven_host::Ring;
 using borven_host::SharedMemoryEnds;
@@ -158,9 +162,11 @@ private:
     }
 
     void Step(Input& input) {
-        const auto choice = input.Below(16);
+        const auto choice = input.Below(Choices);
         if (choice == 0) {
             Call(input);
+        } else if (choice == 17) {
+            TakeBackOne();
         } else if (choice == 1 && hostile.size() < MostHostile) {
             Join();
         } else {
@@ -250,6 +256,13 @@ private:
                 Ring(client.bell);
             }
             break;
+        case 16: {
+            const auto sequence = client.answered + input.Below(2);
+            const auto next = input.Number<std::uint16_t>();
+            slot.offers.word.store(
+                OfferWord(static_cast<std::uint32_t>(sequence), next, input.Number<std::uint8_t>()).Raw());
+            break;
+        }
         default:
             Ring(client.bell);
             break;
@@ -301,7 +314,7 @@ private:
         }
         // A chance to misbehave between the claim of a request and its reply.
         if (input.Below(4) == 1) {
-            Misbehave(*hostile[input.Below(hostile.size())], input.Below(16), input);
+            Misbehave(*hostile[input.Below(hostile.size())], input.Below(Choices), input);
         }
         for (const auto& client : hostile) {
             client->ForgetReply();
@@ -313,10 +326,7 @@ private:
         }
         const auto size = input.IsEmpty() ? NkRecordSize : input.Number<std::uint16_t>();
         HeaderOf(response).size = static_cast<std::uint32_t>(size);
-        const auto replied = channel.Reply(&HeaderOf(response));
-        Require(replied == KnStatusOk ||
-                    (replied == KnStatusPeerGone && reaction == Channel::DeadClient::ReplyReportsIt),
-                "a reply has one of its outcomes");
+        const auto replied = Answer(HeaderOf(response), input);
         const auto used = std::clamp<std::size_t>(size, sizeof(nk_message), NkRecordSize);
         std::fill(response.begin() + static_cast<std::ptrdiff_t>(used), response.end(), std::byte{0});
 
@@ -338,8 +348,57 @@ private:
         Require(!(replied == KnStatusPeerGone && answered == 1), "a client that is gone is not answered");
     }
 
+    /// Replies, in one go or deferred. Returns: the status of the reply that counts.
+    std::int32_t Answer(const nk_message& response, Input& input) {
+        if (input.Below(4) != 1) {
+            const auto replied = channel.Reply(&response);
+            Require(replied == KnStatusOk ||
+                        (replied == KnStatusPeerGone && reaction == Channel::DeadClient::ReplyReportsIt),
+                    "a reply has one of its outcomes");
+            return replied;
+        }
+        NkDeferredReply deferred;
+        Require(channel.Defer(deferred) == KnStatusOk, "a request that is owed can be deferred");
+        Require(channel.Reply(&response) == KnStatusOk, "the thread's own reply goes nowhere");
+        if (input.Below(2) == 1) {
+            Misbehave(*hostile[input.Below(hostile.size())], input.Below(Choices), input);
+            for (const auto& client : hostile) {
+                client->ForgetReply();
+            }
+        }
+        std::array<std::int64_t, NkMaxOffers> values;
+        std::iota(values.begin(), values.end(), 0);
+        const NkOffers offers{sizeof(nk_message), values.data(), input.Below(NkMaxOffers + 1)};
+        std::size_t put = 0;
+        const auto replied = channel.ReplyDeferred(deferred, response, offers, put);
+        Require(replied == KnStatusOk || replied == KnStatusPeerGone, "a deferred reply has one of its outcomes");
+        Require(put == 0 || (put == offers.count && replied == KnStatusOk), "all offers are put, or none");
+        std::size_t ignored = 0;
+        Require(channel.ReplyDeferred(deferred, response, {}, ignored) != KnStatusOk, "it is answered once");
+        if (put > 0) {
+            outstanding.emplace_back(deferred, put);
+        }
+        return replied;
+    }
+
+    void TakeBackOne() {
+        if (outstanding.empty()) {
+            return;
+        }
+        const auto [deferred, put] = outstanding.front();
+        outstanding.pop_front();
+        std::size_t taken = 0;
+        const auto status = channel.TakeBackOffers(deferred, taken);
+        Require(status == KnStatusOk || status == KnStatusPeerGone, "what was put can be taken back");
+        Require(taken <= put, "no more are taken than were put");
+        Require(channel.TakeBackOffers(deferred, taken) != KnStatusOk, "they are taken back once");
+    }
+
+    static constexpr std::size_t Choices = 18;
+
     const Channel::DeadClient reaction;
     Channel channel;
+    std::deque<std::pair<NkDeferredReply, std::size_t>> outstanding; ///< replies with offers, and how many
     Client honest{channel};
     std::vector<std::unique_ptr<Client>> hostile;
     std::uint64_t calls = 0;

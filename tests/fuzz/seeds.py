@@ -57,6 +57,9 @@ def shared_pages():
         return action(3, bytes([wrong_interface, method, wrong_size, shift]) + b"body".ljust(64, b"\0"), client)
 
     good = request(1)
+    full = struct.pack("<H", RECORD)
+    late = bytes([0]) + full + bytes([1, 0, 5])
+    forged = action(16, b"\0" + struct.pack("<HB", 6, 5))
     stories = {
         "calls": call * 3,
         "good": good + call + good + call,
@@ -73,12 +76,17 @@ def shared_pages():
         "talks": action(11, b"\x10" + b"uninvited message"[:16]) + call,
         # The server takes the first request, whose page changes before the reply.
         "meanwhile": good + call + bytes([1, 0, 7, 0xFF]) + call,
+        # The server defers its replies, with offers, whose word is forged before they are taken back. The first call is
+        # served before the first request of the other client.
+        "offered": good + call + late + call + late * 2 + forged + bytes([17]) * 3 + call,
+        "deferred": good + call + late + call + bytes([0]) + full + bytes([1, 1, 0, 7, 0xFF, 5]) + late
+        + bytes([17]) * 3 + call,
     }
     return {f"{name}_{kind}": bytes([kind]) + story for name, story in stories.items() for kind in range(2)}
 
 
 def joins():
-    greeting = struct.pack("<IHH", 0x48565242, 1, RECORD)
+    greeting = struct.pack("<IHH", 0x48565242, 2, RECORD)
 
     def step(choice, visitor=0, data=b""):
         return bytes([choice, visitor]) + data
@@ -92,7 +100,8 @@ def joins():
         "refused": step(0) + send(greeting[:-1]),
         "empty": step(0) + send(b""),
         "long": step(0) + send(greeting + b"x"),
-        "version": step(0) + send(greeting[:4] + b"\2\0" + greeting[6:]),
+        "older": step(0) + send(greeting[:4] + b"\1\0" + greeting[6:]),
+        "version": step(0) + send(greeting[:4] + b"\3\0" + greeting[6:]),
         "descriptors": step(0) + step(3, 0, b"\3\x08" + greeting),
         "half_closed": step(0) + step(4, 0, b"\1") + send(greeting),
         "left": step(1) + send(greeting) + step(6) + step(5),
