@@ -99,7 +99,7 @@ BusServer::BusServer(const BusServerOptions& options)
       forwarding(std::make_shared<ForwardingConnector>(
           *connector, [this] { eventsThreadName.reset(); }, [this] { OnServing(); })) {
     if (options.flushWake) {
-        flushWake.emplace(bus, bus);
+        flushWake.emplace(bus);
     }
     if (options.placement && PlacementPays(connectionType)) {
         placement.emplace(flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus);
