@@ -123,8 +123,8 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
     app.add_option("--ready-fd", settings.readyDescriptor,
                    "when the bus is served, write READY to this descriptor and close it")
         ->type_name("FD");
-    app.add_flag_callback("--no-fast-wait", switchOff(settings.server.fastWait),
-                          "replace the worker for every wait, even when a value is queued");
+    app.add_flag_callback("--no-parked-waits", switchOff(settings.server.parkedWaits),
+                          "block a thread of the bus for every waiting subscriber");
     app.add_flag_callback("--no-flush-wake", switchOff(settings.server.flushWake),
                           "do not deliver values left behind by a lost wake-up until the next push");
     app.add_flag_callback("--no-placement", switchOff(settings.server.placement),

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cassert>
 #include <chrono>
 #include <condition_variable>
@@ -9,6 +10,16 @@
 #include <utility>
 
 namespace message_bus {
+
+/// Learns of the changes of one queue or more.
+class [[gnu::visibility("default")]] IQueueListener {
+public:
+    virtual ~IQueueListener() = default;
+
+    /// Called after every Enqueue and every Cancel, on the thread that made the change and with the locks that it
+    /// holds, but for the queue's own: this may use the queue.
+    virtual void OnQueueChanged() noexcept = 0;
+};
 
 /// Unlimited FIFO, on which consumers block until an item arrives or the queue is canceled.
 /// Threads: every operation from any thread.
@@ -29,6 +40,7 @@ public:
             size = items.size();
         }
         notEmpty.notify_all();
+        CallListener();
         return size;
     }
 
@@ -43,13 +55,14 @@ public:
         } else {
             notEmpty.wait_until(lock, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs), ready);
         }
-        if (items.empty()) {
-            assert(canceled || timeoutMs != 0);
-            return false;
-        }
-        element = std::move(items.front());
-        items.pop_front();
-        return true;
+        assert(!items.empty() || canceled || timeoutMs != 0);
+        return TakeFront(element);
+    }
+
+    /// Pop without blocking.
+    bool TryPop(T& element) {
+        const std::lock_guard lock(mutex);
+        return TakeFront(element);
     }
 
     std::size_t Size() const {
@@ -65,6 +78,7 @@ public:
         }
         notEmpty.notify_all();
         notFull.notify_all();
+        CallListener();
     }
 
     bool IsCanceled() const {
@@ -72,12 +86,35 @@ public:
         return canceled;
     }
 
+    /// Replaces the listener; null: none. Each later change is reported to it. A change that another thread makes
+    /// meanwhile is reported, or whatever the listener's thread then reads of the queue shows it.
+    /// Lifetime: the listener must outlive the queue, or be replaced and outlive the changes that are under way then.
+    void SetListener(IQueueListener* newListener) { listener.store(newListener, std::memory_order_release); }
+
 private:
-    mutable std::mutex mutex; // guards all below
+    // Requires: the mutex is held.
+    bool TakeFront(T& element) {
+        if (items.empty()) {
+            return false;
+        }
+        element = std::move(items.front());
+        items.pop_front();
+        return true;
+    }
+
+    void CallListener() noexcept {
+        // Behind the change: a listener that is missed here was set by a thread that finds the change in the queue.
+        if (auto* const current = listener.load(std::memory_order_acquire)) {
+            current->OnQueueChanged();
+        }
+    }
+
+    mutable std::mutex mutex; // guards all below but the listener
     std::condition_variable notEmpty;
     std::condition_variable notFull; // no thread waits on it: the queue has no capacity
     bool canceled = false;
     std::list<T> items;
+    std::atomic<IQueueListener*> listener{nullptr}; // not owned; not guarded
 };
 
 } // namespace message_bus

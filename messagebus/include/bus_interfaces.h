@@ -2,8 +2,6 @@
 
 #include "cor/result_code.h"
 
-#include <chrono>
-#include <optional>
 #include <set>
 #include <string>
 
@@ -61,20 +59,6 @@ public:
     /// Blocks: until a message arrives or the subscriber is unregistered. Threads: any; two waits of one subscriber
     /// take a message each.
     virtual cor::ResultCode Wait(long subscriberId, std::string& topic, long& message) = 0;
-};
-
-/// Receiving without handing serving over.
-class [[gnu::visibility("default")]] IReadyWorker {
-public:
-    virtual ~IReadyWorker() = default;
-
-    /// Takes the subscriber's next message if it is queued now, or arrives within `linger`.
-    /// Returns: nothing, without a log line and with the outputs left alone, when there is none in time or the
-    /// subscriber is unknown: IWorker::Wait then answers. Otherwise what IWorker::Wait returns and logs, but for its
-    /// refusals: 0 with both outputs written; 1 unregistered meanwhile; 10.
-    /// Blocks: at most `linger`; with 0 at most 1 ms, where another wait takes the message that was seen. Threads: any.
-    virtual std::optional<cor::ResultCode> TryWait(long subscriberId, std::chrono::milliseconds linger,
-                                                   std::string& topic, long& message) = 0;
 };
 
 /// What the bus needs of the object that connects it to its clients.

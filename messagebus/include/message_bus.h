@@ -4,10 +4,10 @@
 #include "bus_interfaces.h"
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <list>
 #include <map>
 #include <memory>
@@ -48,11 +48,9 @@ enum class InboundState {
 /// Nothing expires: a client that goes away without unregistering leaves its records behind.
 ///
 /// Lock order: eventsMutex before publishersMutex and before the inbound queue's mutex; subscribersMutex before the
-/// inbound queue's and any subscriber queue's mutex. publishersMutex and subscribersMutex are never held together.
-class [[gnu::visibility("default")]] MessageBus final : public IProvider,
-                                                        public IProviderControl,
-                                                        public IWorker,
-                                                        public IReadyWorker {
+/// inbound queue's and any subscriber queue's mutex. publishersMutex and subscribersMutex are never held together. The
+/// listener of a subscriber's queue is called inside subscribersMutex.
+class [[gnu::visibility("default")]] MessageBus final : public IProvider, public IProviderControl, public IWorker {
 public:
     MessageBus() = default;
     MessageBus(const MessageBus&) = delete;
@@ -73,8 +71,19 @@ public:
     /// it fails with 10 behind the look-up.
     cor::ResultCode Wait(long subscriberId, std::string& topic, long& message) override;
 
-    std::optional<cor::ResultCode> TryWait(long subscriberId, std::chrono::milliseconds linger, std::string& topic,
-                                           long& message) override;
+    // A wait of a known subscriber in steps that never block, for a worker that does not hand serving over.
+
+    /// Writes the first line of a wait. Throws: what the log throws.
+    static void BeginWait(long subscriberId);
+
+    /// Takes the subscriber's next message, as a wait does behind its look-up.
+    /// Returns: nothing, without a line, while the queue is empty and not canceled; 0 and `next`; 1 once the queue is
+    /// canceled, which drops what it took; 10. Except with 0, `next` is of no use.
+    /// Threads: any; each message is taken once.
+    static std::optional<cor::ResultCode> TryTake(Subscriber & subscriber, std::shared_ptr<Message> & next);
+
+    /// Writes the line of a wait that fails. Returns: 10.
+    static cor::ResultCode FailWait(const std::exception& error);
 
     /// Returns: the topic; empty when no publisher has that id. Threads: any.
     std::string GetPublisherTopicById(long publisherId) const;

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cassert>
 #include <chrono>
-#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -14,7 +13,6 @@ using cor::ResultCode;
 using diagnostics::Log;
 using diagnostics::LogLevel;
 using diagnostics::LogSite;
-using std::chrono::milliseconds;
 
 namespace {
 
@@ -37,33 +35,21 @@ LogSite WaitSite(LogLevel level, int line = __builtin_LINE()) {
     return {level, __FILE__, line, "Wait"};
 }
 
-void LogWaitCall(long subscriberId) {
-    // Contract: no tag, so a search for the tag does not find the first line of a wait.
-    Log(WaitSite(LogLevel::Debug), "Wait is called by subscriber ({})", subscriberId);
-}
-
-ResultCode FailedWait(const std::exception& error) {
-    Log(WaitSite(LogLevel::Error), "{}: {}", Tag, error.what());
-    return ResultCode::Failed;
-}
-
-/// Ends a wait after its pop, which left `next` empty only if the queue is canceled. Writes both outputs or neither.
-ResultCode Deliver(const std::shared_ptr<Message>& next, bool isCanceled, std::string& topic, long& message) {
-    if (isCanceled) {
+/// The last test of a wait, after its pop. Returns: 0; 1 when the queue is canceled: a message that was taken is then
+/// dropped with the subscriber.
+ResultCode TestForCancel(const Subscriber& subscriber) {
+    if (subscriber.queue.IsCanceled()) {
         Log(WaitSite(LogLevel::Debug), "{}: Canceled", Tag);
-        return ResultCode::NotRegistered; // a message that was taken is dropped with the subscriber
+        return ResultCode::NotRegistered;
     }
-    assert(next);
-    std::string text = next->topic; // all that can fail, before either output is written
-    message = next->value;
-    topic = std::move(text);
     return ResultCode::Success;
 }
 
-/// `linger` for BlockingQueue::Pop, which takes 0 as no limit.
-unsigned PopTimeoutMs(milliseconds linger) {
-    return static_cast<unsigned>(
-        std::clamp<milliseconds::rep>(linger.count(), 1, std::numeric_limits<unsigned>::max()));
+/// Writes both outputs or neither.
+void Deliver(const Message& next, std::string& topic, long& message) {
+    std::string text = next.topic; // all that can fail
+    message = next.value;
+    topic = std::move(text);
 }
 
 } // namespace
@@ -262,7 +248,7 @@ void MessageBus::WakeEventsThread() noexcept {
 }
 
 ResultCode MessageBus::Wait(long subscriberId, std::string& topic, long& message) {
-    LogWaitCall(subscriberId);
+    BeginWait(subscriberId);
     // Contract: both refusals log the same text, so only the code distinguishes them.
     if (subscriberId == NoId) {
         Log(LogLevel::Error, "{}: The clientID is not registered", Tag);
@@ -280,30 +266,35 @@ ResultCode MessageBus::Wait(long subscriberId, std::string& topic, long& message
         connector->SwitchActiveIpcServer();
         std::shared_ptr<Message> next;
         subscriber->queue.Pop(next, 0);
-        return Deliver(next, subscriber->queue.IsCanceled(), topic, message);
+        const ResultCode result = TestForCancel(*subscriber);
+        if (result == ResultCode::Success) {
+            assert(next);
+            Deliver(*next, topic, message);
+        }
+        return result;
     } catch (const std::exception& error) {
-        return FailedWait(error);
+        return FailWait(error);
     }
 }
 
-std::optional<ResultCode> MessageBus::TryWait(long subscriberId, milliseconds linger, std::string& topic,
-                                              long& message) {
+void MessageBus::BeginWait(long subscriberId) {
+    // Contract: no tag, so a search for the tag does not find the first line of a wait.
+    Log(WaitSite(LogLevel::Debug), "Wait is called by subscriber ({})", subscriberId);
+}
+
+std::optional<ResultCode> MessageBus::TryTake(Subscriber& subscriber, std::shared_ptr<Message>& next) {
     try {
-        const auto subscriber = GetSubscriberPtrById(subscriberId);
-        if (!subscriber || (linger <= milliseconds::zero() && subscriber->queue.Size() == 0)) {
-            return std::nullopt;
-        }
-        std::shared_ptr<Message> next;
-        const bool isTaken = subscriber->queue.Pop(next, PopTimeoutMs(linger));
-        const bool isCanceled = subscriber->queue.IsCanceled();
-        if (!isTaken && !isCanceled) {
-            return std::nullopt;
-        }
-        LogWaitCall(subscriberId);
-        return Deliver(next, isCanceled, topic, message);
+        const bool isTaken = subscriber.queue.TryPop(next);
+        const ResultCode result = TestForCancel(subscriber);
+        return isTaken || result != ResultCode::Success ? std::optional(result) : std::nullopt;
     } catch (const std::exception& error) {
-        return FailedWait(error);
+        return FailWait(error);
     }
+}
+
+ResultCode MessageBus::FailWait(const std::exception& error) {
+    Log(WaitSite(LogLevel::Error), "{}: {}", Tag, error.what());
+    return ResultCode::Failed;
 }
 
 bool MessageBus::Run(const std::shared_ptr<IConnector>& newConnector) {

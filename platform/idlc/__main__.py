@@ -26,7 +26,7 @@ def own_files():
 
 
 def main(argv=None):
-    parser = argparse.ArgumentParser(prog="idlc", description="Generates records, dispatch and client stubs.")
+    parser = argparse.ArgumentParser(prog="idlc", description="Generates records, dispatch, replies and client stubs.")
     parser.add_argument("file", help="IDL file that defines the entity or uses the file that does")
     parser.add_argument("--entity", required=True, help="qualified name of the entity, such as br.MessageBus")
     parser.add_argument("--output", required=True, type=Path, help="folder for the generated files")

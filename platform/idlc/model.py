@@ -13,7 +13,7 @@ ERROR_REPLY_SIZE = 32  # header and the first eight bytes, of which an error rep
 LONGEST_CONNECTION = 255  # bytes; platforms use the name as a file name
 
 # Names that generated code uses beside the fields of a method.
-RESERVED_FIELD_NAMES = {"header", "transport", "exchange", "status"}
+RESERVED_FIELD_NAMES = {"header", "transport", "exchange", "status", "result", "response"}
 
 CPP_KEYWORDS = set(
     """alignas alignof and and_eq asm auto bitand bitor bool break case catch char char8_t char16_t char32_t class

@@ -26,18 +26,32 @@ def declarations(fields):
     return [f"{member.ljust(width)} // offset {field.offset}" for member, field in zip(members, fields)]
 
 
+def value_parameter(field):
+    return f"std::string_view {field.name}" if field.length else f"{field.cpp_type} {field.name}"
+
+
 def parameter(field):
     if field.direction == "in":
-        return f"std::string_view {field.name}" if field.length else f"{field.cpp_type} {field.name}"
+        return value_parameter(field)
     return f"std::string& {field.name}" if field.length else f"{field.cpp_type}& {field.name}"
 
 
-def parameters(method):
-    """The parameters of a client stub, on as many lines as they need."""
-    parameters = ["NkBosTransport* transport", *map(parameter, method.fields)]
+def wrapped(parameters, end):
+    """Parameters on as many lines as they need; `end` follows the last one."""
     glued = [parameter.replace(" ", "\0") for parameter in parameters]
-    lines = textwrap.wrap(", ".join(glued), LINE_WIDTH - len("    ) {"), break_long_words=False)
+    lines = textwrap.wrap(", ".join(glued), LINE_WIDTH - len("    " + end), break_long_words=False)
     return "\n    ".join(lines).replace("\0", " ")
+
+
+def parameters(method):
+    """The parameters of a client stub."""
+    return wrapped(["NkBosTransport* transport", *map(parameter, method.fields)], ") {")
+
+
+def reply_parameters(method):
+    """The parameters of the function that writes a reply."""
+    values = map(value_parameter, method.response.fields)
+    return wrapped(["std::int32_t result", *values, "nk_message* response"], ") noexcept {")
 
 
 ENVIRONMENT = jinja2.Environment(
@@ -48,7 +62,7 @@ ENVIRONMENT = jinja2.Environment(
     keep_trailing_newline=True,
     autoescape=False,
 )
-ENVIRONMENT.filters.update(declarations=declarations, parameters=parameters)
+ENVIRONMENT.filters.update(declarations=declarations, parameters=parameters, reply_parameters=reply_parameters)
 
 
 def render(entity, files):

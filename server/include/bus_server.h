@@ -2,12 +2,12 @@
 
 #include "channel_deadline.h"
 #include "closing_log_filter.h"
-#include "fast_wait.h"
 #include "flush_wake.h"
 #include "forwarding_connector.h"
 #include "inherited_thread_name.h"
 #include "ipc_server.h"
 #include "message_bus.h"
+#include "parked_waits.h"
 #include "placement.h"
 #include "reserved_threads.h"
 #include "subscriber_ledger.h"
@@ -33,9 +33,9 @@ public:
 /// What the server adds around the bus. Everything is on by default; a member set to false leaves that part out.
 struct BusServerOptions {
     message_bus::ConnectionType connectionType = message_bus::ConnectionType::Dynamic;
-    bool fastWait = true;  ///< FastWait
-    bool flushWake = true; ///< FlushWake
-    bool placement = true; ///< Placement, where it pays: in dynamic mode, or with a single processor
+    bool parkedWaits = true; ///< ParkedWaits
+    bool flushWake = true;   ///< FlushWake
+    bool placement = true;   ///< Placement, where it pays: in dynamic mode, or with a single processor
 };
 
 /// The bus as a server: builds the bus, its decorators, the connector and the IPC server, runs them, and stops them in
@@ -86,7 +86,7 @@ private:
 
     // Each is used by those below it. The connector's workers use them all.
     message_bus::MessageBus bus;
-    std::unique_ptr<FastWait> fastWait; ///< null: left out
+    std::optional<ParkedWaits> parkedWaits;
     SubscriberLedger ledger;
     std::optional<FlushWake> flushWake;
     std::optional<Placement> placement;

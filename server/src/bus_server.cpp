@@ -99,12 +99,9 @@ std::string ReasonOfFailure(ConnectionType type) {
            "; is the runtime directory (BORVEN_RUNTIME_DIR) writable and yours alone?";
 }
 
-/// The workers of the static channel serve publishers too, so a wait may not linger there.
-std::unique_ptr<FastWait> MakeFastWait(message_bus::MessageBus& bus, const BusServerOptions& options) {
-    const bool isStatic = options.connectionType == ConnectionType::Static;
-    return options.fastWait
-               ? std::make_unique<FastWait>(bus, bus, isStatic ? FastWait::Linger::Never : FastWait::Linger::InAStream)
-               : nullptr;
+/// Returns: `decorator`, made of the bus, or the bus itself.
+message_bus::IWorker& MakeWorker(std::optional<ParkedWaits>& decorator, message_bus::MessageBus& bus, bool isWanted) {
+    return isWanted ? static_cast<message_bus::IWorker&>(decorator.emplace(bus)) : bus;
 }
 
 /// Runs `start`, which starts threads. Throws: OfferError when the system refuses one.
@@ -121,8 +118,7 @@ void StartingThreads(const Start& start) {
 } // namespace
 
 BusServer::BusServer(const BusServerOptions& options)
-    : connectionType(options.connectionType), fastWait(MakeFastWait(bus, options)),
-      ledger(bus, fastWait ? static_cast<message_bus::IWorker&>(*fastWait) : bus),
+    : connectionType(options.connectionType), ledger(bus, MakeWorker(parkedWaits, bus, options.parkedWaits)),
       server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
       connector(std::make_unique<message_bus::BosConnector>(server)),
       forwarding(std::make_shared<ForwardingConnector>(

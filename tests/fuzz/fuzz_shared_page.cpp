@@ -7,6 +7,7 @@
 
 #include "fuzzing.h"
 #include "kn/status.h"
+#include "names/handshake.h"
 #include "records/event_fd.h"
 #include "records/shared_memory_channel.h"
 
@@ -22,6 +23,7 @@
 namespace {
 
 using borven_host::Channel;
+using borven_host::LayoutVersion;
 using borven_host::MakeBell;
 using borven_host::RequestFilter;
 using borven_host::Ring;
@@ -69,7 +71,7 @@ public:
         socket = UniqueFd(pair[1]);
         SharedMemoryEnds ends;
         UniqueFd file;
-        Require(SharedMemoryRegion::Create(ends.region, file) == KnStatusOk, "a region is made");
+        Require(SharedMemoryRegion::Create(LayoutVersion, ends.region, file) == KnStatusOk, "a region is made");
         ends.bell = MakeBell();
         ends.doorbell = MakeBell();
         region = ends.region;

@@ -112,7 +112,7 @@ def command_lines():
         "msgbus sub --name=me --static --dynamic topic", "msgbus sub --name me -n 0 topic",
         "msgbus sub --name me -W 1e12ms topic", "msgbus sub --name me -W nan topic",
         "msgbusd", "msgbusd --static", "msgbusd --dynamic --static", "msgbusd --log-level debug",
-        "msgbusd --log-level=4 --no-fast-wait --no-flush-wake", "msgbusd --ready-fd 1", "msgbusd --ready-fd -1",
+        "msgbusd --log-level=4 --no-parked-waits --no-flush-wake", "msgbusd --ready-fd 1", "msgbusd --ready-fd -1",
         "msgbusd --log-level=none", "msgbusd --help", "msgbusd --version", "msgbusd extra",
     ]
     return {f"line_{number:02}": line.replace(" ", "\0").encode() for number, line in enumerate(lines)}

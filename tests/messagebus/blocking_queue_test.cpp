@@ -7,6 +7,7 @@
 
 #include <future>
 #include <memory>
+#include <vector>
 
 namespace {
 
@@ -30,6 +31,25 @@ protected:
         std::promise<std::pair<bool, int>> result;
         std::thread thread;
         std::thread::id id;
+    };
+
+    /// Notes what a listener finds in the queue.
+    class NotingListener final : public message_bus::IQueueListener {
+    public:
+        explicit NotingListener(BlockingQueue<int>& changingQueue) : queue(changingQueue) {}
+
+        void OnQueueChanged() noexcept override {
+            sizes.push_back(queue.Size()); // would block for ever under the queue's mutex
+            threads.push_back(std::this_thread::get_id());
+            wasCanceled = queue.IsCanceled();
+        }
+
+        std::vector<std::size_t> sizes;
+        std::vector<std::thread::id> threads;
+        bool wasCanceled = false;
+
+    private:
+        BlockingQueue<int>& queue;
     };
 
     BlockingQueue<int> queue;
@@ -145,6 +165,96 @@ TEST_F(BlockingQueueTest, IsCanceled_IsFalseUntilCancelAndTrueForEverAfter) {
     queue.Enqueue(1);
     queue.Cancel();
     EXPECT_TRUE(queue.IsCanceled());
+}
+
+TEST_F(BlockingQueueTest, TryPop_TakesTheOldestFirstAndNeverBlocks) {
+    queue.Enqueue(1);
+    queue.Enqueue(2);
+    int element = 0;
+    EXPECT_TRUE(queue.TryPop(element));
+    EXPECT_EQ(element, 1);
+    EXPECT_TRUE(queue.TryPop(element));
+    EXPECT_EQ(element, 2);
+    EXPECT_FALSE(queue.TryPop(element));
+    EXPECT_EQ(element, 2) << "left alone";
+}
+
+TEST_F(BlockingQueueTest, TryPop_OfACanceledQueue_StillReturnsItsItems) {
+    queue.Enqueue(1);
+    queue.Cancel();
+    int element = 0;
+    EXPECT_TRUE(queue.TryPop(element));
+    EXPECT_EQ(element, 1);
+    EXPECT_FALSE(queue.TryPop(element));
+}
+
+TEST_F(BlockingQueueTest, Listener_IsCalledBehindEachEnqueueOnTheSameThread) {
+    NotingListener listener(queue);
+    queue.Enqueue(1);
+    queue.SetListener(&listener);
+    queue.Enqueue(2);
+    std::thread other([&] { queue.Enqueue(3); });
+    const auto otherThread = other.get_id();
+    other.join();
+    EXPECT_EQ(listener.sizes, (std::vector<std::size_t>{2, 3}));
+    EXPECT_EQ(listener.threads, (std::vector{std::this_thread::get_id(), otherThread}));
+}
+
+TEST_F(BlockingQueueTest, Listener_IsCalledBehindCancelAndBehindAnEnqueueThatIsDropped) {
+    NotingListener listener(queue);
+    queue.SetListener(&listener);
+    queue.Cancel();
+    EXPECT_TRUE(listener.wasCanceled);
+    queue.Enqueue(1);
+    EXPECT_EQ(listener.sizes, (std::vector<std::size_t>{0, 0}));
+}
+
+TEST_F(BlockingQueueTest, Listener_IsCalledBehindTheNotificationOfABlockedPop) {
+    // A listener that waits for the pop's end would wait for ever if it came first.
+    class WaitingListener final : public message_bus::IQueueListener {
+    public:
+        explicit WaitingListener(Popper& waitingPopper) : popper(waitingPopper) {}
+        void OnQueueChanged() noexcept override { popped = popper.result.get_future().get(); }
+
+        std::pair<bool, int> popped;
+
+    private:
+        Popper& popper;
+    };
+    Popper popper(queue);
+    ASSERT_TRUE(AwaitSleepingOnCondition(popper.id));
+    WaitingListener listener(popper);
+    queue.SetListener(&listener);
+    queue.Enqueue(5);
+    EXPECT_EQ(listener.popped, std::pair(true, 5));
+    queue.SetListener(nullptr);
+}
+
+TEST_F(BlockingQueueTest, SetListener_WithNull_EndsTheCalls) {
+    NotingListener listener(queue);
+    queue.SetListener(&listener);
+    queue.SetListener(nullptr);
+    queue.Enqueue(1);
+    queue.Cancel();
+    EXPECT_TRUE(listener.sizes.empty());
+}
+
+TEST_F(BlockingQueueTest, SetListener_BesideChangesOfOtherThreads_MissesNone) {
+    // Whoever sets a listener and finds the queue empty is called for the next change.
+    for (int round = 0; round < 2000; ++round) {
+        BlockingQueue<int> racing;
+        class Flag final : public message_bus::IQueueListener {
+        public:
+            void OnQueueChanged() noexcept override { called = true; }
+            std::atomic<bool> called{false};
+        } listener;
+        std::thread other([&] { racing.Enqueue(1); });
+        racing.SetListener(&listener);
+        int element = 0;
+        const bool isSeen = racing.TryPop(element);
+        other.join();
+        ASSERT_TRUE(isSeen || listener.called) << round;
+    }
 }
 
 TEST_F(BlockingQueueTest, Enqueue_HasNoLimit) {

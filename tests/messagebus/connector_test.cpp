@@ -250,7 +250,6 @@ TEST_F(ConnectorTest, Interfaces_KeepTheOrderOfTheirOperationsBehindTheDestructo
     EXPECT_EQ(Slot(&message_bus::IProviderControl::UnregisterPublisher), 4U);
     EXPECT_EQ(Slot(&message_bus::IProviderControl::UnregisterSubscriber), 5U);
     EXPECT_EQ(Slot(&message_bus::IWorker::Wait), 2U);
-    EXPECT_EQ(Slot(&message_bus::IReadyWorker::TryWait), 2U);
     EXPECT_EQ(Slot(&IConnector::RunServer), 2U);
     EXPECT_EQ(Slot(&IConnector::SwitchActiveIpcServer), 3U);
     EXPECT_EQ(Slot(&IConnector::ShouldBeStopped), 4U);

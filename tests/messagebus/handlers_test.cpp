@@ -262,6 +262,29 @@ TEST_F(HandlersTest, Wait_ThatDeliversNothing_WritesAnEmptyTopicAndMinusOne) {
     EXPECT_EQ(response.subs_Wait.message, -1);
 }
 
+TEST_F(HandlersTest, Wait_ThroughTheDispatch_GivesTheRecordThatItsReplyFunctionWrites) {
+    br_MessageBusComponent_component component{provider, ctl, subs};
+    br_MessageBus_component entity{&component};
+    const auto asked = test_support::Request(test_support::SubsIid, 0);
+    for (int code = 0; code <= 11; ++code) { // 11 is no code of the bus
+        for (const std::size_t length : {0U, 1U, 1021U, 1022U, 1023U}) {
+            bus->result = static_cast<ResultCode>(code);
+            bus->waitTopic.assign(length, 'x');
+            const nk_arena requestArena{};
+            nk_arena responseArena{};
+            EXPECT_EQ(
+                br_MessageBus_entity_dispatch(&entity, &asked.header, &requestArena, &response.header, &responseArena),
+                0);
+            br_MessageBus_component_res written;
+            std::memset(written.record, 0xAA, sizeof written.record);
+            const bool isValue = bus->result == ResultCode::Success;
+            br_MessageBusSubs_Wait_reply(connector.ToIpcResultCode(bus->result), isValue ? bus->waitTopic : "",
+                                         isValue ? 99 : -1, &written.header);
+            EXPECT_EQ(std::memcmp(written.record, response.record, NkRecordSize), 0) << code << ", " << length;
+        }
+    }
+}
+
 TEST_F(HandlersTest, Handlers_LetExceptionsPassAndWriteNothing) {
     bus->action = [] { throw std::runtime_error("broken"); };
     EXPECT_THROW(Push(1, 1), std::runtime_error);

@@ -69,6 +69,26 @@ TEST_P(BusServerTest, Run_AfterARequestToStop_ServesNothingAndReturnsTrue) {
     EXPECT_TRUE(server.Run([] { ADD_FAILURE() << "serving"; }));
 }
 
+TEST_P(BusServerTest, Waits_HoldNoThreadOfTheServer) {
+    constexpr std::size_t count = 10;
+    ServedBus server({.connectionType = GetParam()});
+    auto ctl = Ctl();
+    auto first = Subs();
+    EXPECT_EQ(std::get<0>(first.Wait(-1)), -81920); // every kind of worker that a wait needs has served
+    const std::size_t before = ThreadNames().size();
+    std::vector<std::future<std::int32_t>> waits;
+    for (std::size_t i = 0; i < count; ++i) {
+        waits.push_back(std::async(std::launch::async,
+                                   [id = ctl.Subscribe("reader", {"heat"})] { return std::get<0>(Subs().Wait(id)); }));
+    }
+    ASSERT_TRUE(journal.Await("1 Wait: BosConnector: finished", count + 1));
+    EXPECT_EQ(ThreadNames().size(), before + count) << "those of the clients";
+    server.ShutDown();
+    for (auto& wait : waits) {
+        EXPECT_EQ(wait.get(), NotRegistered);
+    }
+}
+
 TEST_P(BusServerTest, AStop_AnswersEveryBlockedWaitWithOneAndReportsHowMany) {
     ServedBus server({.connectionType = GetParam()});
     auto ctl = Ctl();

@@ -5,34 +5,43 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <optional>
 
 namespace test_support {
 
 namespace {
 
-/// The requests that a thread has received and not answered yet, by channel. A thread that ends abandons them.
+/// The requests that a thread has received and not answered yet, by channel. A thread that ends abandons them. Of one
+/// that it has deferred, it owes nothing, but its own reply is still to come.
 struct OwedReplies {
     struct Debt {
         std::weak_ptr<InProcessChannel> channel;
-        std::shared_ptr<Exchange> exchange;
+        std::shared_ptr<Exchange> exchange; ///< null: deferred
     };
 
     ~OwedReplies() {
         for (auto& [key, debt] : debts) {
-            if (const auto channel = debt.channel.lock()) {
+            if (const auto channel = debt.channel.lock(); channel && debt.exchange) {
                 channel->Abandon(*debt.exchange);
             }
         }
     }
 
-    std::shared_ptr<Exchange> Take(const InProcessChannel* channel) {
+    /// Returns: the exchange, null when it is deferred; nothing when no reply is to come.
+    std::optional<std::shared_ptr<Exchange>> Take(const InProcessChannel* channel) {
         const auto found = debts.find(channel);
         if (found == debts.end() || found->second.channel.lock().get() != channel) {
-            return nullptr;
+            return std::nullopt;
         }
         auto exchange = std::move(found->second.exchange);
         debts.erase(found);
         return exchange;
+    }
+
+    std::shared_ptr<Exchange> Defer(const InProcessChannel* channel) {
+        const auto found = debts.find(channel);
+        const bool isOwed = found != debts.end() && found->second.channel.lock().get() == channel;
+        return isOwed ? std::move(found->second.exchange) : nullptr;
     }
 
     std::map<const InProcessChannel*, Debt> debts;
@@ -53,8 +62,8 @@ std::int32_t CheckRequest(const ConnectionLimits& limits, const nk_message& requ
 } // namespace
 
 std::int32_t InProcessChannel::Receive(nk_message* request) {
-    if (const auto dropped = owed.Take(this)) {
-        Abandon(*dropped);
+    if (const auto dropped = owed.Take(this); dropped && *dropped) {
+        Abandon(**dropped);
     }
     std::unique_lock lock(mutex);
     changed.wait(lock, [this] { return isClosed || !isReceiving || !waiting.empty(); });
@@ -69,22 +78,105 @@ std::int32_t InProcessChannel::Receive(nk_message* request) {
 }
 
 std::int32_t InProcessChannel::Reply(const nk_message* response) {
-    const auto exchange = owed.Take(this);
+    const auto debt = owed.Take(this);
     const std::lock_guard lock(mutex);
     if (isClosed) {
         return KnStatusClosed;
     }
-    if (!exchange) {
+    if (!debt) {
         return KnStatusInvalidArgument;
+    }
+    const auto& exchange = *debt;
+    if (!exchange) {
+        return KnStatusOk;
     }
     if (exchange->isCallerGone) {
         return deadClient == DeadClient::ReplyReportsIt ? KnStatusPeerGone : KnStatusOk;
     }
-    const std::size_t size = std::clamp<std::size_t>(NkGetSize(*response), sizeof(nk_message), NkRecordSize);
-    std::memcpy(exchange->response.data(), response, size); // zeros behind it
-    exchange->isFinished = true;
-    changed.notify_all();
+    Finish(*exchange, *response);
     return KnStatusOk;
+}
+
+std::int32_t InProcessChannel::Defer(NkDeferredReply& deferred) {
+    const std::lock_guard lock(mutex);
+    if (isClosed) {
+        return KnStatusClosed;
+    }
+    const auto exchange = owed.Defer(this);
+    if (!exchange) {
+        return KnStatusInvalidArgument;
+    }
+    deferred.client = exchange->client;
+    deferred.call = 0; // of a client that is gone
+    if (const auto found = connections.find(exchange->client); found != connections.end()) {
+        found->second->deferred = exchange;
+        deferred.call = found->second->lastCall;
+    }
+    return KnStatusOk;
+}
+
+std::int32_t InProcessChannel::ReplyDeferred(const NkDeferredReply& deferred, const nk_message& response,
+                                             const NkOffers& offers, std::size_t& offered) {
+    const std::lock_guard lock(mutex);
+    std::shared_ptr<ConnectionState> connection;
+    if (const auto status = Find(deferred, connection); status != KnStatusOk) {
+        return status;
+    }
+    if (!connection->deferred || connection->lastCall != deferred.call) {
+        return KnStatusInvalidArgument;
+    }
+    const auto exchange = std::move(connection->deferred);
+    Finish(*exchange, response);
+    if (offers.count != 0 && !connection->offers) {
+        connection->offers = {deferred.call,
+                              exchange->request,
+                              exchange->response,
+                              offers.offset,
+                              {offers.values, offers.values + offers.count}};
+        offered = offers.count;
+    }
+    return KnStatusOk;
+}
+
+std::int32_t InProcessChannel::TakeBackOffers(const NkDeferredReply& deferred, std::size_t& taken) {
+    const std::lock_guard lock(mutex);
+    std::shared_ptr<ConnectionState> connection;
+    if (const auto status = Find(deferred, connection); status != KnStatusOk) {
+        return status;
+    }
+    if (!connection->offers || connection->offers->call != deferred.call) {
+        return KnStatusInvalidArgument;
+    }
+    taken = connection->offers->next;
+    connection->offers.reset();
+    return KnStatusOk;
+}
+
+std::int32_t InProcessChannel::Find(const NkDeferredReply& deferred,
+                                    std::shared_ptr<ConnectionState>& connection) const {
+    if (isClosed) {
+        return KnStatusClosed;
+    }
+    if (const auto found = connections.find(deferred.client); found != connections.end()) {
+        connection = found->second;
+        return KnStatusOk;
+    }
+    return deferred.client != 0 && deferred.client <= lastConnection ? KnStatusPeerGone : KnStatusInvalidArgument;
+}
+
+void InProcessChannel::Finish(Exchange& exchange, const nk_message& response) {
+    const std::size_t size = std::clamp<std::size_t>(NkGetSize(response), sizeof(nk_message), NkRecordSize);
+    std::memcpy(exchange.response.data(), &response, size); // zeros behind it
+    exchange.isFinished = true;
+    changed.notify_all();
+}
+
+std::shared_ptr<ConnectionState> InProcessChannel::AddConnection() {
+    const std::lock_guard lock(mutex);
+    auto connection = std::make_shared<ConnectionState>();
+    connection->id = ++lastConnection;
+    connections[connection->id] = connection;
+    return connection;
 }
 
 void InProcessChannel::Abandon(Exchange& exchange) {
@@ -109,23 +201,29 @@ void InProcessChannel::Close() {
 
 std::int32_t InProcessConnection::Call(const nk_message* request, nk_message* response) {
     std::unique_lock lock(channel->mutex);
-    if (isClosed || channel->isClosed) {
+    const auto isOver = [this] { return state->isClosed || channel->isClosed; };
+    if (isOver()) {
         return KnStatusClosed;
     }
     if (const auto status = CheckRequest(limits, *request); status != KnStatusOk) {
         return status;
     }
-    channel->changed.wait(lock, [this] { return isClosed || channel->isClosed || current == nullptr; });
-    if (isClosed || channel->isClosed) {
+    channel->changed.wait(lock, [&] { return isOver() || state->current == nullptr; });
+    if (isOver()) {
         return KnStatusClosed;
     }
+    if (TakeOffer(request, response)) {
+        return KnStatusOk;
+    }
     const auto exchange = std::make_shared<Exchange>();
+    exchange->client = state->id;
     std::memcpy(exchange->request.data(), request, NkRecordSize);
-    current = exchange;
+    ++state->lastCall;
+    state->current = exchange;
     channel->waiting.push_back(exchange);
     channel->changed.notify_all();
-    channel->changed.wait(lock, [&] { return isClosed || channel->isClosed || exchange->isFinished; });
-    current = nullptr;
+    channel->changed.wait(lock, [&] { return isOver() || exchange->isFinished; });
+    state->current = nullptr;
     channel->changed.notify_all();
     if (!exchange->isFinished) {
         return KnStatusClosed;
@@ -136,13 +234,30 @@ std::int32_t InProcessConnection::Call(const nk_message* request, nk_message* re
     return exchange->status;
 }
 
+bool InProcessConnection::TakeOffer(const nk_message* request, nk_message* response) {
+    if (!state->offers) {
+        return false;
+    }
+    Offers& offers = *state->offers;
+    if (offers.call != state->lastCall || offers.next == offers.values.size() ||
+        std::memcmp(request, offers.request.data(), NkRecordSize) != 0) {
+        return false;
+    }
+    std::memcpy(static_cast<void*>(response), offers.reply.data(), NkRecordSize);
+    const std::int64_t value = offers.values[offers.next++];
+    std::memcpy(reinterpret_cast<std::uint8_t*>(response) + offers.offset, &value, sizeof value);
+    return true;
+}
+
 void InProcessConnection::Close() {
     const std::lock_guard lock(channel->mutex);
-    isClosed = true;
-    if (current && !current->isFinished) {
-        current->isCallerGone = true;
-        std::erase(channel->waiting, current);
+    state->isClosed = true;
+    if (state->current && !state->current->isFinished) {
+        state->current->isCallerGone = true;
+        std::erase(channel->waiting, state->current);
     }
+    state->deferred = nullptr;
+    channel->connections.erase(state->id);
     channel->changed.notify_all();
 }
 

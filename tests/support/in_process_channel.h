@@ -1,24 +1,50 @@
 #pragma once
 
+#include "nk/deferred_reply.h"
 #include "nk/message.h"
 
 #include <array>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 namespace test_support {
 
+using RecordBytes = std::array<std::uint8_t, NkRecordSize>;
+
 /// One request on its way through a channel. Guarded by the channel's mutex.
 struct Exchange {
-    std::array<std::uint8_t, NkRecordSize> request{};
-    std::array<std::uint8_t, NkRecordSize> response{};
+    std::uint64_t client = 0;
+    RecordBytes request{};
+    RecordBytes response{};
     bool isFinished = false;
     bool isCallerGone = false;
     std::int32_t status = 0;
+};
+
+/// Replies ahead, until the server takes them back. `call`: the one whose reply they came with.
+struct Offers {
+    std::uint32_t call = 0;
+    RecordBytes request{};
+    RecordBytes reply{};
+    std::size_t offset = 0;
+    std::vector<std::int64_t> values;
+    std::size_t next = 0;
+};
+
+/// What both ends know of a connection. Guarded by the channel's mutex.
+struct ConnectionState {
+    std::uint64_t id = 0;
+    bool isClosed = false;
+    std::uint32_t lastCall = 0;         ///< numbers the requests that were sent
+    std::shared_ptr<Exchange> current;  ///< of the call that is under way
+    std::shared_ptr<Exchange> deferred; ///< the same, while its reply is deferred
+    std::optional<Offers> offers;
 };
 
 /// What a connection may ask.
@@ -36,6 +62,10 @@ public:
 
     std::int32_t Receive(nk_message* request);
     std::int32_t Reply(const nk_message* response);
+    std::int32_t Defer(NkDeferredReply& deferred);
+    std::int32_t ReplyDeferred(const NkDeferredReply& deferred, const nk_message& response, const NkOffers& offers,
+                               std::size_t& offered);
+    std::int32_t TakeBackOffers(const NkDeferredReply& deferred, std::size_t& taken);
     void StopReceiving();
     void Close();
 
@@ -45,28 +75,38 @@ public:
 private:
     friend class InProcessConnection;
 
+    std::shared_ptr<ConnectionState> AddConnection();
+    /// Returns: 0 and the connection over which the deferred request came. Requires: the mutex is locked.
+    std::int32_t Find(const NkDeferredReply& deferred, std::shared_ptr<ConnectionState>& connection) const;
+    /// Ends an exchange with a reply. Requires: the mutex is locked.
+    void Finish(Exchange& exchange, const nk_message& response);
+
     const DeadClient deadClient;
     std::mutex mutex; // guards all below, and the connections of this channel
     std::condition_variable changed;
     bool isReceiving = true;
     bool isClosed = false;
     std::deque<std::shared_ptr<Exchange>> waiting;
+    std::uint64_t lastConnection = 0;
+    std::map<std::uint64_t, std::shared_ptr<ConnectionState>> connections; ///< the open ones
 };
 
 /// Client end.
 class InProcessConnection final {
 public:
     InProcessConnection(std::shared_ptr<InProcessChannel> serverEnd, ConnectionLimits connectionLimits)
-        : channel(std::move(serverEnd)), limits(connectionLimits) {}
+        : channel(std::move(serverEnd)), limits(connectionLimits), state(channel->AddConnection()) {}
 
     std::int32_t Call(const nk_message* request, nk_message* response);
     void Close();
 
 private:
+    /// Takes the next offer in place of the reply to `request`, if there is one. Returns: whether there was.
+    bool TakeOffer(const nk_message* request, nk_message* response);
+
     const std::shared_ptr<InProcessChannel> channel;
     const ConnectionLimits limits;
-    bool isClosed = false;             // guarded by the channel's mutex
-    std::shared_ptr<Exchange> current; // guarded by the channel's mutex
+    const std::shared_ptr<ConnectionState> state; // its content is guarded by the channel's mutex
 };
 
 } // namespace test_support

@@ -22,6 +22,9 @@ bool IsName(const char* name) {
            text != "..";
 }
 
+/// The channel on which the thread received last.
+thread_local KnHandle receivedLast = KnInvalidHandle;
+
 void PutName(char* buffer, const std::string& name) {
     std::memcpy(buffer, name.c_str(), name.size() + 1);
 }
@@ -248,6 +251,7 @@ std::int32_t InProcessPlatform::Receive(const NkBosTransport* transport, nk_mess
     }
     std::int32_t status = 0;
     const auto channel = FindChannel(transport->handle, status);
+    receivedLast = transport->handle;
     return channel ? channel->Receive(request) : status;
 }
 
@@ -276,6 +280,43 @@ std::int32_t InProcessPlatform::Call(const NkBosTransport* transport, const nk_m
         connection = found->second;
     }
     return connection->Call(request, response);
+}
+
+std::int32_t InProcessPlatform::DeferReply(NkDeferredReply* deferred) {
+    if (deferred == nullptr || receivedLast == KnInvalidHandle) {
+        return KnStatusInvalidArgument;
+    }
+    std::int32_t status = 0;
+    const auto channel = FindChannel(receivedLast, status);
+    deferred->channel = receivedLast;
+    return channel ? channel->Defer(*deferred) : status;
+}
+
+std::int32_t InProcessPlatform::ReplyDeferred(const NkDeferredReply& deferred, const nk_message* response,
+                                              const NkOffers& offers, std::size_t* offered) {
+    if (response == nullptr || offers.count > NkMaxOffers || offers.offset > NkRecordSize - sizeof(std::int64_t) ||
+        (offers.count != 0 && offers.values == nullptr)) {
+        return KnStatusInvalidArgument;
+    }
+    std::int32_t status = 0;
+    const auto channel = FindChannel(deferred.channel, status);
+    std::size_t put = 0;
+    if (channel) {
+        status = channel->ReplyDeferred(deferred, *response, offers, put);
+    }
+    if (offered != nullptr) {
+        *offered = put;
+    }
+    return status;
+}
+
+std::int32_t InProcessPlatform::TakeBackOffers(const NkDeferredReply& deferred, std::size_t* taken) {
+    if (taken == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    std::int32_t status = 0;
+    const auto channel = FindChannel(deferred.channel, status);
+    return channel ? channel->TakeBackOffers(deferred, *taken) : status;
 }
 
 } // namespace test_support

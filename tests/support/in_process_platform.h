@@ -2,11 +2,13 @@
 
 #include "kn/connection_manager.h"
 #include "kn/handle.h"
+#include "nk/deferred_reply.h"
 #include "nk/transport.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
 
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <map>
@@ -21,9 +23,9 @@ class InProcessConnection;
 
 /// The contract of platform/include among the threads of one process: no sockets, no descriptors, no other users.
 ///
-/// A channel is a queue of exchanges. An exchange is waiting (in the queue), owned (by the thread that received it) or
-/// finished (by a reply, or by the loss of either side); only the owner and a thread that closes an end change that.
-/// The caller sleeps until its exchange is finished, so no loss leaves it waiting.
+/// A channel is a queue of exchanges. An exchange is waiting (in the queue), owned (by the thread that received it),
+/// deferred (any thread may reply) or finished (by a reply, or by the loss of either side); only the owner and a thread
+/// that closes an end change that. The caller sleeps until its exchange is finished, so no loss leaves it waiting.
 ///
 /// Threads: every operation from any thread, except as platform/include says.
 class InProcessPlatform final {
@@ -55,6 +57,11 @@ public:
     std::int32_t Receive(const NkBosTransport* transport, nk_message* request);
     std::int32_t Reply(const NkBosTransport* transport, const nk_message* response);
     std::int32_t Call(const NkBosTransport* transport, const nk_message* request, nk_message* response);
+
+    std::int32_t DeferReply(NkDeferredReply* deferred);
+    std::int32_t ReplyDeferred(const NkDeferredReply& deferred, const nk_message* response, const NkOffers& offers,
+                               std::size_t* offered);
+    std::int32_t TakeBackOffers(const NkDeferredReply& deferred, std::size_t* taken);
 
 private:
     struct PendingClient {

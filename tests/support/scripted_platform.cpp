@@ -225,3 +225,19 @@ std::int32_t NkBosTransport_Call(NkBosTransport* transport, const nk_message* re
     }
     return Platform().InProcess().Call(transport, request, response);
 }
+
+std::int32_t NkDeferReply(NkDeferredReply* deferred) noexcept {
+    return Platform().deferReply.Run([](auto* out) { return Platform().InProcess().DeferReply(out); }, deferred);
+}
+
+std::int32_t NkReplyDeferred(const NkDeferredReply& deferred, const nk_message* response, const NkOffers& offers,
+                             std::size_t* offered) noexcept {
+    return Platform().replyDeferred.Run(
+        [](const auto&... args) { return Platform().InProcess().ReplyDeferred(args...); }, deferred, response, offers,
+        offered);
+}
+
+std::int32_t NkTakeBackOffers(const NkDeferredReply& deferred, std::size_t* taken) noexcept {
+    return Platform().takeBackOffers.Run(
+        [](const auto&... args) { return Platform().InProcess().TakeBackOffers(args...); }, deferred, taken);
+}

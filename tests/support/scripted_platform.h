@@ -3,6 +3,7 @@
 #include "kn/connection_manager.h"
 #include "kn/handle.h"
 #include "kn/status.h"
+#include "nk/deferred_reply.h"
 #include "nk/transport.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
@@ -71,6 +72,7 @@ private:
 ///   NsCreate(null, 4294967295, &handle)                         NsPublishService(1, "type", "server", "service")
 ///   KnCmListen(null, 5000)     KnCmAccept("client", "service", 2, 4294967295)
 ///   NkBosTransport_Init(&transport, 7, null, 0)     Receive(7, room 1056)     Reply(7)
+/// Calls of clients leave no entry, nor do deferred replies: what answers them runs beside the threads that serve.
 /// Lifetime: the script of one test; one at a time.
 class ScriptedPlatform final {
 public:
@@ -88,6 +90,9 @@ public:
     Script<std::int32_t(const char*, const char*, std::uint32_t, KnHandle, KnHandle*)> cmAccept;
     Script<std::int32_t(NkBosTransport*, nk_message*, nk_arena*)> receive;
     Script<std::int32_t(NkBosTransport*, const nk_message*, const nk_arena*)> reply;
+    Script<std::int32_t(NkDeferredReply*)> deferReply;
+    Script<std::int32_t(const NkDeferredReply&, const nk_message*, const NkOffers&, std::size_t*)> replyDeferred;
+    Script<std::int32_t(const NkDeferredReply&, std::size_t*)> takeBackOffers;
 
     /// Without entries in the journal: for tests with much traffic.
     void SetQuiet(bool isQuiet);

@@ -31,7 +31,7 @@ class ServedBus final {
 public:
     /// Bare: without what the server adds to the bus's answers.
     explicit ServedBus(message_bus::ConnectionType type)
-        : ServedBus({.connectionType = type, .fastWait = false, .flushWake = false, .placement = false}) {}
+        : ServedBus({.connectionType = type, .parkedWaits = false, .flushWake = false, .placement = false}) {}
 
     explicit ServedBus(const msgbus_server::BusServerOptions& options) : server(options) {
         std::promise<bool> started;
@@ -126,6 +126,9 @@ public:
         const auto status = br_MessageBusSubs_Wait_call(&transport, subscriber, topic, value);
         return {status, topic, value};
     }
+
+    /// Ends a call that another thread has under way, and every later one.
+    void Close() { KnHandleClose(handle); }
 
     NkBosTransport* Transport() { return &transport; }
 

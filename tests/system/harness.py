@@ -1,7 +1,8 @@
 """Real processes as a script: start, connect, subscribe, expect, kill, expect, clean exit.
 
 No step sleeps for a fixed time: each waits for a condition with a deadline. A failing test prints the output of its
-processes. BORVEN_BIN is the folder of the programs, BORVEN_TEST_MODE the mode to test.
+processes. BORVEN_BIN is the folder of the programs, BORVEN_TEST_MODE the mode to test, BORVEN_TEST_SERVER_OPTIONS holds
+further options of each server, separated by spaces.
 """
 
 import os
@@ -16,6 +17,7 @@ import unittest
 PATIENCE = float(os.environ.get("BORVEN_TEST_PATIENCE", "60"))  # seconds; a deadline for hangs only
 BIN = os.environ["BORVEN_BIN"]
 MODE = os.environ["BORVEN_TEST_MODE"]
+SERVER_OPTIONS = os.environ.get("BORVEN_TEST_SERVER_OPTIONS", "").split()
 STOP_LIMIT = 6.0 * float(os.environ.get("BORVEN_TEST_SLOWNESS", "1"))  # seconds: the bus polls every 5
 
 DONE, FAILED, USAGE, REFUSED, NO_SERVER, TIMED_OUT = 0, 1, 2, 3, 4, 124
@@ -96,17 +98,17 @@ class Process:
         self.popen.kill()
         self.popen.wait()
 
-    def wait(self):
+    def wait(self, patience=PATIENCE):
         try:
-            status = self.popen.wait(PATIENCE)
+            status = self.popen.wait(patience)
         except subprocess.TimeoutExpired:
             self.test.fail(f"{self} did not exit")
         for reader in self.readers:
             reader.join(PATIENCE)
         return status
 
-    def expect_exit(self, status):
-        self.test.assertEqual(self.wait(), status, self)
+    def expect_exit(self, status, patience=PATIENCE):
+        self.test.assertEqual(self.wait(patience), status, self)
 
     def close(self):
         if self.popen.poll() is None:
@@ -132,7 +134,7 @@ class Server(Process):
     def __init__(self, test, *options, log_level="debug"):
         ready, write_end = os.pipe()
         super().__init__(test, [f"{BIN}/msgbusd", f"--{MODE}", "--log-level", log_level, "--ready-fd", str(write_end),
-                                *options], test.environment, pass_fds=(write_end,))
+                                *SERVER_OPTIONS, *options], test.environment, pass_fds=(write_end,))
         os.close(write_end)
         with os.fdopen(ready, "rb") as pipe:
             report = pipe.read()

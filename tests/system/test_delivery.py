@@ -106,6 +106,21 @@ class Delivery(BusTest):
         reader.expect_all(f"t {value}" for value in range(5000))
         reader.expect_exit(DONE)
 
+    def test_a_subscriber_that_lags_behind_gets_two_topics_in_the_order_of_their_pushes(self):
+        self.server(log_level="info")  # at debug level the server offers no values ahead
+        reader = self.sub("a", "b", options=("-n", "600"))
+        reader.signal(signal.SIGSTOP)
+        pushed = []
+        for run in range(6):
+            topic = "ab"[run % 2]
+            values = range(1000 * run, 1000 * run + 100)
+            self.publish(topic, *values)
+            pushed.extend(f"{topic} {value}" for value in values)
+        reader.signal(signal.SIGCONT)
+        reader.expect_all(pushed)
+        reader.expect_end()
+        reader.expect_exit(DONE)
+
     def test_a_topic_of_1023_bytes_arrives_without_its_last_one_and_both_sides_are_warned(self):
         self.server()
         topic = "x" * 1023
@@ -124,8 +139,8 @@ class Delivery(BusTest):
         self.publish(topic, 1)
         reader.expect(topic + " 1")
 
-    def test_delivery_is_the_same_without_the_shortcuts_of_the_server(self):
-        self.server("--no-fast-wait", "--no-flush-wake", "--no-placement", "--no-arena-pool")
+    def test_delivery_is_the_same_without_the_additions_of_the_server(self):
+        self.server("--no-parked-waits", "--no-flush-wake", "--no-placement", "--no-arena-pool")
         reader = self.sub("t", options=("-n", "100"))
         self.publish("t", *range(100))
         reader.expect_all(f"t {value}" for value in range(100))

@@ -5,6 +5,7 @@ root: './dev thread-limit'.
 """
 
 import os
+import sys
 import unittest
 
 from harness import BIN, DONE, FAILED, MODE, BusTest, main
@@ -34,25 +35,21 @@ class PreloadedLimit:
             return log.read().splitlines()
 
 
-class CgroupLimit:
-    """The same by a cgroup, which counts refusals only: while the server serves, every attempt is one."""
+class Cgroup:
+    """A pids cgroup of this test's own. Raises OSError where the system does not allow one."""
 
-    def __init__(self, test):
-        self.server = test.server(log_level="info")
+    def __init__(self):
+        root = "/sys/fs/cgroup/pids" if os.path.isdir("/sys/fs/cgroup/pids") else "/sys/fs/cgroup"
+        self.folder = f"{root}/borven-test-{os.getpid()}"
+        os.mkdir(self.folder)
         try:
-            self.folder = self.make_group(test)
-            self.write("cgroup.procs", self.server.popen.pid)
-            self.write("pids.max", self.read("pids.current"))
-        except OSError as error:
-            test.skipTest(f"cgroups do not allow a limit of threads here: {error}")
+            self.write("pids.max", "max")
+        except OSError:
+            self.remove()
+            raise
 
-    def make_group(self, test):
-        root = next((each for each in ("/sys/fs/cgroup/pids", "/sys/fs/cgroup") if os.path.isfile(f"{each}/cgroup.procs")),
-                    "/sys/fs/cgroup")
-        folder = f"{root}/borven-test-{os.getpid()}"
-        os.mkdir(folder)
-        test.addCleanup(os.rmdir, folder)
-        return folder
+    def remove(self):
+        os.rmdir(self.folder)
 
     def write(self, name, value):
         with open(f"{self.folder}/{name}", "w", encoding="utf-8") as file:
@@ -62,8 +59,24 @@ class CgroupLimit:
         with open(f"{self.folder}/{name}", encoding="utf-8") as file:
             return file.read()
 
+
+class CgroupLimit:
+    """The same by a cgroup, which counts refusals only: while the server serves, every attempt is one."""
+
+    def __init__(self, test):
+        self.server = test.server(log_level="info")
+        self.group = Cgroup()
+        test.addCleanup(self.end)
+        self.group.write("cgroup.procs", self.server.popen.pid)
+        self.group.write("pids.max", self.group.read("pids.current"))
+
+    def end(self):
+        self.server.close()
+        self.group.remove()
+
     def refused(self):
-        return [line for line in self.read("pids.events").splitlines() if line.startswith("max ") and line != "max 0"]
+        return [line for line in self.group.read("pids.events").splitlines()
+                if line.startswith("max ") and line != "max 0"]
 
     attempts = refused
 
@@ -109,4 +122,9 @@ class ThreadLimit(BusTest):
 
 
 if __name__ == "__main__":
+    if BY_CGROUP:
+        try:
+            Cgroup().remove()
+        except OSError as error:
+            sys.exit(f"This system does not allow a pids cgroup for the test: {error}")
     main()

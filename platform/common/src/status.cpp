@@ -30,6 +30,8 @@ const char* KnStatusText(std::int32_t status) noexcept {
         return "a live server already owns that name";
     case KnStatusBadReply:
         return "the reply is not valid for the called method";
+    case KnStatusOtherVersion:
+        return "the server speaks another version of the protocol than this client";
     case KnStatusNoReply:
         return "the request gets no reply";
     default:

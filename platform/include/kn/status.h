@@ -18,6 +18,7 @@ enum KnStatus : std::int32_t {
     KnStatusNotFound = -11,       ///< no live server offers that name
     KnStatusAlreadyExists = -12,  ///< a live server already owns that name
     KnStatusBadReply = -13,       ///< the reply is not valid for the called method
+    KnStatusOtherVersion = -14,   ///< the server does not speak the client's version of the protocol
     KnStatusNoReply = -42,        ///< returned by a dispatcher for a request that gets no reply
 };
 

@@ -19,6 +19,7 @@
 //   the server.
 // - An offer is either taken by the client or taken back by the server, and each side learns which. A client that is
 //   gone has taken all of them.
+// - Closing the channel withdraws its offers. Those of a server that died may still be taken.
 // - One reply at a time has offers: while a client has some that were not taken back, new ones are not put.
 // - A client may write anything to the memory that it shares with the server: the server's count of the offers that
 //   were taken is then wrong by at most the number of offers that it has put, and no other client is affected.
@@ -48,8 +49,8 @@ struct NkOffers {
 /// Server: takes over the duty to answer the request that the calling thread received last and has not answered. The
 /// thread's own reply to it then answers 0 and sends nothing.
 ///
-/// Returns: 0 and `*deferred`; KnStatusInvalidArgument when the thread owes no reply; KnStatusUnimplemented on a platform
-/// without deferred replies.
+/// Returns: 0 and `*deferred`; KnStatusInvalidArgument when the thread owes no reply; KnStatusClosed;
+/// KnStatusUnimplemented on a platform without deferred replies.
 /// Blocks: never. Threads: any.
 std::int32_t NkDeferReply(NkDeferredReply* deferred) noexcept;
 

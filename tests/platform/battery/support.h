@@ -22,9 +22,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -42,6 +44,11 @@ inline constexpr std::uint32_t PatienceMs = 60000;
 [[noreturn]] inline void GiveUp(const char* what) {
     std::fprintf(stderr, "hung: %s\n", what);
     std::abort();
+}
+
+inline std::size_t OpenDescriptors() {
+    const std::filesystem::directory_iterator listing("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(listing), end(listing)));
 }
 
 /// Repeats `condition` until it holds.

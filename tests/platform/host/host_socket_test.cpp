@@ -20,20 +20,26 @@ using OtherUser = PlatformTest;
 TEST_F(RudeClient, ThatGreetsWrongly_IsRefused) {
     const Handle server = RegisterStatic();
     using borven_host::Greeting;
-    constexpr Greeting good{borven_host::GreetingMagic, borven_host::ProtocolVersion, NkRecordSize};
+    constexpr Greeting good{borven_host::GreetingMagic, borven_host::LayoutVersion, NkRecordSize};
     Greeting otherMagic = good;
     otherMagic.magic ^= 1;
-    Greeting otherVersion = good;
-    ++otherVersion.version;
     Greeting otherRecords = good;
     otherRecords.recordSize = 1024;
-    for (const Greeting& greeting : {otherMagic, otherVersion, otherRecords}) {
+    Greeting newerLayout = good;
+    newerLayout.layoutVersion = borven_host::LayoutVersion + 1;
+    Greeting olderLayout = good;
+    olderLayout.layoutVersion = borven_host::OldestLayoutVersion - 1;
+    const auto expectRefusal = [](const Greeting& greeting, std::int32_t status) {
         const RawSocket client;
         ASSERT_EQ(0, client.Connect("static/line"));
         ASSERT_TRUE(client.Send(&greeting, sizeof greeting));
-        EXPECT_EQ(KnStatusDenied, client.Answer());
+        EXPECT_EQ(status, client.Answer());
         EXPECT_TRUE(client.HasEnded());
-    }
+    };
+    expectRefusal(otherMagic, KnStatusDenied);
+    expectRefusal(otherRecords, KnStatusDenied);
+    expectRefusal(newerLayout, KnStatusOtherVersion);
+    expectRefusal(olderLayout, KnStatusOtherVersion);
     for (const auto size : std::initializer_list<std::size_t>{1, 7, 9, 1056}) {
         const RawSocket client;
         ASSERT_EQ(0, client.Connect("static/line"));
@@ -162,7 +168,7 @@ TEST_F(RudeServer, ThatAnswersWrongly_IsRefused) {
     const RawSocket server;
     server.ListenAs("static/line");
     using borven_host::Answer;
-    constexpr Answer good{borven_host::AnswerMagic, borven_host::ProtocolVersion, NkRecordSize, KnStatusOk, 0};
+    constexpr Answer good{borven_host::AnswerMagic, borven_host::AnswerVersion, NkRecordSize, KnStatusOk, 0};
     Answer otherMagic = good;
     otherMagic.magic ^= 1;
     Answer otherVersion = good;

@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <filesystem>
 
 namespace platform_test {
 
@@ -123,11 +122,6 @@ private:
     int output = -1;
     std::string heard;
 };
-
-inline std::size_t OpenDescriptors() {
-    const std::filesystem::directory_iterator listing("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(listing), end(listing)));
-}
 
 /// Claims the name that a killed process left behind, and releases it properly.
 inline void Reclaim(const char* name = "line") {

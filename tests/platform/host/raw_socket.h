@@ -77,7 +77,7 @@ public:
     }
 
     bool Greet() const {
-        const borven_host::Greeting greeting{borven_host::GreetingMagic, borven_host::ProtocolVersion, NkRecordSize};
+        const borven_host::Greeting greeting{borven_host::GreetingMagic, borven_host::LayoutVersion, NkRecordSize};
         return Send(&greeting, sizeof greeting);
     }
 

@@ -5,6 +5,7 @@
 
 #include "common/mutex.h"
 #include "kn/status.h"
+#include "names/handshake.h"
 #include "records/event_fd.h"
 #include "records/shared_memory_connection.h"
 #include "support.h"
@@ -21,6 +22,7 @@ namespace {
 
 using borven_host::Channel;
 using borven_host::Connection;
+using borven_host::LayoutVersion;
 using borven_host::MakeBell;
 using borven_host::RequestFilter;
 using borven_host::SharedMemoryEnds;
@@ -45,7 +47,7 @@ Client JoinOverOneMapping(Channel& channel, const RequestFilter& filter = {}) {
     UniqueFd serverSocket(pair[0]);
     SharedMemoryEnds ends;
     UniqueFd file;
-    EXPECT_EQ(KnStatusOk, SharedMemoryRegion::Create(ends.region, file));
+    EXPECT_EQ(KnStatusOk, SharedMemoryRegion::Create(LayoutVersion, ends.region, file));
     ends.bell = MakeBell();
     ends.doorbell = MakeBell();
     SharedMemoryEnds other{ends.region, Duplicate(ends.bell), Duplicate(ends.doorbell)};
@@ -413,7 +415,7 @@ TEST(SharedMemoryChannel, ARefusedRequest_ReachesNoReceiver) {
 TEST(SharedMemoryRegion, ThatIsNotSealed_IsRefused) {
     SharedMemoryRegion region;
     UniqueFd good;
-    ASSERT_EQ(KnStatusOk, SharedMemoryRegion::Create(region, good));
+    ASSERT_EQ(KnStatusOk, SharedMemoryRegion::Create(LayoutVersion, region, good));
     SharedMemoryRegion opened;
     EXPECT_EQ(KnStatusOk, SharedMemoryRegion::Open(good, opened));
 
@@ -434,7 +436,7 @@ TEST(SharedMemoryRegion, ThatIsNotSealed_IsRefused) {
 TEST(SharedMemorySlot, ARecord_ArrivesAsItWasSent_WhateverLayThereBefore) {
     SharedMemoryRegion region;
     UniqueFd file;
-    ASSERT_EQ(KnStatusOk, SharedMemoryRegion::Create(region, file));
+    ASSERT_EQ(KnStatusOk, SharedMemoryRegion::Create(LayoutVersion, region, file));
     SlotHalf& half = region.Slot().reply;
     constexpr unsigned seed = 17;
     std::mt19937 random(seed);
@@ -454,7 +456,7 @@ TEST(SharedMemorySlot, ARecord_ArrivesAsItWasSent_WhateverLayThereBefore) {
 TEST(SharedMemorySlot, AShortRecord_TravelsInOneCacheLine) {
     SharedMemoryRegion region;
     UniqueFd file;
-    ASSERT_EQ(KnStatusOk, SharedMemoryRegion::Create(region, file));
+    ASSERT_EQ(KnStatusOk, SharedMemoryRegion::Create(LayoutVersion, region, file));
     Record record = RequestOf(1);
     EXPECT_EQ(1u, region.Slot().request.Put(&record, NkRecordSize));
     record.body.back() = std::byte{1};

@@ -115,6 +115,8 @@ SEMANTICS = {
     "interface br.A { M(out transport: int8); }": "1:24: expected another name: generated code uses 'transport' itself",
     "interface br.A { M(out exchange: int8); }": "1:24: expected another name: generated code uses 'exchange' itself",
     "interface br.A { M(out status: int8); }": "1:24: expected another name: generated code uses 'status' itself",
+    "interface br.A { M(out result: int8); }": "1:24: expected another name: generated code uses 'result' itself",
+    "interface br.A { M(in response: int8); }": "1:23: expected another name: generated code uses 'response' itself",
     GOOD_INTERFACE + "component br.C { int: br.A; }": "2:18: expected a name that is not a word of C++, found 'int'",
     GOOD_INTERFACE + GOOD_COMPONENT + "entity br.E { new: br.C; }":
         "3:15: expected a name that is not a word of C++, found 'new'",

@@ -1,5 +1,5 @@
-"""Defends the compiler with generated texts: right ones compile, with every record laid out as docs/idl.md says; those
-that break one rule give the error at its place.
+"""Defends the compiler with generated texts: right ones compile, with every record laid out as docs/idl.md says and a
+reply function for every method; those that break one rule give the error at its place.
 
 IDLC_SEED repeats a run, which prints it; IDLC_GENERATED sets how many texts are tried."""
 
@@ -32,6 +32,7 @@ class Source:
         self.dice = dice
         self.files = {}  # name to lines
         self.sizes = {}  # record to bytes
+        self.outputs = {}  # method to the parameters of its reply function between the first and the last
         interfaces = [self.interface(number) for number in range(dice.randrange(1, 5))]
         names = [f"File{number}.idl" for number in range(len(interfaces))]
         for number, (name, lines) in enumerate(zip(names, interfaces)):
@@ -51,6 +52,7 @@ class Source:
             end = {"in": HEADER, "out": HEADER}
             alignment = {"in": 4, "out": 4}
             fields = []
+            outputs = []
             for name in self.dice.sample(SMALL, self.dice.randrange(0, 8)):
                 direction = self.dice.choice(("in", "out"))
                 if self.dice.randrange(3) == 0:
@@ -68,7 +70,10 @@ class Source:
                 end[direction] = place + size
                 alignment[direction] = max(alignment[direction], aligned)
                 fields.append(f"{direction} {name}: {kind}")
+                if direction == "out":
+                    outputs.append(f"std::{'string_view' if 'string' in kind else kind + '_t'} {name}")
             lines.append(f"    M{method}({', '.join(fields)});")
+            self.outputs[f"gen_I{number}_M{method}"] = outputs
             for direction, suffix in (("in", "req"), ("out", "res")):
                 self.sizes[f"gen_I{number}_M{method}_{suffix}"] = round_up(end[direction], alignment[direction])
         return lines + ["}"]
@@ -116,7 +121,7 @@ class Generated(unittest.TestCase):
         folder.mkdir()
         return folder, Source(self.dice)
 
-    def test_a_text_that_is_right_compiles_to_its_connection_and_to_records_of_their_sizes(self):
+    def test_a_text_that_is_right_compiles_to_its_connection_its_replies_and_to_records_of_their_sizes(self):
         for number in range(ROUNDS):
             folder, source = self.make_round(number)
             source.write(folder)
@@ -125,6 +130,11 @@ class Generated(unittest.TestCase):
                 records = (folder / "output" / "gen_E.h").read_text()
                 sizes = re.findall(r"static_assert\(sizeof\((gen_I\d_M\d_re[qs])\) == (\d+)\)", records)
                 self.assertEqual(source.sizes, {name: int(size) for name, size in sizes})
+                self.assertEqual(
+                    {method: ["std::int32_t result", *outputs, "nk_message* response"]
+                     for method, outputs in source.outputs.items()},
+                    {method: re.split(r",\s+", parameters) for method, parameters
+                     in re.findall(r"^void (gen_I\d_M\d)_reply\(\s*([^)]*)\) noexcept;", records, re.MULTILINE)})
                 self.assertEqual([source.connection] if source.connection else [],
                                  re.findall(r'gen_E_connection = "(\w+)";', records))
 

@@ -5,14 +5,28 @@
 #include "base/thread_name.h"
 #include "exports/handle_table.h"
 #include "kn/status.h"
+#include "nk/deferred_reply.h"
 
 using borven_host::End;
 using borven_host::HandleTable;
 
 namespace {
 
+/// The channel on which the thread received last.
+thread_local KnHandle receivedLast = KnInvalidHandle;
+
 bool HasOutOfLineData(const nk_arena* arena) {
     return arena != nullptr && arena->current != arena->start;
+}
+
+/// Returns: 0 and the channel whose server end `handle` names.
+std::int32_t ChannelOf(KnHandle handle, borven_host::Channel*& channel) noexcept {
+    End* end = nullptr;
+    if (const auto status = HandleTable::Instance().Find(handle, end); status != KnStatusOk) {
+        return status;
+    }
+    channel = end->channel.get();
+    return channel != nullptr ? KnStatusOk : KnStatusInvalidArgument;
 }
 
 /// Returns: 0 and the end that `transport` is bound to.
@@ -46,6 +60,7 @@ std::int32_t NkBosTransport_Receive(NkBosTransport* transport, nk_message* reque
         return KnStatusInvalidArgument;
     }
     borven_host::NameCallingThread(end->servingThreadName);
+    receivedLast = transport->handle;
     return end->channel->Receive(request);
 }
 
@@ -71,4 +86,45 @@ std::int32_t NkBosTransport_Call(NkBosTransport* transport, const nk_message* re
         return status;
     }
     return end->connection ? end->connection->Call(request, response) : KnStatusInvalidArgument;
+}
+
+std::int32_t NkDeferReply(NkDeferredReply* deferred) noexcept {
+    borven_host::Channel* channel = nullptr;
+    if (deferred == nullptr || receivedLast == KnInvalidHandle) {
+        return KnStatusInvalidArgument;
+    }
+    if (const auto status = ChannelOf(receivedLast, channel); status != KnStatusOk) {
+        return status;
+    }
+    deferred->channel = receivedLast;
+    return channel->Defer(*deferred);
+}
+
+std::int32_t NkReplyDeferred(const NkDeferredReply& deferred, const nk_message* response, const NkOffers& offers,
+                             std::size_t* offered) noexcept {
+    if (response == nullptr || offers.count > NkMaxOffers || offers.offset > NkRecordSize - sizeof(std::int64_t) ||
+        (offers.count != 0 && offers.values == nullptr)) {
+        return KnStatusInvalidArgument;
+    }
+    borven_host::Channel* channel = nullptr;
+    if (const auto status = ChannelOf(deferred.channel, channel); status != KnStatusOk) {
+        return status;
+    }
+    std::size_t put = 0;
+    const auto status = channel->ReplyDeferred(deferred, *response, offers, put);
+    if (offered != nullptr) {
+        *offered = put;
+    }
+    return status;
+}
+
+std::int32_t NkTakeBackOffers(const NkDeferredReply& deferred, std::size_t* taken) noexcept {
+    if (taken == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    borven_host::Channel* channel = nullptr;
+    if (const auto status = ChannelOf(deferred.channel, channel); status != KnStatusOk) {
+        return status;
+    }
+    return channel->TakeBackOffers(deferred, *taken);
 }

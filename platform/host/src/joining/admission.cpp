@@ -155,10 +155,12 @@ void Admission::ReadGreeting(Visitors::Visitor& visitor) {
     if (length < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
     }
-    if (length != sizeof greeting || !IsValid(greeting)) {
-        visitors.Refuse(visitor, KnStatusDenied);
+    const std::int32_t status = length == sizeof greeting ? Check(greeting) : KnStatusDenied;
+    if (status != KnStatusOk) {
+        visitors.Refuse(visitor, status);
         return;
     }
+    visitor.layoutVersion = greeting.layoutVersion;
     const Listener& listener = listeners.at(visitor.listenerId);
     if (listener.channel) {
         static_cast<void>(visitors.Join(visitor, listener.channel, {}));

@@ -114,7 +114,7 @@ std::int32_t Visitors::Join(Visitor& visitor, const std::shared_ptr<Channel>& ch
     assert(visitor.stage == Stage::Greeting || visitor.stage == Stage::Announced);
     std::int32_t status = KnStatusNoResources;
     if (poller.ChangeSocket(visitor.watched, EPOLLRDHUP, visitor.id)) {
-        status = channel->AddClient(std::move(visitor.socket), filter, &visitor.clientId);
+        status = channel->AddClient(std::move(visitor.socket), visitor.layoutVersion, filter, &visitor.clientId);
     }
     if (status != KnStatusOk) {
         Refuse(visitor, status);

@@ -64,6 +64,7 @@ public:
         UniqueFd socket;  ///< empty when Joined (the channel has it) and when Left
         int watched = -1; ///< the number of the socket
         Deadline deadline = Deadline::max();
+        std::uint32_t layoutVersion = 0;  ///< what it speaks, once it has greeted
         std::string service;              ///< this and the next three: from Asking on
         std::string type;                 ///< of the service
         std::string task;                 ///< name of the client's process

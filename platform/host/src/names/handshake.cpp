@@ -1,5 +1,6 @@
 #include "names/handshake.h"
 
+#include "kn/status.h"
 #include "nk/message.h"
 
 #include <sys/socket.h>
@@ -7,20 +8,23 @@
 namespace borven_host {
 
 Greeting MakeGreeting() noexcept {
-    return {GreetingMagic, ProtocolVersion, NkRecordSize};
+    return {GreetingMagic, LayoutVersion, NkRecordSize};
 }
 
 Answer MakeAnswer(std::int32_t status) noexcept {
-    return {AnswerMagic, ProtocolVersion, NkRecordSize, status, 0};
+    return {AnswerMagic, AnswerVersion, NkRecordSize, status, 0};
 }
 
-bool IsValid(const Greeting& greeting) noexcept {
-    return greeting.magic == GreetingMagic && greeting.version == ProtocolVersion &&
-           greeting.recordSize == NkRecordSize;
+std::int32_t Check(const Greeting& greeting) noexcept {
+    if (greeting.magic != GreetingMagic || greeting.recordSize != NkRecordSize) {
+        return KnStatusDenied;
+    }
+    const bool isServed = greeting.layoutVersion >= OldestLayoutVersion && greeting.layoutVersion <= LayoutVersion;
+    return isServed ? KnStatusOk : KnStatusOtherVersion;
 }
 
 bool IsValid(const Answer& answer) noexcept {
-    return answer.magic == AnswerMagic && answer.version == ProtocolVersion && answer.recordSize == NkRecordSize;
+    return answer.magic == AnswerMagic && answer.version == AnswerVersion && answer.recordSize == NkRecordSize;
 }
 
 bool SendAnswer(int socket, std::int32_t status) noexcept {

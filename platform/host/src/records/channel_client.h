@@ -2,6 +2,7 @@
 
 #include "base/unique_fd.h"
 #include "kn/status.h"
+#include "nk/deferred_reply.h"
 #include "nk/message.h"
 #include "records/adaptive_spin.h"
 #include "records/event_fd.h"
@@ -18,6 +19,7 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <utility>
 
 // The server's half of a slot (shared_memory_slot.h): ready -> claimed -> replied.
@@ -27,6 +29,10 @@
 // - TryClaim: any receiver, for any client, at any time. The compare-and-swap of the turn lets one of them win.
 // - Publish: only the thread that claimed the request, once. Until then the turn stays claimed and no receiver touches
 //   the slot.
+// - Defer: the thread that claimed the request. Resume: any thread; the compare-and-swap of the turn lets one of them
+//   win, which has then claimed the request.
+// - Offers: the thread that replies puts them, TakeBack any thread. `offered` is private to the server and says which
+//   are outstanding: it keeps both apart, and bounds what the page says.
 // - End: any thread, at any time. It marks the client and shuts its socket down; the housekeeper sees that as it sees
 //   death and removes the client. A claimed request stays with its thread, whose reply reaches no client.
 //
@@ -37,11 +43,14 @@ namespace borven_host {
 /// Which request of a client was claimed last, and whether its reply is still owed.
 class Turn final {
 public:
-    constexpr Turn(std::uint32_t sequence, bool isClaimed) : bits(std::uint64_t{sequence} << 1 | (isClaimed ? 1 : 0)) {}
+    enum class Reply { Sent, Owed, Deferred };
+
+    constexpr Turn(std::uint32_t sequence, Reply reply)
+        : bits(std::uint64_t{sequence} << 2 | static_cast<std::uint64_t>(reply)) {}
     constexpr explicit Turn(std::uint64_t raw) : bits(raw) {}
 
-    constexpr std::uint32_t Sequence() const { return static_cast<std::uint32_t>(bits >> 1); }
-    constexpr bool IsClaimed() const { return (bits & 1) != 0; }
+    constexpr std::uint32_t Sequence() const { return static_cast<std::uint32_t>(bits >> 2); }
+    constexpr bool IsClaimed() const { return (bits & 3) != 0; }
     constexpr std::uint64_t Raw() const { return bits; }
 
 private:
@@ -53,7 +62,8 @@ class ChannelClient final {
 public:
     ChannelClient(std::uint64_t number, const RequestFilter& allowed, Channel::DeadClient reaction,
                   SharedMemoryEnds given)
-        : id(number), filter(allowed), deadClient(reaction), shared(std::move(given)) {}
+        : id(number), filter(allowed), deadClient(reaction), shared(std::move(given)),
+          takesOffers(Slot().version >= 2) {}
 
     /// Requires: no other thread has the client yet.
     void Attach(UniqueFd&& connected) noexcept { socket = std::move(connected); }
@@ -91,13 +101,50 @@ public:
     /// Returns: 0; for a client that is gone, what `Channel::DeadClient` says. Requires, as Answer: the calling thread
     /// owes the reply.
     std::int32_t Reply(const nk_message& response) noexcept {
-        const std::uint32_t sequence = Turn(turn.load(std::memory_order_relaxed)).Sequence();
         if (IsGone() || (deadClient == Channel::DeadClient::ReplyReportsIt && HasLeftSinceClaim())) {
             return deadClient == Channel::DeadClient::ReplyReportsIt ? KnStatusPeerGone : KnStatusOk;
         }
-        const std::size_t used = std::clamp<std::size_t>(NkGetSize(response), sizeof(nk_message), NkRecordSize);
-        Publish(SlotWord(sequence, Slot().reply.Put(&response, used)));
+        Publish(response);
         return KnStatusOk;
+    }
+
+    /// Hands the reply over. Returns: the number of the call, for Resume. Requires: the calling thread owes the reply.
+    std::uint32_t Defer() noexcept {
+        const std::uint32_t sequence = Turn(turn.load(std::memory_order_relaxed)).Sequence();
+        turn.store(Turn(sequence, Turn::Reply::Deferred).Raw(), std::memory_order_release);
+        return sequence;
+    }
+
+    /// Returns: whether the calling thread owes the reply now; false when `call` is not deferred any more.
+    bool Resume(std::uint32_t call) noexcept {
+        std::uint64_t expected = Turn(call, Turn::Reply::Deferred).Raw();
+        return turn.compare_exchange_strong(expected, Turn(call, Turn::Reply::Owed).Raw(), std::memory_order_acq_rel);
+    }
+
+    /// Returns: 0 and how many offers came with the reply; KnStatusPeerGone.
+    /// Requires: the calling thread owes the reply, by Resume.
+    std::int32_t ReplyLate(const nk_message& response, const NkOffers& offers, std::size_t& put) noexcept {
+        if (IsGone()) {
+            return KnStatusPeerGone;
+        }
+        put = PutOffers(offers);
+        Publish(response);
+        return KnStatusOk;
+    }
+
+    /// Takes back the offers that came with the reply to `call`.
+    /// Returns: how many were taken; nothing when that reply has none outstanding.
+    std::optional<std::size_t> TakeBack(std::uint32_t call) noexcept {
+        std::uint64_t seen = offered.load(std::memory_order_acquire);
+        const OfferWord mine(seen);
+        if (seen == TakingBack || mine.Sequence() != call || mine.Count() == 0 ||
+            !offered.compare_exchange_strong(seen, TakingBack, std::memory_order_acq_rel)) {
+            return std::nullopt;
+        }
+        const OfferWord left(Slot().offers.word.exchange(0, std::memory_order_acq_rel));
+        offered.store(0, std::memory_order_release);
+        const bool isMine = left.Sequence() == call && left.Count() == mine.Count();
+        return isMine ? std::min(left.Next(), mine.Count()) : mine.Count();
     }
 
     /// Answers with a status in place of a reply. A client that is gone already saw the end of its socket; send nothing
@@ -111,7 +158,8 @@ public:
 
     /// Ends the connection. The housekeeper notices it as it notices death.
     void End() noexcept {
-        isGone.store(true, std::memory_order_release);
+        isGone.store(true, std::memory_order_seq_cst);
+        ForgetOffers();
         ::shutdown(socket.Get(), SHUT_RDWR);
     }
 
@@ -123,6 +171,8 @@ public:
     const std::uint64_t id;
 
 private:
+    static constexpr std::uint64_t TakingBack = 0xFFFF; ///< of `offered`: no offers can be put meanwhile
+
     /// A client that keeps to the protocol rings once for a request. The rest is for requests that a receiver claims
     /// before it reads their ring.
     static constexpr std::uint32_t RingsForFree = 64;
@@ -152,7 +202,7 @@ private:
                     return false;
                 }
                 seen = now;
-            } else if (turn.compare_exchange_strong(expected, Turn(word.Sequence(), true).Raw(),
+            } else if (turn.compare_exchange_strong(expected, Turn(word.Sequence(), Turn::Reply::Owed).Raw(),
                                                     std::memory_order_acq_rel)) {
                 return true;
             } else {
@@ -161,10 +211,44 @@ private:
         }
     }
 
+    /// Returns: how many were put.
+    std::size_t PutOffers(const NkOffers& offers) noexcept {
+        if (!takesOffers || offers.count == 0 || offered.load(std::memory_order_acquire) != 0) {
+            return 0;
+        }
+        assert(offers.count <= NkMaxOffers);
+        SlotOffers& target = Slot().offers;
+        target.offset.store(static_cast<std::uint32_t>(offers.offset), std::memory_order_relaxed);
+        for (std::size_t i = 0; i < offers.count; ++i) {
+            target.values[i].store(offers.values[i], std::memory_order_relaxed);
+        }
+        const OfferWord word(Turn(turn.load(std::memory_order_relaxed)).Sequence(), 0,
+                             static_cast<std::uint32_t>(offers.count));
+        offered.store(word.Raw(), std::memory_order_release);
+        target.word.store(word.Raw(), std::memory_order_seq_cst);
+        if (isGone.load(std::memory_order_seq_cst)) { // End may have been too early to see them
+            ForgetOffers();
+        }
+        return offers.count;
+    }
+
+    /// A connection that has ended answers no call, not even ahead.
+    void ForgetOffers() noexcept {
+        if (takesOffers) {
+            Slot().offers.word.store(0, std::memory_order_seq_cst);
+        }
+    }
+
+    void Publish(const nk_message& response) noexcept {
+        const std::size_t used = std::clamp<std::size_t>(NkGetSize(response), sizeof(nk_message), NkRecordSize);
+        const std::uint32_t sequence = Turn(turn.load(std::memory_order_relaxed)).Sequence();
+        Publish(SlotWord(sequence, Slot().reply.Put(&response, used)));
+    }
+
     /// Ends the server's half of a call: the client sees what was put into the slot.
     void Publish(SlotWord word) noexcept {
-        assert(turn.load(std::memory_order_relaxed) == Turn(word.Sequence(), true).Raw() && "a reply is owed");
-        turn.store(Turn(word.Sequence(), false).Raw(), std::memory_order_release);
+        assert(turn.load(std::memory_order_relaxed) == Turn(word.Sequence(), Turn::Reply::Owed).Raw());
+        turn.store(Turn(word.Sequence(), Turn::Reply::Sent).Raw(), std::memory_order_release);
         Slot().reply.word.store(word.Raw(), std::memory_order_seq_cst);
         if (IsAsleep(word.Sequence())) {
             Ring(shared.doorbell);
@@ -190,7 +274,9 @@ private:
     const Channel::DeadClient deadClient;
     UniqueFd socket; ///< constant once attached
     const SharedMemoryEnds shared;
+    const bool takesOffers; ///< its layout has room for them
     std::atomic<std::uint64_t> turn{0};
+    std::atomic<std::uint64_t> offered{0}; ///< the offers outstanding, as OfferWord without a next
     std::atomic<bool> isGone{false};
     std::atomic<std::uint32_t> rings{0};        ///< since the last request
     std::atomic<SteadyClock::rep> claimedAt{0}; ///< only for Channel::DeadClient::ReplyReportsIt

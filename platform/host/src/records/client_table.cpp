@@ -80,6 +80,15 @@ std::shared_ptr<ChannelClient> ClientTable::Remove(std::uint64_t clientId) noexc
     return client;
 }
 
+std::int32_t ClientTable::Find(std::uint64_t clientId, std::shared_ptr<ChannelClient>& client) const {
+    const common::MutexLock lock(mutex);
+    if (const auto found = clients.find(clientId); found != clients.end()) {
+        client = found->second;
+        return KnStatusOk;
+    }
+    return clientId > KickData && clientId <= lastId ? KnStatusPeerGone : KnStatusInvalidArgument;
+}
+
 void ClientTable::StopReceiving() noexcept {
     isReceiving.store(false, std::memory_order_release);
     const std::uint64_t one = 1;

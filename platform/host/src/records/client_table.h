@@ -47,6 +47,10 @@ public:
     /// Wakes all receivers, removes and ends all clients. Returns: false when that was done before. Threads: any.
     bool Close() noexcept EXCLUDES(mutex);
 
+    /// Returns: 0 and `client`; KnStatusPeerGone for one that was removed; KnStatusInvalidArgument for a number that
+    /// never was a client's. Threads: any.
+    std::int32_t Find(std::uint64_t clientId, std::shared_ptr<ChannelClient>& client) const EXCLUDES(mutex);
+
     bool IsClosed(std::memory_order order) const noexcept { return isClosed.load(order); }
     bool IsReceiving() const noexcept { return isReceiving.load(std::memory_order_acquire); }
     std::size_t Count() const noexcept { return count.load(std::memory_order_relaxed); }

@@ -9,7 +9,9 @@ OwedReplies::~OwedReplies() {
         return;
     }
     for (const Entry& entry : entries) {
-        entry.client->Answer(KnStatusAbandoned);
+        if (entry.client) {
+            entry.client->Answer(KnStatusAbandoned);
+        }
     }
 }
 

@@ -9,12 +9,14 @@
 #include <cassert>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
 // A request belongs to the thread that received it, until that thread replies. The thread keeps the client alive: a
 // client that is removed meanwhile, or whose channel is destroyed, goes with this reference. A thread that receives
-// again on the channel, or ends, has abandoned its request, and the caller gets KnStatusAbandoned.
+// again on the channel, or ends, has abandoned its request, and the caller gets KnStatusAbandoned. A thread that has
+// deferred its reply owes nothing, but its own reply is still to come, and is dropped.
 
 namespace borven_host {
 
@@ -49,12 +51,18 @@ public:
         entries.push_back({channel, std::move(client)});
     }
 
-    /// Returns: the client that waits for the thread's reply on `channel`, which is not owed from now on; null when
-    /// there is none.
-    std::shared_ptr<ChannelClient> Settle(const void* channel) noexcept {
+    /// Hands over the reply that the thread owes on `channel`. Returns: the client; null when none is owed.
+    std::shared_ptr<ChannelClient> Defer(const void* channel) noexcept {
+        const auto found = Find(channel);
+        return found == entries.end() ? nullptr : std::move(found->client);
+    }
+
+    /// Ends the thread's duty on `channel`. Returns: the client that waits for the reply, null if that was deferred;
+    /// nothing when no reply is to come.
+    std::optional<std::shared_ptr<ChannelClient>> Settle(const void* channel) noexcept {
         const auto found = Find(channel);
         if (found == entries.end()) {
-            return nullptr;
+            return std::nullopt;
         }
         auto client = std::move(found->client);
         *found = std::move(entries.back());
@@ -64,8 +72,8 @@ public:
 
 private:
     struct Entry {
-        const void* channel; ///< compared only: the channel may have been destroyed
-        std::shared_ptr<ChannelClient> client;
+        const void* channel;                   ///< compared only: the channel may have been destroyed
+        std::shared_ptr<ChannelClient> client; ///< null: deferred
     };
 
     std::vector<Entry>::iterator Find(const void* channel) noexcept {

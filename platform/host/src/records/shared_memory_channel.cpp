@@ -75,13 +75,14 @@ Channel::~Channel() {
     Close();
 }
 
-std::int32_t Channel::AddClient(UniqueFd&& socket, const RequestFilter& filter, std::uint64_t* clientId) {
+std::int32_t Channel::AddClient(UniqueFd&& socket, std::uint32_t layoutVersion, const RequestFilter& filter,
+                                std::uint64_t* clientId) {
     if (state->clients.Count() >= MaxClients) {
         return KnStatusBusy;
     }
     SharedMemoryEnds ends;
     UniqueFd file;
-    if (const auto status = SharedMemoryRegion::Create(ends.region, file); status != KnStatusOk) {
+    if (const auto status = SharedMemoryRegion::Create(layoutVersion, ends.region, file); status != KnStatusOk) {
         return status;
     }
     ends.bell = MakeBell();
@@ -106,8 +107,8 @@ void Channel::RemoveClient(std::uint64_t clientId) noexcept {
 std::int32_t Channel::Receive(nk_message* request) noexcept {
     return NoThrow([&]() -> std::int32_t {
         auto& owed = OwedReplies::OfThisThread();
-        if (const auto abandoned = owed.Settle(state.get())) {
-            abandoned->Answer(KnStatusAbandoned);
+        if (const auto abandoned = owed.Settle(state.get()); abandoned && *abandoned) {
+            (*abandoned)->Answer(KnStatusAbandoned);
         }
         owed.Reserve();
         std::shared_ptr<ChannelClient> client;
@@ -133,7 +134,51 @@ std::int32_t Channel::Reply(const nk_message* response) noexcept {
     if (state->clients.IsClosed(std::memory_order_acquire)) {
         return KnStatusClosed;
     }
-    return client ? client->Reply(*response) : KnStatusInvalidArgument;
+    if (!client) {
+        return KnStatusInvalidArgument;
+    }
+    return *client ? (*client)->Reply(*response) : KnStatusOk;
+}
+
+std::int32_t Channel::Defer(NkDeferredReply& deferred) noexcept {
+    if (state->clients.IsClosed(std::memory_order_acquire)) {
+        return KnStatusClosed;
+    }
+    const auto client = OwedReplies::OfThisThread().Defer(state.get());
+    if (!client) {
+        return KnStatusInvalidArgument;
+    }
+    deferred.call = client->Defer();
+    deferred.client = client->id;
+    return KnStatusOk;
+}
+
+std::int32_t Channel::ReplyDeferred(const NkDeferredReply& deferred, const nk_message& response, const NkOffers& offers,
+                                    std::size_t& offered) noexcept {
+    if (state->clients.IsClosed(std::memory_order_acquire)) {
+        return KnStatusClosed;
+    }
+    std::shared_ptr<ChannelClient> client;
+    if (const auto status = state->clients.Find(deferred.client, client); status != KnStatusOk) {
+        return status;
+    }
+    return client->Resume(deferred.call) ? client->ReplyLate(response, offers, offered) : KnStatusInvalidArgument;
+}
+
+std::int32_t Channel::TakeBackOffers(const NkDeferredReply& deferred, std::size_t& taken) noexcept {
+    if (state->clients.IsClosed(std::memory_order_acquire)) {
+        return KnStatusClosed;
+    }
+    std::shared_ptr<ChannelClient> client;
+    if (const auto status = state->clients.Find(deferred.client, client); status != KnStatusOk) {
+        return status;
+    }
+    const auto count = client->TakeBack(deferred.call);
+    if (!count) {
+        return KnStatusInvalidArgument;
+    }
+    taken = *count;
+    return KnStatusOk;
 }
 
 void Channel::StopReceiving() noexcept {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/unique_fd.h"
+#include "nk/deferred_reply.h"
 #include "nk/message.h"
 #include "records/request_filter.h"
 #include "records/shared_memory_ends.h"
@@ -26,13 +27,15 @@ public:
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
 
-    /// Joins a client whose credentials were checked, over its connected socket, and sends it its ends. Moves from
+    /// Joins a client whose credentials were checked, and which speaks `layoutVersion`, over its connected socket, and
+    /// sends it its ends. Moves from
     /// `socket` on success only, and keeps it open at least until RemoveClient or Close: the housekeeper watches it by
     /// its number.
     ///
     /// Returns: 0 and `*clientId`; KnStatusClosed; KnStatusBusy; KnStatusNoResources; KnStatusPeerGone. Blocks: never.
     /// Threads: any.
-    std::int32_t AddClient(UniqueFd&& socket, const RequestFilter& filter, std::uint64_t* clientId);
+    std::int32_t AddClient(UniqueFd&& socket, std::uint32_t layoutVersion, const RequestFilter& filter,
+                           std::uint64_t* clientId);
 
     /// The same for a client that has its ends already; nothing is sent.
     std::int32_t AddClient(UniqueFd&& socket, SharedMemoryEnds&& ends, const RequestFilter& filter,
@@ -44,6 +47,12 @@ public:
     /// See nk/transport.h.
     std::int32_t Receive(nk_message* request) noexcept;
     std::int32_t Reply(const nk_message* response) noexcept;
+
+    /// See nk/deferred_reply.h; these know their own channel.
+    std::int32_t Defer(NkDeferredReply& deferred) noexcept;
+    std::int32_t ReplyDeferred(const NkDeferredReply& deferred, const nk_message& response, const NkOffers& offers,
+                               std::size_t& offered) noexcept;
+    std::int32_t TakeBackOffers(const NkDeferredReply& deferred, std::size_t& taken) noexcept;
 
     /// Makes every blocked or later receive return KnStatusClosed. Clients stay, and received requests can be replied
     /// to. Idempotent. Threads: any.

@@ -9,8 +9,10 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -76,6 +78,9 @@ std::int32_t Connection::Call(const nk_message* request, nk_message* response) n
     if (isClosed.load(std::memory_order_acquire)) {
         return KnStatusClosed;
     }
+    if (repeatable.isOffered && TakeOffer(request, response)) {
+        return KnStatusOk;
+    }
     SharedSlot& slot = shared.region.Slot();
     const std::uint32_t pieces = slot.request.Put(request, NkRecordSize);
     const std::uint32_t sequence = ++lastSequence;
@@ -105,7 +110,40 @@ std::int32_t Connection::Call(const nk_message* request, nk_message* response) n
         return reply.Status();
     }
     slot.reply.Get(response, reply.Pieces());
+    if (OfferWord(slot.offers.word.load(std::memory_order_acquire)).Sequence() == sequence) {
+        NoteOffers(request, response);
+    }
     return KnStatusOk;
+}
+
+bool Connection::TakeOffer(const nk_message* request, nk_message* response) noexcept {
+    SlotOffers& offers = shared.region.Slot().offers;
+    std::uint64_t seen = offers.word.load(std::memory_order_acquire);
+    const OfferWord word(seen);
+    if (word.Sequence() == lastSequence && word.Next() < std::min<std::uint32_t>(word.Count(), NkMaxOffers) &&
+        std::memcmp(request, repeatable.request.data(), NkRecordSize) == 0) {
+        const std::int64_t value = offers.values[word.Next()].load(std::memory_order_relaxed);
+        const OfferWord taken(word.Sequence(), word.Next() + 1, word.Count());
+        // Only the server could change the word meanwhile, to take all offers back.
+        if (offers.word.compare_exchange_strong(seen, taken.Raw(), std::memory_order_acq_rel)) {
+            std::memcpy(static_cast<void*>(response), repeatable.reply.data(), NkRecordSize);
+            std::memcpy(reinterpret_cast<std::byte*>(response) + repeatable.offset, &value, sizeof value);
+            return true;
+        }
+    }
+    repeatable.isOffered = false;
+    return false;
+}
+
+void Connection::NoteOffers(const nk_message* request, const nk_message* response) noexcept {
+    const std::size_t offset = shared.region.Slot().offers.offset.load(std::memory_order_relaxed);
+    if (offset > NkRecordSize - sizeof(std::int64_t)) {
+        return; // never takes any of them
+    }
+    repeatable.isOffered = true;
+    repeatable.offset = offset;
+    std::memcpy(repeatable.request.data(), request, NkRecordSize);
+    std::memcpy(repeatable.reply.data(), response, NkRecordSize);
 }
 
 bool Connection::HasReply(std::uint32_t sequence, SlotWord& reply) const noexcept {

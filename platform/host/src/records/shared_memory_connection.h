@@ -38,6 +38,19 @@ public:
 private:
     static constexpr std::size_t LearnerCount = 16;
 
+    /// What a repeated call may take ahead: the last request, its reply, and where the offered values stand in it.
+    struct Repeatable {
+        bool isOffered = false;
+        std::size_t offset = 0;
+        std::array<std::byte, NkRecordSize> request;
+        std::array<std::byte, NkRecordSize> reply;
+    };
+
+    /// Takes the next offer in place of the reply to `request`, if there is one. Returns: whether there was.
+    bool TakeOffer(const nk_message* request, nk_message* response) noexcept REQUIRES(callMutex);
+    /// Remembers a call whose reply came with offers.
+    void NoteOffers(const nk_message* request, const nk_message* response) noexcept REQUIRES(callMutex);
+
     bool HasReply(std::uint32_t sequence, SlotWord& reply) const noexcept;
     bool Sleep(std::uint32_t sequence, SlotWord& reply) noexcept REQUIRES(callMutex);
 
@@ -49,6 +62,7 @@ private:
 
     common::Mutex callMutex; ///< held for the length of a call: calls take turns
     std::uint32_t lastSequence GUARDED_BY(callMutex) = 0;
+    Repeatable repeatable GUARDED_BY(callMutex);
     /// By method, because some methods answer at once and others after minutes.
     std::array<SpinLearner, LearnerCount> learners GUARDED_BY(callMutex);
 };

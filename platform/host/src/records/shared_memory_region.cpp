@@ -1,6 +1,7 @@
 #include "records/shared_memory_region.h"
 
 #include "kn/status.h"
+#include "names/handshake.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -19,7 +20,7 @@ constexpr int SizeSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
 
 } // namespace
 
-std::int32_t SharedMemoryRegion::Create(SharedMemoryRegion& region, UniqueFd& file) {
+std::int32_t SharedMemoryRegion::Create(std::uint32_t layoutVersion, SharedMemoryRegion& region, UniqueFd& file) {
     UniqueFd created(::memfd_create("borven-slot", MFD_CLOEXEC | MFD_ALLOW_SEALING));
     // Allocated now: a lack of memory is a refused join, not a signal in the middle of a call.
     if (!created || ::ftruncate(created.Get(), RegionSize) != 0 || ::fallocate(created.Get(), 0, 0, RegionSize) != 0 ||
@@ -31,8 +32,8 @@ std::int32_t SharedMemoryRegion::Create(SharedMemoryRegion& region, UniqueFd& fi
     }
     SharedSlot& slot = region.Slot();
     slot.magic = SharedSlot::ExpectedMagic;
-    slot.version = SharedSlot::ExpectedVersion;
-    slot.size = sizeof(SharedSlot);
+    slot.version = layoutVersion;
+    slot.size = SharedSlot::SizeIn(layoutVersion);
     slot.recordSize = NkRecordSize;
     file = std::move(created);
     return KnStatusOk;
@@ -50,8 +51,8 @@ std::int32_t SharedMemoryRegion::Open(const UniqueFd& file, SharedMemoryRegion& 
         return mapped;
     }
     const SharedSlot& slot = opened.Slot();
-    if (slot.magic != SharedSlot::ExpectedMagic || slot.version != SharedSlot::ExpectedVersion ||
-        slot.size != sizeof(SharedSlot) || slot.recordSize != NkRecordSize) {
+    if (slot.magic != SharedSlot::ExpectedMagic || slot.version != LayoutVersion || slot.size != sizeof(SharedSlot) ||
+        slot.recordSize != NkRecordSize) {
         return KnStatusDenied;
     }
     region = std::move(opened);

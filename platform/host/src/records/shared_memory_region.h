@@ -16,8 +16,9 @@ class SharedMemoryRegion final {
 public:
     SharedMemoryRegion() = default;
 
-    /// Server. Returns: 0, `region`, and `file` for the client; KnStatusNoResources.
-    static std::int32_t Create(SharedMemoryRegion& region, UniqueFd& file);
+    /// Server. `layoutVersion`: what the client speaks.
+    /// Returns: 0, `region`, and `file` for the client; KnStatusNoResources.
+    static std::int32_t Create(std::uint32_t layoutVersion, SharedMemoryRegion& region, UniqueFd& file);
 
     /// Client. Returns: 0 and `region`; KnStatusDenied when `file` is not what Create makes; KnStatusNoResources.
     static std::int32_t Open(const UniqueFd& file, SharedMemoryRegion& region);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "nk/deferred_reply.h"
 #include "nk/message.h"
 
 #include <algorithm>
@@ -22,9 +23,21 @@
 //     claimed -> replied   server   the thread that claimed it: record in, turn, reply.word = the sequence number
 //     replied -> free      client   copies the record out, unlocks the mutex
 //
+// A server that cannot answer yet defers the reply (nk/deferred_reply.h):
+//
+//     claimed -> deferred  server   the thread that claimed it: turn; it receives the next request then
+//     deferred -> claimed  server   compare-and-swap of the turn: one thread wins, and replies
+//
+// Offers are replies ahead: values and a word (sequence number, next, count) behind the halves. The server writes them
+// before the reply that they come with, when no others are outstanding. At its next call with the same request, the
+// client takes one instead of calling: it reads the value, then moves `next` on by compare-and-swap. The server takes
+// back what is left by exchanging the word for zero, and the old word says how many were taken: each offer has one
+// owner.
+//
 // The server trusts its own turn and nothing in the page. Of the client's words it uses a sequence number, which must
-// be the next one or the last one, a mask of pieces, of which every value is valid, and a hint whether the client
-// sleeps. It copies a record once, then checks and uses the copy. So a client that writes garbage harms itself only.
+// be the next one or the last one, a mask of pieces, of which every value is valid, a hint whether the client sleeps,
+// and how many of its own offers are taken, which it bounds by the number that it put. It copies a record once, then
+// checks and uses the copy. So a client that writes garbage harms itself only.
 //
 // Who wakes whom:
 //
@@ -40,9 +53,10 @@
 // Nothing has a period: no wait ends by itself. While a request is ready, either its client is awake (it spins, and
 // will ring), or its event is pending in the kernel, where every receiver that comes to sleep finds it.
 //
-// The death of a client: the housekeeper calls RemoveClient. A free, filling, ready or replied slot is forgotten; a
-// claimed one is replied to by its thread, into memory that no process reads, and goes with that thread's reference.
-// The death of the server: the kernel closes the sockets; a client looks for its reply once more and gives up.
+// The death of a client: the housekeeper calls RemoveClient. A free, filling, ready, deferred or replied slot is
+// forgotten, with its offers; a claimed one is replied to by its thread, into memory that no process reads, and goes
+// with that thread's reference. The death of the server: the kernel closes the sockets; a client looks for its reply
+// once more and gives up.
 
 namespace borven_host {
 
@@ -156,20 +170,55 @@ private:
 static_assert(SlotHalf::PieceEnd(SlotHalf::PieceCount - 1) == NkRecordSize);
 static_assert(offsetof(SlotHalf, record) + SlotHalf::FirstPieceSize == 64);
 
+/// What the word of the offers says: the call whose reply they came with, and which of them are taken. Zero: none.
+class OfferWord final {
+public:
+    constexpr explicit OfferWord(std::uint64_t raw) : bits(raw) {}
+    constexpr OfferWord(std::uint32_t sequence, std::uint32_t next, std::uint32_t count)
+        : bits(std::uint64_t{sequence} << 32 | next << 16 | count) {}
+
+    constexpr std::uint32_t Sequence() const { return static_cast<std::uint32_t>(bits >> 32); }
+    constexpr std::uint32_t Next() const { return static_cast<std::uint32_t>(bits >> 16) & 0xFFFF; }
+    constexpr std::uint32_t Count() const { return static_cast<std::uint32_t>(bits) & 0xFFFF; }
+    constexpr std::uint64_t Raw() const { return bits; }
+
+private:
+    std::uint64_t bits;
+};
+
+/// Offers to the client. The server writes all of it; the client moves `next` in the word.
+struct alignas(64) SlotOffers {
+    std::atomic<std::uint64_t> word;   ///< OfferWord
+    std::atomic<std::uint32_t> offset; ///< of the value in the record
+    std::uint32_t unused;
+    std::array<std::atomic<std::int64_t>, NkMaxOffers> values;
+};
+
 /// The memory that a client and its server share: one page, with nothing of another client in it.
 struct SharedSlot {
     static constexpr std::uint32_t ExpectedMagic = 0x53565242; ///< "BRVS"
-    static constexpr std::uint32_t ExpectedVersion = 1;
 
     std::uint32_t magic;
-    std::uint32_t version;
-    std::uint32_t size; ///< of this structure
+    std::uint32_t version; ///< LayoutVersion, or the older one that the client speaks
+    std::uint32_t size;    ///< of this structure in that version
     std::uint32_t recordSize;
+
+    // Written by the server only.
+    std::atomic<std::uint32_t> reason; ///< why the connection ended; 0: it has not, or not by the server's decision
+    std::uint32_t unused;
+    std::atomic<std::uint64_t> lost; ///< values that the server dropped before the client could take them
 
     SlotHalf request; ///< written by the client; hint: the sequence of the call that it sleeps for
     SlotHalf reply;   ///< written by the server; hint: 1 while the poller looks at the slot without a ring
+    SlotOffers offers;
+
+    /// The length of the structure in `version`: version 1 ends behind the halves.
+    static constexpr std::uint32_t SizeIn(std::uint32_t layoutVersion) {
+        return layoutVersion == 1 ? 2240 : sizeof(SharedSlot);
+    }
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free && std::atomic<std::uint32_t>::is_always_lock_free);
-static_assert(offsetof(SharedSlot, request) == 64 && offsetof(SharedSlot, reply) == 1152 && sizeof(SharedSlot) <= 4096);
+static_assert(offsetof(SharedSlot, request) == 64 && offsetof(SharedSlot, reply) == 1152);
+static_assert(offsetof(SharedSlot, offers) == SharedSlot::SizeIn(1) && sizeof(SharedSlot) <= 4096);
 
 } // namespace borven_host

@@ -1,0 +1,81 @@
+#pragma once
+
+#include "common/mutex.h"
+#include "message_bus.h"
+#include "nk/deferred_reply.h"
+
+#include <cstddef>
+#include <deque>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <utility>
+
+namespace msgbus_server {
+
+/// The parked waits of one subscriber, and its values that have left its queue and are not delivered for certain.
+///
+/// A value goes queue -> values -> client. It leaves the queue by one pop, under the mutex, and leaves `values` when a
+/// reply has carried it, when its client has taken it as an offer, or when the queue is canceled. The values stand in
+/// the order of the queue, so they are delivered in it:
+///
+///     values   [ offered ... | kept ... ]      then the queue
+///
+/// `offered` lie in the shared page of the client whose wait was answered last, which may take them meanwhile. They are
+/// taken back before anything else is delivered: each new wait does it, and the end of the subscriber. `kept` are those
+/// that no reply could carry: the first of another topic than those before it, one that an offer had no room for, one
+/// whose client was gone.
+///
+/// A wait is parked only while there is nothing to deliver, and values are offered only while no other wait is parked.
+/// So there are never parked waits and values at once, but within one call.
+///
+/// Threads: every operation from any thread. Blocks: for the mutex, which is never held while a client is waited for.
+class SubscriberWaits final : public message_bus::IQueueListener, public std::enable_shared_from_this<SubscriberWaits> {
+public:
+    /// `endAction` is called once the subscriber's queue is canceled, without the mutex, on the thread that canceled
+    /// it; must not throw.
+    SubscriberWaits(std::shared_ptr<message_bus::Subscriber> waitingSubscriber, std::function<void()> endAction)
+        : subscriber(std::move(waitingSubscriber)), onEnd(std::move(endAction)) {}
+    SubscriberWaits(const SubscriberWaits&) = delete;
+    SubscriberWaits& operator=(const SubscriberWaits&) = delete;
+
+    /// Follows the queue from now on, or no longer. Lifetime: a queue that is followed holds a plain pointer to this
+    /// object, and uses it while another thread changes the queue.
+    void Follow() { subscriber->queue.SetListener(this); }
+    void Unfollow() { subscriber->queue.SetListener(nullptr); }
+
+    /// Answers the wait now if there is a value or the queue is canceled, else with the next value or the cancel.
+    /// Returns: false when the queue is canceled.
+    /// Throws: std::bad_alloc, with the wait not answered. Requires: the queue is followed.
+    bool Park(const NkDeferredReply& wait);
+
+    /// For a wait whose reply cannot be deferred. Returns: the first value that has left the queue; null: none has.
+    std::shared_ptr<message_bus::Message> TakeKept();
+
+    /// Answers a wait with a code other than 0. Does nothing when it was answered before.
+    static void Refuse(const NkDeferredReply& wait, cor::ResultCode code) noexcept;
+
+    /// Answers a wait that failed with 10, and writes the bus's line for it.
+    static void Fail(const NkDeferredReply& wait, const std::exception& error) noexcept;
+
+    void OnQueueChanged() noexcept override;
+
+private:
+    void Serve() noexcept REQUIRES(mutex);
+    std::optional<cor::ResultCode> TakeFirst() noexcept REQUIRES(mutex);
+    void Answer(const NkDeferredReply& wait) noexcept REQUIRES(mutex);
+    bool TakeAnother() noexcept REQUIRES(mutex);
+    void TakeBack() noexcept REQUIRES(mutex);
+
+    const std::shared_ptr<message_bus::Subscriber> subscriber;
+    const std::function<void()> onEnd;
+
+    common::Mutex mutex;
+    std::deque<NkDeferredReply> parked GUARDED_BY(mutex); ///< oldest first
+    std::deque<std::shared_ptr<message_bus::Message>> values GUARDED_BY(mutex);
+    std::size_t offered GUARDED_BY(mutex) = 0;   ///< so many of the first values are offered
+    NkDeferredReply offerOf GUARDED_BY(mutex){}; ///< the wait whose reply they came with
+};
+
+} // namespace msgbus_server

@@ -1,0 +1,180 @@
+#include "subscriber_waits.h"
+
+#include "bos/logger.h"
+#include "br_MessageBus.h"
+#include "kn/status.h"
+
+#include <algorithm>
+#include <array>
+#include <cassert>
+#include <cstdint>
+
+namespace msgbus_server {
+
+namespace {
+
+using cor::ResultCode;
+using message_bus::Message;
+using message_bus::MessageBus;
+
+constexpr std::size_t ValueOffset = offsetof(br_MessageBusSubs_Wait_res, message);
+
+ResultCode FailQuietly(const std::exception& error) noexcept {
+    try {
+        return MessageBus::FailWait(error);
+    } catch (...) {
+        return ResultCode::Failed; // the log fails too
+    }
+}
+
+/// At debug level each wait writes its lines, so each has to reach the server.
+bool MayOffer() {
+    return !bos::logger::BOSLogger::RootLogger().IsEnabled(bos::logger::LogLevel::Debug);
+}
+
+} // namespace
+
+bool SubscriberWaits::Park(const NkDeferredReply& wait) {
+    const common::MutexLock lock(mutex);
+    TakeBack();
+    parked.push_back(wait);
+    Serve();
+    return !subscriber->queue.IsCanceled();
+}
+
+std::shared_ptr<Message> SubscriberWaits::TakeKept() {
+    const common::MutexLock lock(mutex);
+    TakeBack();
+    if (values.empty() || subscriber->queue.IsCanceled()) {
+        return nullptr;
+    }
+    auto first = std::move(values.front());
+    values.pop_front();
+    return first;
+}
+
+void SubscriberWaits::Refuse(const NkDeferredReply& wait, ResultCode code) noexcept {
+    assert(code != ResultCode::Success);
+    br_MessageBus_component_res record;
+    br_MessageBusSubs_Wait_reply(br_MessageBus_ErrorResult(static_cast<std::uint16_t>(code)), "", -1, &record.header);
+    static_cast<void>(NkReplyDeferred(wait, &record.header)); // a client that is gone needs no code
+}
+
+void SubscriberWaits::Fail(const NkDeferredReply& wait, const std::exception& error) noexcept {
+    Refuse(wait, FailQuietly(error));
+}
+
+void SubscriberWaits::OnQueueChanged() noexcept {
+    const auto self = weak_from_this().lock(); // the end action may drop the last other reference
+    try {
+        bool isOver = false;
+        {
+            const common::MutexLock lock(mutex);
+            Serve();
+            isOver = subscriber->queue.IsCanceled();
+            if (isOver) {
+                TakeBack(); // so that no later wait of the client takes one; what is left goes with this object
+            }
+        }
+        if (isOver) {
+            onEnd();
+        }
+    } catch (...) {
+        // The queue's caller has nothing to do with a wait that fails. The next change serves what is parked.
+    }
+}
+
+/// Answers parked waits, the oldest first, while there are values, or all of them once the queue is canceled.
+void SubscriberWaits::Serve() noexcept {
+    while (!parked.empty()) {
+        const auto result = TakeFirst();
+        if (!result) {
+            return;
+        }
+        const NkDeferredReply wait = parked.front();
+        parked.pop_front();
+        if (*result == ResultCode::Success) {
+            Answer(wait);
+        } else {
+            Refuse(wait, *result);
+        }
+    }
+}
+
+/// Makes sure that there is a first value. Returns: as MessageBus::TryTake.
+std::optional<ResultCode> SubscriberWaits::TakeFirst() noexcept {
+    assert(offered == 0);
+    const std::size_t known = values.size();
+    std::optional<ResultCode> result = ResultCode::Failed;
+    try {
+        if (known != 0 && !subscriber->queue.IsCanceled()) {
+            return ResultCode::Success;
+        }
+        values.emplace_back(); // before the take: what is taken has a place
+        result = MessageBus::TryTake(*subscriber, values.back());
+    } catch (const std::exception& error) {
+        result = FailQuietly(error);
+    } catch (...) {
+        // As any other failure; there is no text to log.
+    }
+    if (result != ResultCode::Success) {
+        values.resize(known);
+    }
+    return result;
+}
+
+/// Sends the first value, and offers those of its topic that follow it. A value that was not sent stays the first.
+void SubscriberWaits::Answer(const NkDeferredReply& wait) noexcept {
+    const Message& first = *values.front();
+    std::array<std::int64_t, NkMaxOffers> following;
+    std::size_t count = 0;
+    if (parked.empty() && MayOffer()) {
+        while (count < following.size() && (count + 1 < values.size() || TakeAnother())) {
+            const Message& next = *values[count + 1];
+            if (next.topic != first.topic) {
+                break;
+            }
+            following[count++] = next.value;
+        }
+    }
+    br_MessageBus_component_res record;
+    br_MessageBusSubs_Wait_reply(0, first.topic, first.value, &record.header);
+    std::size_t put = 0;
+    if (NkReplyDeferred(wait, &record.header, {ValueOffset, following.data(), count}, &put) == KnStatusOk) {
+        assert(put <= count);
+        values.pop_front();
+        offered = put;
+        offerOf = wait;
+    }
+}
+
+/// Moves one more value from the queue to the kept ones. Returns: false when there is none, or no memory.
+bool SubscriberWaits::TakeAnother() noexcept {
+    const std::size_t known = values.size();
+    try {
+        values.emplace_back();
+        if (subscriber->queue.TryPop(values.back())) {
+            return true;
+        }
+    } catch (...) {
+        // The value stays in the queue.
+    }
+    values.resize(known);
+    return false;
+}
+
+/// Ends the offer under way: what the client has not taken is kept again.
+void SubscriberWaits::TakeBack() noexcept {
+    if (offered == 0) {
+        return;
+    }
+    std::size_t taken = 0;
+    if (NkTakeBackOffers(offerOf, &taken) != KnStatusOk) {
+        taken = offered; // lost with the client or the channel
+    }
+    const auto end = values.begin() + static_cast<std::ptrdiff_t>(std::min(taken, offered));
+    values.erase(values.begin(), end);
+    offered = 0;
+}
+
+} // namespace msgbus_server
