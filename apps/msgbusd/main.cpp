@@ -21,6 +21,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 namespace {
 
@@ -161,6 +162,8 @@ int main(int argc, char** argv) {
     }
     try {
         return Serve(settings);
+    } catch (const std::system_error& error) {
+        return Fail(std::string("cannot start: ") + error.what());
     } catch (const std::exception& error) {
         return Fail(error.what());
     }

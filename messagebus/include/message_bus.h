@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
+#include <cstdint>
 #include <exception>
 #include <list>
 #include <map>
@@ -32,6 +34,12 @@ struct Subscriber {
     std::string name; ///< not necessarily unique
     std::unordered_set<std::string> topics;
     BlockingQueue<std::shared_ptr<Message>> queue; ///< unlimited: grows until the subscriber waits or unregisters
+};
+
+enum class InboundState {
+    Empty,     ///< the events thread has taken every message
+    Announced, ///< a wake-up says that there are messages; it may be lost all the same
+    LeftBehind ///< there are messages, and the events thread sleeps until the next wake-up, or a push is under way
 };
 
 /// The registry of publishers and subscribers, the inbound queue, and the events thread that puts each message into the
@@ -87,6 +95,16 @@ public:
     /// Contract: takes no lock, so no other thread may register or unregister subscribers meanwhile.
     long GetSubscriberIdByName(const std::string& name) const;
 
+    /// Returns: the state of the inbound queue, which may have changed since. Threads: any.
+    InboundState Inbound() const;
+
+    /// How many pushes since Start may have lost their wake-up. The message of any other push is taken without another
+    /// wake-up, unless it is queued behind that of a counted one. Threads: any. A push is counted after its message is
+    /// queued and before it returns.
+    std::uint64_t DoubtfulPushes() const noexcept {
+        return doubtfulPushes;
+    }
+
     /// Starts the events thread and the connector, then asks the connector every 5 seconds whether to stop. Blocked
     /// waits stay blocked.
     /// Returns: true when the connector asked to stop; false when it threw.
@@ -110,6 +128,7 @@ private:
     std::list<std::shared_ptr<Subscriber>> subscribers; // registration order; guarded by subscribersMutex
     std::map<std::string, long> publishers;             // topic to id; guarded by publishersMutex
     BlockingQueue<std::shared_ptr<Message>> messageQueue;
+    std::atomic<std::uint64_t> doubtfulPushes{0};
     std::atomic<long> lastId{0}; // publishers and subscribers share it; ids are never reused
 
     mutable std::mutex subscribersMutex;

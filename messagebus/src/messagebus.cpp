@@ -170,6 +170,15 @@ long MessageBus::GetSubscriberIdByName(const std::string& name) const {
     return found == subscribers.end() ? NoId : (*found)->id;
 }
 
+InboundState MessageBus::Inbound() const {
+    if (messageQueue.Size() == 0) {
+        return InboundState::Empty;
+    }
+    // std::atomic_ref takes no constant type, although this only reads.
+    const std::atomic_ref<bool> pending(const_cast<bool&>(eventsPending));
+    return pending.load(std::memory_order_relaxed) ? InboundState::Announced : InboundState::LeftBehind;
+}
+
 ResultCode MessageBus::Push(long publisherId, long message) {
     const std::lock_guard lock(eventsMutex);
     // Before the publisher is looked up: a full queue is full for unknown publishers too.
@@ -183,9 +192,14 @@ ResultCode MessageBus::Push(long publisherId, long message) {
             return ResultCode::Success; // Contract: so an unknown publisher does not learn that its push is dropped
         }
         Log(LogLevel::Debug, "{}: New message ({}) has been pushed to queue", Tag, topic);
-        [[maybe_unused]] const std::size_t queued =
-            messageQueue.Enqueue(std::make_shared<Message>(std::move(topic), message));
+        const std::size_t queued = messageQueue.Enqueue(std::make_shared<Message>(std::move(topic), message));
         assert(queued != 0 && queued <= InboundLimit); // pushes take turns, and this queue is never canceled
+        // In doubt: the events thread may have looked at the queue for the last time and be about to reset the flag.
+        // Not behind a message that it has yet to take, since it looks again behind each; nor once the flag is reset,
+        // since it then takes the lock held here before it sleeps.
+        if (queued == 1 && std::atomic_ref<bool>(eventsPending).load(std::memory_order_relaxed)) {
+            ++doubtfulPushes;
+        }
         WakeEventsThread();
         return ResultCode::Success;
     } catch (const std::exception& error) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "channel_deadline.h"
 #include "closing_log_filter.h"
 #include "flush_wake.h"
 #include "forwarding_connector.h"
@@ -8,12 +9,14 @@
 #include "message_bus.h"
 #include "parked_waits.h"
 #include "placement.h"
+#include "reserved_threads.h"
 #include "subscriber_ledger.h"
 
 #include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
 
 namespace message_bus {
 class BosConnector;
@@ -38,6 +41,9 @@ struct BusServerOptions {
 /// The bus as a server: builds the bus, its decorators, the connector and the IPC server, runs them, and stops them in
 /// order. One per process at a time.
 ///
+/// Every thread that serving needs exists when `onServing` is called, and no thread is started from then until the
+/// stop, unless a wait blocks its worker. The stop has a reserve for the threads that it needs.
+///
 /// The stop, in this order, each step while everything that it uses still exists:
 /// 1. receiving stops on every channel, so idle threads end; busy ones send their replies first, then end;
 /// 2. nothing is registered any more, and every subscriber is unregistered, which ends its blocked waits;
@@ -48,17 +54,17 @@ struct BusServerOptions {
 /// Step 3 waits for ever for a thread that does not end; five seconds later step 4 is taken all the same.
 class BusServer final {
 public:
+    /// Throws: OfferError when a thread cannot be started.
     explicit BusServer(const BusServerOptions& options = {});
     BusServer(const BusServer&) = delete;
     BusServer& operator=(const BusServer&) = delete;
     /// Requires: no Run under way.
     ~BusServer();
 
-    /// Offers the bus to clients, calls `onServing` when requests are served, and serves until RequestStop; then stops
-    /// in order.
-    /// Returns: true after RequestStop; false when the bus could not serve, with the reason in the log.
-    /// Throws: OfferError, with nothing left behind.
-    /// Blocks: until then. Threads: once, on the thread that hosts the bus.
+    /// Offers the bus to clients, calls `onServing` when every channel is received on, and serves until RequestStop;
+    /// then stops in order. Returns: true after RequestStop; false when the bus could not serve, with the reason in the
+    /// log. Throws: OfferError, with nothing left behind. Blocks: until then. Threads: once, on the thread that hosts
+    /// the bus.
     bool Run(std::function<void()> onServing = {});
 
     /// Ends Run, at once or as soon as it is called. Threads: any; not from a signal handler.
@@ -75,6 +81,7 @@ private:
     const message_bus::ConnectionType connectionType;
     ClosingLogFilter logFilter;
     std::function<void()> reportServing;
+    std::string startFailure;                            ///< a sentence; empty: served
     std::optional<InheritedThreadName> eventsThreadName; ///< from the start of Run until the bus has started the thread
 
     // Each is used by those below it. The connector's workers use them all.
@@ -86,6 +93,8 @@ private:
     std::shared_ptr<bos_ipc::IpcServer> server; ///< null once stopped
     std::unique_ptr<message_bus::BosConnector> connector;
     std::shared_ptr<ForwardingConnector> forwarding; ///< the bus keeps a share of it until it is destroyed
+    std::optional<ChannelDeadline> deadline;
+    std::optional<ReservedThreads> reserve; ///< while Run serves: as many as the stop needs
 };
 
 } // namespace msgbus_server

@@ -1,5 +1,6 @@
 #include "bus_server.h"
 
+#include "await_receivers.h"
 #include "bos_connector.h"
 #include "br_MessageBus.h"
 #include "diagnostics.h"
@@ -8,11 +9,13 @@
 #include "kn/status.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
-#include "stop_deadline.h"
 #include "stop_events_thread.h"
 
 #include <chrono>
+#include <cstddef>
+#include <iterator>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -26,6 +29,21 @@ using message_bus::ConnectionType;
 
 /// After this, the stop closes the channels although threads are left: their clients must not wait for ever.
 constexpr std::chrono::seconds StopLimit{5};
+
+/// After this, a start that does not receive on every channel is given up.
+constexpr std::chrono::seconds StartLimit{5};
+
+/// Threads of the bus that end in an orderly stop, each of which needs a remover then: the worker of the static
+/// channel; the accept worker and the dispatcher of the subscriber service.
+std::size_t RemoverCount(ConnectionType type) {
+    return type == ConnectionType::Static ? 1 : 2;
+}
+
+/// Threads that are started behind the reserve: the events thread, that of the host platform, and the workers and
+/// dispatchers, one for each channel and one that accepts.
+std::size_t LaterThreadCount(ConnectionType type) {
+    return 2 + (type == ConnectionType::Static ? 1 : std::size(br_MessageBus_interfaces) + 1);
+}
 
 const char* ModeName(ConnectionType type) {
     return type == ConnectionType::Static ? "static" : "dynamic";
@@ -86,6 +104,17 @@ message_bus::IWorker& MakeWorker(std::optional<ParkedWaits>& decorator, message_
     return isWanted ? static_cast<message_bus::IWorker&>(decorator.emplace(bus)) : bus;
 }
 
+/// Runs `start`, which starts threads. Throws: OfferError when the system refuses one.
+template <typename Start>
+void StartingThreads(const Start& start) {
+    try {
+        start();
+    } catch (const std::system_error& error) {
+        throw OfferError(std::string("cannot start the threads of the bus: ") + error.what() +
+                         "; raise the limit of threads (ulimit -u, or pids.max of the cgroup)");
+    }
+}
+
 } // namespace
 
 BusServer::BusServer(const BusServerOptions& options)
@@ -94,9 +123,12 @@ BusServer::BusServer(const BusServerOptions& options)
       connector(std::make_unique<message_bus::BosConnector>(server)),
       forwarding(std::make_shared<ForwardingConnector>(
           *connector, [this] { eventsThreadName.reset(); }, [this] { OnServing(); })) {
-    if (options.flushWake) {
-        flushWake.emplace(bus, bus);
-    }
+    StartingThreads([&] {
+        deadline.emplace();
+        if (options.flushWake) {
+            flushWake.emplace(bus);
+        }
+    });
     if (options.placement && PlacementPays(connectionType)) {
         placement.emplace(flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus);
     }
@@ -114,11 +146,15 @@ void BusServer::Offer() {
     if (!connector->Init(Lend<message_bus::IProviderControl>(ledger), Lend(provider),
                          Lend<message_bus::IWorker>(ledger))) {
         KnHandleCloseServerEnds();
+        reserve.reset();
         throw OfferError(ReasonOfFailure(connectionType));
     }
 }
 
 bool BusServer::Run(std::function<void()> onServing) {
+    // All at once at first: a limit that is too low is an error here, but the end of the process when the bus meets it.
+    StartingThreads([this] { reserve.emplace(RemoverCount(connectionType) + LaterThreadCount(connectionType)); });
+    reserve->Shrink(RemoverCount(connectionType));
     Offer();
     reportServing = std::move(onServing);
     eventsThreadName.emplace("bus-events");
@@ -130,6 +166,9 @@ bool BusServer::Run(std::function<void()> onServing) {
     }
     eventsThreadName.reset();
     Stop();
+    if (!startFailure.empty()) {
+        throw OfferError("cannot serve: " + startFailure);
+    }
     return isInOrder && !forwarding->HasFailed();
 }
 
@@ -138,6 +177,13 @@ void BusServer::RequestStop() {
 }
 
 void BusServer::OnServing() {
+    deadline->Arm(StartLimit, "The start takes too long");
+    startFailure = AwaitReceivers(connectionType);
+    deadline->Disarm();
+    if (!startFailure.empty()) {
+        RequestStop();
+        return;
+    }
     Log(LogLevel::Info, "Serving in {} mode", ModeName(connectionType));
     if (reportServing) {
         reportServing();
@@ -146,16 +192,16 @@ void BusServer::OnServing() {
 
 void BusServer::Stop() {
     Log(LogLevel::Info, "Stopping");
+    reserve.reset(); // first: every worker that ends from now on needs a thread
     server->SetStopSignal();
     logFilter.SetClosing(true);
     KnHandleStopReceiving(); // first: publishers that go on pushing could keep the next step waiting
     Log(LogLevel::Info, "Released subscribers: {}", ledger.StopAndUnregisterAll());
-    {
-        const StopDeadline deadline(StopLimit);
-        server->WaitAllThreads();
-        server.reset();
-        connector.reset(); // the last owner of the server, which joins its other threads
-    }
+    deadline->Arm(StopLimit, "A thread does not end");
+    server->WaitAllThreads();
+    server.reset();
+    connector.reset(); // the last owner of the server, which joins its other threads
+    deadline->Disarm();
     logFilter.SetClosing(false);
     KnHandleCloseServerEnds();
     StopEventsThread(bus);

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -10,14 +11,14 @@ namespace msgbus_server {
 namespace {
 
 using cor::ResultCode;
+using message_bus::InboundState;
 
-constexpr std::chrono::milliseconds LookEvery{1};
-constexpr int QuietLooksUntilIdle = 20; // so publishers of 50 values a second or more wake the thread only once
+constexpr std::chrono::milliseconds LookAfter{1};
+constexpr std::chrono::milliseconds LongestPause{1000}; // reached when the events thread has ended
 
 } // namespace
 
-FlushWake::FlushWake(message_bus::IProvider& publisher, message_bus::IProviderControl& registry)
-    : provider(publisher), control(registry), thread([this] { Run(); }) {
+FlushWake::FlushWake(message_bus::MessageBus& observed) : bus(observed), thread([this] { Run(); }) {
     ::pthread_setname_np(thread.native_handle(), "flush-wake");
 }
 
@@ -31,14 +32,11 @@ FlushWake::~FlushWake() {
 }
 
 cor::ResultCode FlushWake::Push(long publisher, long message) {
-    const ResultCode result = provider.Push(publisher, message);
-    if (result == ResultCode::Success) { // a push that a full queue refused does not prolong the burst
-        pushes.fetch_add(1);
-    }
-    if (!isWatching.load()) {
+    const ResultCode result = bus.Push(publisher, message);
+    if (bus.DoubtfulPushes() != noted.load() && !isDue.load()) {
         {
             const common::MutexLock lock(mutex);
-            isWatching.store(true);
+            isDue.store(true);
         }
         changed.NotifyOne();
     }
@@ -46,60 +44,56 @@ cor::ResultCode FlushWake::Push(long publisher, long message) {
 }
 
 void FlushWake::Run() {
-    while (true) {
-        {
-            common::MutexLock lock(mutex);
-            while (!isEnding && !isWatching.load()) {
-                changed.Wait(lock);
-            }
-            if (isEnding) {
-                return;
-            }
-        }
-        Watch();
+    while (AwaitNextLook()) {
+        Look();
     }
 }
 
-/// Runs from the first push of a burst until nothing was pushed for a while.
-void FlushWake::Watch() {
-    std::uint64_t seen = 0; // differs from the count: a push started this
-    int quietLooks = 0;
-    while (true) {
-        {
-            common::MutexLock lock(mutex);
-            const auto nextLook = std::chrono::steady_clock::now() + LookEvery;
-            while (!isEnding && changed.WaitUntil(lock, nextLook) == std::cv_status::no_timeout) {
-            }
-            if (isEnding) {
-                return;
-            }
+/// Returns: false when the thread has to end.
+bool FlushWake::AwaitNextLook() {
+    common::MutexLock lock(mutex);
+    const auto again = Clock::now() + pause;
+    while (!isEnding && !isDue.load()) {
+        if (pause.count() == 0) {
+            changed.Wait(lock);
+        } else if (changed.WaitUntil(lock, again) == std::cv_status::timeout) {
+            return true;
         }
-        if (const std::uint64_t count = pushes.load(); count != seen) {
-            seen = count;
-            quietLooks = 0;
-            continue;
-        }
-        ++quietLooks;
-        if (quietLooks == 1 || quietLooks == QuietLooksUntilIdle) {
-            Wake();
-        }
-        if (quietLooks == QuietLooksUntilIdle) {
-            isWatching.store(false);
-            if (pushes.load() == seen) {
-                return;
-            }
-            isWatching.store(true);
-        }
+    }
+    if (isDue.load()) {
+        pause = pause.zero();
+    }
+    const auto due = Clock::now() + LookAfter;
+    while (!isEnding && changed.WaitUntil(lock, due) == std::cv_status::no_timeout) {
+    }
+    return !isEnding;
+}
+
+void FlushWake::Look() {
+    const std::uint64_t counted = bus.DoubtfulPushes(); // first: the values of these pushes are queued by now, or taken
+    const auto inbound = bus.Inbound();
+    if (inbound == InboundState::LeftBehind) {
+        Wake();
+    }
+    pause = inbound == InboundState::Empty ? pause.zero() : std::clamp(2 * pause, LookAfter, LongestPause);
+    const bool isBurst = counted - noted.load() > 1;
+    noted.store(counted);
+    if (isBurst) {
+        return; // isDue stays: the next of these pushes need not wake this thread
+    }
+    isDue.store(false);
+    if (bus.DoubtfulPushes() != counted) {
+        isDue.store(true); // that push may have found it true
     }
 }
 
 void FlushWake::Wake() {
-    if (publisherId == -1 && control.RegisterPublisher(std::string(Topic), publisherId) != ResultCode::Success) {
+    if (publisherId == -1 && bus.RegisterPublisher(std::string(Topic), publisherId) != ResultCode::Success) {
         return;
     }
-    if (provider.Push(publisherId, 0) != ResultCode::Success) {
+    if (bus.Push(publisherId, 0) != ResultCode::Success) {
         // The queue is full, so no push can wake the events thread. Unregistering wakes it too.
-        control.UnregisterPublisher(std::exchange(publisherId, -1));
+        bus.UnregisterPublisher(std::exchange(publisherId, -1));
     }
 }
 

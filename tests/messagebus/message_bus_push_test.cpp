@@ -9,6 +9,7 @@
 namespace {
 
 using cor::ResultCode;
+using message_bus::InboundState;
 using message_bus::Message;
 using message_bus::MessageBus;
 using test_support::AwaitIdleEventsThread;
@@ -346,6 +347,55 @@ TEST_F(PushTest, EventsThread_DrainsAFullQueueAndMakesRoom) {
         ASSERT_EQ(WaitOn(*running, reader), Delivered("heat", value));
     }
     EXPECT_EQ(running->Push(publisher, 1), ResultCode::Success);
+}
+
+TEST_F(PushTest, Inbound_IsEmptyOrAnnouncedOrLeftBehind) {
+    const auto prepared = std::make_shared<MessageBus>();
+    const long publisher = Publisher(*prepared, "heat");
+    EXPECT_EQ(prepared->Inbound(), InboundState::Empty);
+    ASSERT_EQ(prepared->Push(publisher, 1), ResultCode::Success);
+    EXPECT_EQ(prepared->Inbound(), InboundState::Announced);
+    RunningBus running(prepared); // forgets the wake-up
+    ASSERT_TRUE(running.AwaitIdle());
+    EXPECT_EQ(prepared->Inbound(), InboundState::LeftBehind);
+    ASSERT_TRUE(running.Settle([&] { prepared->Push(publisher, 2); }));
+    EXPECT_EQ(prepared->Inbound(), InboundState::Empty);
+}
+
+TEST_F(PushTest, DoubtfulPushes_LeavesOutAPushWithoutAWakeUpBeforeIt) {
+    const long publisher = Publisher(bus, "heat");
+    EXPECT_EQ(bus.Push(publisher, 1), ResultCode::Success);
+    EXPECT_EQ(bus.DoubtfulPushes(), 0U);
+}
+
+TEST_F(PushTest, DoubtfulPushes_LeavesOutAPushBehindAQueuedMessage) {
+    const long publisher = Publisher(bus, "heat");
+    EXPECT_EQ(bus.Push(publisher, 1), ResultCode::Success); // and wakes
+    EXPECT_EQ(bus.Push(publisher, 2), ResultCode::Success);
+    EXPECT_EQ(bus.DoubtfulPushes(), 0U);
+}
+
+TEST_F(PushTest, DoubtfulPushes_CountsAPushToAnEmptyQueueThatMeetsAnEarlierWakeUp) {
+    const long publisher = Publisher(bus, "heat");
+    Subscriber(bus, {}); // wakes
+    EXPECT_EQ(bus.Push(publisher + 9, 1), ResultCode::Success);
+    EXPECT_EQ(bus.DoubtfulPushes(), 0U) << "nothing was queued";
+    EXPECT_EQ(bus.Push(publisher, 1), ResultCode::Success);
+    EXPECT_EQ(bus.DoubtfulPushes(), 1U);
+    EXPECT_EQ(bus.Push(publisher, 2), ResultCode::Success);
+    EXPECT_EQ(bus.DoubtfulPushes(), 1U);
+}
+
+TEST_F(PushTest, DoubtfulPushes_LeavesOutAPushThatFindsTheEventsThreadAsleep) {
+    RunningBus running;
+    const long publisher = Publisher(*running, "heat");
+    const long reader = Subscriber(running, {"heat"});
+    for (long value = 1; value <= 3; ++value) {
+        ASSERT_TRUE(running.AwaitIdle());
+        EXPECT_EQ(running->Push(publisher, value), ResultCode::Success);
+        EXPECT_EQ(WaitOn(*running, reader), Delivered("heat", value));
+    }
+    EXPECT_EQ(running->DoubtfulPushes(), 0U);
 }
 
 TEST_F(PushTest, SubscriberQueues_HaveNoLimit) {

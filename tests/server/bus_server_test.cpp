@@ -44,6 +44,11 @@ protected:
     test_support::ScriptedPlatform platform;
 };
 
+class BusServerStartTest : public test_support::BusTest {
+protected:
+    test_support::ScriptedPlatform platform;
+};
+
 INSTANTIATE_TEST_SUITE_P(EitherWay, BusServerTest, testing::Values(ConnectionType::Static, ConnectionType::Dynamic),
                          test_support::ModeName);
 
@@ -147,10 +152,45 @@ TEST_P(BusServerTest, Run_NamesTheEventsThreadAndKeepsItsOwnName) {
     EXPECT_GE(std::ranges::count(names, "host"), 1) << "workers of the scripted platform inherit it";
 }
 
+TEST_P(BusServerTest, Run_ReportsServingWhenEveryThreadThatServingNeedsExists) {
+    ServedBus server({.connectionType = GetParam()});
+    // This platform answers the server's own first calls before a thread receives them.
+    ASSERT_TRUE(journal.AwaitPrefix("Receive(", GetParam() == ConnectionType::Static ? 1 : 3));
+    const std::size_t before = ThreadNames().size();
+    auto ctl = Ctl();
+    auto provider = Provider();
+    auto subs = Subs();
+    EXPECT_EQ(provider.Push(ctl.RegisterPublisher("heat"), 1), 0);
+    EXPECT_NE(ctl.Subscribe("reader", {"heat"}), -1);
+    EXPECT_EQ(ThreadNames().size(), before);
+}
+
+TEST_P(BusServerTest, Run_HoldsAPlaceForEachThreadThatRemovesAWorkerUntilTheStop) {
+    ServedBus server({.connectionType = GetParam()});
+    EXPECT_EQ(std::ranges::count(ThreadNames(), "reserved"), GetParam() == ConnectionType::Static ? 1 : 2);
+    server.ShutDown();
+    EXPECT_EQ(std::ranges::count(ThreadNames(), "reserved"), 0);
+}
+
 TEST_P(BusServerTest, ABareServer_RegistersNothingOfItsOwn) {
     ServedBus served(GetParam());
     auto ctl = Ctl();
     EXPECT_EQ(ctl.RegisterPublisher("heat"), 1);
+}
+
+TEST_F(BusServerStartTest, Run_WithoutAWorkerThatAccepts_ThrowsAnErrorForTheOperator) {
+    platform.cmListen.Always([](auto...) {
+        KnHandleCloseServerEnds(); // as the deadline does, but at once
+        return KnStatusClosed;
+    });
+    BusServer server({.connectionType = ConnectionType::Dynamic});
+    try {
+        server.Run([] { ADD_FAILURE() << "serving"; });
+        FAIL() << "it serves";
+    } catch (const msgbus_server::OfferError& error) {
+        EXPECT_THAT(error.what(), HasSubstr("cannot serve: no thread receives on br.MessageBusComponent.provider"));
+    }
+    EXPECT_EQ(journal.Count("2 Stop: Stopped"), 1U);
 }
 
 TEST(BusServerOfferTest, Run_WhoseNameIsRefused_ThrowsAnErrorForTheOperator) {

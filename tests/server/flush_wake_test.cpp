@@ -8,6 +8,9 @@
 #include "support/bus_test.h"
 #include "unlock_stop.h"
 
+#include <future>
+#include <memory>
+
 namespace {
 
 using cor::ResultCode;
@@ -16,11 +19,14 @@ using test_support::Delivered;
 using test_support::Gate;
 using test_support::RunningBus;
 using test_support::WaitOn;
-using testing::IsEmpty;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
 namespace fault_points = test_support::fault_points;
 
 constexpr long Unknown = -99; // its push is answered 0 and wakes no thread
 const std::string TopicInLog(FlushWake::Topic);
+const std::string WakeLine = "1 Push: [MessageBus]: New message (" + TopicInLog;
 
 class FlushWakeTest : public test_support::BusTest {
 protected:
@@ -41,67 +47,140 @@ protected:
 
     std::size_t Queued() const { return bus->GetSubscriberPtrById(subscriber)->queue.Size(); }
 
-    /// Pushes one value that arrives, and `count` values while the events thread has looked at its queue for the last
-    /// time but has not yet forgotten that it was woken.
-    void Strand(long count) {
+    /// Pushes a value that arrives, and runs `action` while the events thread has looked at its queue for the last time
+    /// but has not yet forgotten that it was woken: what is pushed then loses its wake-up.
+    void InTheGap(const std::function<void()>& action) {
         const auto* const subscribersMutex =
             test_support::LastUnlockedBy([this] { bus->GetSubscriberPtrById(Unknown); });
-        Gate gap;
-        test_support::OnNextUnlock(bus.eventsThread, subscribersMutex, [&] { gap.Pass(); });
+        const auto gap = std::make_shared<Gate>();
+        ASSERT_TRUE(bus.AwaitIdle());
+        test_support::OnNextUnlock(bus.eventsThread, subscribersMutex, [gap] { gap->Pass(); });
         ASSERT_EQ(bus->Push(publisher, 0), ResultCode::Success);
-        gap.AwaitReached();
-        for (long value = 1; value <= count; ++value) {
-            ASSERT_EQ(bus->Push(publisher, value), ResultCode::Success);
-        }
-        gap.Open();
+        gap->AwaitReached();
+        action();
+        gap->Open();
+    }
+
+    /// Strands the values from 1 to `count`, behind one that arrives.
+    void Strand(long count) {
+        InTheGap([&] {
+            for (long value = 1; value <= count; ++value) {
+                ASSERT_EQ(bus->Push(publisher, value), ResultCode::Success);
+            }
+        });
         ASSERT_TRUE(fault_points::AwaitSleepingOnCondition(bus.eventsThread));
         ASSERT_EQ(Queued(), 1U) << "the values are not stranded";
     }
+
+    /// How many threads `action` wakes.
+    static int Wakes(const std::function<void()>& action) {
+        int count = 0;
+        fault_points::BeforeNotifyOne([&count, self = std::this_thread::get_id()] {
+            if (std::this_thread::get_id() == self) {
+                ++count;
+            }
+        });
+        action();
+        fault_points::BeforeNotifyOne(nullptr);
+        return count;
+    }
+
+    void ExpectDelivered(long count) {
+        for (long value = 0; value < count; ++value) {
+            ASSERT_EQ(WaitOn(*bus, subscriber), Delivered("heat", value));
+        }
+    }
 };
 
-TEST_F(FlushWakeTest, Push_AfterAStrandedValue_BringsItOut) {
+TEST_F(FlushWakeTest, Push_WhoseWakeUpIsLost_IsDelivered) {
+    FlushWake flushWake(*bus);
+    InTheGap([&] { ASSERT_EQ(flushWake.Push(publisher, 1), ResultCode::Success); });
+    ExpectDelivered(2);
+}
+
+TEST_F(FlushWakeTest, Push_WhoseWakeUpIsLostAfterTheFirstLook_IsDelivered) {
+    ASSERT_TRUE(bus.AwaitIdle());
+    std::promise<std::thread::id> idle;
+    fault_points::BeforeConditionWait([&] {
+        fault_points::BeforeConditionWait(nullptr);
+        idle.set_value(std::this_thread::get_id());
+    });
+    FlushWake flushWake(*bus);
+    const auto looking = idle.get_future().get();
+    const auto sleeps = fault_points::SleepsWithDeadline(looking);
+    InTheGap([&] {
+        ASSERT_EQ(flushWake.Push(publisher, 1), ResultCode::Success);
+        // It sleeps before the first look and behind it.
+        ASSERT_TRUE(fault_points::AwaitMoreSleepsWithDeadline(looking, sleeps + 1));
+    });
+    ExpectDelivered(2);
+}
+
+TEST_F(FlushWakeTest, Push_BehindAStrandedValue_BringsItOut) {
     Strand(1);
-    FlushWake flushWake(*bus, *bus);
+    FlushWake flushWake(*bus);
     EXPECT_EQ(flushWake.Push(Unknown, 0), ResultCode::Success);
-    EXPECT_EQ(WaitOn(*bus, subscriber), Delivered("heat", 0));
-    EXPECT_EQ(WaitOn(*bus, subscriber), Delivered("heat", 1));
+    ExpectDelivered(2);
 }
 
 TEST_F(FlushWakeTest, Push_IntoAFullQueueThatNobodyDrains_BringsAllOut) {
     constexpr long inboundRoom = 1025;
     Strand(inboundRoom);
-    FlushWake flushWake(*bus, *bus);
+    FlushWake flushWake(*bus);
     EXPECT_EQ(flushWake.Push(publisher, 7), ResultCode::Exhausted);
-    for (long value = 0; value <= inboundRoom; ++value) {
-        ASSERT_EQ(WaitOn(*bus, subscriber), Delivered("heat", value));
-    }
+    ExpectDelivered(inboundRoom + 1);
 }
 
 TEST_F(FlushWakeTest, Push_PassesTheBussResultOn) {
-    FlushWake flushWake(*bus, *bus);
+    FlushWake flushWake(*bus);
     EXPECT_EQ(flushWake.Push(publisher, 5), ResultCode::Success);
     EXPECT_EQ(WaitOn(*bus, subscriber), Delivered("heat", 5));
 }
 
+TEST_F(FlushWakeTest, Push_ThatFindsTheEventsThreadAsleep_WakesNoOtherThread) {
+    FlushWake flushWake(*bus);
+    for (long value = 0; value < 3; ++value) {
+        ASSERT_TRUE(bus.AwaitIdle());
+        EXPECT_EQ(Wakes([&] { flushWake.Push(publisher, value); }), 1);
+    }
+    ExpectDelivered(3);
+}
+
+TEST_F(FlushWakeTest, Push_InDoubt_WakesTheThreadOnceForAllThatFollowIt) {
+    FlushWake flushWake(*bus);
+    InTheGap([&] {
+        EXPECT_EQ(Wakes([&] { flushWake.Push(publisher, 1); }), 2);
+        for (long value = 2; value < 5; ++value) {
+            EXPECT_EQ(Wakes([&] { flushWake.Push(publisher, value); }), 1) << value;
+        }
+    });
+    ExpectDelivered(5);
+}
+
 TEST_F(FlushWakeTest, TheWakeValue_ReachesNobody) {
-    FlushWake flushWake(*bus, *bus);
-    ASSERT_EQ(flushWake.Push(publisher, 1), ResultCode::Success);
-    ASSERT_TRUE(journal.AwaitPrefix("1 Push: [MessageBus]: New message (" + TopicInLog));
+    Strand(1);
+    FlushWake flushWake(*bus);
+    ASSERT_EQ(flushWake.Push(Unknown, 0), ResultCode::Success);
+    ASSERT_TRUE(journal.AwaitPrefix(WakeLine));
+    ExpectDelivered(2);
+    ASSERT_TRUE(bus.AwaitIdle());
     ASSERT_EQ(bus->Push(publisher, 2), ResultCode::Success);
-    EXPECT_EQ(WaitOn(*bus, subscriber), Delivered("heat", 1));
     EXPECT_EQ(WaitOn(*bus, subscriber), Delivered("heat", 2));
     EXPECT_EQ(Queued(), 0U);
 }
 
-TEST_F(FlushWakeTest, TheTopic_IsRegisteredOnceAndNotBeforeAPush) {
+TEST_F(FlushWakeTest, TheTopic_IsRegisteredOnceAndNotBeforeAValueIsLeftBehind) {
     journal.Clear();
-    FlushWake flushWake(*bus, *bus);
-    EXPECT_THAT(journal.Logs(), IsEmpty());
-    const std::string wake = "1 Push: [MessageBus]: New message (" + TopicInLog + ") has been pushed to queue";
-    ASSERT_EQ(flushWake.Push(publisher, 1), ResultCode::Success);
-    ASSERT_TRUE(journal.Await(wake, 2)); // the burst, and before it goes idle
-    ASSERT_EQ(flushWake.Push(publisher, 2), ResultCode::Success);
-    ASSERT_TRUE(journal.Await(wake, 3));
+    FlushWake flushWake(*bus);
+    ASSERT_TRUE(bus.AwaitIdle());
+    ASSERT_EQ(flushWake.Push(publisher, 0), ResultCode::Success);
+    ExpectDelivered(1);
+    EXPECT_THAT(journal.Logs(), Not(Contains(HasSubstr(TopicInLog))));
+    for (int round = 0; round < 2; ++round) {
+        InTheGap([&] { ASSERT_EQ(flushWake.Push(publisher, 1), ResultCode::Success); });
+        ExpectDelivered(2);
+    }
+    EXPECT_TRUE(journal.AwaitPrefix(WakeLine, 2));
     EXPECT_EQ(journal.Count("1 RegisterPublisher: [MessageBus]: RegisterPublisher id -1 topic " + TopicInLog), 1U);
     long next = -1;
     ASSERT_EQ(bus->RegisterPublisher("next", next), ResultCode::Success);
@@ -116,9 +195,9 @@ TEST_F(FlushWakeTest, TheTopic_CannotBeNamedByAClient) {
     EXPECT_EQ(br_MessageBusCtl_RegisterPublisher_call(&transport, FlushWake::Topic, id), KnStatusInvalidArgument);
 }
 
-TEST_F(FlushWakeTest, Destruction_EndsABurstThatIsBeingWatched) {
-    FlushWake flushWake(*bus, *bus);
-    EXPECT_EQ(flushWake.Push(publisher, 1), ResultCode::Success);
+TEST_F(FlushWakeTest, Destruction_EndsALookThatIsDue) {
+    FlushWake flushWake(*bus);
+    InTheGap([&] { ASSERT_EQ(flushWake.Push(publisher, 1), ResultCode::Success); });
 }
 
 } // namespace

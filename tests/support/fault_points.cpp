@@ -218,6 +218,14 @@ bool AwaitSleepingWithDeadline(std::thread::id thread) {
     return WithDeadline().AwaitInside(thread);
 }
 
+std::size_t SleepsWithDeadline(std::thread::id thread) {
+    return WithDeadline().Times(thread);
+}
+
+bool AwaitMoreSleepsWithDeadline(std::thread::id thread, std::size_t times) {
+    return WithDeadline().AwaitMoreTimes(thread, times);
+}
+
 int SleepsWithDeadlineOfThisThread() {
     return sleepsWithDeadline;
 }

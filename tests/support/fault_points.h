@@ -75,6 +75,9 @@ std::size_t SleepsOnCondition(std::thread::id thread);
 
 /// As AwaitSleepingOnCondition, for a wait with a deadline. Only code compiled into the test program counts.
 [[nodiscard]] bool AwaitSleepingWithDeadline(std::thread::id thread);
+/// As SleepsOnCondition and AwaitMoreSleepsOnCondition, for waits with a deadline.
+std::size_t SleepsWithDeadline(std::thread::id thread);
+[[nodiscard]] bool AwaitMoreSleepsWithDeadline(std::thread::id thread, std::size_t times);
 /// How often the calling thread has gone to sleep like that.
 int SleepsWithDeadlineOfThisThread();
 

@@ -2,6 +2,7 @@
 //   bus_swarm churn CLIENTS    clients register, wait, unregister and register again in random order during publishing
 //   bus_swarm wait CLIENTS     all clients wait; a line on standard input starts the push of one value, which each must
 //                              receive once; then they wait until the server is gone
+//   bus_swarm visit CLIENTS    clients register, receive 100 values each and leave; publishers come and go
 // Publishers count up and store in shared memory which value is next: a subscriber that registered before must receive
 // that value, and from its first value on each following one. Exit status 0 if every value was received as due.
 
@@ -132,6 +133,49 @@ void Stay(Shared& shared, std::mt19937& random, const std::string& name) {
     }
 }
 
+/// As PublishUntilEnd, by many publishers that follow each other.
+void TakeTurnsUntilEnd(Shared& shared, std::size_t topic) {
+    constexpr int valuesEach = 20;
+    while (!shared.ending) {
+        msgbus::Publisher publisher(Topics[topic]);
+        for (int count = 0; count < valuesEach; ++count) {
+            publisher.Push(shared.next[topic]);
+            ++shared.next[topic];
+            std::this_thread::sleep_for(TimeBetweenValues);
+        }
+    }
+}
+
+void Visit(Shared& shared, const std::string& name, std::size_t topic) {
+    constexpr int values = 100;
+    msgbus::Subscriber subscriber(name, {Topics[topic]});
+    std::int64_t due = shared.next[topic] + 1; // at most: `next` itself may be delivered before the registration
+    for (int count = 0; count < values; ++count) {
+        const auto message = subscriber.Next();
+        Require(message.has_value(), "Next returned nothing without a Cancel");
+        Require(count == 0 ? message->value <= due : message->value == due,
+                "got " + std::to_string(message->value) + ", due was " + std::to_string(due));
+        due = message->value + 1;
+    }
+}
+
+bool VisitAll(int clients) {
+    Shared& shared = *MapShared();
+    std::vector<pid_t> publishers;
+    for (std::size_t topic = 0; topic < Topics.size(); ++topic) {
+        publishers.push_back(Fork("publishers of " + Topics[topic], [&] { TakeTurnsUntilEnd(shared, topic); }));
+    }
+    std::vector<pid_t> subscribers;
+    for (int number = 0; number < clients; ++number) {
+        const std::string name = "client " + std::to_string(number);
+        subscribers.push_back(
+            Fork(name, [&] { Visit(shared, name, static_cast<std::size_t>(number) % Topics.size()); }));
+    }
+    const bool subscribersGood = WaitFor(subscribers);
+    shared.ending = true;
+    return WaitFor(publishers) && subscribersGood;
+}
+
 bool Churn(int clients) {
     constexpr int staysEach = 3;
     Shared& shared = *MapShared();
@@ -212,7 +256,7 @@ bool WaitAll(int clients) {
 
 int main(int argc, char** argv) {
     try {
-        Require(argc == 3, "usage: bus_swarm churn|wait CLIENTS");
+        Require(argc == 3, "usage: bus_swarm churn|wait|visit CLIENTS");
         const int clients = std::stoi(argv[2]);
         if (std::string_view(argv[1]) == "churn") {
             return Churn(clients) ? 0 : 1;
@@ -220,7 +264,10 @@ int main(int argc, char** argv) {
         if (std::string_view(argv[1]) == "wait") {
             return WaitAll(clients) ? 0 : 1;
         }
-        throw std::invalid_argument("the mode must be churn or wait");
+        if (std::string_view(argv[1]) == "visit") {
+            return VisitAll(clients) ? 0 : 1;
+        }
+        throw std::invalid_argument("the mode must be churn, wait or visit");
     } catch (const std::exception& error) {
         std::cerr << "bus_swarm: " << error.what() << '\n';
         return 2;
