@@ -49,7 +49,11 @@ std::shared_ptr<ChannelClient> PollerRole::Poll(nk_message* request) noexcept {
     // Announced, then looked once more: a client publishes, then reads its hint.
     Announce(false);
     client = Scan(request);
-    recent.clear();
+    if (client) {
+        Announce(true); // it leaves like any poller with a request, so what it leaves behind is looked for
+    } else {
+        recent.clear();
+    }
     return client;
 }
 

@@ -19,11 +19,13 @@
 // - The role is a lock that no thread waits for: a receiver that does not get it sleeps.
 // - While the poller spins, reply.hint of each recent client says that no ring is needed. A poller that gives up takes
 //   the hints back, then looks once more; a client publishes, then reads its hint: one of the two sees the other.
+//   If that look finds a request, the hints are set again.
 // - A poller that claims a request leaves with it and leaves the hints set, because mostly it is back before the next
 //   request. So a hint may be stale, and a client that stops spinning rings before it sleeps.
 // - If such a poller leaves another request behind and a receiver sleeps, it wakes that receiver. A receiver counts
 //   itself as a sleeper, then looks whether the role is free; the poller frees the role, then reads the count: one of
-//   the two sees the other.
+//   the two sees the other. Both miss it if a third thread has the role just then, to learn or to forget a client; the
+//   request then waits until its client rings, at the end of its spin.
 // - The clients that ring compete with the recent ones: every 64 looks the poller asks the kernel for a ring.
 // - A client that is removed must not stay among the recent. RemoveClient sets hasGone, then tries to take the role;
 //   a poller frees the role, then reads hasGone: one of the two drops the references.

@@ -11,8 +11,8 @@
 #include <cstdint>
 #include <cstring>
 
-// The slot and doorbell protocol. platform/host/model/slot.pml is the same for the model checker spin;
-// docs/transport.md names the traps and the tests.
+// The slot and doorbell protocol. platform/host/model/ has the same for the model checker spin; docs/transport.md names
+// the traps and the tests.
 //
 // A client has one slot, in a page that only it and the server have. Calls on a connection take turns, so the slot is
 // always in one of these states, and each step has one owner:
