@@ -16,9 +16,11 @@ class [[gnu::visibility("default")]] IQueueListener {
 public:
     virtual ~IQueueListener() = default;
 
-    /// Called after every Enqueue and every Cancel, on the thread that made the change and with the locks that it
-    /// holds, but for the queue's own: this may use the queue.
-    virtual void OnQueueChanged() noexcept = 0;
+    // Each is called after the change, on the thread that made it and with the locks that it holds, but for the queue's
+    // own: the listener may use the queue.
+
+    virtual void OnEnqueue() noexcept = 0;
+    virtual void OnCancel() noexcept = 0;
 };
 
 /// Unlimited FIFO, on which consumers block until an item arrives or the queue is canceled.
@@ -40,7 +42,9 @@ public:
             size = items.size();
         }
         notEmpty.notify_all();
-        CallListener();
+        if (auto* const current = Listener()) {
+            current->OnEnqueue();
+        }
         return size;
     }
 
@@ -78,7 +82,9 @@ public:
         }
         notEmpty.notify_all();
         notFull.notify_all();
-        CallListener();
+        if (auto* const current = Listener()) {
+            current->OnCancel();
+        }
     }
 
     bool IsCanceled() const {
@@ -102,12 +108,8 @@ private:
         return true;
     }
 
-    void CallListener() noexcept {
-        // Behind the change: a listener that is missed here was set by a thread that finds the change in the queue.
-        if (auto* const current = listener.load(std::memory_order_acquire)) {
-            current->OnQueueChanged();
-        }
-    }
+    // Called behind the change: a listener that is missed was set by a thread that finds the change in the queue.
+    IQueueListener* Listener() const noexcept { return listener.load(std::memory_order_acquire); }
 
     mutable std::mutex mutex; // guards all below but the listener
     std::condition_variable notEmpty;

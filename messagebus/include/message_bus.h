@@ -128,7 +128,6 @@ private:
     std::list<std::shared_ptr<Subscriber>> subscribers; // registration order; guarded by subscribersMutex
     std::map<std::string, long> publishers;             // topic to id; guarded by publishersMutex
     BlockingQueue<std::shared_ptr<Message>> messageQueue;
-    std::atomic<std::uint64_t> doubtfulPushes{0};
     std::atomic<long> lastId{0}; // publishers and subscribers share it; ids are never reused
 
     mutable std::mutex subscribersMutex;
@@ -141,6 +140,8 @@ private:
     // Contract: a plain flag, set by some wakers without eventsMutex, so a wake-up between the last Size() of the queue
     // and the reset is lost, and its message waits for the next wake-up. Accessed through std::atomic_ref.
     bool eventsPending = false;
+
+    std::atomic<std::uint64_t> doubtfulPushes{0}; // see DoubtfulPushes
 };
 
 } // namespace message_bus

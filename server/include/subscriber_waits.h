@@ -4,6 +4,7 @@
 #include "message_bus.h"
 #include "nk/deferred_reply.h"
 
+#include <atomic>
 #include <cstddef>
 #include <deque>
 #include <exception>
@@ -59,7 +60,8 @@ public:
     /// Answers a wait that failed with 10, and writes the bus's line for it.
     static void Fail(const NkDeferredReply& wait, const std::exception& error) noexcept;
 
-    void OnQueueChanged() noexcept override;
+    void OnEnqueue() noexcept override;
+    void OnCancel() noexcept override;
 
 private:
     void Serve() noexcept REQUIRES(mutex);
@@ -73,6 +75,9 @@ private:
 
     common::Mutex mutex;
     std::deque<NkDeferredReply> parked GUARDED_BY(mutex); ///< oldest first
+    /// Whether a wait is parked; changed under the mutex. It turns true before the queue is looked at, so a change that
+    /// finds it false is one that the wait finds in the queue, whose mutex orders the two.
+    std::atomic<bool> isParked{false};
     std::deque<std::shared_ptr<message_bus::Message>> values GUARDED_BY(mutex);
     std::size_t offered GUARDED_BY(mutex) = 0;   ///< so many of the first values are offered
     NkDeferredReply offerOf GUARDED_BY(mutex){}; ///< the wait whose reply they came with

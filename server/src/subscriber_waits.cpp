@@ -38,6 +38,7 @@ bool SubscriberWaits::Park(const NkDeferredReply& wait) {
     const common::MutexLock lock(mutex);
     TakeBack();
     parked.push_back(wait);
+    isParked.store(true, std::memory_order_relaxed);
     Serve();
     return !subscriber->queue.IsCanceled();
 }
@@ -64,24 +65,22 @@ void SubscriberWaits::Fail(const NkDeferredReply& wait, const std::exception& er
     Refuse(wait, FailQuietly(error));
 }
 
-void SubscriberWaits::OnQueueChanged() noexcept {
-    const auto self = weak_from_this().lock(); // the end action may drop the last other reference
-    try {
-        bool isOver = false;
-        {
-            const common::MutexLock lock(mutex);
-            Serve();
-            isOver = subscriber->queue.IsCanceled();
-            if (isOver) {
-                TakeBack(); // so that no later wait of the client takes one; what is left goes with this object
-            }
-        }
-        if (isOver) {
-            onEnd();
-        }
-    } catch (...) {
-        // The queue's caller has nothing to do with a wait that fails. The next change serves what is parked.
+void SubscriberWaits::OnEnqueue() noexcept {
+    if (!isParked.load(std::memory_order_relaxed)) {
+        return; // the next wait takes the value: most values come while their subscriber is busy with others
     }
+    const common::MutexLock lock(mutex);
+    Serve();
+}
+
+void SubscriberWaits::OnCancel() noexcept {
+    const auto self = weak_from_this().lock(); // the end action may drop the last other reference
+    {
+        const common::MutexLock lock(mutex);
+        Serve();
+        TakeBack(); // so that no later wait of the client takes one; what is left goes with this object
+    }
+    onEnd();
 }
 
 /// Answers parked waits, the oldest first, while there are values, or all of them once the queue is canceled.
@@ -99,6 +98,7 @@ void SubscriberWaits::Serve() noexcept {
             Refuse(wait, *result);
         }
     }
+    isParked.store(false, std::memory_order_relaxed);
 }
 
 /// Makes sure that there is a first value. Returns: as MessageBus::TryTake.

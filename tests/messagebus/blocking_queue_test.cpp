@@ -38,17 +38,24 @@ protected:
     public:
         explicit NotingListener(BlockingQueue<int>& changingQueue) : queue(changingQueue) {}
 
-        void OnQueueChanged() noexcept override {
-            sizes.push_back(queue.Size()); // would block for ever under the queue's mutex
-            threads.push_back(std::this_thread::get_id());
-            wasCanceled = queue.IsCanceled();
+        void OnEnqueue() noexcept override { Note(); }
+        void OnCancel() noexcept override {
+            Note();
+            ++cancels;
         }
 
         std::vector<std::size_t> sizes;
         std::vector<std::thread::id> threads;
         bool wasCanceled = false;
+        int cancels = 0;
 
     private:
+        void Note() {
+            sizes.push_back(queue.Size()); // would block for ever under the queue's mutex
+            threads.push_back(std::this_thread::get_id());
+            wasCanceled = queue.IsCanceled();
+        }
+
         BlockingQueue<int>& queue;
     };
 
@@ -205,8 +212,10 @@ TEST_F(BlockingQueueTest, Listener_IsCalledBehindCancelAndBehindAnEnqueueThatIsD
     queue.SetListener(&listener);
     queue.Cancel();
     EXPECT_TRUE(listener.wasCanceled);
+    EXPECT_EQ(listener.cancels, 1);
     queue.Enqueue(1);
     EXPECT_EQ(listener.sizes, (std::vector<std::size_t>{0, 0}));
+    EXPECT_EQ(listener.cancels, 1);
 }
 
 TEST_F(BlockingQueueTest, Listener_IsCalledBehindTheNotificationOfABlockedPop) {
@@ -214,7 +223,8 @@ TEST_F(BlockingQueueTest, Listener_IsCalledBehindTheNotificationOfABlockedPop) {
     class WaitingListener final : public message_bus::IQueueListener {
     public:
         explicit WaitingListener(Popper& waitingPopper) : popper(waitingPopper) {}
-        void OnQueueChanged() noexcept override { popped = popper.result.get_future().get(); }
+        void OnEnqueue() noexcept override { popped = popper.result.get_future().get(); }
+        void OnCancel() noexcept override {}
 
         std::pair<bool, int> popped;
 
@@ -245,7 +255,8 @@ TEST_F(BlockingQueueTest, SetListener_BesideChangesOfOtherThreads_MissesNone) {
         BlockingQueue<int> racing;
         class Flag final : public message_bus::IQueueListener {
         public:
-            void OnQueueChanged() noexcept override { called = true; }
+            void OnEnqueue() noexcept override { called = true; }
+            void OnCancel() noexcept override {}
             std::atomic<bool> called{false};
         } listener;
         std::thread other([&] { racing.Enqueue(1); });
