@@ -426,6 +426,11 @@ TEST_P(DeferredReplyTest, AClientThatGoesAway_EndsItsRequest) {
 
 TEST_P(DeferredReplyTest, ClientsThatGoAway_LeaveNothingBehind) {
     const Handle steady = Connect();
+    {
+        Calling call(steady);
+        EXPECT_EQ(KnStatusOk, Answer(ReceiveAndDefer(), 2));
+        EXPECT_EQ(OkWith(2), call.Get());
+    }
     const std::size_t before = OpenDescriptors();
     std::vector<NkDeferredReply> forgotten;
     for (int round = 0; round < 20; ++round) {
@@ -435,10 +440,10 @@ TEST_P(DeferredReplyTest, ClientsThatGoAway_LeaveNothingBehind) {
         client.Close();
         EXPECT_EQ(KnStatusClosed, call.Status());
     }
-    Await("the descriptors to close", [&] { return OpenDescriptors() <= before; });
-    for (const NkDeferredReply& deferred : forgotten) {
-        EXPECT_EQ(KnStatusPeerGone, Answer(deferred, 1)) << "a name that refers to nothing";
+    for (const NkDeferredReply& deferred : forgotten) { // names that refer to nothing
+        Await("the end of the client", [&] { return Answer(deferred, 1) == KnStatusPeerGone; });
     }
+    Await("the descriptors to close", [&] { return OpenDescriptors() <= before; });
     Calling call(steady);
     EXPECT_EQ(KnStatusOk, Answer(ReceiveAndDefer(), 2));
     EXPECT_EQ(OkWith(2), call.Get());
