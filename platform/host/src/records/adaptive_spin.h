@@ -72,10 +72,11 @@ private:
     std::uint32_t yieldedAtOnce = 0;
 };
 
-/// Calls `look` until it returns true, at most for `limit`, or five times as long where the CPU is yielded in between.
+/// Calls `look` until it returns true, at most for `limit`, or five times as long where the CPU is yielded in between:
+/// on one CPU, or where more threads than CPUs have something to do (`isCrowded`).
 /// Returns: whether it did return true.
 template <typename Look>
-bool SpinUntil(SteadyClock::duration limit, SpinLearner& learner, const Look& look) noexcept {
+bool SpinUntil(SteadyClock::duration limit, SpinLearner& learner, const Look& look, bool isCrowded = false) noexcept {
     constexpr int looksPerClock = 32; // reading the clock costs about as much as a pause
     constexpr int turns = 5;          // threads that a value passes through, each in its turn on the shared CPU
     const auto looks = [&look](int count) {
@@ -87,7 +88,7 @@ bool SpinUntil(SteadyClock::duration limit, SpinLearner& learner, const Look& lo
         }
         return false;
     };
-    const bool yields = HasOneCpu();
+    const bool yields = HasOneCpu() || isCrowded;
     const bool yieldsAtOnce = yields && learner.ShouldYieldAtOnce();
     if (looks(yieldsAtOnce ? 1 : looksPerClock)) {
         if (!yieldsAtOnce) {

@@ -10,6 +10,7 @@
 #include "records/shared_memory_channel.h"
 #include "records/shared_memory_ends.h"
 #include "records/shared_memory_slot.h"
+#include "records/sleep_place.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -251,6 +252,7 @@ private:
         turn.store(Turn(word.Sequence(), Turn::Reply::Sent).Raw(), std::memory_order_release);
         Slot().reply.word.store(word.Raw(), std::memory_order_seq_cst);
         if (IsAsleep(word.Sequence())) {
+            Slot().reply.wake.store(WakeHint::Now().Raw(), std::memory_order_relaxed);
             Ring(shared.doorbell);
         }
     }

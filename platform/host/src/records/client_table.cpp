@@ -114,11 +114,22 @@ bool ClientTable::Close() noexcept {
     return true;
 }
 
-std::shared_ptr<ChannelClient> ClientTable::ClaimRung(nk_message* request, int timeoutMs) noexcept {
+std::shared_ptr<ChannelClient> ClientTable::ClaimRung(nk_message* request) noexcept {
     epoll_event event{};
-    if (::epoll_wait(epoll.Get(), &event, 1, timeoutMs) != 1) {
-        return nullptr;
-    }
+    return ::epoll_wait(epoll.Get(), &event, 1, 0) == 1 ? ClaimOf(event, request) : nullptr;
+}
+
+std::shared_ptr<ChannelClient> ClientTable::SleepAndClaim(nk_message* request, ReceiverPlace& place) noexcept {
+    place.EnterSleep();
+    epoll_event event{};
+    const int events = place.IsConfined() ? SleepUntilEvent(epoll, &event, 1, [&] { place.LetGo(); })
+                                          : ::epoll_wait(epoll.Get(), &event, 1, -1);
+    auto client = events == 1 ? ClaimOf(event, request) : nullptr;
+    place.LeaveSleep(WakeHint(client ? client->Slot().request.wake.load(std::memory_order_relaxed) : 0));
+    return client;
+}
+
+std::shared_ptr<ChannelClient> ClientTable::ClaimOf(const epoll_event& event, nk_message* request) noexcept {
     auto client = Find(event.data.u64);
     if (!client) {
         return nullptr;

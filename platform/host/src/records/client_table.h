@@ -8,6 +8,7 @@
 #include "records/request_filter.h"
 #include "records/shared_memory_channel.h"
 #include "records/shared_memory_ends.h"
+#include "records/sleep_place.h"
 
 #include <atomic>
 #include <cstddef>
@@ -55,9 +56,12 @@ public:
     bool IsReceiving() const noexcept { return isReceiving.load(std::memory_order_acquire); }
     std::size_t Count() const noexcept { return count.load(std::memory_order_relaxed); }
 
-    /// Waits for one event, and claims the request of the client that rang. Returns: the client; null when there was no
-    /// event, another one, or no request. `timeoutMs`: 0 to ask the kernel only, -1 for no limit. Threads: any number.
-    std::shared_ptr<ChannelClient> ClaimRung(nk_message* request, int timeoutMs) noexcept EXCLUDES(mutex);
+    /// Asks the kernel for one event, and claims the request of the client that rang. Returns: the client; null when
+    /// there was no event, another one, or no request. Threads: any number.
+    std::shared_ptr<ChannelClient> ClaimRung(nk_message* request) noexcept EXCLUDES(mutex);
+
+    /// The same, but sleeps until there is an event. `place`: the calling thread's.
+    std::shared_ptr<ChannelClient> SleepAndClaim(nk_message* request, ReceiverPlace& place) noexcept EXCLUDES(mutex);
 
     /// Wakes one receiver that sleeps, to look at the clients that have not rung.
     void WakeReceiver() const noexcept { Ring(kick); }
@@ -69,6 +73,7 @@ private:
         return found == clients.end() ? nullptr : found->second;
     }
 
+    std::shared_ptr<ChannelClient> ClaimOf(const epoll_event& event, nk_message* request) noexcept EXCLUDES(mutex);
     bool IsCounted() const REQUIRES(mutex) { return Count() == clients.size(); }
     void Unwatch(const ChannelClient& client) const noexcept;
 

@@ -30,4 +30,18 @@ inline bool Watch(const UniqueFd& epoll, int fd, std::uint32_t events, std::uint
     return ::epoll_ctl(epoll.Get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
+constexpr int LongestSleepMs = 1000; ///< of a thread that a sleep keeps from something else
+
+/// epoll_wait without a limit. Calls `release` when the sleep takes long, or a signal comes.
+/// Returns: as epoll_wait; 0 never.
+template <typename Release>
+int SleepUntilEvent(const UniqueFd& epoll, epoll_event* events, int count, const Release& release) noexcept {
+    const int happened = ::epoll_wait(epoll.Get(), events, count, LongestSleepMs);
+    if (happened > 0) {
+        return happened;
+    }
+    release();
+    return happened < 0 ? happened : ::epoll_wait(epoll.Get(), events, count, -1);
+}
+
 } // namespace borven_host

@@ -35,7 +35,13 @@ namespace borven_host {
 /// The right to look at the slots of the recent clients and to spin.
 class CAPABILITY("role") PollerRole final {
 public:
+    /// Requests that come closer than this are worth waiting for awake.
+    static constexpr std::chrono::microseconds ShortGap{100};
+
     explicit PollerRole(ClientTable& served);
+    PollerRole(const PollerRole&) = delete;
+    PollerRole& operator=(const PollerRole&) = delete;
+    ~PollerRole();
 
     /// Returns: whether the calling thread has the role now. Blocks: never. Threads: any.
     bool TryEnter() noexcept TRY_ACQUIRE(true) {
@@ -55,6 +61,17 @@ public:
 
     /// A client has rung and was served: it is one of the recent from now on. `gap`: the time since the last request.
     void Learn(const std::shared_ptr<ChannelClient>& client, SteadyClock::duration gap) noexcept REQUIRES(this);
+
+    bool HasTurn() const noexcept { return turn.load(std::memory_order_relaxed) == this; }
+
+    /// Returns: false while the poller of another channel spins.
+    bool MayHaveTurn() const noexcept {
+        const auto* const holder = turn.load(std::memory_order_relaxed);
+        return holder == nullptr || holder == this;
+    }
+
+    /// What was learnt about spinning no longer holds.
+    void LearnAnew() noexcept REQUIRES(this) { learner = {}; }
 
     /// Returns: whether a recent client has a request that no receiver has claimed.
     bool SeesRequest() const noexcept REQUIRES(this) {
@@ -88,6 +105,26 @@ private:
 
     void EraseGone() noexcept REQUIRES(this);
 
+    /// Takes the hints back, then looks once more.
+    std::shared_ptr<ChannelClient> GiveUp(nk_message* request) noexcept REQUIRES(this);
+
+    /// Returns: whether this channel's poller is the one of the process that may spin: two of them would keep each
+    /// other, or their clients, off the CPU. Takes the turn from a channel that has not used it lately.
+    bool TakeTurn() noexcept REQUIRES(this);
+    void UseTurn() noexcept REQUIRES(this);
+    void EndTurn() noexcept;
+
+    // The turn of the process. All of it is advice, which no other memory depends on, hence relaxed.
+    static std::atomic<const PollerRole*> turn; ///< its holder; compared only
+    static std::atomic<std::uint32_t> turnUses; ///< changed by its holder
+    static std::atomic<bool> isTurnWanted;      ///< by the poller of another channel
+
+    /// When this channel was refused the turn, and how often the turn had been used.
+    struct Refusal {
+        std::uint32_t uses = 0;
+        SteadyClock::time_point since{};
+    };
+
     ClientTable& clients;
     std::atomic<bool> hasGone{false};  ///< a client among the recent is gone
     std::atomic<bool> isPolled{false}; ///< the hints of the recent clients are set; changed in the role
@@ -97,6 +134,7 @@ private:
     std::uint32_t shortGaps GUARDED_BY(this) = 0; ///< in a row, up to what is wanted
     int looks GUARDED_BY(this) = 0;               ///< since the kernel was asked
     SpinLearner learner GUARDED_BY(this);
+    Refusal refused GUARDED_BY(this);
 };
 
 } // namespace borven_host

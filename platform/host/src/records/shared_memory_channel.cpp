@@ -7,6 +7,7 @@
 #include "records/event_fd.h"
 #include "records/owed_replies.h"
 #include "records/poller_role.h"
+#include "records/sleep_place.h"
 
 #include <algorithm>
 #include <atomic>
@@ -34,6 +35,7 @@ struct Channel::State {
         if (!client) {
             return Sleep(request);
         }
+        NoteClose(*client);
         if (looked > 1 && sleepers.load(std::memory_order_seq_cst) > 0 && role.TryEnter()) {
             if (role.SeesRequest()) {
                 clients.WakeReceiver();
@@ -50,17 +52,32 @@ struct Channel::State {
             sleepers.fetch_sub(1, std::memory_order_relaxed);
             return nullptr;
         }
-        auto client = clients.ClaimRung(request, -1);
+        auto client = clients.SleepAndClaim(request, ReceiverPlace::OfThisThread());
         sleepers.fetch_sub(1, std::memory_order_relaxed);
         if (client) {
             const auto now = SteadyClock::now().time_since_epoch().count();
             const auto before = std::max(lastArrival.exchange(now, std::memory_order_relaxed), asleepAt);
+            const SteadyClock::duration gap(now - before);
             if (role.TryEnter()) {
-                role.Learn(client, SteadyClock::duration(now - before));
+                role.Learn(client, gap);
                 role.Leave();
+            }
+            if (gap < PollerRole::ShortGap) {
+                NoteClose(*client);
             }
         }
         return client;
+    }
+
+    /// A request of `client` came without a pause.
+    void NoteClose(const ChannelClient& client) noexcept {
+        auto& place = ReceiverPlace::OfThisThread();
+        place.NoteAwake();
+        const WakeHint hint(client.Slot().request.wake.load(std::memory_order_relaxed));
+        if (role.MayHaveTurn() && place.NoteClose(hint.Cpu()) && role.TryEnter()) {
+            role.LearnAnew();
+            role.Leave();
+        }
     }
 
     ClientTable clients;

@@ -20,6 +20,9 @@ namespace borven_host {
 
 namespace {
 
+/// In a crowd, replies come in turn.
+constexpr std::chrono::microseconds CrowdedSpinLimit = 4 * ClientSpinLimit;
+
 constexpr std::uint64_t DoorbellData = 0;
 constexpr std::uint64_t ServerData = 1; ///< its socket or its process
 
@@ -84,27 +87,33 @@ std::int32_t Connection::Call(const nk_message* request, nk_message* response) n
     SharedSlot& slot = shared.region.Slot();
     const std::uint32_t pieces = slot.request.Put(request, NkRecordSize);
     const std::uint32_t sequence = ++lastSequence;
+    slot.request.wake.store(WakeHint::Here().Raw(), std::memory_order_relaxed);
     // Publish, then read whether the poller looks; a poller that gives up clears the hint, then looks once more.
     slot.request.word.store(SlotWord(sequence, pieces).Raw(), std::memory_order_seq_cst);
+    CallUnderWay counted;
+    const bool isCrowded = counted.IsInACrowd();
     bool hasRung = slot.reply.hint.load(std::memory_order_seq_cst) == 0;
     SlotWord reply;
     bool isAnswered = false;
     if (hasRung) {
-        Ring(shared.bell);
+        RingBell();
         isAnswered = HasReply(sequence, reply); // on a shared CPU the server may have run first
     } else if (auto& learner = learners[(request->iid * 5U + request->mid) % LearnerCount]; learner.IsWorthwhile()) {
-        isAnswered = SpinUntil(ClientSpinLimit, learner, [&] { return HasReply(sequence, reply); });
+        const auto look = [&] { return HasReply(sequence, reply); };
+        isAnswered = SpinUntil(isCrowded ? CrowdedSpinLimit : ClientSpinLimit, learner, look, isCrowded);
         isAnswered ? learner.Succeeded() : learner.Failed();
     }
     if (!isAnswered) {
         // The hint may be stale, so a client never sleeps without having rung.
         if (!hasRung) {
-            Ring(shared.bell);
+            RingBell();
         }
-        if (!Sleep(sequence, reply)) {
+        if (!Sleep(sequence, counted, reply)) {
             Close();
             return KnStatusClosed;
         }
+    } else {
+        place.NoteAwake();
     }
     if (reply.Status() != KnStatusOk) {
         return reply.Status();
@@ -152,20 +161,34 @@ bool Connection::HasReply(std::uint32_t sequence, SlotWord& reply) const noexcep
 }
 
 /// Returns: false when the server is gone, or this end was closed, before the reply.
-bool Connection::Sleep(std::uint32_t sequence, SlotWord& reply) noexcept {
+bool Connection::Sleep(std::uint32_t sequence, CallUnderWay& counted, SlotWord& reply) noexcept {
     // Set the hint, then look for the reply; the server replies, then reads the hint. A hint for an earlier call has no
     // effect, so it is never cleared.
     shared.region.Slot().request.hint.store(sequence, std::memory_order_seq_cst);
-    while (!HasReply(sequence, reply)) {
+    if (HasReply(sequence, reply)) {
+        return true;
+    }
+    common::ConfinedThread self;
+    place.Enter(self);
+    do {
         std::array<epoll_event, 2> events{};
-        const int count = ::epoll_wait(epoll.Get(), events.data(), events.size(), -1);
+        const int count = SleepUntilEvent(epoll, events.data(), events.size(), [&] {
+            self.LetGo();
+            counted.End();
+        });
         for (int i = 0; i < count; ++i) {
             if (events[static_cast<std::size_t>(i)].data.u64 == ServerData) {
                 return HasReply(sequence, reply);
             }
         }
-    }
+    } while (!HasReply(sequence, reply));
+    place.Leave(WakeHint(shared.region.Slot().reply.wake.load(std::memory_order_relaxed)));
     return true;
+}
+
+void Connection::RingBell() const noexcept {
+    shared.region.Slot().request.wake.store(WakeHint::Now().Raw(), std::memory_order_relaxed);
+    Ring(shared.bell);
 }
 
 void Connection::Close() noexcept {

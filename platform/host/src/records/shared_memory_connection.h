@@ -7,6 +7,7 @@
 #include "records/adaptive_spin.h"
 #include "records/shared_memory_ends.h"
 #include "records/shared_memory_slot.h"
+#include "records/sleep_place.h"
 
 #include <array>
 #include <atomic>
@@ -15,6 +16,34 @@
 #include <memory>
 
 namespace borven_host {
+
+/// One of the calls of this process that wait for their replies.
+class CallUnderWay final {
+public:
+    CallUnderWay() noexcept : others(count.fetch_add(1, std::memory_order_relaxed)) {}
+    CallUnderWay(const CallUnderWay&) = delete;
+    CallUnderWay& operator=(const CallUnderWay&) = delete;
+    ~CallUnderWay() { End(); }
+
+    /// Returns: whether there were so many when it began that callers keep each other off the CPUs.
+    bool IsInACrowd() const noexcept { return others >= Crowd; }
+
+    /// It takes long, and leaves the CPUs to the other ones.
+    void End() noexcept {
+        if (isCounted) {
+            isCounted = false;
+            count.fetch_sub(1, std::memory_order_relaxed);
+        }
+    }
+
+private:
+    static constexpr int Crowd = 3;
+
+    static inline std::atomic<int> count{0};
+
+    const int others;
+    bool isCounted = true;
+};
 
 /// Client end of a channel (see shared_memory_slot.h).
 class Connection final {
@@ -52,7 +81,8 @@ private:
     void NoteOffers(const nk_message* request, const nk_message* response) noexcept REQUIRES(callMutex);
 
     bool HasReply(std::uint32_t sequence, SlotWord& reply) const noexcept;
-    bool Sleep(std::uint32_t sequence, SlotWord& reply) noexcept REQUIRES(callMutex);
+    bool Sleep(std::uint32_t sequence, CallUnderWay& counted, SlotWord& reply) noexcept REQUIRES(callMutex);
+    void RingBell() const noexcept;
 
     const UniqueFd socket;
     const UniqueFd serverProcess;
@@ -63,6 +93,7 @@ private:
     common::Mutex callMutex; ///< held for the length of a call: calls take turns
     std::uint32_t lastSequence GUARDED_BY(callMutex) = 0;
     Repeatable repeatable GUARDED_BY(callMutex);
+    SleepPlace place GUARDED_BY(callMutex){SleepPlace::Sleeper::Caller};
     /// By method, because some methods answer at once and others after minutes.
     std::array<SpinLearner, LearnerCount> learners GUARDED_BY(callMutex);
 };

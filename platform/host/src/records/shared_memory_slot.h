@@ -36,8 +36,9 @@
 //
 // The server trusts its own turn and nothing in the page. Of the client's words it uses a sequence number, which must
 // be the next one or the last one, a mask of pieces, of which every value is valid, a hint whether the client sleeps,
-// and how many of its own offers are taken, which it bounds by the number that it put. It copies a record once, then
-// checks and uses the copy. So a client that writes garbage harms itself only.
+// how many of its own offers are taken, which it bounds by the number that it put, and where and when the client rang,
+// which decides nothing but the CPU of a receiver (sleep_place.h). It copies a record once, then checks and uses the
+// copy. So a client that writes garbage harms itself only.
 //
 // Who wakes whom:
 //
@@ -50,8 +51,9 @@
 //   sleeps on its doorbell, its socket and the server's process, so the end of the server wakes it as well.
 // - At most one receiver spins, the poller (poller_role.h); the others sleep in the kernel.
 //
-// Nothing has a period: no wait ends by itself. While a request is ready, either its client is awake (it spins, and
-// will ring), or its event is pending in the kernel, where every receiver that comes to sleep finds it.
+// Nothing has a period: no wait ends by itself. A sleep may be interrupted once, after a second, to let a confined
+// thread go; it then goes on without a look at anything. While a request is ready, either its client is awake (it
+// spins, and will ring), or its event is pending in the kernel, where every receiver that comes to sleep finds it.
 //
 // The death of a client: the housekeeper calls RemoveClient. A free, filling, ready, deferred or replied slot is
 // forgotten, with its offers; a claimed one is replied to by its thread, into memory that no process reads, and goes
@@ -94,7 +96,7 @@ private:
 struct alignas(64) SlotHalf {
     std::atomic<std::uint64_t> word;
     std::atomic<std::uint32_t> hint; ///< see SharedSlot
-    std::uint32_t unused;
+    std::atomic<std::uint32_t> wake; ///< WakeHint (sleep_place.h): where this side runs, and when it last rang
     std::array<std::byte, NkRecordSize> record;
 
     static constexpr std::size_t PieceSize = 64;
