@@ -14,6 +14,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <map>
@@ -32,6 +33,7 @@ constexpr const char* Footer =
     "Environment:\n"
     "  BORVEN_RUNTIME_DIR          directory for the server's sockets; if unset, $XDG_RUNTIME_DIR/borven, else a\n"
     "                              directory of the user's own in /tmp\n"
+    "  BORVEN_PLACEMENT=off        do not choose a CPU for any thread\n"
     "  BORVEN_THREAD_NAMES=off     do not name the threads that serve\n"
     "\n"
     "Exit status:\n"
@@ -128,7 +130,7 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
     app.add_flag_callback("--no-flush-wake", switchOff(settings.server.flushWake),
                           "do not deliver values left behind by a lost wake-up until the next push");
     app.add_flag_callback("--no-placement", switchOff(settings.server.placement),
-                          "do not move the threads to one processor under load");
+                          "do not choose a CPU for any thread; the same as BORVEN_PLACEMENT=off");
     app.add_flag_callback("--no-arena-pool", switchOff(settings.arenaPool),
                           "map new arenas for every request instead of pooling them");
     app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
@@ -153,6 +155,9 @@ int main(int argc, char** argv) {
     if (settings.readyDescriptor && ::fcntl(*settings.readyDescriptor, F_GETFD) < 0) {
         std::cerr << "msgbusd: --ready-fd " << *settings.readyDescriptor << ": " << std::strerror(errno) << '\n';
         return ExitUsage;
+    }
+    if (!settings.server.placement) {
+        ::setenv("BORVEN_PLACEMENT", "off", 1); // for the platform; there is no other thread yet
     }
     RaiseDescriptorLimit();
     ::signal(SIGPIPE, SIG_IGN);

@@ -35,7 +35,7 @@ struct BusServerOptions {
     message_bus::ConnectionType connectionType = message_bus::ConnectionType::Dynamic;
     bool parkedWaits = true; ///< ParkedWaits
     bool flushWake = true;   ///< FlushWake
-    bool placement = true;   ///< Placement, where it pays: in dynamic mode, or with a single processor
+    bool placement = true;   ///< Placement, where threads may be confined; it needs ParkedWaits to see deliveries
 };
 
 /// The bus as a server: builds the bus, its decorators, the connector and the IPC server, runs them, and stops them in
@@ -49,7 +49,7 @@ struct BusServerOptions {
 /// 2. nothing is registered any more, and every subscriber is unregistered, which ends its blocked waits;
 /// 3. the connector and the IPC server go, and with them the last threads that call the bus;
 /// 4. the channels close and their names are free: a client that still waits for a reply gets an error;
-/// 5. the events thread ends.
+/// 5. the events thread is let go (Placement), then ends.
 ///
 /// Step 3 waits for ever for a thread that does not end; five seconds later step 4 is taken all the same.
 class BusServer final {
@@ -75,6 +75,7 @@ public:
 
 private:
     void Offer();
+    void NoteDelivery() noexcept;
     void OnServing();
     void Stop();
 
@@ -86,10 +87,10 @@ private:
 
     // Each is used by those below it. The connector's workers use them all.
     message_bus::MessageBus bus;
-    std::optional<ParkedWaits> parkedWaits;
-    SubscriberLedger ledger;
     std::optional<FlushWake> flushWake;
     std::optional<Placement> placement;
+    std::optional<ParkedWaits> parkedWaits;
+    SubscriberLedger ledger;
     std::shared_ptr<bos_ipc::IpcServer> server; ///< null once stopped
     std::unique_ptr<message_bus::BosConnector> connector;
     std::shared_ptr<ForwardingConnector> forwarding; ///< the bus keeps a share of it until it is destroyed

@@ -3,6 +3,7 @@
 #include "bus_interfaces.h"
 #include "common/mutex.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -30,8 +31,10 @@ class SubscriberWaits;
 /// Threads: any.
 class ParkedWaits final : public message_bus::IWorker {
 public:
-    /// Lifetime: the bus must outlive this object.
-    explicit ParkedWaits(message_bus::MessageBus& servedBus) : bus(servedBus) {}
+    /// `deliveryAction` is called when a subscriber's queue has got a value, on the thread that put it there and with
+    /// the bus's lock on the subscribers held; must not throw. Lifetime: the bus must outlive this object.
+    explicit ParkedWaits(message_bus::MessageBus& servedBus, std::function<void()> deliveryAction = {})
+        : bus(servedBus), onDelivery(std::move(deliveryAction)) {}
     ParkedWaits(const ParkedWaits&) = delete;
     ParkedWaits& operator=(const ParkedWaits&) = delete;
     /// Requires: no Wait under way. A wait that is still parked gets no answer; unregistration gives it one.
@@ -48,6 +51,7 @@ private:
     cor::ResultCode WaitInTheBus(SubscriberWaits& waits, long subscriberId, std::string& topic, long& message);
 
     message_bus::MessageBus& bus;
+    const std::function<void()> onDelivery;
 
     common::Mutex mutex;
     /// By subscriber: those that have waited and are registered.

@@ -1,59 +1,83 @@
 #pragma once
 
 #include "bus_interfaces.h"
-
-#include <sched.h>
+#include "common/confined_thread.h"
+#include "common/mutex.h"
+#include "common/place_learner.h"
 
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <optional>
+#include <thread>
 
 namespace msgbus_server {
 
-/// Publishing that places the threads of this process for throughput while values follow each other closely. Each value
-/// wakes three threads of the server, one after the other, each for a few microseconds.
+/// Publishing that places the bus's events thread by the thread that serves the pushes:
 ///
-/// - On one processor a wake-up costs a few microseconds more; across two it costs an interrupt, some tens of
-///   microseconds in a virtual machine.
-/// - As batch threads they do not preempt each other: the woken thread runs when the waking one has finished, and finds
-///   more work at once.
+/// - after a pause, on that thread's CPU, where a wake-up across CPUs has proved to cost more;
+/// - while pushes follow each other closely, off that CPU, so that the next push need not wait for the delivery of the
+///   last one;
+/// - else, and a second after the last delivery, where the scheduler puts it.
 ///
-/// docs/performance.md has figures. The threads run as found at first, placed after `QuickPushes` pushes with short
-/// gaps, and as found again after `SlowPushes` with long ones. Threads stay within the processors that the process was
-/// given, and a process whose threads do not have the system's normal policy keeps its policy.
+/// A thread that its program or its operator has placed is left alone (common/confined_thread.h). The platform places
+/// the threads that receive, and those of clients, by the same rules.
 ///
-/// Threads: any. Requires: nothing else changes the placement of the process's threads meanwhile.
+/// Lock order: `mutex` is a leaf. The bus's lock on the subscribers is held during a delivery.
+///
+/// Threads: any.
 class Placement final : public message_bus::IProvider {
 public:
-    static constexpr int QuickPushes = 256;
-    static constexpr int SlowPushes = 16;
+    using Clock = std::chrono::steady_clock;
 
-    using Clock = std::chrono::steady_clock::time_point (*)();
+    /// So many pushes that follow each other closely are a stream.
+    static constexpr int PushesOfAStream = 64;
 
-    /// Lifetime: `publisher` must outlive this object.
-    explicit Placement(message_bus::IProvider& publisher, Clock clock = std::chrono::steady_clock::now);
+    /// `time`: the present. `quiet`: how long after the last delivery the events thread may still be confined.
+    /// Lifetime: `publisher` must outlive this object, which must outlive the events thread's last delivery.
+    explicit Placement(message_bus::IProvider& publisher, std::function<Clock::time_point()> time = Clock::now,
+                       Clock::duration quiet = std::chrono::seconds(1));
+    Placement(const Placement&) = delete;
+    Placement& operator=(const Placement&) = delete;
+    ~Placement() override;
 
     cor::ResultCode Push(long publisherId, long message) override;
 
-private:
-    /// Where and how the threads run.
-    struct Arrangement {
-        cpu_set_t processors;
-        int policy;
-    };
+    /// The bus has put a value into a subscriber's queue. Threads: the events thread.
+    void NoteDelivery() noexcept EXCLUDES(mutex);
 
-    void Note(std::chrono::steady_clock::duration gap);
-    void Arrange(const Arrangement& arrangement);
+    /// Lets the events thread go and leaves it alone from now on. Requires: it has not ended yet.
+    void End() noexcept EXCLUDES(mutex);
+
+private:
+    using Where = common::PlaceLearner::Place;
+    using Thread = common::ConfinedThread;
+
+    bool Confine(bool (Thread::*move)(int), int cpu) noexcept EXCLUDES(mutex);
+    void LetGo() noexcept REQUIRES(mutex);
+    void WatchForQuiet() EXCLUDES(mutex);
 
     message_bus::IProvider& provider;
-    const Clock now;
-    Arrangement usual{}; ///< as found
-    Arrangement busy{};  ///< on the last of those processors
+    const std::function<Clock::time_point()> now;
+    const Clock::duration quietTime;
 
-    std::atomic<std::chrono::steady_clock::rep> lastPush{0};
-    std::atomic<int> quick{0}; ///< pushes in a row with short gaps
-    std::atomic<int> slow{0};  ///< with long ones, since the last short one
-    std::atomic<bool> wereArranged{false};
-    std::atomic_flag isArranging; ///< held by the thread that arranges
+    std::atomic<Clock::rep> pushedAt{0};    ///< when the last push began
+    std::atomic<int> pushedOn{-1};          ///< its CPU
+    std::atomic<Clock::rep> deliveredAt{0}; ///< when the last push whose delivery was noted began
+    std::atomic<bool> isConfined{false};    ///< changed under the mutex
+
+    // Of the events thread alone.
+    common::PlaceLearner learner;
+    int closePushes = 0; ///< in a row
+    Where place = Where::Free;
+    bool isCounted = false; ///< the next delivery shows how good the place is
+
+    common::Mutex mutex;
+    common::ConditionVariable changed;
+    std::optional<Thread> eventsThread GUARDED_BY(mutex); ///< from its first confinement on
+    bool isEnding GUARDED_BY(mutex) = false;
+
+    std::thread quietWatch; ///< lets the events thread go when deliveries end
 };
 
 } // namespace msgbus_server

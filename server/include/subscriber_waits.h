@@ -34,10 +34,12 @@ namespace msgbus_server {
 /// Threads: every operation from any thread. Blocks: for the mutex, which is never held while a client is waited for.
 class SubscriberWaits final : public message_bus::IQueueListener, public std::enable_shared_from_this<SubscriberWaits> {
 public:
-    /// `endAction` is called once the subscriber's queue is canceled, without the mutex, on the thread that canceled
-    /// it; must not throw.
-    SubscriberWaits(std::shared_ptr<message_bus::Subscriber> waitingSubscriber, std::function<void()> endAction)
-        : subscriber(std::move(waitingSubscriber)), onEnd(std::move(endAction)) {}
+    /// `endAction` is called once the subscriber's queue is canceled, on the thread that canceled it; `deliveryAction`
+    /// when the queue has got a value, on the thread that put it there. Both without the mutex; must not throw.
+    SubscriberWaits(std::shared_ptr<message_bus::Subscriber> waitingSubscriber, std::function<void()> endAction,
+                    std::function<void()> deliveryAction = {})
+        : subscriber(std::move(waitingSubscriber)), onEnd(std::move(endAction)), onDelivery(std::move(deliveryAction)) {
+    }
     SubscriberWaits(const SubscriberWaits&) = delete;
     SubscriberWaits& operator=(const SubscriberWaits&) = delete;
 
@@ -72,6 +74,7 @@ private:
 
     const std::shared_ptr<message_bus::Subscriber> subscriber;
     const std::function<void()> onEnd;
+    const std::function<void()> onDelivery;
 
     common::Mutex mutex;
     std::deque<NkDeferredReply> parked GUARDED_BY(mutex); ///< oldest first

@@ -55,11 +55,6 @@ std::shared_ptr<Interface> Lend(Interface& object) {
     return {std::shared_ptr<void>(), &object};
 }
 
-bool PlacementPays(ConnectionType type) {
-    // The workers of the static channel share one poller. With several processors they do better by themselves.
-    return type == ConnectionType::Dynamic || std::thread::hardware_concurrency() == 1;
-}
-
 /// Looks for another server in the same place. Returns: 0 when there is one, or the platform's status.
 std::int32_t FindOther(ConnectionType type) {
     constexpr std::uint32_t probeTimeoutMs = 1000;
@@ -100,8 +95,9 @@ std::string ReasonOfFailure(ConnectionType type) {
 }
 
 /// Returns: `decorator`, made of the bus, or the bus itself.
-message_bus::IWorker& MakeWorker(std::optional<ParkedWaits>& decorator, message_bus::MessageBus& bus, bool isWanted) {
-    return isWanted ? static_cast<message_bus::IWorker&>(decorator.emplace(bus)) : bus;
+message_bus::IWorker& MakeWorker(std::optional<ParkedWaits>& decorator, message_bus::MessageBus& bus, bool isWanted,
+                                 std::function<void()> onDelivery) {
+    return isWanted ? static_cast<message_bus::IWorker&>(decorator.emplace(bus, std::move(onDelivery))) : bus;
 }
 
 /// Runs `start`, which starts threads. Throws: OfferError when the system refuses one.
@@ -118,7 +114,8 @@ void StartingThreads(const Start& start) {
 } // namespace
 
 BusServer::BusServer(const BusServerOptions& options)
-    : connectionType(options.connectionType), ledger(bus, MakeWorker(parkedWaits, bus, options.parkedWaits)),
+    : connectionType(options.connectionType),
+      ledger(bus, MakeWorker(parkedWaits, bus, options.parkedWaits, [this] { NoteDelivery(); })),
       server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
       connector(std::make_unique<message_bus::BosConnector>(server)),
       forwarding(std::make_shared<ForwardingConnector>(
@@ -128,10 +125,10 @@ BusServer::BusServer(const BusServerOptions& options)
         if (options.flushWake) {
             flushWake.emplace(bus);
         }
+        if (options.placement && common::MayConfineThreads()) {
+            placement.emplace(flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus);
+        }
     });
-    if (options.placement && PlacementPays(connectionType)) {
-        placement.emplace(flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus);
-    }
 }
 
 BusServer::~BusServer() = default;
@@ -176,6 +173,12 @@ void BusServer::RequestStop() {
     forwarding->RequestStop();
 }
 
+void BusServer::NoteDelivery() noexcept {
+    if (placement) {
+        placement->NoteDelivery();
+    }
+}
+
 void BusServer::OnServing() {
     deadline->Arm(StartLimit, "The start takes too long");
     startFailure = AwaitReceivers(connectionType);
@@ -204,6 +207,9 @@ void BusServer::Stop() {
     deadline->Disarm();
     logFilter.SetClosing(false);
     KnHandleCloseServerEnds();
+    if (placement) {
+        placement->End();
+    }
     StopEventsThread(bus);
     Log(LogLevel::Info, "Stopped");
 }

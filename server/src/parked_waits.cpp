@@ -73,8 +73,8 @@ std::shared_ptr<SubscriberWaits> ParkedWaits::FindOrAdd(long subscriberId) {
     if (!subscriber) {
         return nullptr;
     }
-    auto added =
-        std::make_shared<SubscriberWaits>(std::move(subscriber), [this, subscriberId] { Forget(subscriberId); });
+    auto added = std::make_shared<SubscriberWaits>(
+        std::move(subscriber), [this, subscriberId] { Forget(subscriberId); }, onDelivery);
     const common::MutexLock lock(mutex);
     const auto [place, isNew] = waiting.try_emplace(subscriberId, std::move(added));
     if (isNew) {

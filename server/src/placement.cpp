@@ -1,80 +1,111 @@
 #include "placement.h"
 
-#include <dirent.h>
+#include <pthread.h>
+#include <unistd.h>
 
-#include <cstdlib>
-#include <memory>
+#include <utility>
 
 namespace msgbus_server {
 
 namespace {
 
-using std::chrono::steady_clock;
-
 constexpr std::chrono::microseconds ShortGap{100};
-constexpr std::chrono::milliseconds LongGap{1};
-
-/// Counts up to a few times `every`. Returns: whether the count has just reached it or a multiple of it. Several times,
-/// because a thread that was being created may have been missed: it inherits the placement of its creator.
-bool IsDue(std::atomic<int>& counter, int every) {
-    constexpr int times = 4;
-    const int count = counter.load(std::memory_order_relaxed) + 1;
-    if (count > times * every) {
-        return false;
-    }
-    counter.store(count, std::memory_order_relaxed);
-    return count % every == 0;
-}
 
 } // namespace
 
-Placement::Placement(message_bus::IProvider& publisher, Clock clock) : provider(publisher), now(clock) {
-    usual.policy = ::sched_getscheduler(0);
-    if (::sched_getaffinity(0, sizeof usual.processors, &usual.processors) != 0) {
-        CPU_ZERO(&usual.processors); // more processors than the set holds: leave them alone
-    }
-    busy = {usual.processors, usual.policy == SCHED_OTHER ? SCHED_BATCH : usual.policy};
-    for (std::size_t first = 0; CPU_COUNT(&busy.processors) > 1; ++first) {
-        CPU_CLR(first, &busy.processors);
-    }
+Placement::Placement(message_bus::IProvider& publisher, std::function<Clock::time_point()> time, Clock::duration quiet)
+    : provider(publisher), now(std::move(time)), quietTime(quiet), quietWatch([this] { WatchForQuiet(); }) {
+    ::pthread_setname_np(quietWatch.native_handle(), "placement");
+}
+
+Placement::~Placement() {
+    End();
+    quietWatch.join();
 }
 
 cor::ResultCode Placement::Push(long publisherId, long message) {
-    const cor::ResultCode result = provider.Push(publisherId, message);
-    const auto time = now().time_since_epoch();
-    Note(time - steady_clock::duration(lastPush.exchange(time.count(), std::memory_order_relaxed)));
-    return result;
+    pushedOn.store(common::CurrentCpu(), std::memory_order_relaxed);
+    pushedAt.store(now().time_since_epoch().count(), std::memory_order_relaxed);
+    return provider.Push(publisherId, message);
 }
 
-void Placement::Note(steady_clock::duration gap) {
-    if (gap < ShortGap) {
-        slow.store(0, std::memory_order_relaxed);
-        if (IsDue(quick, QuickPushes)) {
-            wereArranged.store(true, std::memory_order_relaxed);
-            Arrange(busy);
-        }
-        return;
+void Placement::NoteDelivery() noexcept {
+    const Clock::rep pushed = pushedAt.load(std::memory_order_relaxed);
+    const Clock::rep before = deliveredAt.load(std::memory_order_relaxed);
+    if (pushed == before) {
+        return; // another value of the same pass, or another subscriber
     }
-    quick.store(0, std::memory_order_relaxed);
-    if (gap > LongGap && wereArranged.load(std::memory_order_relaxed) && IsDue(slow, SlowPushes)) {
-        Arrange(usual);
+    deliveredAt.store(pushed, std::memory_order_relaxed);
+    const Clock::duration gap(pushed - before);
+    const bool hasPaused = gap > common::PlaceLearner::LongGap;
+    if (isCounted && hasPaused) {
+        learner.Note(place, now().time_since_epoch() - Clock::duration(pushed));
+    }
+    const int cpu = pushedOn.load(std::memory_order_relaxed);
+    isCounted = hasPaused;
+    place = isCounted ? learner.Choose() : Where::Free;
+    closePushes = gap < ShortGap ? closePushes + 1 : 0;
+    if (place == Where::Confined) {
+        isCounted = Confine(&Thread::To, cpu);
+    } else if (closePushes < PushesOfAStream) {
+        if (isConfined.load(std::memory_order_relaxed)) {
+            const common::MutexLock lock(mutex);
+            LetGo();
+        }
+    } else if (closePushes == PushesOfAStream || closePushes == 2 * PushesOfAStream) {
+        closePushes = PushesOfAStream; // the stream lasts; its CPU may have changed
+        Confine(&Thread::OffOf, cpu);
     }
 }
 
-void Placement::Arrange(const Arrangement& arrangement) {
-    if (isArranging.test_and_set(std::memory_order_acquire)) {
-        return;
+/// Returns: whether the events thread, which calls this, is confined now, as `move` does it.
+bool Placement::Confine(bool (Thread::*move)(int), int cpu) noexcept {
+    const common::MutexLock lock(mutex);
+    if (isEnding) {
+        return false;
     }
-    const std::unique_ptr<DIR, int (*)(DIR*)> threads(::opendir("/proc/self/task"), ::closedir);
-    while (const dirent* const thread = threads ? ::readdir(threads.get()) : nullptr) {
-        if (const pid_t id = std::atoi(thread->d_name); id > 0) {
-            // Both fail for a thread that has just ended.
-            constexpr sched_param noPriority{};
-            ::sched_setscheduler(id, arrangement.policy, &noPriority);
-            ::sched_setaffinity(id, sizeof arrangement.processors, &arrangement.processors);
+    if (!eventsThread) {
+        eventsThread.emplace(::gettid());
+    }
+    const bool wasConfined = eventsThread->IsConfined();
+    const bool hasMoved = ((*eventsThread).*move)(cpu);
+    isConfined.store(eventsThread->IsConfined(), std::memory_order_relaxed);
+    if (hasMoved && !wasConfined) {
+        changed.NotifyOne();
+    }
+    return hasMoved;
+}
+
+void Placement::LetGo() noexcept {
+    if (eventsThread) {
+        eventsThread->LetGo();
+    }
+    isConfined.store(false, std::memory_order_relaxed);
+}
+
+void Placement::End() noexcept {
+    const common::MutexLock lock(mutex);
+    isEnding = true;
+    LetGo();
+    changed.NotifyOne();
+}
+
+/// Lets the events thread go when deliveries end: it sleeps then, and cannot do so itself.
+void Placement::WatchForQuiet() {
+    common::MutexLock lock(mutex);
+    while (!isEnding) {
+        if (!isConfined.load(std::memory_order_relaxed)) {
+            changed.Wait(lock);
+            continue;
+        }
+        const Clock::duration delivered(deliveredAt.load(std::memory_order_relaxed));
+        const Clock::duration left = delivered + quietTime - now().time_since_epoch();
+        if (left > Clock::duration::zero()) {
+            changed.WaitFor(lock, left);
+        } else {
+            LetGo();
         }
     }
-    isArranging.clear(std::memory_order_release);
 }
 
 } // namespace msgbus_server

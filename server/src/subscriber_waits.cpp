@@ -66,6 +66,9 @@ void SubscriberWaits::Fail(const NkDeferredReply& wait, const std::exception& er
 }
 
 void SubscriberWaits::OnEnqueue() noexcept {
+    if (onDelivery) {
+        onDelivery();
+    }
     if (!isParked.load(std::memory_order_relaxed)) {
         return; // the next wait takes the value: most values come while their subscriber is busy with others
     }

@@ -545,4 +545,17 @@ TEST_F(ParkedWaitsTest, AParkedWaitWhoseCancelLineThrows_IsAnsweredTenAndNothing
     EXPECT_THAT(journal.Logs(4), testing::Contains("4 Wait: [MessageBus]: out of paper"));
 }
 
+TEST_F(ParkedWaitsTest, EachDelivery_IsReported_AndACancelIsNot) {
+    int deliveries = 0;
+    waits.emplace(*bus, [&] { ++deliveries; });
+    Wait(A);
+    Give("heat", 1);
+    EXPECT_EQ(deliveries, 1);
+    Give("light", 2);
+    EXPECT_EQ(deliveries, 2) << "without a wait too";
+    Unregister();
+    Give("heat", 3);
+    EXPECT_EQ(deliveries, 2);
+}
+
 } // namespace

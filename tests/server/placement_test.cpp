@@ -1,21 +1,24 @@
-// Defends how the server's threads run: together on one processor and without preempting each other while values follow
-// each other closely, otherwise as the scheduler decides, and the same answers either way.
+// Defends where the bus's events thread runs: by the thread that pushes, after pauses and in streams; as the scheduler
+// decides otherwise; and where it was put by its program or its operator.
 #include "placement.h"
+
+#include "support/cpus.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sched.h>
-#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
-#include <future>
 #include <thread>
 
 namespace {
 
 using cor::ResultCode;
 using msgbus_server::Placement;
+using test_support::Await;
+using test_support::Cpus;
 using namespace std::chrono_literals;
 
 class FakeProvider : public message_bus::IProvider {
@@ -23,114 +26,178 @@ public:
     MOCK_METHOD(ResultCode, Push, (long, long), (override));
 };
 
-std::chrono::steady_clock::time_point now;
+using Clock = Placement::Clock;
 
-cpu_set_t Processors() {
-    cpu_set_t processors{};
-    EXPECT_EQ(::sched_getaffinity(0, sizeof processors, &processors), 0);
-    return processors;
-}
-
-class PlacementTest : public testing::Test {
+/// The test's own thread is the events thread: it notes the deliveries. Others push.
+class PlacementTest : public test_support::CpusTest {
 protected:
-    PlacementTest() {
-        ON_CALL(provider, Push).WillByDefault(testing::Return(ResultCode::Success));
-        now = std::chrono::steady_clock::time_point(1h);
-    }
-    ~PlacementTest() override { RunAsUsual(); }
+    PlacementTest() { ON_CALL(provider, Push).WillByDefault(testing::Return(ResultCode::Success)); }
 
-    void RunAsUsual() const {
-        constexpr sched_param noPriority{};
-        EXPECT_EQ(::sched_setaffinity(0, sizeof before, &before), 0);
-        EXPECT_EQ(::sched_setscheduler(0, SCHED_OTHER, &noPriority), 0);
+    Clock::time_point Now() const { return Clock::time_point(Clock::duration(time)); }
+    void Advance(std::chrono::nanoseconds duration) { time += Clock::duration(duration).count(); }
+
+    /// A thread that is confined to `cpu` pushes `gap` after the last push.
+    void Push(int cpu, std::chrono::nanoseconds gap) {
+        Advance(gap);
+        std::thread([&] {
+            Cpus::Only(cpu).GiveTo(0);
+            EXPECT_EQ(placement.Push(1, 2), ResultCode::Success);
+        }).join();
     }
 
-    void Push(int times, std::chrono::microseconds gap) { Push(placement, times, gap); }
-    static void Push(Placement& publisher, int times, std::chrono::microseconds gap) {
+    /// `times` times a push and, `delay` later, its delivery.
+    void PushAndDeliver(int times, int cpu, std::chrono::nanoseconds gap, std::chrono::nanoseconds delay = 1us) {
         for (int i = 0; i < times; ++i) {
-            now += gap;
-            EXPECT_EQ(publisher.Push(1, i), ResultCode::Success);
+            Push(cpu, gap - delay);
+            Advance(delay);
+            placement.NoteDelivery();
         }
     }
 
-    bool AreSpread() const {
-        const cpu_set_t processors = Processors();
-        return CPU_EQUAL(&processors, &before) != 0;
-    }
-    bool IsAsUsual() const { return AreSpread() && ::sched_getscheduler(0) == SCHED_OTHER; }
+    void BeginStream(int cpu) { PushAndDeliver(Placement::PushesOfAStream + 1, cpu, 10us); }
 
-    const cpu_set_t before = Processors();
+    /// Pushes after pauses until the events thread sleeps on the pushing thread's CPU: 8 free deliveries, of which each
+    /// shows the delay of the choice before it, then the first confined one.
+    void LearnToBeConfined(int cpu) { PushAndDeliver(9, cpu, 2ms, 50us); }
+
+    std::atomic<Clock::rep> time = Clock::duration(1h).count();
     testing::NiceMock<FakeProvider> provider;
-    Placement placement{provider, [] { return now; }};
+    Placement placement{provider, [this] { return Now(); }, 10ms}; // the watch looks at the test's clock every 10 ms
 };
 
-TEST_F(PlacementTest, Push_PassesOnWhatItGetsAndAnswersWhatItIsAnswered) {
+TEST_F(PlacementTest, Push_PassesOnWhatItGetsAndReturnsWhatItGets) {
     EXPECT_CALL(provider, Push(7, -3)).WillOnce(testing::Return(ResultCode::Exhausted));
     EXPECT_EQ(placement.Push(7, -3), ResultCode::Exhausted);
 }
 
-TEST_F(PlacementTest, Push_WithShortGaps_PutsAllThreadsOnOneProcessor) {
-    std::promise<void> isDone;
-    std::promise<std::pair<cpu_set_t, int>> others;
-    std::thread other([&] {
-        isDone.get_future().wait();
-        others.set_value({Processors(), ::sched_getscheduler(0)});
-    });
-    Push(1, 1s);
-    Push(Placement::QuickPushes - 1, 20us);
-    EXPECT_TRUE(IsAsUsual());
-    Push(1, 20us);
-    const cpu_set_t own = Processors();
-    EXPECT_EQ(CPU_COUNT(&own), 1);
-    EXPECT_EQ(::sched_getscheduler(0), SCHED_BATCH);
-    isDone.set_value();
-    const auto [processors, policy] = others.get_future().get();
-    other.join();
-    EXPECT_TRUE(CPU_EQUAL(&own, &processors));
-    EXPECT_EQ(policy, SCHED_BATCH);
+TEST_F(PlacementTest, AStreamOfPushes_MovesTheEventsThreadOffTheCpuOfThePushes) {
+    PushAndDeliver(Placement::PushesOfAStream, 1, 10us);
+    EXPECT_EQ(Cpus::Of(), all) << "the first of them came after a pause";
+    PushAndDeliver(1, 1, 10us);
+    EXPECT_EQ(Cpus::Of(), all.Without(1));
 }
 
-TEST_F(PlacementTest, Push_OfThreadsWithAnotherPolicy_LeavesThemThat) {
+TEST_F(PlacementTest, AStreamThatLasts_IsFollowedToAnotherCpu) {
+    BeginStream(1);
+    PushAndDeliver(Placement::PushesOfAStream, 0, 10us);
+    EXPECT_EQ(Cpus::Of(), all.Without(0));
+    PushAndDeliver(Placement::PushesOfAStream, 1, 10us);
+    EXPECT_EQ(Cpus::Of(), all.Without(1));
+}
+
+TEST_F(PlacementTest, ALongerGap_EndsAStreamAtOnce) {
+    BeginStream(1);
+    PushAndDeliver(1, 1, 150us);
+    EXPECT_EQ(Cpus::Of(), all);
+    PushAndDeliver(Placement::PushesOfAStream - 1, 1, 10us);
+    EXPECT_EQ(Cpus::Of(), all) << "a stream begins anew";
+}
+
+TEST_F(PlacementTest, DeliveriesOfOnePush_CountOnce) {
+    Push(1, 10us);
+    for (int i = 0; i < 10 * Placement::PushesOfAStream; ++i) {
+        placement.NoteDelivery();
+    }
+    EXPECT_EQ(Cpus::Of(), all);
+}
+
+TEST_F(PlacementTest, APushAfterAPause_IsDeliveredOnTheCpuThatItCameFrom_OnceWakingUpHasProvedToBeSlow) {
+    PushAndDeliver(8, 1, 2ms, 50us);
+    EXPECT_EQ(Cpus::Of(), all);
+    PushAndDeliver(1, 1, 2ms, 50us);
+    EXPECT_EQ(Cpus::Of(), Cpus::Only(1));
+    PushAndDeliver(1, 0, 2ms, 5us);
+    EXPECT_EQ(Cpus::Of(), Cpus::Only(0));
+}
+
+TEST_F(PlacementTest, APushAfterAPause_WhereWakingUpIsCheap_ChangesNothing) {
+    PushAndDeliver(200, 1, 2ms, 5us);
+    EXPECT_EQ(Cpus::Of(), all);
+}
+
+TEST_F(PlacementTest, PushesWithoutAPause_EndTheConfinementAtOnce) {
+    LearnToBeConfined(1);
+    ASSERT_EQ(Cpus::Of(), Cpus::Only(1));
+    PushAndDeliver(1, 1, 10us);
+    EXPECT_EQ(Cpus::Of(), all);
+}
+
+TEST_F(PlacementTest, ADeliveryWithoutAPause_ShowsNothingAboutThePlace) {
+    for (int i = 0; i < 50; ++i) {
+        PushAndDeliver(1, 1, 2ms, 1us);
+        EXPECT_EQ(Cpus::Of(), all);
+        PushAndDeliver(1, 1, 500us, 400us); // slow, but not for want of a wake-up
+    }
+}
+
+TEST_F(PlacementTest, WhenDeliveriesEnd_TheEventsThreadIsLetGo) {
+    BeginStream(1);
+    ASSERT_EQ(Cpus::Of(), all.Without(1));
+    Advance(11ms);
+    EXPECT_TRUE(Await([&] { return Cpus::Of() == all; }));
+    PushAndDeliver(1, 1, 10us);
+    LearnToBeConfined(1);
+    ASSERT_EQ(Cpus::Of(), Cpus::Only(1));
+    Advance(11ms);
+    EXPECT_TRUE(Await([&] { return Cpus::Of() == all; })) << "once more";
+}
+
+TEST_F(PlacementTest, WhenPushesReachNoSubscriber_TheEventsThreadIsLetGo) {
+    BeginStream(1);
+    EXPECT_TRUE(Await([&] {
+        Push(1, 5ms);
+        return Cpus::Of() == all;
+    }));
+}
+
+TEST_F(PlacementTest, End_LetsTheEventsThreadGoForGood) {
+    BeginStream(1);
+    placement.End();
+    EXPECT_EQ(Cpus::Of(), all);
+    BeginStream(1);
+    LearnToBeConfined(1);
+    EXPECT_EQ(Cpus::Of(), all);
+}
+
+TEST_F(PlacementTest, ItsEnd_LetsTheEventsThreadGo) {
+    {
+        Placement other(provider, [this] { return Now(); });
+        for (int i = 0; i <= Placement::PushesOfAStream; ++i) {
+            Advance(10us);
+            other.Push(1, 2);
+            other.NoteDelivery();
+        }
+        ASSERT_EQ(Cpus::Of().Count(), all.Count() - 1);
+    }
+    EXPECT_EQ(Cpus::Of(), all);
+}
+
+TEST_F(PlacementTest, AnEventsThreadWithCpusOfItsOwn_KeepsThem) {
+    Cpus::Only(0).GiveTo(0);
+    BeginStream(0);
+    EXPECT_EQ(Cpus::Of(), Cpus::Only(0));
+    PushAndDeliver(50, 1, 2ms, 50us);
+    EXPECT_EQ(Cpus::Of(), Cpus::Only(0));
+}
+
+TEST_F(PlacementTest, AnEventsThreadUnderAnotherPolicy_KeepsItAndItsCpus) {
     constexpr sched_param noPriority{};
-    ASSERT_EQ(::sched_setscheduler(0, SCHED_BATCH, &noPriority), 0);
-    Placement batch{provider, [] { return now; }};
-    Push(batch, Placement::QuickPushes + 1, 20us);
-    Push(batch, Placement::SlowPushes, 2ms);
-    EXPECT_TRUE(AreSpread());
-    EXPECT_EQ(::sched_getscheduler(0), SCHED_BATCH);
+    ASSERT_EQ(0, ::sched_setscheduler(0, SCHED_BATCH, &noPriority));
+    BeginStream(0);
+    PushAndDeliver(50, 1, 2ms, 50us);
+    EXPECT_EQ(Cpus::Of(), all);
+    EXPECT_EQ(SCHED_BATCH, ::sched_getscheduler(0));
 }
 
-TEST_F(PlacementTest, Push_WithOneLongGapAmongShortOnes_BeginsToCountAnew) {
-    Push(Placement::QuickPushes - 1, 20us);
-    Push(1, 150us);
-    Push(Placement::QuickPushes - 1, 20us);
-    EXPECT_TRUE(IsAsUsual());
-}
-
-TEST_F(PlacementTest, Push_WithLongGapsAfterShortOnes_GivesTheThreadsBackToTheScheduler) {
-    Push(Placement::QuickPushes + 1, 20us);
-    Push(Placement::SlowPushes - 1, 2ms);
-    EXPECT_FALSE(IsAsUsual());
-    Push(1, 2ms);
-    EXPECT_TRUE(IsAsUsual());
-}
-
-TEST_F(PlacementTest, Push_WithShortGapsThatGoOn_FindsAThreadThatWasMissed) {
-    Push(Placement::QuickPushes + 1, 20us);
-    RunAsUsual(); // as one that was being made
-    Push(Placement::QuickPushes, 20us);
-    const cpu_set_t own = Processors();
-    EXPECT_EQ(CPU_COUNT(&own), 1);
-    EXPECT_EQ(::sched_getscheduler(0), SCHED_BATCH);
-}
-
-TEST_F(PlacementTest, Push_WithLongGapsThatGoOn_FindsAThreadThatWasMissed) {
-    Push(Placement::QuickPushes + 1, 20us);
-    const cpu_set_t one = Processors();
-    Push(Placement::SlowPushes, 2ms);
-    ::sched_setaffinity(0, sizeof one, &one); // as one that was being made
-    Push(Placement::SlowPushes, 2ms);
-    EXPECT_TRUE(AreSpread());
+TEST_F(PlacementTest, AnEventsThreadThatIsPlacedMeanwhile_StaysThere) {
+    BeginStream(1);
+    ASSERT_EQ(Cpus::Of(), all.Without(1));
+    Cpus::Only(1).GiveTo(0);
+    PushAndDeliver(1, 1, 150us);
+    EXPECT_EQ(Cpus::Of(), Cpus::Only(1));
+    BeginStream(1);
+    LearnToBeConfined(0);
+    EXPECT_EQ(Cpus::Of(), Cpus::Only(1));
 }
 
 } // namespace
