@@ -41,7 +41,9 @@ public:
 
     /// The client has rung twice in quick succession.
     void BeginStream() {
-        ASSERT_TRUE(role->TryEnter());
+        if (!role->TryEnter()) {
+            FAIL() << "the role is free";
+        }
         role->Learn(client, SteadyClock::duration::zero());
         role->Learn(client, SteadyClock::duration::zero());
         role->Leave();

@@ -17,9 +17,8 @@ constexpr std::chrono::milliseconds AbandonedAfter{1};
 
 constexpr std::uint32_t ShortGapsWanted = 2;
 
-constexpr std::size_t MaxRecent = 64;     ///< a round over them costs a cache line each
-constexpr std::size_t CrowdOfClients = 4; ///< they need the CPU that the poller looks on
-constexpr int LooksPerKernel = 64;        ///< so that the recent clients cannot starve those that ring
+constexpr std::size_t MaxRecent = 64; ///< a round over them costs a cache line each
+constexpr int LooksPerKernel = 64;    ///< so that the recent clients cannot starve those that ring
 
 } // namespace
 

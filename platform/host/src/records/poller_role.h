@@ -38,6 +38,8 @@ public:
     /// Requests that come closer than this are worth waiting for awake.
     static constexpr std::chrono::microseconds ShortGap{100};
 
+    static constexpr std::size_t CrowdOfClients = 4; ///< they need the CPU that the poller looks on
+
     explicit PollerRole(ClientTable& served);
     PollerRole(const PollerRole&) = delete;
     PollerRole& operator=(const PollerRole&) = delete;

@@ -35,7 +35,7 @@ struct Channel::State {
         if (!client) {
             return Sleep(request);
         }
-        NoteClose(*client);
+        NoteClose(*client, looked);
         if (looked > 1 && sleepers.load(std::memory_order_seq_cst) > 0 && role.TryEnter()) {
             if (role.SeesRequest()) {
                 clients.WakeReceiver();
@@ -58,21 +58,27 @@ struct Channel::State {
             const auto now = SteadyClock::now().time_since_epoch().count();
             const auto before = std::max(lastArrival.exchange(now, std::memory_order_relaxed), asleepAt);
             const SteadyClock::duration gap(now - before);
+            std::size_t recent = 0;
             if (role.TryEnter()) {
                 role.Learn(client, gap);
+                recent = role.RecentCount();
                 role.Leave();
             }
             if (gap < PollerRole::ShortGap) {
-                NoteClose(*client);
+                NoteClose(*client, recent);
             }
         }
         return client;
     }
 
-    /// A request of `client` came without a pause.
-    void NoteClose(const ChannelClient& client) noexcept {
+    /// A request of `client` came without a pause. `recent`: the clients that were active lately; a crowd of them
+    /// leaves no CPU to move to.
+    void NoteClose(const ChannelClient& client, std::size_t recent) noexcept {
         auto& place = ReceiverPlace::OfThisThread();
         place.NoteAwake();
+        if (recent >= PollerRole::CrowdOfClients) {
+            return;
+        }
         const WakeHint hint(client.Slot().request.wake.load(std::memory_order_relaxed));
         if (role.MayHaveTurn() && place.NoteClose(hint.Cpu()) && role.TryEnter()) {
             role.LearnAnew();

@@ -182,6 +182,7 @@ bool Connection::Sleep(std::uint32_t sequence, CallUnderWay& counted, SlotWord& 
             }
         }
     } while (!HasReply(sequence, reply));
+    self.LetGo(); // first: what it costs counts
     place.Leave(WakeHint(shared.region.Slot().reply.wake.load(std::memory_order_relaxed)));
     return true;
 }

@@ -143,7 +143,7 @@ public:
     }
 
     /// A request of a client that runs on `cpu` came without a pause. Returns: whether the receiver has moved off that
-    /// CPU, for want of another place until the scheduler finds one.
+    /// CPU; the scheduler may move it back later.
     bool NoteClose(int cpu) noexcept {
         if (cpu < 0 || cpu != common::CurrentCpu()) {
             shared = 0;
