@@ -14,7 +14,7 @@ namespace {
 
 using message_bus::ConnectionType;
 
-constexpr std::uint32_t TimeoutMs = 5000;
+constexpr std::uint32_t TimeoutMs = 30000;
 
 std::int32_t Connect(ConnectionType type, const char* name, KnHandle& handle) {
     return type == ConnectionType::Static ? ServiceLocatorConnect(name, TimeoutMs, &handle)

@@ -31,7 +31,7 @@ using message_bus::ConnectionType;
 constexpr std::chrono::seconds StopLimit{5};
 
 /// After this, a start that does not receive on every channel is given up.
-constexpr std::chrono::seconds StartLimit{5};
+constexpr std::chrono::seconds StartLimit{30};
 
 /// Threads of the bus that end in an orderly stop, each of which needs a remover then: the worker of the static
 /// channel; the accept worker and the dispatcher of the subscriber service.
