@@ -12,8 +12,8 @@
 namespace bench {
 namespace {
 
-constexpr const char* objectPath = "/bench";
-constexpr const char* interfaceName = "borven.bench.Values";
+constexpr const char* ObjectPath = "/bench";
+constexpr const char* InterfaceName = "borven.bench.Values";
 
 int Check(int code, const char* what) {
     if (code < 0) {
@@ -47,7 +47,7 @@ public:
     DbusPublisher(const std::string& address, int topic) : member(MemberName(topic)), bus(Connect(address)) {}
 
     bool Publish(std::int64_t value) override {
-        Check(sd_bus_emit_signal(bus.get(), objectPath, interfaceName, member.c_str(), "x", value), "emit");
+        Check(sd_bus_emit_signal(bus.get(), ObjectPath, InterfaceName, member.c_str(), "x", value), "emit");
         Check(sd_bus_call_method(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                  "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, ""),
               "ping");
@@ -63,7 +63,7 @@ class DbusSubscriber final : public ISubscriber {
 public:
     DbusSubscriber(const std::string& address, int topics) : bus(Connect(address)) {
         for (int i = 0; i < topics; ++i) {
-            Check(sd_bus_match_signal(bus.get(), nullptr, nullptr, objectPath, interfaceName, MemberName(i).c_str(),
+            Check(sd_bus_match_signal(bus.get(), nullptr, nullptr, ObjectPath, InterfaceName, MemberName(i).c_str(),
                                       &DbusSubscriber::Received, this),
                   "match");
         }

@@ -15,7 +15,7 @@
 namespace bench {
 namespace {
 
-constexpr int qualityOfService = 1;
+constexpr int QualityOfService = 1;
 
 void Check(int code, const char* what) {
     if (code != MOSQ_ERR_SUCCESS) {
@@ -38,7 +38,7 @@ public:
         mosquitto_subscribe_callback_set(
             handle.get(), [](mosquitto*, void* self, int, int count, const int* qualities) {
                 for (int i = 0; i < count; ++i) {
-                    static_cast<Connection*>(self)->granted += qualities[i] == qualityOfService ? 1 : 0;
+                    static_cast<Connection*>(self)->granted += qualities[i] == QualityOfService ? 1 : 0;
                 }
             });
         mosquitto_message_callback_set(handle.get(), [](mosquitto*, void* self, const mosquitto_message* message) {
@@ -58,13 +58,13 @@ public:
 
     void Subscribe(const std::string& topic) {
         const int before = granted;
-        Check(mosquitto_subscribe(handle.get(), nullptr, topic.c_str(), qualityOfService), "subscribe");
+        Check(mosquitto_subscribe(handle.get(), nullptr, topic.c_str(), QualityOfService), "subscribe");
         WaitUntil([this, before] { return granted > before; });
     }
 
     void Publish(const std::string& topic, std::int64_t value) {
         int id = 0;
-        Check(mosquitto_publish(handle.get(), &id, topic.c_str(), sizeof(value), &value, qualityOfService, false),
+        Check(mosquitto_publish(handle.get(), &id, topic.c_str(), sizeof(value), &value, QualityOfService, false),
               "publish");
         WaitUntil([this, id] { return acknowledgedId == id; });
     }

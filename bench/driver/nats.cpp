@@ -69,7 +69,7 @@ public:
 
     std::int64_t Next() override {
         natsMsg* raw = nullptr;
-        Check(natsSubscription_NextMsg(&raw, subscription.get(), forEverMs), "next message");
+        Check(natsSubscription_NextMsg(&raw, subscription.get(), ForEverMs), "next message");
         const std::unique_ptr<natsMsg, Destroy> message(raw);
         std::int64_t value = 0;
         if (natsMsg_GetDataLength(raw) != sizeof(value)) {
@@ -80,7 +80,7 @@ public:
     }
 
 private:
-    static constexpr std::int64_t forEverMs = 3'600'000;
+    static constexpr std::int64_t ForEverMs = 3'600'000;
 
     const Connection connection;
     std::unique_ptr<natsSubscription, Destroy> subscription;

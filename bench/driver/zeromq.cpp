@@ -15,7 +15,7 @@
 namespace bench {
 namespace {
 
-constexpr const char* receiptPrefix = "receipt.";
+constexpr const char* ReceiptPrefix = "receipt.";
 
 std::string PublisherEnd(const std::string& directory) {
     return "ipc://" + directory + "/in";
@@ -85,7 +85,7 @@ public:
         }
         // Subscriptions are not acknowledged. The proxy answers a subscription to a receipt with a message of that
         // name, and the subscriptions of a connection arrive in order.
-        const std::string receipt = receiptPrefix + std::to_string(number) + ".";
+        const std::string receipt = ReceiptPrefix + std::to_string(number) + ".";
         socket.set(zmq::sockopt::subscribe, receipt);
         Received(socket);
         socket.set(zmq::sockopt::unsubscribe, receipt);
@@ -143,7 +143,7 @@ void ForwardValue(zmq::socket_t& publishers, zmq::socket_t& subscribers) {
 void AnswerReceipt(zmq::socket_t& subscribers) {
     const auto request = Received(subscribers).to_string();
     constexpr char subscribe = 1;
-    if (!request.empty() && request.front() == subscribe && request.find(receiptPrefix) == 1) {
+    if (!request.empty() && request.front() == subscribe && request.find(ReceiptPrefix) == 1) {
         subscribers.send(zmq::buffer(request.data() + 1, request.size() - 1));
     }
 }

@@ -63,13 +63,13 @@ protected:
     void DisableDebug() { log.SetThreshold(2); }
 
     /// Puts a value into the reader's queue, as the events thread does.
-    void Give(const std::string& topic, long value) { queue().Enqueue(std::make_shared<Message>(topic, value)); }
+    void Give(const std::string& topic, long value) { Queue().Enqueue(std::make_shared<Message>(topic, value)); }
     void GiveHeat(long first, long count) {
         for (const long value : Numbers(first, count)) {
             Give("heat", value);
         }
     }
-    message_bus::BlockingQueue<std::shared_ptr<Message>>& queue() { return kept->queue; }
+    message_bus::BlockingQueue<std::shared_ptr<Message>>& Queue() { return kept->queue; }
     void Unregister() { EXPECT_EQ(bus->UnregisterSubscriber(reader), ResultCode::Success); }
     void Wait(std::uint64_t client) { clients.Wait(client, *waits, reader); }
 
@@ -116,7 +116,7 @@ TEST_F(ParkedWaitsTest, Wait_WithQueuedValues_OffersThoseThatFollowTheFirst) {
     Wait(A);
     EXPECT_THAT(clients.Answers(A), ElementsAre(Value("heat", 1)));
     EXPECT_THAT(clients.Offers(A), ElementsAre(2, 3, 4));
-    EXPECT_EQ(queue().Size(), 0U);
+    EXPECT_EQ(Queue().Size(), 0U);
 }
 
 TEST_F(ParkedWaitsTest, Wait_AtDebugLevel_OffersNothingSoThatEachWaitWritesItsLine) {
@@ -202,7 +202,7 @@ TEST_F(ParkedWaitsTest, Wait_WhoseOffersFindNoRoom_KeepsThemForTheNextWaitsInOrd
 TEST_F(ParkedWaitsTest, Wait_ReleasesAMessageOnceItIsAnswered) {
     auto message = std::make_shared<Message>("heat", 1);
     const std::weak_ptr<Message> record = message;
-    queue().Enqueue(std::move(message));
+    Queue().Enqueue(std::move(message));
     Wait(A);
     EXPECT_TRUE(record.expired());
 }
@@ -268,7 +268,7 @@ TEST_F(ParkedWaitsTest, AParkedWaitOfADeadClient_LosesNothing) {
     Wait(A);
     clients.SetGone(A);
     GiveHeat(1, 2);
-    EXPECT_EQ(queue().Size(), 1U) << "it has been tried once";
+    EXPECT_EQ(Queue().Size(), 1U) << "it has been tried once";
     Wait(B);
     Wait(B);
     EXPECT_THAT(clients.Answers(B), ElementsAre(Value("heat", 1), Value("heat", 2)));
@@ -461,7 +461,7 @@ TEST_F(ParkedWaitsTest, Wait_WithoutMemoryAtAnyOfItsSteps_AnswersTenOnceAndLoses
             EXPECT_EQ(got.back(), Failed) << skip;
         }
         EXPECT_EQ(journal.Count("4 Wait: [MessageBus]: std::bad_alloc"), 1U) << skip;
-        EXPECT_EQ(queue().Size(), 1U) << skip;
+        EXPECT_EQ(Queue().Size(), 1U) << skip;
         ++failures;
         ASSERT_LT(skip, 100);
     }
@@ -518,7 +518,7 @@ TEST_F(ParkedWaitsTest, Wait_WhoseFirstLineThrows_AnswersTenAndLogsTheText) {
     Wait(A);
     EXPECT_THAT(clients.Answers(A), ElementsAre(Failed));
     EXPECT_THAT(journal.All(), ElementsAre("4 Wait: [MessageBus]: out of paper"));
-    EXPECT_EQ(queue().Size(), 1U);
+    EXPECT_EQ(Queue().Size(), 1U);
 }
 
 TEST_F(ParkedWaitsTest, Wait_LetsExceptionsPassThatAreNotStandardOnesBehindItsAnswer) {

@@ -78,12 +78,12 @@ public:
         EXPECT_EQ(KnStatusOk, NkDeferReply(&deferred));
         EXPECT_EQ(KnStatusOk, Reply(channel, request));
         const Record response = RequestOf(-1);
-        EXPECT_EQ(KnStatusOk, NkReplyDeferred(deferred, &response.header, {ValueOffset, values.data(), values.size()}));
+        EXPECT_EQ(KnStatusOk, NkReplyDeferred(deferred, &response.header, {ValueOffset, Values.data(), Values.size()}));
         EXPECT_EQ(-1, call.Get());
     }
     ~Bystander() {
-        EXPECT_EQ(values[0], Get());
-        EXPECT_EQ(values[1], Get());
+        EXPECT_EQ(Values[0], Get());
+        EXPECT_EQ(Values[1], Get());
         std::size_t taken = 0;
         EXPECT_EQ(KnStatusOk, NkTakeBackOffers(deferred, &taken));
         EXPECT_EQ(2u, taken);
@@ -96,7 +96,7 @@ private:
         return value;
     }
 
-    static constexpr std::array<std::int64_t, 3> values{-2, -3, -4};
+    static constexpr std::array<std::int64_t, 3> Values{-2, -3, -4};
     const Handle client = ConnectStatic();
     NkDeferredReply deferred;
 };
