@@ -61,6 +61,7 @@ private:
     const std::function<Clock::time_point()> now;
     const Clock::duration quietTime;
 
+    // Relaxed: advice only; a stale value places the thread as for another push.
     std::atomic<Clock::rep> pushedAt{0};    ///< when the last push began
     std::atomic<int> pushedOn{-1};          ///< its CPU
     std::atomic<Clock::rep> deliveredAt{0}; ///< when the last push whose delivery was noted began

@@ -14,8 +14,8 @@ namespace msgbus_server {
 class SubscriberLedger final : public message_bus::IProviderControl, public message_bus::IWorker {
 public:
     /// Lifetime: both must outlive this object.
-    SubscriberLedger(message_bus::IProviderControl& bus, message_bus::IWorker& blockingWorker)
-        : control(bus), worker(blockingWorker) {}
+    SubscriberLedger(message_bus::IProviderControl& bus, message_bus::IWorker& waitWorker)
+        : control(bus), worker(waitWorker) {}
 
     /// As the bus. Once StopAndUnregisterAll was called, all but UnregisterPublisher return 10.
     cor::ResultCode RegisterPublisher(const std::string& topic, long& publisherId) override;
@@ -28,7 +28,7 @@ public:
     /// unknown subscriber as an error.
     cor::ResultCode Wait(long subscriberId, std::string& topic, long& message) override;
 
-    /// Refuses new registrations from now on and unregisters every subscriber, which ends its blocked waits.
+    /// Refuses new registrations from now on and unregisters every subscriber, which ends its waits.
     /// Returns: how many subscribers there were.
     std::size_t StopAndUnregisterAll();
 

@@ -65,6 +65,10 @@ public:
     void OnEnqueue() noexcept override;
     void OnCancel() noexcept override;
 
+    /// The most waits that are parked at once: as many as clients that a channel takes. The waits of clients that are
+    /// gone stay until the next value, so past this number the oldest is answered 10.
+    static constexpr std::size_t MostParked = 2048;
+
 private:
     void Serve() noexcept REQUIRES(mutex);
     std::optional<cor::ResultCode> TakeFirst() noexcept REQUIRES(mutex);
@@ -82,8 +86,9 @@ private:
     /// finds it false is one that the wait finds in the queue, whose mutex orders the two.
     std::atomic<bool> isParked{false};
     std::deque<std::shared_ptr<message_bus::Message>> values GUARDED_BY(mutex);
-    std::size_t offered GUARDED_BY(mutex) = 0;   ///< so many of the first values are offered
-    NkDeferredReply offerOf GUARDED_BY(mutex){}; ///< the wait whose reply they came with
+    std::size_t mostOffers GUARDED_BY(mutex) = NkMaxOffers; ///< of the next reply
+    std::size_t offered GUARDED_BY(mutex) = 0;              ///< so many of the first values are offered
+    NkDeferredReply offerOf GUARDED_BY(mutex){};            ///< the wait whose reply they came with
 };
 
 } // namespace msgbus_server

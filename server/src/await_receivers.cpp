@@ -6,7 +6,9 @@
 #include "nk/transport.h"
 #include "service_locator.h"
 
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 namespace msgbus_server {
 
@@ -15,6 +17,7 @@ namespace {
 using message_bus::ConnectionType;
 
 constexpr std::uint32_t TimeoutMs = 30000;
+constexpr std::chrono::milliseconds PauseWhileBusy{10};
 
 std::int32_t Connect(ConnectionType type, const char* name, KnHandle& handle) {
     return type == ConnectionType::Static ? ServiceLocatorConnect(name, TimeoutMs, &handle)
@@ -25,6 +28,15 @@ std::int32_t Connect(ConnectionType type, const char* name, KnHandle& handle) {
 std::string CallOnce(ConnectionType type, const char* name) {
     KnHandle handle = KnInvalidHandle;
     std::int32_t status = Connect(type, name, handle);
+    if (status == KnStatusBusy && type == ConnectionType::Static) {
+        return {}; // clients have taken all places, and the one worker was started before them
+    }
+    // Clients that wait for the server to come up may be more than it lets wait at once. They are accepted by and by;
+    // if not, the deadline of the start closes the channels.
+    while (status == KnStatusBusy) {
+        std::this_thread::sleep_for(PauseWhileBusy);
+        status = Connect(type, name, handle);
+    }
     if (status == KnStatusOk) {
         NkBosTransport transport{};
         NkBosTransport_Init(&transport, handle, nullptr, 0);

@@ -184,6 +184,8 @@ void BusServer::OnServing() {
     startFailure = AwaitReceivers(connectionType);
     deadline->Disarm();
     if (!startFailure.empty()) {
+        // Now, and not only in the exception: where the bus could not start its worker, the stop does not end.
+        Log(LogLevel::Error, "Cannot serve: {}", startFailure);
         RequestStop();
         return;
     }

@@ -37,6 +37,10 @@ bool MayOffer() {
 bool SubscriberWaits::Park(const NkDeferredReply& wait) {
     const common::MutexLock lock(mutex);
     TakeBack();
+    if (parked.size() == MostParked) {
+        Refuse(parked.front(), ResultCode::Failed);
+        parked.pop_front();
+    }
     parked.push_back(wait);
     isParked.store(true, std::memory_order_relaxed);
     Serve();
@@ -132,7 +136,7 @@ void SubscriberWaits::Answer(const NkDeferredReply& wait) noexcept {
     std::array<std::int64_t, NkMaxOffers> following;
     std::size_t count = 0;
     if (parked.empty() && MayOffer()) {
-        while (count < following.size() && (count + 1 < values.size() || TakeAnother())) {
+        while (count < mostOffers && (count + 1 < values.size() || TakeAnother())) {
             const Message& next = *values[count + 1];
             if (next.topic != first.topic) {
                 break;
@@ -146,6 +150,9 @@ void SubscriberWaits::Answer(const NkDeferredReply& wait) noexcept {
     if (NkReplyDeferred(wait, &record.header, {ValueOffset, following.data(), count}, &put) == KnStatusOk) {
         assert(put <= count);
         values.pop_front();
+        if (put < count) {
+            mostOffers = 1; // the client takes none, or has those of another subscriber
+        }
         offered = put;
         offerOf = wait;
     }
@@ -175,6 +182,8 @@ void SubscriberWaits::TakeBack() noexcept {
     if (NkTakeBackOffers(offerOf, &taken) != KnStatusOk) {
         taken = offered; // lost with the client or the channel
     }
+    // A client that takes few each time, because it waits for others in between, is not worth many.
+    mostOffers = std::clamp<std::size_t>(taken < offered ? 2 * taken : 2 * mostOffers, 1, NkMaxOffers);
     const auto end = values.begin() + static_cast<std::ptrdiff_t>(std::min(taken, offered));
     values.erase(values.begin(), end);
     offered = 0;

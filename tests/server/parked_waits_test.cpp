@@ -2,6 +2,7 @@
 // clients meanwhile, with the results and the lines of the bus's own waits.
 #include "parked_waits.h"
 
+#include "subscriber_waits.h"
 #include "support/bus_harness.h"
 #include "support/bus_test.h"
 #include "support/deferring_clients.h"
@@ -181,6 +182,33 @@ TEST_F(ParkedWaitsTest, Wait_WhileOffersAreLeft_TakesThemBackAndDeliversTheRestF
     Wait(A); // as after another request of the same connection
     EXPECT_THAT(clients.Answers(A), ElementsAre(Value("heat", 1), Value("heat", 2), Value("heat", 3)));
     EXPECT_THAT(clients.Offers(A), ElementsAre(4, 5));
+}
+
+TEST_F(ParkedWaitsTest, Wait_OfAClientThatTakesFewOffers_IsOfferedFewAtFirst) {
+    DisableDebug();
+    GiveHeat(1, 300);
+    Wait(A);
+    EXPECT_EQ(clients.Offers(A).size(), NkMaxOffers);
+    clients.TakeOffers(A, 1);
+    Wait(A);
+    EXPECT_THAT(clients.Offers(A), ElementsAre(4, 5));
+    clients.TakeOffers(A, 2);
+    Wait(A);
+    EXPECT_THAT(clients.Offers(A), ElementsAre(7, 8, 9, 10));
+}
+
+TEST_F(ParkedWaitsTest, Wait_PastTheMostThatAreParked_EndsTheOldest) {
+    constexpr std::uint64_t first = 1000;
+    constexpr std::uint64_t most = msgbus_server::SubscriberWaits::MostParked;
+    for (std::uint64_t client = first; client < first + most; ++client) {
+        Wait(client);
+    }
+    EXPECT_TRUE(clients.IsBlocked(first));
+    Wait(first + most);
+    EXPECT_THAT(clients.Answers(first), ElementsAre(Failed));
+    EXPECT_TRUE(clients.IsBlocked(first + 1));
+    Give("heat", 7);
+    EXPECT_THAT(clients.Answers(first + 1), ElementsAre(Value("heat", 7)));
 }
 
 TEST_F(ParkedWaitsTest, Wait_WhoseOffersFindNoRoom_KeepsThemForTheNextWaitsInOrder) {

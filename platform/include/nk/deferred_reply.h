@@ -30,10 +30,6 @@ struct NkDeferredReply {
     std::uint32_t call = 0;
     std::uint64_t client = 0; ///< never used twice within a channel
 
-    /// Returns: whether both requests came over the same connection.
-    bool IsSameClient(const NkDeferredReply& other) const noexcept {
-        return channel == other.channel && client == other.client;
-    }
     bool operator==(const NkDeferredReply&) const = default;
 };
 

@@ -166,7 +166,7 @@ TEST_P(DeferredReplyTest, Requests_AreDistinct) {
     Calling otherCall(other);
     const NkDeferredReply foreign = ReceiveAndDefer();
     EXPECT_EQ(Channel(), first.channel);
-    EXPECT_FALSE(first.IsSameClient(foreign));
+    EXPECT_NE(first.client, foreign.client);
     EXPECT_NE(first, foreign);
     EXPECT_EQ(KnStatusOk, Answer(first, 1));
     EXPECT_EQ(KnStatusOk, Answer(foreign, 2));
@@ -175,7 +175,7 @@ TEST_P(DeferredReplyTest, Requests_AreDistinct) {
 
     Calling next(client);
     const NkDeferredReply second = ReceiveAndDefer();
-    EXPECT_TRUE(first.IsSameClient(second));
+    EXPECT_EQ(first.client, second.client);
     EXPECT_NE(first, second);
     EXPECT_EQ(KnStatusOk, Answer(second, 3));
     EXPECT_EQ(OkWith(3), next.Get());

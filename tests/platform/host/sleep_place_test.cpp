@@ -181,7 +181,8 @@ protected:
 TEST_F(SleepUntilEventTest, OfAConfinedThread_ReturnsTheEvent_AndLeavesItConfined) {
     ASSERT_TRUE(self.To(0));
     EXPECT_EQ(1, Sleep());
-    EXPECT_EQ(7U, event.data.u64);
+    const std::uint64_t data = event.data.u64; // which is not aligned
+    EXPECT_EQ(7U, data);
     EXPECT_TRUE(self.IsConfined());
 }
 

@@ -19,6 +19,7 @@ struct HandleTable::Entries {
         for (const auto& [handle, end] : open) {
             end->isInherited.store(true, std::memory_order_relaxed);
         }
+        CallUnderWay::ForgetAll();
         mutex.Unlock();
     }
 

@@ -18,7 +18,7 @@ public:
     /// What Reply returns when the client is gone: KnStatusPeerGone, or 0.
     enum class DeadClient { ReplyReportsIt, ReplyAnswersOk };
 
-    /// Each costs four descriptors, one mapping of a page, and a worker of the bus while it waits.
+    /// Each costs four descriptors, and one mapping of a page.
     static constexpr std::size_t MaxClients = 2048;
 
     explicit Channel(DeadClient deadClient);
@@ -28,9 +28,8 @@ public:
     Channel& operator=(const Channel&) = delete;
 
     /// Joins a client whose credentials were checked, and which speaks `layoutVersion`, over its connected socket, and
-    /// sends it its ends. Moves from
-    /// `socket` on success only, and keeps it open at least until RemoveClient or Close: the housekeeper watches it by
-    /// its number.
+    /// sends it its ends. Moves from `socket` on success only, and keeps it open at least until RemoveClient or Close:
+    /// the housekeeper watches it by its number.
     ///
     /// Returns: 0 and `*clientId`; KnStatusClosed; KnStatusBusy; KnStatusNoResources; KnStatusPeerGone. Blocks: never.
     /// Threads: any.

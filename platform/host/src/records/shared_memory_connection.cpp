@@ -82,6 +82,7 @@ std::int32_t Connection::Call(const nk_message* request, nk_message* response) n
         return KnStatusClosed;
     }
     if (repeatable.isOffered && TakeOffer(request, response)) {
+        place.NoteAwake();
         return KnStatusOk;
     }
     SharedSlot& slot = shared.region.Slot();

@@ -28,6 +28,9 @@ public:
     /// Returns: whether there were so many when it began that callers keep each other off the CPUs.
     bool IsInACrowd() const noexcept { return others >= Crowd; }
 
+    /// In a child made by fork: the calls stay with the parent.
+    static void ForgetAll() noexcept { count.store(0, std::memory_order_relaxed); }
+
     /// It takes long, and leaves the CPUs to the other ones.
     void End() noexcept {
         if (isCounted) {
@@ -39,7 +42,7 @@ public:
 private:
     static constexpr int Crowd = 3;
 
-    static inline std::atomic<int> count{0};
+    static inline std::atomic<int> count{0}; // relaxed: advice
 
     const int others;
     bool isCounted = true;
