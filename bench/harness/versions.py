@@ -20,7 +20,7 @@ def output(*command, directory=None):
 
 
 def of_system(system, bin_directory, root):
-    """Returns: {"version": ..., "date": YYYY-MM-DD, "packages": [...]}; a fact that the machine cannot tell is "".
+    """Returns: {"version": ..., "date": YYYY-MM-DD, "packages": [...]}; a fact that the machine does not know is "".
 
     The version is the one that the program prints, or else that of its package. The date is that of the package, or of
     the commit for the bus itself.

@@ -5,6 +5,7 @@
 #include "support/bus_test.h"
 #include "support/fault_points.h"
 
+#include <functional>
 #include <future>
 #include <memory>
 #include <vector>
@@ -12,6 +13,7 @@
 namespace {
 
 using message_bus::BlockingQueue;
+using test_support::fault_points::AwaitBlockedOnMutex;
 using test_support::fault_points::AwaitSleepingOnCondition;
 using test_support::fault_points::AwaitSleepingWithDeadline;
 
@@ -58,6 +60,36 @@ protected:
 
         BlockingQueue<int>& queue;
     };
+
+    /// An item that does something while it is taken, under the queue's mutex.
+    class ActingItem final {
+    public:
+        ActingItem() = default;
+        explicit ActingItem(std::function<void()> given) : action(std::move(given)) {}
+        ActingItem(ActingItem&&) = default;
+        ActingItem& operator=(ActingItem&& taken) noexcept {
+            taken.action();
+            return *this;
+        }
+
+    private:
+        std::function<void()> action;
+    };
+
+    /// Sets a listener while `change`, on another thread, waits for the queue's mutex.
+    static void SetListenerDuring(const std::function<void(BlockingQueue<ActingItem>&)>& change,
+                                  message_bus::IQueueListener& listener) {
+        BlockingQueue<ActingItem> changing;
+        std::thread other;
+        changing.Enqueue(ActingItem([&] {
+            other = std::thread([&] { change(changing); });
+            EXPECT_TRUE(AwaitBlockedOnMutex(other.get_id()));
+            changing.SetListener(&listener);
+        }));
+        ActingItem item;
+        EXPECT_TRUE(changing.TryPop(item));
+        other.join();
+    }
 
     BlockingQueue<int> queue;
 };
@@ -249,23 +281,17 @@ TEST_F(BlockingQueueTest, SetListener_WithNull_EndsTheCalls) {
     EXPECT_TRUE(listener.sizes.empty());
 }
 
-TEST_F(BlockingQueueTest, SetListener_BesideChangesOfOtherThreads_MissesNone) {
-    // Whoever sets a listener and finds the queue empty is called for the next change.
-    for (int round = 0; round < 2000; ++round) {
-        BlockingQueue<int> racing;
-        class Flag final : public message_bus::IQueueListener {
-        public:
-            void OnEnqueue() noexcept override { called = true; }
-            void OnCancel() noexcept override {}
-            std::atomic<bool> called{false};
-        } listener;
-        std::thread other([&] { racing.Enqueue(1); });
-        racing.SetListener(&listener);
-        int element = 0;
-        const bool isSeen = racing.TryPop(element);
-        other.join();
-        ASSERT_TRUE(isSeen || listener.called) << round;
-    }
+TEST_F(BlockingQueueTest, SetListener_BeforeAnEnqueueThatIsUnderWay_IsInTimeForIt) {
+    NotingListener listener(queue);
+    SetListenerDuring([](auto& changing) { changing.Enqueue(ActingItem()); }, listener);
+    EXPECT_EQ(listener.threads.size(), 1U);
+    EXPECT_EQ(listener.cancels, 0);
+}
+
+TEST_F(BlockingQueueTest, SetListener_BeforeACancelThatIsUnderWay_IsInTimeForIt) {
+    NotingListener listener(queue);
+    SetListenerDuring([](auto& changing) { changing.Cancel(); }, listener);
+    EXPECT_EQ(listener.cancels, 1);
 }
 
 TEST_F(BlockingQueueTest, Enqueue_HasNoLimit) {

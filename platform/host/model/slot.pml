@@ -421,7 +421,7 @@ endWait:
         sequence = deferred;
         deferred = 0;
         if
-        :: gone[0] || closed -> sequence = 0; goto endWait     /* reported to the one who answers */
+        :: gone[0] || closed -> sequence = 0; goto endWait     /* reported to the answering thread */
         :: else
         fi
     }

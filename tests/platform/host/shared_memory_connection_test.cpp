@@ -29,6 +29,12 @@ using borven_host::UniqueFd;
 using borven_host::WakeHint;
 using test_support::Cpus;
 
+/// What a thread on `cpu` has left when it woke another one `delay` ago.
+WakeHint HintFrom(int cpu, std::chrono::microseconds delay) {
+    const std::uint32_t now = WakeHint::Now().Raw() & ~0xFFU;
+    return WakeHint((now - (static_cast<std::uint32_t>(delay.count()) << 8)) | static_cast<std::uint32_t>(cpu + 1));
+}
+
 /// A connection to a server that the test plays: it decides when the caller is woken, and what it learns.
 class CallPlaceTest : public test_support::CpusTest {
 protected:
@@ -64,8 +70,7 @@ protected:
 
     /// Wakes the caller as if that had taken `delay`.
     void Reply(std::chrono::microseconds delay) {
-        const WakeHint now = WakeHint::Now();
-        Slot().reply.wake.store(now.Raw() - (static_cast<std::uint32_t>(delay.count()) << 8));
+        Slot().reply.wake.store(HintFrom(common::CurrentCpu(), delay).Raw());
         Slot().reply.word.store(SlotWord(calls, 0).Raw());
         Ring(ends.doorbell);
     }
@@ -202,21 +207,26 @@ protected:
     /// Receives on a thread that has learnt to sleep where a thread on CPU 1 wakes it. Returns: the status.
     std::int32_t ReceiveConfined() {
         auto& place = ReceiverPlace::OfThisThread();
-        for (int i = 0; i < 20; ++i) {
+        bool isConfined = false;
+        for (int sleeps = 0; sleeps < 1000 && !isConfined; ++sleeps) {
             place.EnterSleep();
+            isConfined = place.IsConfined();
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            const std::uint32_t timeOnly = WakeHint::Now().Raw() & ~0xFFU;
-            std::this_thread::sleep_for(std::chrono::microseconds(place.IsConfined() ? 0 : 500));
-            place.LeaveSleep(WakeHint(timeOnly | 2)); // CPU 1
+            // As if it had taken long to wake up where it was free. It does not learn how long that takes confined.
+            place.LeaveSleep(isConfined ? WakeHint(0) : HintFrom(1, std::chrono::microseconds(500)));
         }
+        EXPECT_TRUE(isConfined);
         Record request;
         NkSetSize(request.header, NkRecordSize);
         id = ::gettid();
         return channel.Receive(&request.header);
     }
 
-    void AwaitConfined() {
-        Await("the receiver should sleep confined", [this] { return id != 0 && Cpus::Of(id) == Cpus::Only(1); });
+    /// Its first sleep ends at once, with the ring that a new bell has; then it blocks.
+    void AwaitConfined(const Background<void>& receiver) {
+        Await("the receiver should begin", [this] { return id != 0; });
+        receiver.AwaitBlocked();
+        EXPECT_EQ(Cpus::Only(1), Cpus::Of(id));
     }
 
     Channel channel{Channel::DeadClient::ReplyAnswersOk};
@@ -225,7 +235,7 @@ protected:
 
 TEST_F(ReceivePlaceTest, AReceiverThatSleepsForLong_IsLetGoInItsSleep) {
     Background receiver([this] { EXPECT_EQ(KnStatusClosed, ReceiveConfined()); });
-    AwaitConfined();
+    AwaitConfined(receiver);
     Await("the receiver should be let go", [this] { return Cpus::Of(id) == all; });
     EXPECT_FALSE(receiver.IsDone());
     channel.Close();
@@ -236,7 +246,7 @@ TEST_F(ReceivePlaceTest, AReceiverThatSleepsConfined_WhenTheChannelCloses_HasAll
         EXPECT_EQ(KnStatusClosed, ReceiveConfined());
         EXPECT_EQ(all, Cpus::Of());
     });
-    AwaitConfined();
+    AwaitConfined(receiver);
     channel.Close();
 }
 
@@ -245,7 +255,7 @@ TEST_F(ReceivePlaceTest, AReceiverThatIsPlacedInItsSleep_StaysThere) {
         EXPECT_EQ(KnStatusClosed, ReceiveConfined());
         EXPECT_EQ(Cpus::Only(0), Cpus::Of());
     });
-    AwaitConfined();
+    AwaitConfined(receiver);
     Cpus::Only(0).GiveTo(id);
     channel.Close();
 }

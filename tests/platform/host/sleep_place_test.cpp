@@ -8,7 +8,21 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <optional>
 #include <thread>
+
+namespace {
+
+thread_local std::optional<std::chrono::steady_clock::time_point> stoppedClock; ///< of the calling thread
+
+} // namespace
+
+// The linker puts the second in place of std::chrono::steady_clock::now (see CMakeLists.txt).
+std::chrono::steady_clock::time_point SystemClock() noexcept asm("__real__ZNSt6chrono3_V212steady_clock3nowEv");
+std::chrono::steady_clock::time_point ThreadClock() noexcept asm("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
+std::chrono::steady_clock::time_point ThreadClock() noexcept {
+    return stoppedClock ? *stoppedClock : SystemClock();
+}
 
 namespace {
 
@@ -44,8 +58,9 @@ TEST_F(WakeHintTest, Now_HoldsTheCpuAndTheTime) {
     const WakeHint hint = WakeHint::Now();
     EXPECT_EQ(hint.Cpu(), 1);
     EXPECT_TRUE(hint.HasTime());
-    EXPECT_LE(hint.Since(before + 300us), 300us);
-    EXPECT_GE(hint.Since(SteadyClock::now() + 300us), 300us);
+    const auto after = SteadyClock::now();
+    EXPECT_LE(hint.Since(after), after - before + 1us); // a hint counts whole microseconds
+    EXPECT_GE(hint.Since(after + 300us), 300us);
 }
 
 TEST_F(WakeHintTest, Here_HoldsTheCpuAlone) {
@@ -109,13 +124,22 @@ TEST_F(SleepPlaceTest, Enter_OfAReceiver_ConfinesItToTheCpuOfItsWaker) {
 }
 
 TEST_F(SleepPlaceTest, Enter_AfterAHintWithoutATime_HasLearntNothing) {
-    for (int i = 0; i < 20; ++i) {
-        std::this_thread::sleep_for(2ms);
+    // Taken for a time, its zero would be that of the clock's last wrap, here in the middle of each sleep.
+    constexpr std::chrono::microseconds wrap{1 << 24};
+    const WakeHint hint = WakeHint::Here();
+    ASSERT_FALSE(hint.HasTime());
+    struct ClockStop {
+        ~ClockStop() { stoppedClock.reset(); }
+    } stop;
+    for (int i = 1; i <= 20; ++i) {
+        const SteadyClock::time_point wrapped(i * wrap);
+        stoppedClock = wrapped - 1ms;
         ConfinedThread self;
         caller.Enter(self);
         EXPECT_FALSE(self.IsConfined());
-        std::this_thread::sleep_for(2ms);
-        caller.Leave(WakeHint::Here());
+        stoppedClock = wrapped + 500us;
+        ASSERT_LE(hint.Since(*stoppedClock), 500us);
+        caller.Leave(hint);
     }
 }
 
