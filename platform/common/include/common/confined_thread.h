@@ -38,7 +38,8 @@ inline int CurrentCpu() noexcept {
 
 /// Confines one thread to some of the CPUs, and lets it go again. It confines only a thread that may use every CPU,
 /// under the normal scheduling policy: any other was placed by its program or its operator, and is left alone. A thread
-/// that they place while it is confined is left where they put it.
+/// that they place while it is confined is left where they put it, unless that happens in the microsecond between two
+/// system calls: the kernel has no single one that compares and sets.
 ///
 /// A thread passes its confinement on to the threads and processes that it starts. So a thread that runs code of other
 /// authors must not be confined meanwhile.
