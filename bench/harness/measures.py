@@ -7,6 +7,7 @@ import subprocess
 import tempfile
 import time
 
+from . import cache_line
 from .processes import Child, Failure, cpu_ns, cpu_ticks_s, descriptors, memory_kib, threads
 from .systems import Context
 
@@ -79,12 +80,13 @@ class Bench:
 
         `values` limits each publisher: a bus that acknowledges much faster than it delivers would need long to catch up.
         """
+        line = self._line(cpus)
         published, _, cost = self._exchange(system, subscribers, publishers, cpus, values=values,
                                             seconds=seconds or self.sizes.m1_seconds,
                                             warm_up=max(self.sizes.m1_warm_up // max(publishers, subscribers), 5))
         elapsed_s = (published["endNs"] - published["startNs"]) / 1e9
         return {"ops": published["values"] / elapsed_s, "p50": published["p50"], "p99": published["p99"],
-                "max": published["max"], "refused": published["refused"], **cost}
+                "max": published["max"], "refused": published["refused"], **cost, **line}
 
     def idle_delivery(self, system):
         """M2: one-way delivery, one value every 2 ms."""
@@ -96,11 +98,12 @@ class Bench:
 
         The publishers stop after `values` values or `seconds` seconds, whichever comes first; 0 is no limit.
         """
+        line = self._line(None)
         published, received, cost = self._exchange(system, subscribers, publishers, values=values // publishers,
                                                    seconds=seconds)
         elapsed_s = (received["lastNs"] - published["startNs"]) / 1e9
         return {"deliveries": received["received"] / elapsed_s, "values": published["values"],
-                "refused": published["refused"], **cost}
+                "refused": published["refused"], **cost, **line}
 
     def waiting(self, system, subscribers):
         """M5: what `subscribers` waiting connections cost the server, with one silent publisher connected."""
@@ -127,6 +130,13 @@ class Bench:
         elapsed = time.monotonic() - start
         return {"ticksPercent": (cpu_ticks_s(server.pid) - ticks_s) / elapsed * 100,
                 "cpuPercent": (cpu_ns(server.pid) - scheduled_ns) / 1e9 / elapsed * 100}
+
+    def _line(self, cpus):
+        """How far apart the CPUs 0 and 1 are now: {cache_line.FIGURE: ns}; nothing where the pass cannot use both."""
+        if cpus or not {0, 1} <= os.sched_getaffinity(0):
+            return {}
+        command = [os.path.join(self.bin_directory, "bench_limits"), "cache-line", "--seconds", str(self.sizes.line_s)]
+        return {cache_line.FIGURE: json_of(command, None)["p50"]}
 
     def relay(self, hops, cpus=None):
         """A value through a chain of processes at the rate of M2."""

@@ -4,7 +4,7 @@ import os
 import re
 import statistics
 
-from . import latency_plots, latency_report, plots
+from . import cache_line, latency_plots, latency_report, plots
 from .modes import modes
 from .quiet import QUIET_LOAD, under_load
 from .results import MANY
@@ -261,6 +261,7 @@ def text(results, pictures):
                           (("unpinned", ""),)) +
              section_rate(results, "M4", "### M4: fan-out", pictures,
                           (("unpinned", "#### M4, 100 subscribers"), (MANY, f"#### M4, {many:,} subscribers"))) +
+             cache_line.section(results, spread) +
              section_m5(results) + section_m6(results, pictures) + latency + section_limits(results) +
              ["### Setting"] + setting(results))
     return "\n\n".join(parts)

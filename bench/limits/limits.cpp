@@ -1,10 +1,13 @@
 // The limits of the machine: round trips of a record between two processes over a socket pair and over shared memory,
-// a value through a chain of processes, and the cost of a thread. Every record is checked. Prints one JSON object.
+// a cache line's way from one CPU to another and back, a value through a chain of processes, and the cost of a thread.
+// Every record is checked. Prints one JSON object.
 //
 //   bench_limits seqpacket|shared-spin|shared-sleep|thread [--seconds S] [--apart 1]
+//   bench_limits cache-line [--seconds S]
 //   bench_limits relay [--hops N] [--values N] [--interval-us US]
 //
-// `--apart 1` puts the two processes on CPUs 0 and 1; without it the scheduler may run both on one.
+// `--apart 1` puts the two processes on CPUs 0 and 1; without it the scheduler may run both on one. The two of
+// `cache-line` are always apart.
 
 #include "chain.h"
 #include "options.h"
@@ -181,6 +184,7 @@ void RunOnCpu(std::size_t cpu) {
 template <typename Work>
 Samples WithChild(Placement placement, const std::function<void()>& body, Work work) {
     if (placement == Placement::Apart) {
+        RunOnCpu(1); // here first: a child that fails is not noticed
         RunOnCpu(0);
     }
     const pid_t child = fork();
@@ -212,18 +216,60 @@ Samples Seqpacket(Placement placement, double seconds) {
         placement, [&] { Echo(there); }, [&] { return PingPong(here, seconds); });
 }
 
-Samples SharedMemory(Waiting waiting, Placement placement, double seconds) {
+/// Returns: an object that this process and the children that it makes later share.
+template <typename Object>
+auto MakeShared() {
     void* const memory =
-        mmap(nullptr, sizeof(Region), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+        mmap(nullptr, sizeof(Object), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
     if (memory == MAP_FAILED) {
         Fail("mmap");
     }
-    const auto unmap = [](Region* region) { munmap(region, sizeof(Region)); };
-    const std::unique_ptr<Region, decltype(unmap)> region(new (memory) Region, unmap);
+    const auto unmap = [](Object* object) { munmap(object, sizeof(Object)); };
+    return std::unique_ptr<Object, decltype(unmap)>(new (memory) Object, unmap);
+}
+
+Samples SharedMemory(Waiting waiting, Placement placement, double seconds) {
+    const auto region = MakeShared<Region>();
     SharedLine here(region->there, region->back, waiting);
     SharedLine there(region->back, region->there, waiting);
     return WithChild(
         placement, [&] { Echo(there); }, [&] { return PingPong(here, seconds); });
+}
+
+/// A word that two processes write in turn: what one cache line costs, without a record.
+Samples CacheLine(double seconds) {
+    constexpr std::uint32_t tripsPerSample = 100; // reading the clock costs as much as a trip between close CPUs
+    constexpr std::uint32_t last = UINT32_MAX;
+    const auto word = MakeShared<std::atomic<std::uint32_t>>();
+    const auto echo = [&] {
+        for (std::uint32_t awaited = 1;; awaited += 2) {
+            std::uint32_t now = 0;
+            while ((now = word->load(std::memory_order_acquire)) != awaited) {
+                if (now == last) {
+                    return;
+                }
+            }
+            word->store(awaited + 1, std::memory_order_release);
+        }
+    };
+    return WithChild(Placement::Apart, echo, [&] {
+        Samples samples(1'000'000);
+        const auto endNs = NowNs() + static_cast<std::int64_t>(seconds * 1e9);
+        std::uint32_t number = 0;
+        for (auto before = NowNs(); before < endNs && number < last - 2 * tripsPerSample;) {
+            for (std::uint32_t trip = 0; trip < tripsPerSample; ++trip) {
+                word->store(++number, std::memory_order_release);
+                ++number;
+                while (word->load(std::memory_order_acquire) != number) {
+                }
+            }
+            const auto after = NowNs();
+            samples.Add((after - before) / tripsPerSample);
+            before = after;
+        }
+        word->store(last, std::memory_order_release);
+        return samples;
+    });
 }
 
 /// Creates and joins threads with the stack size of a worker of the bus.
@@ -266,6 +312,9 @@ Samples Measure(const bench::Options& options) {
     }
     if (what == "shared-sleep") {
         return SharedMemory(Waiting::Sleep, placement, seconds);
+    }
+    if (what == "cache-line") {
+        return CacheLine(seconds);
     }
     if (what == "thread") {
         return ThreadHandOver(seconds);

@@ -15,7 +15,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 sys.path.insert(0, os.path.join(ROOT, "bench"))
 
 # pylint: disable=wrong-import-position
-from harness import modes, quiet, report, results, summary  # noqa: E402
+from harness import cache_line, modes, quiet, report, results, summary  # noqa: E402
 from harness.systems import OURS, SYSTEMS  # noqa: E402
 
 
@@ -105,6 +105,38 @@ class Stored(unittest.TestCase):
         text = report.text(results.Results(results.load(folder), SYSTEMS), folder)
         self.assertIn("### Summary", text)
         self.assertIn("### M5", text)
+
+
+class CacheLine(unittest.TestCase):
+    """Passes with near CPUs and with far ones are two sets of figures."""
+
+    NEAR_AND_FAR = {"M1": {"unpinned": {
+        OURS: [{"ops": 1600, "lineNs": 95}, {"ops": 600, "lineNs": 500}, {"ops": 1700, "lineNs": 120},
+               {"ops": None, "lineNs": 510}],
+        "redis": [{"ops": 130, "lineNs": 490}]}}}
+
+    def test_passes_are_divided_by_the_distance(self):
+        run = results.Results(run_of(self.NEAR_AND_FAR), SYSTEMS)
+        limit = cache_line.border(cache_line.distances(run))
+        self.assertAlmostEqual(limit, (95 * 510) ** 0.5)
+        self.assertEqual(cache_line.divided(run, "M1", "ops", OURS, limit), ([1600, 1700], [600]))
+        self.assertEqual(cache_line.divided(run, "M1", "ops", "redis", limit), ([], [130]))
+        text = "\n".join(cache_line.section(run, report.spread))
+        self.assertIn("| 1,650 [1,600 – 1,700] (2) | 600 (1) |", text)
+        self.assertIn("| – | 130 (1) |", text)
+
+    def test_cpus_of_one_kind_are_not_divided(self):
+        self.assertIsNone(cache_line.border([95, 120, 189]))
+        self.assertIsNotNone(cache_line.border([95, 120, 190]))
+        passes = [{"deliveries": 1, "lineNs": 95}, {"deliveries": 2, "lineNs": 105}]
+        run = results.Results(run_of({"M3": {"unpinned": {OURS: passes}}}), SYSTEMS)
+        text = "\n".join(cache_line.section(run, report.spread))
+        self.assertIn("100 [95.0 – 105] ns", text)
+        self.assertNotIn("|", text)
+
+    def test_results_without_the_distance_have_no_section(self):
+        run = results.Results(run_of({"M1": {"unpinned": {OURS: [{"ops": 1600}]}}}), SYSTEMS)
+        self.assertEqual(cache_line.section(run, report.spread), [])
 
 
 class Summary(unittest.TestCase):
