@@ -4,13 +4,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sched.h>
+
 #include <vector>
 
 namespace {
 
 bool hasOneCpu = false;
+int yields = 0;
 
 } // namespace
+
+/// In place of the C library's: counts.
+extern "C" int sched_yield() noexcept {
+    ++yields;
+    return 0;
+}
 
 bool borven_host::HasOneCpu() noexcept {
     return hasOneCpu;
@@ -83,6 +92,26 @@ TEST(SpinLearnerTest, IsWorthwhile_AfterSixteenSuccesses_HasForgottenTheFailures
     EXPECT_EQ(leftOut(), 2);
 }
 
+TEST(SpinLearnerTest, ShouldShare_AfterLongYields_LeavesOutTwiceAsManyOccasionsEachTime) {
+    SpinLearner learner;
+    const auto leftOut = [&] {
+        learner.Shared(500us);
+        int count = 0;
+        while (!learner.ShouldShare()) {
+            ++count;
+        }
+        return count;
+    };
+    EXPECT_TRUE(learner.ShouldShare());
+    EXPECT_EQ(leftOut(), 2);
+    EXPECT_EQ(leftOut(), 4);
+    for (int i = 0; i < 16; ++i) {
+        learner.Shared(499us);
+    }
+    EXPECT_EQ(leftOut(), 2);
+    EXPECT_TRUE(learner.IsWorthwhile()); // another thing
+}
+
 TEST(SpinLearnerTest, ShouldYieldAtOnce_OnceAnswersCameOnlyAfterAYield_ExceptEverySixtyFourthTime) {
     SpinLearner learner;
     for (int i = 0; i < 4; ++i) {
@@ -112,6 +141,30 @@ TEST(SpinUntilTest, OnOneCpu_LearnsThatAnswersComeOnlyAfterAYield) {
     SpinUntil(1h, learner, [&] { return ++looks == 1; }); // before any yield, but after a single look
     EXPECT_TRUE(learner.ShouldYieldAtOnce());
     hasOneCpu = false;
+}
+
+TEST(SpinUntilTest, OnSeveralCpus_YieldsTheCpuOnceItHasSpunForLong) {
+    SpinLearner learner;
+    yields = 0;
+    int looks = 0;
+    EXPECT_TRUE(SpinUntil(1h, learner, [&] { return ++looks == 32; }));
+    EXPECT_EQ(yields, 0);
+    const auto start = borven_host::SteadyClock::now();
+    EXPECT_TRUE(SpinUntil(1h, learner, [&] {
+        return yields == 2 || borven_host::SteadyClock::now() - start > 10s; // the test fails then
+    }));
+    EXPECT_EQ(yields, 2);
+    EXPECT_GE(borven_host::SteadyClock::now() - start, borven_host::UnsharedSpin);
+}
+
+TEST(SpinUntilTest, OnSeveralCpus_BesideABusyThread_KeepsItsCpu) {
+    SpinLearner learner;
+    learner.Shared(1s);
+    yields = 0;
+    const auto start = borven_host::SteadyClock::now();
+    EXPECT_FALSE(SpinUntil(2 * borven_host::UnsharedSpin, learner, [] { return false; }));
+    EXPECT_GE(borven_host::SteadyClock::now() - start, 2 * borven_host::UnsharedSpin);
+    EXPECT_EQ(yields, 0);
 }
 
 TEST(SpinUntilTest, OnSeveralCpus_LearnsNothingAboutYields) {

@@ -23,14 +23,13 @@ inline void Pause() noexcept {
 /// does, so a thread that spins yields the CPU between two looks: cheaper than to sleep and be woken.
 bool HasOneCpu() noexcept;
 
-/// Learns whether spinning pays. After a failure it is left out for a number of occasions, which doubles with each
-/// failure: a caller of slow methods hardly ever spins, and still finds out when they become fast. It also learns
-/// whether to yield the CPU at once: where the peer has no other CPU, no answer comes before that.
+/// Learns whether something pays, by exponential backoff: after a failure it is left out for a number of occasions,
+/// which doubles with each failure.
 ///
 /// Threads: one at a time.
-class SpinLearner final {
+class Backoff final {
 public:
-    /// Asked once on each occasion. Returns: whether to spin now.
+    /// Asked once on each occasion. Returns: whether to try it now.
     bool IsWorthwhile() noexcept {
         if (toSkip == 0) {
             return true;
@@ -52,6 +51,32 @@ public:
         toSkip = 1U << failures;
     }
 
+private:
+    static constexpr std::uint32_t MaxFailures = 10; ///< one try in a thousand: less than one percent of the time
+    static constexpr std::uint32_t Forgiving = 16;
+
+    std::uint32_t toSkip = 0;
+    std::uint32_t failures = 0;
+    std::uint32_t successes = 0;
+};
+
+/// Learns whether and how to spin. A caller of slow methods hardly ever spins, and still finds out when they become
+/// fast.
+///
+/// Threads: one at a time.
+class SpinLearner final {
+public:
+    /// Asked once on each occasion. Returns: whether to spin now.
+    bool IsWorthwhile() noexcept { return spin.IsWorthwhile(); }
+    void Succeeded() noexcept { spin.Succeeded(); }
+    void Failed() noexcept { spin.Failed(); }
+
+    /// Asked once on each occasion. Returns: whether to yield the CPU while spinning for long.
+    bool ShouldShare() noexcept { return share.IsWorthwhile(); }
+
+    /// A yield took `duration`.
+    void Shared(SteadyClock::duration duration) noexcept { duration < LongYield ? share.Succeeded() : share.Failed(); }
+
     /// Asked once on each occasion, on one CPU. Returns: whether to yield after one look, because looking again would
     /// not help: the peer cannot have run yet.
     bool ShouldYieldAtOnce() noexcept { return cameAfterYield == OftenEnough && ++yieldedAtOnce % Retry != 0; }
@@ -60,20 +85,25 @@ public:
     void CameAfterYield() noexcept { cameAfterYield = std::min(cameAfterYield + 1, OftenEnough); }
 
 private:
-    static constexpr std::uint32_t MaxFailures = 10; ///< one try in a thousand: less than one percent of the time
-    static constexpr std::uint32_t Forgiving = 16;
     static constexpr std::uint32_t OftenEnough = 4;
     static constexpr std::uint32_t Retry = 64;
 
-    std::uint32_t toSkip = 0;
-    std::uint32_t failures = 0;
-    std::uint32_t successes = 0;
+    /// The CPU went to a thread that used all of its time slice. Such a thread would get the CPU at every yield.
+    static constexpr std::chrono::microseconds LongYield{500};
+
+    Backoff spin;
+    Backoff share;
     std::uint32_t cameAfterYield = 0; ///< answers in a row
     std::uint32_t yieldedAtOnce = 0;
 };
 
-/// Calls `look` until it returns true, at most for `limit`, or five times as long where the CPU is yielded in between:
-/// on one CPU, or where more threads than CPUs have something to do (`isCrowded`).
+/// How long a thread spins before it yields the CPU now and then. A thread that was woken on that CPU would otherwise
+/// wait until the scheduler takes it away, which can be milliseconds later.
+inline constexpr std::chrono::microseconds UnsharedSpin{5};
+
+/// Calls `look` until it returns true, at most for `limit`. The CPU is yielded in between: now and then after
+/// UnsharedSpin, as long as that proves to be short; or after each look, for five times as long, on one CPU or where
+/// more threads than CPUs have something to do (`isCrowded`).
 /// Returns: whether it did return true.
 template <typename Look>
 bool SpinUntil(SteadyClock::duration limit, SpinLearner& learner, const Look& look, bool isCrowded = false) noexcept {
@@ -96,10 +126,16 @@ bool SpinUntil(SteadyClock::duration limit, SpinLearner& learner, const Look& lo
         }
         return true;
     }
-    const auto end = SteadyClock::now() + (yields ? turns * limit : limit);
+    const auto start = SteadyClock::now();
+    const auto end = start + (yields ? turns * limit : limit);
+    auto now = start;
+    const bool shares = !yields && learner.ShouldShare();
     do {
         if (yields) {
             ::sched_yield();
+        } else if (shares && now - start >= UnsharedSpin) {
+            ::sched_yield();
+            learner.Shared(SteadyClock::now() - now);
         }
         if (looks(yields ? 1 : looksPerClock)) {
             if (yields) {
@@ -107,7 +143,8 @@ bool SpinUntil(SteadyClock::duration limit, SpinLearner& learner, const Look& lo
             }
             return true;
         }
-    } while (SteadyClock::now() < end);
+        now = SteadyClock::now();
+    } while (now < end);
     return false;
 }
 
