@@ -4,13 +4,11 @@ A hypervisor moves its virtual CPUs. Two of them that share a core or a cache pa
 two that do not, and so the same machine has two sets of figures. Each pass records which one it belongs to.
 """
 
-import math
-
 from .text import number, table
 
 FIGURE = "lineNs"
 MEASURES = (("M1", "ops"), ("M3", "deliveries"), ("M4", "deliveries"))
-LEAST_RATIO = 2
+FAR = 2.5   # times the shortest time of the run
 
 
 def distances(results):
@@ -21,9 +19,9 @@ def distances(results):
 
 def border(lines):
     """Returns: the time in ns between near and far CPUs, or None when all passes had CPUs of one kind."""
-    if not lines or max(lines) < LEAST_RATIO * min(lines):
+    if not lines or max(lines) < FAR * min(lines):
         return None
-    return math.sqrt(max(lines) * min(lines))
+    return FAR * min(lines)
 
 
 def divided(results, measure, figure, system, limit):

@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <new>
+#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -73,7 +74,11 @@ int main(int argc, char** argv) {
         if (child == 0) {
             _exit(Receive(progress, bursts * values));
         }
+        int status = 0;
         while (progress.received < 0) {
+            if (waitpid(child, &status, WNOHANG) != 0) {
+                throw std::runtime_error("the subscriber has ended");
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         msgbus::Publisher publisher(Topic);
@@ -91,7 +96,6 @@ int main(int argc, char** argv) {
         while (!Arrive(progress, pushed)) {
             static_cast<void>(publisher.TryPush(pushed));
         }
-        int status = 0;
         waitpid(child, &status, 0);
         std::cout << R"({"bursts": )" << bursts << R"(, "values": )" << values << R"(, "stranded": )" << stranded
                   << R"(, "inOrder": )" << (status == 0 ? "true" : "false") << "}\n";

@@ -118,7 +118,7 @@ class CacheLine(unittest.TestCase):
     def test_passes_are_divided_by_the_distance(self):
         run = results.Results(run_of(self.NEAR_AND_FAR), SYSTEMS)
         limit = cache_line.border(cache_line.distances(run))
-        self.assertAlmostEqual(limit, (95 * 510) ** 0.5)
+        self.assertAlmostEqual(limit, 237.5)
         self.assertEqual(cache_line.divided(run, "M1", "ops", OURS, limit), ([1600, 1700], [600]))
         self.assertEqual(cache_line.divided(run, "M1", "ops", "redis", limit), ([], [130]))
         text = "\n".join(cache_line.section(run, report.spread))
@@ -126,8 +126,13 @@ class CacheLine(unittest.TestCase):
         self.assertIn("| – | 130 (1) |", text)
 
     def test_cpus_of_one_kind_are_not_divided(self):
-        self.assertIsNone(cache_line.border([95, 120, 189]))
-        self.assertIsNotNone(cache_line.border([95, 120, 190]))
+        self.assertIsNone(cache_line.border([100, 120, 249]))
+        self.assertEqual(cache_line.border([100, 120, 250]), 250)
+
+    def test_a_disturbed_measurement_does_not_move_the_border(self):
+        self.assertEqual(cache_line.border([100, 120, 450, 370_000]), 250)
+
+    def test_near_cpus_alone_are_one_figure(self):
         passes = [{"deliveries": 1, "lineNs": 95}, {"deliveries": 2, "lineNs": 105}]
         run = results.Results(run_of({"M3": {"unpinned": {OURS: passes}}}), SYSTEMS)
         text = "\n".join(cache_line.section(run, report.spread))
