@@ -17,6 +17,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -26,6 +27,7 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -192,6 +194,7 @@ Samples WithChild(Placement placement, const std::function<void()>& body, Work w
         Fail("fork");
     }
     if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // it may spin, and would do so for ever
         if (placement == Placement::Apart) {
             RunOnCpu(1);
         }
