@@ -1,5 +1,5 @@
 // Defends the turn to spin, of which a process has one: a channel gives it up with its poller or its life, and loses it
-// when no thread of the channel uses it.
+// when no thread of the channel uses it. And defends that a client that is removed leaves nothing behind.
 #include "records/poller_role.h"
 
 #include "kn/status.h"
@@ -41,11 +41,15 @@ public:
 
     /// The client has rung twice in quick succession.
     void BeginStream() {
+        Learn(client);
+        Learn(client);
+    }
+
+    void Learn(const std::shared_ptr<ChannelClient>& rung) {
         if (!role->TryEnter()) {
             FAIL() << "the role is free";
         }
-        role->Learn(client, SteadyClock::duration::zero());
-        role->Learn(client, SteadyClock::duration::zero());
+        role->Learn(rung, SteadyClock::duration::zero());
         role->Leave();
     }
 
@@ -73,6 +77,13 @@ public:
 
     /// Whether the client is to rely on the poller.
     bool IsAnnounced() const { return client->Slot().reply.hint.load() == 1; }
+
+    /// The client is removed, as the housekeeper does it. Returns: the last reference to it.
+    std::shared_ptr<ChannelClient> RemoveClient() {
+        EXPECT_EQ(client, clients.Remove(client->id));
+        role->ForgetGone();
+        return std::exchange(client, nullptr);
+    }
 
     ClientTable clients{Channel::DeadClient::ReplyAnswersOk};
     std::optional<PollerRole> role{std::in_place, clients};
@@ -152,6 +163,19 @@ TEST_F(PollerTurnTest, AChannelThatUsesTheTurn_KeepsIt) {
         EXPECT_FALSE(second.Poll());
         EXPECT_FALSE(second.role->HasTurn());
     }
+}
+
+TEST(PollerRoleTest, AClientThatIsRemoved_IsReleased) {
+    PolledChannel channel;
+    channel.BeginStream();
+    EXPECT_EQ(1, channel.RemoveClient().use_count());
+}
+
+TEST(PollerRoleTest, AClientThatIsRemovedWhileItsRequestIsClaimed_IsNotKept) {
+    PolledChannel channel;
+    const auto claimed = channel.RemoveClient();
+    channel.Learn(claimed);
+    EXPECT_EQ(1, claimed.use_count());
 }
 
 } // namespace

@@ -114,6 +114,9 @@ void PollerRole::EndTurn() noexcept {
 void PollerRole::Learn(const std::shared_ptr<ChannelClient>& client, SteadyClock::duration gap) noexcept {
     shortGaps = gap < ShortGap ? std::min(shortGaps + 1, ShortGapsWanted) : 0;
     assert(recent.size() <= MaxRecent && recent.capacity() >= MaxRecent);
+    if (client->IsGone()) {
+        return; // removed since its request was claimed, so ForgetGone may have been and will not come again
+    }
     if (std::find(recent.begin(), recent.end(), client) != recent.end()) {
         return;
     }

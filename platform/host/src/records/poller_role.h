@@ -27,8 +27,9 @@
 //   the two sees the other. Both miss it if a third thread has the role just then, to learn or to forget a client; the
 //   request then waits until its client rings, at the end of its spin.
 // - The clients that ring compete with the recent ones: every 64 looks the poller asks the kernel for a ring.
-// - A client that is removed must not stay among the recent. RemoveClient sets hasGone, then tries to take the role;
-//   a poller frees the role, then reads hasGone: one of the two drops the references.
+// - A client that is removed must not stay among the recent, nor come to them later. RemoveClient sets hasGone, then
+//   tries to take the role; a poller frees the role, then reads hasGone: one of the two drops the references. A
+//   receiver that has claimed a request of such a client does not learn it.
 
 namespace borven_host {
 
@@ -47,7 +48,7 @@ public:
 
     /// Returns: whether the calling thread has the role now. Blocks: never. Threads: any.
     bool TryEnter() noexcept TRY_ACQUIRE(true) {
-        return !isHeld.load(std::memory_order_relaxed) && !isHeld.exchange(true, std::memory_order_seq_cst);
+        return !isHeld.load(std::memory_order_seq_cst) && !isHeld.exchange(true, std::memory_order_seq_cst);
     }
 
     void Leave() noexcept RELEASE() {
