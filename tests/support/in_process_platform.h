@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kn/caller.h"
 #include "kn/connection_manager.h"
 #include "kn/handle.h"
 #include "nk/deferred_reply.h"
@@ -32,6 +33,7 @@ class InProcessPlatform final {
 public:
     static constexpr const char* TaskName = "scripted";
     static constexpr NsHandle TheNameServer = 1;
+    static constexpr std::uint32_t MostConnections = 2048;
 
     InProcessPlatform();
     ~InProcessPlatform();
@@ -49,6 +51,9 @@ public:
     std::int32_t Connect(const char* service, std::uint32_t timeoutMs, KnHandle* handle);
 
     std::int32_t SetMethodCount(const char* type, std::uint32_t methodCount);
+    std::int32_t SetConnectionLimits(std::uint32_t perCaller, std::uint32_t perChannel);
+
+    std::int32_t CallerOfRequest(KnCaller* caller) const;
 
     std::int32_t Close(KnHandle handle);
     void StopReceiving();
@@ -67,6 +72,7 @@ private:
     struct PendingClient {
         std::string name;
         std::string service;
+        std::int32_t process = 0;
         bool isListed = false; // given to a listener
         bool isAnswered = false;
         bool isGone = false; // its own time-out passed
@@ -85,6 +91,8 @@ private:
     std::map<std::string, KnHandle> staticNames;
     std::map<std::string, std::string> services; // service to interface type
     std::map<std::string, std::uint32_t> methodCounts;
+    std::uint32_t connectionsPerCaller = MostConnections;
+    std::uint32_t connectionsPerChannel = MostConnections;
     std::list<std::shared_ptr<PendingClient>> pending;
     std::uint64_t clientCount = 0;
     bool isClosed = false; // by StopReceiving and CloseServerEnds, until something is offered anew

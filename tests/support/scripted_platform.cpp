@@ -3,6 +3,7 @@
 #include "bos/logger.h"
 #include "kn/policy.h"
 #include "kn/task.h"
+#include "support/in_process_callers.h"
 #include "support/journal.h"
 
 #include <atomic>
@@ -170,6 +171,24 @@ std::int32_t KnCmConnect(const char* service, std::uint32_t timeoutMs, KnHandle*
 
 std::int32_t KnPolicySetMethodCount(const char* type, std::uint32_t methodCount) noexcept {
     return Platform().InProcess().SetMethodCount(type, methodCount);
+}
+
+std::int32_t KnPolicySetConnectionLimits(std::uint32_t perCaller, std::uint32_t perChannel) noexcept {
+    return Platform().InProcess().SetConnectionLimits(perCaller, perChannel);
+}
+
+std::int32_t KnCallerOfRequest(KnCaller* caller) noexcept {
+    return Platform().InProcess().CallerOfRequest(caller);
+}
+
+std::uint64_t KnCallerId() noexcept {
+    KnCaller caller;
+    return KnCallerOfRequest(&caller) == KnStatusInvalidArgument ? 0 : caller.id;
+}
+
+std::int32_t KnObserveRequests(KnIRequestObserver* observer, std::uint16_t iid) noexcept {
+    test_support::InProcessCallers::Instance().SetObserver(observer, iid);
+    return KnStatusOk;
 }
 
 std::int32_t KnHandleClose(KnHandle handle) noexcept {

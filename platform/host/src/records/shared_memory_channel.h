@@ -3,6 +3,7 @@
 #include "base/unique_fd.h"
 #include "nk/deferred_reply.h"
 #include "nk/message.h"
+#include "records/caller.h"
 #include "records/request_filter.h"
 #include "records/shared_memory_ends.h"
 
@@ -34,7 +35,7 @@ public:
     /// Returns: 0 and `*clientId`; KnStatusClosed; KnStatusBusy; KnStatusNoResources; KnStatusPeerGone. Blocks: never.
     /// Threads: any.
     std::int32_t AddClient(UniqueFd&& socket, std::uint32_t layoutVersion, const RequestFilter& filter,
-                           std::uint64_t* clientId);
+                           std::uint64_t* clientId, std::shared_ptr<const Caller> caller = nullptr);
 
     /// The same for a client that has its ends already; nothing is sent.
     std::int32_t AddClient(UniqueFd&& socket, SharedMemoryEnds&& ends, const RequestFilter& filter,
