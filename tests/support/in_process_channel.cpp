@@ -202,6 +202,16 @@ std::int32_t InProcessChannel::TakeBackOffers(const NkDeferredReply& deferred, s
     return KnStatusOk;
 }
 
+std::int32_t InProcessChannel::NoteLoss(const NkDeferredReply& deferred, const NkLoss& loss) {
+    const std::lock_guard lock(mutex);
+    std::shared_ptr<ConnectionState> connection;
+    const auto status = Find(deferred, connection);
+    if (status == KnStatusOk) {
+        connection->loss = loss;
+    }
+    return status;
+}
+
 std::int32_t InProcessChannel::Find(const NkDeferredReply& deferred,
                                     std::shared_ptr<ConnectionState>& connection) const {
     if (isClosed) {
@@ -303,6 +313,11 @@ bool InProcessConnection::TakeOffer(const nk_message* request, nk_message* respo
     const std::int64_t value = offers.values[offers.next++];
     std::memcpy(reinterpret_cast<std::uint8_t*>(response) + offers.offset, &value, sizeof value);
     return true;
+}
+
+NkLoss InProcessConnection::Loss() const {
+    const std::lock_guard lock(channel->mutex);
+    return state->loss;
 }
 
 void InProcessConnection::Close() {

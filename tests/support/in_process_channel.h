@@ -1,6 +1,7 @@
 #pragma once
 
 #include "nk/deferred_reply.h"
+#include "nk/loss.h"
 #include "nk/message.h"
 #include "support/in_process_callers.h"
 
@@ -49,6 +50,7 @@ struct ConnectionState {
     std::shared_ptr<Exchange> current;  ///< of the call that is under way
     std::shared_ptr<Exchange> deferred; ///< the same, while its reply is deferred
     std::optional<Offers> offers;
+    NkLoss loss;
 };
 
 /// What a connection may ask.
@@ -70,6 +72,7 @@ public:
     std::int32_t ReplyDeferred(const NkDeferredReply& deferred, const nk_message& response, const NkOffers& offers,
                                std::size_t& offered);
     std::int32_t TakeBackOffers(const NkDeferredReply& deferred, std::size_t& taken);
+    std::int32_t NoteLoss(const NkDeferredReply& deferred, const NkLoss& loss);
     /// Returns: the caller of the request that the calling thread has received from this channel; null: none.
     std::shared_ptr<InProcessCaller> CallerOfRequest();
     bool HasRoom(std::uint32_t perCaller, std::uint32_t perChannel);
@@ -107,6 +110,7 @@ public:
 
     std::int32_t Call(const nk_message* request, nk_message* response);
     void Close();
+    NkLoss Loss() const;
 
 private:
     /// Takes the next offer in place of the reply to `request`, if there is one. Returns: whether there was.

@@ -351,4 +351,24 @@ std::int32_t InProcessPlatform::TakeBackOffers(const NkDeferredReply& deferred, 
     return channel ? channel->TakeBackOffers(deferred, *taken) : status;
 }
 
+std::int32_t InProcessPlatform::NoteLoss(const NkDeferredReply& deferred, const NkLoss& loss) {
+    std::int32_t status = 0;
+    const auto channel = FindChannel(deferred.channel, status);
+    return channel ? channel->NoteLoss(deferred, loss) : status;
+}
+
+std::int32_t InProcessPlatform::ReadLoss(KnHandle connection, NkLoss* loss) const {
+    const std::lock_guard lock(mutex);
+    const auto found = connections.find(connection);
+    if (loss == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    if (found == connections.end()) {
+        const bool wasClient = connection != 0 && connection <= lastHandle && !channels.contains(connection);
+        return wasClient ? KnStatusClosed : KnStatusInvalidArgument;
+    }
+    *loss = found->second->Loss();
+    return KnStatusOk;
+}
+
 } // namespace test_support

@@ -4,6 +4,7 @@
 #include "kn/connection_manager.h"
 #include "kn/handle.h"
 #include "nk/deferred_reply.h"
+#include "nk/loss.h"
 #include "nk/transport.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
@@ -67,6 +68,8 @@ public:
     std::int32_t ReplyDeferred(const NkDeferredReply& deferred, const nk_message* response, const NkOffers& offers,
                                std::size_t* offered);
     std::int32_t TakeBackOffers(const NkDeferredReply& deferred, std::size_t* taken);
+    std::int32_t NoteLoss(const NkDeferredReply& deferred, const NkLoss& loss);
+    std::int32_t ReadLoss(KnHandle connection, NkLoss* loss) const;
 
 private:
     struct PendingClient {

@@ -260,3 +260,12 @@ std::int32_t NkTakeBackOffers(const NkDeferredReply& deferred, std::size_t* take
     return Platform().takeBackOffers.Run(
         [](const auto&... args) { return Platform().InProcess().TakeBackOffers(args...); }, deferred, taken);
 }
+
+std::int32_t NkNoteLoss(const NkDeferredReply& deferred, const NkLoss& loss) noexcept {
+    return Platform().noteLoss.Run([](const auto&... args) { return Platform().InProcess().NoteLoss(args...); },
+                                   deferred, loss);
+}
+
+std::int32_t NkReadLoss(KnHandle connection, NkLoss* loss) noexcept {
+    return Platform().InProcess().ReadLoss(connection, loss);
+}

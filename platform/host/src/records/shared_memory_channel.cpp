@@ -232,6 +232,20 @@ std::int32_t Channel::TakeBackOffers(const NkDeferredReply& deferred, std::size_
     return KnStatusOk;
 }
 
+std::int32_t Channel::NoteLoss(const NkDeferredReply& deferred, const NkLoss& loss) noexcept {
+    if (state->clients.IsClosed(std::memory_order_acquire)) {
+        return KnStatusClosed;
+    }
+    std::shared_ptr<ChannelClient> client;
+    if (const auto status = state->clients.Find(deferred.client, client); status != KnStatusOk) {
+        return status;
+    }
+    SharedSlot& slot = client->Slot();
+    slot.reason.store(loss.reason, std::memory_order_relaxed); // the word of the next reply orders both
+    slot.lost.store(loss.lost, std::memory_order_relaxed);
+    return KnStatusOk;
+}
+
 void Channel::StopReceiving() noexcept {
     state->clients.StopReceiving();
 }

@@ -2,6 +2,7 @@
 
 #include "base/unique_fd.h"
 #include "nk/deferred_reply.h"
+#include "nk/loss.h"
 #include "nk/message.h"
 #include "records/caller.h"
 #include "records/request_filter.h"
@@ -53,6 +54,9 @@ public:
     std::int32_t ReplyDeferred(const NkDeferredReply& deferred, const nk_message& response, const NkOffers& offers,
                                std::size_t& offered) noexcept;
     std::int32_t TakeBackOffers(const NkDeferredReply& deferred, std::size_t& taken) noexcept;
+
+    /// See nk/loss.h.
+    std::int32_t NoteLoss(const NkDeferredReply& deferred, const NkLoss& loss) noexcept;
 
     /// Makes every blocked or later receive return KnStatusClosed. Clients stay, and received requests can be replied
     /// to. Idempotent. Threads: any.
