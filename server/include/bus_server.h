@@ -1,15 +1,20 @@
 #pragma once
 
+#include "caller_accounts.h"
 #include "channel_deadline.h"
+#include "clean_up.h"
 #include "closing_log_filter.h"
 #include "flush_wake.h"
 #include "forwarding_connector.h"
+#include "handshake_watch.h"
 #include "inherited_thread_name.h"
 #include "ipc_server.h"
 #include "message_bus.h"
+#include "ownership.h"
 #include "parked_waits.h"
 #include "placement.h"
 #include "reserved_threads.h"
+#include "server_limits.h"
 #include "subscriber_ledger.h"
 
 #include <functional>
@@ -36,6 +41,8 @@ struct BusServerOptions {
     bool parkedWaits = true; ///< ParkedWaits
     bool flushWake = true;   ///< FlushWake
     bool placement = true;   ///< Placement, where threads may be confined; it needs ParkedWaits to see deliveries
+    bool ownership = true;   ///< Ownership, and the end of registrations with the process that made them
+    std::optional<Limits> limits = Limits{};
 };
 
 /// The bus as a server: builds the bus, its decorators, the connector and the IPC server, runs them, and stops them in
@@ -74,12 +81,15 @@ public:
     message_bus::MessageBus& Bus() noexcept { return bus; }
 
 private:
+    void OwnRegistrations();
+    message_bus::IProvider& Provider() noexcept;
     void Offer();
+    void CloseServerEnds();
     void NoteDelivery() noexcept;
     void OnServing();
     void Stop();
 
-    const message_bus::ConnectionType connectionType;
+    const BusServerOptions options;
     ClosingLogFilter logFilter;
     std::function<void()> reportServing;
     std::string startFailure;                            ///< a sentence; empty: served
@@ -91,6 +101,10 @@ private:
     std::optional<Placement> placement;
     std::optional<ParkedWaits> parkedWaits;
     SubscriberLedger ledger;
+    CallerAccounts accounts;
+    std::optional<CleanUp> cleanUp;
+    std::optional<HandshakeWatch> handshakeWatch;
+    std::optional<Ownership> ownership;
     std::shared_ptr<bos_ipc::IpcServer> server; ///< null once stopped
     std::unique_ptr<message_bus::BosConnector> connector;
     std::shared_ptr<ForwardingConnector> forwarding; ///< the bus keeps a share of it until it is destroyed

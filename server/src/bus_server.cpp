@@ -10,6 +10,7 @@
 #include "ns/name_server.h"
 #include "service_locator.h"
 #include "stop_events_thread.h"
+#include "subscribe_helper.h"
 
 #include <chrono>
 #include <cstddef>
@@ -113,10 +114,9 @@ void StartingThreads(const Start& start) {
 
 } // namespace
 
-BusServer::BusServer(const BusServerOptions& options)
-    : connectionType(options.connectionType),
-      ledger(bus, MakeWorker(parkedWaits, bus, options.parkedWaits, [this] { NoteDelivery(); })),
-      server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
+BusServer::BusServer(const BusServerOptions& chosen)
+    : options(chosen), ledger(bus, MakeWorker(parkedWaits, bus, options.parkedWaits, [this] { NoteDelivery(); })),
+      accounts(options.limits), server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
       connector(std::make_unique<message_bus::BosConnector>(server)),
       forwarding(std::make_shared<ForwardingConnector>(
           *connector, [this] { eventsThreadName.reset(); }, [this] { OnServing(); })) {
@@ -128,7 +128,32 @@ BusServer::BusServer(const BusServerOptions& options)
         if (options.placement && common::MayConfineThreads()) {
             placement.emplace(flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus);
         }
+        if (options.ownership || options.limits) {
+            OwnRegistrations();
+        }
     });
+}
+
+/// Puts the decorators that know the callers before all others.
+void BusServer::OwnRegistrations() {
+    cleanUp.emplace(accounts, ledger, [this](long handshake) {
+        long none = -1;
+        connector->GetSubscribeHelper()->FinishSubscribing(handshake, false, none);
+    });
+    const auto endAllOf = [this](const KnCaller& caller) {
+        if (options.ownership) {
+            cleanUp->EndAllOf(caller);
+        }
+    };
+    handshakeWatch.emplace(accounts, options.ownership,
+                           HandshakeWatch::Actions{endAllOf, [this] { cleanUp->NoteHandshake(); }});
+    ownership.emplace(Ownership::Bus{Provider(), ledger, ledger}, accounts, options.ownership, endAllOf);
+}
+
+message_bus::IProvider& BusServer::Provider() noexcept {
+    return placement   ? static_cast<message_bus::IProvider&>(*placement)
+           : flushWake ? static_cast<message_bus::IProvider&>(*flushWake)
+                       : bus;
 }
 
 BusServer::~BusServer() = default;
@@ -137,21 +162,29 @@ void BusServer::Offer() {
     for (const auto& interface : br_MessageBus_interfaces) {
         KnPolicySetMethodCount(interface.type, interface.methodCount);
     }
-    message_bus::IProvider& provider = placement   ? static_cast<message_bus::IProvider&>(*placement)
-                                       : flushWake ? static_cast<message_bus::IProvider&>(*flushWake)
-                                                   : bus;
-    if (!connector->Init(Lend<message_bus::IProviderControl>(ledger), Lend(provider),
-                         Lend<message_bus::IWorker>(ledger))) {
-        KnHandleCloseServerEnds();
+    const Limits limits = options.limits.value_or(Limits{.connectionsPerProcess = Limits{}.connections});
+    KnPolicySetConnectionLimits(static_cast<std::uint32_t>(limits.connectionsPerProcess),
+                                static_cast<std::uint32_t>(limits.connections));
+    if (handshakeWatch) {
+        KnObserveRequests(&*handshakeWatch, br_MessageBusComponent_ctl_iid);
+    }
+    const bool isOffered =
+        ownership ? connector->Init(Lend<message_bus::IProviderControl>(*ownership),
+                                    Lend<message_bus::IProvider>(*ownership), Lend<message_bus::IWorker>(*ownership))
+                  : connector->Init(Lend<message_bus::IProviderControl>(ledger), Lend(Provider()),
+                                    Lend<message_bus::IWorker>(ledger));
+    if (!isOffered) {
+        CloseServerEnds();
         reserve.reset();
-        throw OfferError(ReasonOfFailure(connectionType));
+        throw OfferError(ReasonOfFailure(options.connectionType));
     }
 }
 
 bool BusServer::Run(std::function<void()> onServing) {
     // All at once at first: a limit that is too low is an error here, but the end of the process when the bus meets it.
-    StartingThreads([this] { reserve.emplace(RemoverCount(connectionType) + LaterThreadCount(connectionType)); });
-    reserve->Shrink(RemoverCount(connectionType));
+    StartingThreads(
+        [this] { reserve.emplace(RemoverCount(options.connectionType) + LaterThreadCount(options.connectionType)); });
+    reserve->Shrink(RemoverCount(options.connectionType));
     Offer();
     reportServing = std::move(onServing);
     eventsThreadName.emplace("bus-events");
@@ -181,7 +214,7 @@ void BusServer::NoteDelivery() noexcept {
 
 void BusServer::OnServing() {
     deadline->Arm(StartLimit, "The start takes too long");
-    startFailure = AwaitReceivers(connectionType);
+    startFailure = AwaitReceivers(options.connectionType);
     deadline->Disarm();
     if (!startFailure.empty()) {
         // Now, and not only in the exception: where the bus could not start its worker, the stop does not end.
@@ -189,10 +222,15 @@ void BusServer::OnServing() {
         RequestStop();
         return;
     }
-    Log(LogLevel::Info, "Serving in {} mode", ModeName(connectionType));
+    Log(LogLevel::Info, "Serving in {} mode", ModeName(options.connectionType));
     if (reportServing) {
         reportServing();
     }
+}
+
+void BusServer::CloseServerEnds() {
+    KnHandleCloseServerEnds();
+    KnObserveRequests(nullptr, 0);
 }
 
 void BusServer::Stop() {
@@ -203,12 +241,15 @@ void BusServer::Stop() {
     KnHandleStopReceiving(); // first: publishers that go on pushing could keep the next step waiting
     Log(LogLevel::Info, "Released subscribers: {}", ledger.StopAndUnregisterAll());
     deadline->Arm(StopLimit, "A thread does not end");
+    if (cleanUp) {
+        cleanUp->Stop(); // it uses the connector
+    }
     server->WaitAllThreads();
     server.reset();
     connector.reset(); // the last owner of the server, which joins its other threads
     deadline->Disarm();
     logFilter.SetClosing(false);
-    KnHandleCloseServerEnds();
+    CloseServerEnds();
     if (placement) {
         placement->End();
     }
