@@ -13,6 +13,9 @@
 #include "ownership.h"
 #include "parked_waits.h"
 #include "placement.h"
+#include "queue_budget.h"
+#include "queue_limit.h"
+#include "registration_gate.h"
 #include "reserved_threads.h"
 #include "server_limits.h"
 #include "subscriber_ledger.h"
@@ -22,6 +25,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace message_bus {
 class BosConnector;
@@ -43,6 +47,8 @@ struct BusServerOptions {
     bool placement = true;   ///< Placement, where threads may be confined; it needs ParkedWaits to see deliveries
     bool ownership = true;   ///< Ownership, and the end of registrations with the process that made them
     std::optional<Limits> limits = Limits{};
+    std::vector<QueueRule> queueRules{}; ///< only with `limits`
+    bool registrationGate = true;      ///< RegistrationGate
 };
 
 /// The bus as a server: builds the bus, its decorators, the connector and the IPC server, runs them, and stops them in
@@ -81,6 +87,8 @@ public:
     message_bus::MessageBus& Bus() noexcept { return bus; }
 
 private:
+    message_bus::IWorker& MakeWorker();
+    void CutSubscriber(long id);
     void OwnRegistrations();
     message_bus::IProvider& Provider() noexcept;
     void Offer();
@@ -99,8 +107,10 @@ private:
     message_bus::MessageBus bus;
     std::optional<FlushWake> flushWake;
     std::optional<Placement> placement;
+    std::optional<QueueBudget> queueBudget;
     std::optional<ParkedWaits> parkedWaits;
     SubscriberLedger ledger;
+    std::optional<RegistrationGate> gate;
     CallerAccounts accounts;
     std::optional<CleanUp> cleanUp;
     std::optional<HandshakeWatch> handshakeWatch;

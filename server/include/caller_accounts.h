@@ -64,7 +64,8 @@ public:
     /// Ends a registration, and what was charged for it. Does nothing when it is not known.
     void Remove(Registration ended);
 
-    /// Returns: whether `caller` may use the registration. One that is not known belongs to nobody.
+    /// Returns: whether `caller` may use the registration. Of those that no caller has made, publishers are the
+    /// server's own, and the others do not exist.
     bool MayUse(const KnCaller& caller, Registration used) const;
 
     /// Returns: the caller that made the registration; one without a process when it is not known.

@@ -4,6 +4,7 @@
 #include "bos_connector.h"
 #include "br_MessageBus.h"
 #include "diagnostics.h"
+#include "kn/caller.h"
 #include "kn/handle.h"
 #include "kn/policy.h"
 #include "kn/status.h"
@@ -95,12 +96,6 @@ std::string ReasonOfFailure(ConnectionType type) {
            "; is the runtime directory (BORVEN_RUNTIME_DIR) writable and yours alone?";
 }
 
-/// Returns: `decorator`, made of the bus, or the bus itself.
-message_bus::IWorker& MakeWorker(std::optional<ParkedWaits>& decorator, message_bus::MessageBus& bus, bool isWanted,
-                                 std::function<void()> onDelivery) {
-    return isWanted ? static_cast<message_bus::IWorker&>(decorator.emplace(bus, std::move(onDelivery))) : bus;
-}
-
 /// Runs `start`, which starts threads. Throws: OfferError when the system refuses one.
 template <typename Start>
 void StartingThreads(const Start& start) {
@@ -115,8 +110,8 @@ void StartingThreads(const Start& start) {
 } // namespace
 
 BusServer::BusServer(const BusServerOptions& chosen)
-    : options(chosen), ledger(bus, MakeWorker(parkedWaits, bus, options.parkedWaits, [this] { NoteDelivery(); })),
-      accounts(options.limits), server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
+    : options(chosen), ledger(bus, MakeWorker()), accounts(options.limits),
+      server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
       connector(std::make_unique<message_bus::BosConnector>(server)),
       forwarding(std::make_shared<ForwardingConnector>(
           *connector, [this] { eventsThreadName.reset(); }, [this] { OnServing(); })) {
@@ -128,15 +123,60 @@ BusServer::BusServer(const BusServerOptions& chosen)
         if (options.placement && common::MayConfineThreads()) {
             placement.emplace(flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus);
         }
-        if (options.ownership || options.limits) {
+        if (options.ownership || options.limits || options.registrationGate) {
             OwnRegistrations();
         }
     });
 }
 
+/// Makes the worker behind the ledger. Returns: it; the bus itself where nothing is added to waits.
+message_bus::IWorker& BusServer::MakeWorker() {
+    if (!options.parkedWaits && !options.limits) {
+        return bus;
+    }
+    QueueControl control;
+    if (options.limits) {
+        queueBudget.emplace(options.limits->queuedBytesPerProcess, options.limits->queuedBytes);
+        control.limitOf = [this](const message_bus::Subscriber& subscriber) {
+            return QueueLimitOf(subscriber, *options.limits, options.queueRules);
+        };
+        control.budget = &*queueBudget;
+        control.cut = [this](long id) { cleanUp->Post([this, id] { CutSubscriber(id); }); };
+        control.exceeded = [this](QueueBudget::Exceeded what, std::uint64_t caller) {
+            const bool isTotal = what == QueueBudget::Exceeded::Total;
+            const std::size_t most = isTotal ? queueBudget->MostOfAll() : queueBudget->MostOfCaller();
+            cleanUp->Post([this, isTotal, caller, most] {
+                parkedWaits->CutLargest(isTotal ? std::nullopt : std::optional(caller), most);
+            });
+        };
+    }
+    return parkedWaits.emplace(
+        bus, [this] { NoteDelivery(); }, std::move(control), options.parkedWaits);
+}
+
+/// Unregisters a subscriber that was cut.
+void BusServer::CutSubscriber(long id) {
+    const auto kept = parkedWaits->Find(id); // what is unread must not be freed while the bus holds its lock
+    const auto subscriber = bus.GetSubscriberPtrById(id);
+    if (!kept || !subscriber) {
+        return; // its client was faster
+    }
+    const KnCaller owner = accounts.OwnerOf({Kind::Subscriber, id});
+    Log(LogLevel::Warning, "Subscriber {} ({}) of process {} ({}) leaves too many values unread and is cut", id,
+        subscriber->name, owner.pid, static_cast<const char*>(owner.program));
+    gate->UnregisterSubscriber(id);
+    accounts.Remove({Kind::Subscriber, id});
+    Log(LogLevel::Info, "Subscriber {} has lost {} values", id, kept->Lost());
+}
+
 /// Puts the decorators that know the callers before all others.
 void BusServer::OwnRegistrations() {
-    cleanUp.emplace(accounts, ledger, [this](long handshake) {
+    gate.emplace(Provider(), ledger, !options.registrationGate, [this](long id) {
+        if (options.limits) {
+            parkedWaits->Follow(id, KnCallerId());
+        }
+    });
+    cleanUp.emplace(accounts, *gate, [this](long handshake) {
         long none = -1;
         connector->GetSubscribeHelper()->FinishSubscribing(handshake, false, none);
     });
@@ -147,7 +187,7 @@ void BusServer::OwnRegistrations() {
     };
     handshakeWatch.emplace(accounts, options.ownership,
                            HandshakeWatch::Actions{endAllOf, [this] { cleanUp->NoteHandshake(); }});
-    ownership.emplace(Ownership::Bus{Provider(), ledger, ledger}, accounts, options.ownership, endAllOf);
+    ownership.emplace(Ownership::Bus{*gate, *gate, ledger}, accounts, options.ownership, endAllOf);
 }
 
 message_bus::IProvider& BusServer::Provider() noexcept {

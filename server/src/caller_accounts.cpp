@@ -164,7 +164,7 @@ bool CallerAccounts::MayUse(const KnCaller& caller, Registration used) const {
     const common::MutexLock lock(mutex);
     const Entry* const entry = Find(used);
     if (entry == nullptr) {
-        return false;
+        return used.kind != Kind::Publisher; // that is one of the server's own
     }
     return entry->owner == caller.id || (!IsIdentified(caller) && !IsIdentified(accounts.at(entry->owner).caller));
 }
