@@ -48,7 +48,7 @@ struct BusServerOptions {
     bool ownership = true;   ///< Ownership, and the end of registrations with the process that made them
     std::optional<Limits> limits = Limits{};
     std::vector<QueueRule> queueRules{}; ///< only with `limits`
-    bool registrationGate = true;      ///< RegistrationGate
+    bool registrationGate = true;        ///< RegistrationGate
 };
 
 /// The bus as a server: builds the bus, its decorators, the connector and the IPC server, runs them, and stops them in

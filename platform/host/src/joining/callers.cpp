@@ -25,7 +25,8 @@ KnCaller Identify(const Peer& peer) {
 
 std::size_t MostOf(std::size_t clientCount) {
     const ConnectionLimits limits = ConnectionLimits::Current();
-    const bool isNearlyFull = clientCount >= limits.perChannel - limits.perChannel / 16;
+    const bool isNearlyFull =
+        limits.perCaller < limits.perChannel && clientCount >= limits.perChannel - limits.perChannel / 16;
     return isNearlyFull ? std::min<std::size_t>(limits.perCaller, Callers::FewConnections) : limits.perCaller;
 }
 
