@@ -113,10 +113,10 @@ TEST_F(StandardError, NeverSeesControlCharacters) {
     const int reader = RedirectToPipe();
     using namespace std::literals;
     Log(std::string("a\nb\tc\rd\0e\x1b[31mf\x7fg\xc2\x9bh\x9b"
-                    "i\xc3\xa9j\xf0\x9f\x98\x80"sv));
-    EXPECT_THAT(
-        ReadAvailable(reader),
-        ::testing::EndsWith(": a\\nb\\tc\\x0dd\\x00e\\x1b[31mf\\x7fg\\xc2\\x9bh\\x9bi\xc3\xa9j\xf0\x9f\x98\x80\n"));
+                    "i\xc3\xa9j\xf0\x9f\x98\x80k\\"sv));
+    EXPECT_THAT(ReadAvailable(reader),
+                ::testing::EndsWith(
+                    ": a\\nb\\tc\\x0dd\\x00e\\x1b[31mf\\x7fg\\xc2\\x9bh\\x9bi\xc3\xa9j\xf0\x9f\x98\x80k\\\\\n"));
 }
 
 TEST_F(StandardError, GetsWholeLinesFromManyThreads) {

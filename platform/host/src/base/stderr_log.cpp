@@ -1,6 +1,6 @@
 #include "base/stderr_log.h"
 
-#include "common/utf8.h"
+#include "common/escape.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -38,31 +38,6 @@ LevelStyle StyleOf(LogLevel level) {
         return {"ERROR", "\x1b[31m"};
     }
     return {"?????", ""};
-}
-
-/// Appends `message` so that it stays one line and cannot control a terminal: control characters and bytes that are not
-/// UTF-8 become escapes.
-void AppendEscaped(std::string& line, std::string_view message) {
-    constexpr char digits[] = "0123456789abcdef";
-    while (!message.empty()) {
-        const utf8::Step step = utf8::Decode(message);
-        const bool isControl = step.point < 0x20 || (step.point >= 0x7F && step.point < 0xA0);
-        if (step.point == U'\n') {
-            line += "\\n";
-        } else if (step.point == U'\t') {
-            line += "\\t";
-        } else if (isControl || !step.valid) {
-            for (const char c : message.substr(0, step.length)) {
-                const auto byte = static_cast<unsigned char>(c);
-                line += "\\x";
-                line += digits[byte >> 4];
-                line += digits[byte & 0xF];
-            }
-        } else {
-            line += message.substr(0, step.length);
-        }
-        message.remove_prefix(step.length);
-    }
 }
 
 void AppendTime(std::string& line) {
@@ -152,7 +127,7 @@ void StderrLog::Write(LogLevel level, const char* file, int line, const char* fu
     text += ' ';
     text += function;
     text += ": ";
-    AppendEscaped(text, message);
+    common::AppendEscaped(text, message);
 
     const common::MutexLock lock(mutex);
     Follow();
