@@ -24,6 +24,7 @@ constexpr const char* CommandFooter =
     "Environment:\n"
     "  BORVEN_BUS=static|dynamic   mode to use without --static and --dynamic; if unset, msgbus tries dynamic, then "
     "static\n"
+    "  BORVEN_LOG_LIMIT=off        log every record, however often it recurs\n"
     "  BORVEN_PLACEMENT=off        do not choose a CPU for any thread\n"
     "  BORVEN_RUNTIME_DIR          directory of the server's sockets\n"
     "\n"

@@ -33,6 +33,7 @@ constexpr const char* Footer =
     "Environment:\n"
     "  BORVEN_RUNTIME_DIR          directory for the server's sockets; if unset, $XDG_RUNTIME_DIR/borven, else a\n"
     "                              directory of the user's own in /tmp\n"
+    "  BORVEN_LOG_LIMIT=off        log every record, however many a client causes\n"
     "  BORVEN_PLACEMENT=off        do not choose a CPU for any thread\n"
     "  BORVEN_THREAD_NAMES=off     do not name the threads that serve\n"
     "\n"
@@ -45,6 +46,7 @@ constexpr int ExitUsage = 2;
 struct Settings {
     msgbus_server::BusServerOptions server;
     bool arenaPool = true;
+    bool logLimit = true;
     int logLevel = static_cast<int>(LogLevel::Info);
     std::optional<int> readyDescriptor;
 };
@@ -133,6 +135,8 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
                           "do not choose a CPU for any thread; the same as BORVEN_PLACEMENT=off");
     app.add_flag_callback("--no-arena-pool", switchOff(settings.arenaPool),
                           "map new arenas for every request instead of pooling them");
+    app.add_flag_callback("--no-log-limit", switchOff(settings.logLimit),
+                          "log every record, however many a client causes; the same as BORVEN_LOG_LIMIT=off");
     app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
         return "msgbusd: " + DescribeUsageError(*failed, error) + "\nSee 'msgbusd --help'.\n";
     });
@@ -158,6 +162,9 @@ int main(int argc, char** argv) {
     }
     if (!settings.server.placement) {
         ::setenv("BORVEN_PLACEMENT", "off", 1); // for the platform; there is no other thread yet
+    }
+    if (!settings.logLimit || settings.logLevel == static_cast<int>(LogLevel::Debug)) {
+        ::setenv("BORVEN_LOG_LIMIT", "off", 1); // likewise; a log of every step has every line
     }
     RaiseDescriptorLimit();
     ::signal(SIGPIPE, SIG_IGN);
