@@ -1,5 +1,6 @@
 #include "joining/admission.h"
 
+#include "base/log.h"
 #include "kn/status.h"
 #include "names/handshake.h"
 #include "names/peer.h"
@@ -15,6 +16,8 @@
 #include <utility>
 
 namespace borven_host {
+
+using bos::logger::LogLevel;
 
 namespace {
 
@@ -32,6 +35,17 @@ bool IsFromReserve(int fd) {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
     return static_cast<rlim_t>(fd) + Admission::DescriptorReserve >= limit.rlim_cur;
+}
+
+/// Returns: the process that connected `socket`, as log lines name it.
+std::string DescribePeer(int socket) {
+    ucred credentials{};
+    socklen_t length = sizeof credentials;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
+        return "an unknown process";
+    }
+    return "process " + std::to_string(credentials.pid) + " (" + TaskName(credentials.pid) + ") of user " +
+           std::to_string(credentials.uid);
 }
 
 } // namespace
@@ -121,6 +135,7 @@ bool Admission::AcceptOne(std::uint64_t id, int listening) {
 void Admission::AcceptWithSpare(int listening) {
     spare.Reset();
     if (const UniqueFd socket = AcceptFrom(listening); socket) {
+        Log(LogLevel::Warning, {"refused a client: every descriptor of this process is in use"});
         SendAnswer(socket.Get(), KnStatusNoResources);
     }
     spare = OpenSpare();
@@ -131,11 +146,15 @@ void Admission::AcceptWithSpare(int listening) {
 
 void Admission::Welcome(std::uint64_t listenerId, UniqueFd socket) {
     if (IsFromReserve(socket.Get())) {
+        Log(LogLevel::Warning, {"refused ", DescribePeer(socket.Get()), ": the descriptors of this process run out"});
         SendAnswer(socket.Get(), KnStatusNoResources);
         return;
     }
     Peer peer;
     if (const auto status = IdentifyPeer(socket.Get(), peer); status != KnStatusOk) {
+        if (status != KnStatusPeerGone) {
+            Log(LogLevel::Warning, {"refused ", DescribePeer(socket.Get()), ": ", KnStatusText(status)});
+        }
         SendAnswer(socket.Get(), status);
         return;
     }
@@ -156,6 +175,12 @@ void Admission::ReadGreeting(Visitors::Visitor& visitor) {
         return;
     }
     const std::int32_t status = length == sizeof greeting ? Check(greeting) : KnStatusDenied;
+    if (status == KnStatusOtherVersion) {
+        Log(LogLevel::Warning, {"refused ", DescribePeer(visitor.socket.Get()), ": it speaks version ",
+                                std::to_string(greeting.layoutVersion), " of the protocol"});
+    } else if (status != KnStatusOk && length > 0) { // 0 or less: a look-up, which disconnects without a greeting
+        Log(LogLevel::Warning, {"refused ", DescribePeer(visitor.socket.Get()), ": it sent no valid greeting"});
+    }
     if (status != KnStatusOk) {
         visitors.Refuse(visitor, status);
         return;
@@ -163,7 +188,11 @@ void Admission::ReadGreeting(Visitors::Visitor& visitor) {
     visitor.layoutVersion = greeting.layoutVersion;
     const Listener& listener = listeners.at(visitor.listenerId);
     if (listener.channel) {
-        static_cast<void>(visitors.Join(visitor, listener.channel, {}));
+        const pid_t pid = visitor.peer.pid; // the visitor is gone when it is refused
+        if (const auto joined = visitors.Join(visitor, listener.channel, {}); joined != KnStatusOk) {
+            Log(LogLevel::Warning,
+                {"refused process ", std::to_string(pid), " (", TaskName(pid), "): ", KnStatusText(joined)});
+        }
     } else {
         visitors.Ask(visitor, listener.service, listener.type);
     }
