@@ -9,11 +9,14 @@
 
 #include <signal.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace {
 
@@ -64,6 +67,15 @@ private:
     std::optional<std::string> reconnectTime;
 };
 
+/// Returns: what may be wrong when no server is found.
+std::string Hint() {
+    const char* const chosen = std::getenv("BORVEN_RUNTIME_DIR");
+    std::error_code error;
+    return chosen != nullptr && *chosen != '\0' && !std::filesystem::exists(chosen, error)
+               ? std::string("; BORVEN_RUNTIME_DIR is '") + chosen + "', which does not exist"
+               : "";
+}
+
 ExitStatus RunCommand(const std::function<ExitStatus()>& command) {
     try {
         return command();
@@ -71,7 +83,7 @@ ExitStatus RunCommand(const std::function<ExitStatus()>& command) {
         Say(error.what());
         return ExitStatus::Refused;
     } catch (const msgbus::NoServerError& error) {
-        Say(error.what());
+        Say(error.what() + Hint());
         return ExitStatus::NoServer;
     } catch (const msgbus::ServerGoneError& error) {
         Say(error.what());

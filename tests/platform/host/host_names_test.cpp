@@ -47,6 +47,18 @@ protected:
         EXPECT_THAT(log, ::testing::HasSubstr(reason));
     }
 
+    /// Neither server nor client uses what stands at `file`, and the log names it.
+    void ExpectFileRefused(const std::string& file, const char* reason) {
+        std::uint32_t iid = 0;
+        EXPECT_EQ(KnInvalidHandle, ServiceLocatorRegister("line", nullptr, 0, &iid));
+        EXPECT_THAT(log, ::testing::HasSubstr((root / file).string() + ' ' + reason));
+        log.clear();
+        KnHandle handle = 0;
+        EXPECT_EQ(KnStatusDenied, ServiceLocatorConnect("line", 0, &handle));
+        EXPECT_THAT(log, ::testing::HasSubstr((root / file).string() + ' ' + reason));
+        log.clear();
+    }
+
     fs::path root;
     bos::logger::ILogBackEnd* backEndBefore = nullptr;
     std::mutex mutex;
@@ -105,6 +117,58 @@ TEST_F(RuntimeDirectory, ThatIsAFile_IsRefused) {
 
 TEST_F(RuntimeDirectory, WhoseParentIsMissing_IsRefused) {
     ExpectRefused(root / "no" / "such", "No such file");
+}
+
+TEST_F(RuntimeDirectory, InTheRootDirectory_IsNotCreated) {
+    const fs::path directory = "/borven-test-" + std::to_string(::getpid());
+    ExpectRefused(directory, "nothing is created in the root directory");
+    EXPECT_FALSE(fs::exists(directory));
+}
+
+TEST_F(RuntimeDirectory, WhosePathHasNoNameOfItsOwn_IsRefused) {
+    ExpectRefused("/", "must end in the directory's own name");
+    ExpectRefused(root / ".", "must end in the directory's own name");
+    ExpectRefused(root / "..", "must end in the directory's own name");
+}
+
+TEST_F(RuntimeDirectory, WithASlashBehindIt_OrARelativePath_Works) {
+    Use(root / "made/");
+    { RegisterStatic(); }
+    EXPECT_TRUE(fs::remove(root / "made"));
+    const fs::path before = fs::current_path();
+    fs::current_path(root);
+    Use("made");
+    { RegisterStatic(); }
+    fs::current_path(before);
+    EXPECT_TRUE(fs::remove(root / "made"));
+}
+
+TEST_F(RuntimeDirectory, BelowOneThatOthersMayWriteTo_IsRefused_UnlessThatIsSticky) {
+    const fs::path above = root / "shared";
+    fs::create_directory(above);
+    for (const unsigned mode : {0777u, 0770u, 0702u}) {
+        ASSERT_EQ(0, ::chmod(above.c_str(), mode));
+        ExpectRefused(above / "made", "the directory above it is writable by others and not sticky");
+        EXPECT_TRUE(fs::is_empty(above));
+        KnHandle handle = 0;
+        EXPECT_EQ(KnStatusDenied, ServiceLocatorConnect("line", 0, &handle));
+        log.clear();
+    }
+    ASSERT_EQ(0, ::chmod(above.c_str(), 01777));
+    { RegisterStatic(); }
+    fs::remove_all(above);
+}
+
+TEST_F(RuntimeDirectory, BelowOneOfAnotherUser_IsRefused) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can give a directory away";
+    }
+    const fs::path above = root / "theirs";
+    fs::create_directory(above);
+    ASSERT_EQ(0, ::chown(above.c_str(), 65534, 65534));
+    ExpectRefused(above / "made", "the directory above it belongs to another user (uid 65534)");
+    EXPECT_TRUE(fs::is_empty(above));
+    fs::remove(above);
 }
 
 TEST_F(RuntimeDirectory, OfAnotherUser_IsRefused) {
@@ -174,7 +238,7 @@ TEST_F(RuntimeDirectory, AFileUnderAName_IsNeitherReplacedNorRemoved) {
     std::ofstream(root / "static" / "line") << "text";
     std::uint32_t iid = 0;
     EXPECT_EQ(KnInvalidHandle, ServiceLocatorRegister("line", nullptr, 0, &iid));
-    EXPECT_THAT(log, ::testing::HasSubstr("not a socket of this platform"));
+    EXPECT_THAT(log, ::testing::HasSubstr((root / "static" / "line").string() + " is not a socket of this user"));
     KnHandle handle = 0;
     EXPECT_EQ(KnStatusDenied, ServiceLocatorConnect("line", 0, &handle));
     EXPECT_TRUE(fs::is_regular_file(root / "static" / "line"));
@@ -186,8 +250,38 @@ TEST_F(RuntimeDirectory, ALiveSocketOfAnotherKind_IsNotStolen) {
     other.ListenAs("static/line");
     std::uint32_t iid = 0;
     EXPECT_EQ(KnInvalidHandle, ServiceLocatorRegister("line", nullptr, 0, &iid));
+    EXPECT_THAT(log, ::testing::HasSubstr("is a socket of another program"));
     EXPECT_TRUE(fs::is_socket(root / "static" / "line"));
     other.Forget();
+}
+
+TEST_F(RuntimeDirectory, ASocketOfAnotherUser_IsNeitherUsedNorReplaced) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can give a socket away";
+    }
+    const RawSocket planted;
+    planted.ListenAs("static/line");
+    ASSERT_EQ(0, ::chown(RuntimePath("static/line").c_str(), 65534, 65534));
+    ExpectFileRefused("static/line", "is not a socket of this user");
+    planted.Forget();
+}
+
+TEST_F(RuntimeDirectory, AFolderThatSomethingElseHasPlanted_IsNotUsed) {
+    const fs::path folder = root / "static";
+    fs::create_directory(root / "elsewhere");
+    fs::create_directory_symlink(root / "elsewhere", folder);
+    ExpectFileRefused("static", "is not a directory that only this user may write to");
+    fs::remove(folder);
+    std::ofstream(folder) << "text";
+    ExpectFileRefused("static", "is not a directory that only this user may write to");
+    fs::remove(folder);
+    fs::create_directory(folder);
+    for (const unsigned mode : {0720u, 0702u, 0777u}) {
+        ASSERT_EQ(0, ::chmod(folder.c_str(), mode));
+        ExpectFileRefused("static", "is not a directory that only this user may write to");
+    }
+    fs::remove(folder);
+    fs::remove(root / "elsewhere");
 }
 
 TEST_F(RuntimeDirectory, AServerWhoseNameSomebodyElseHas_LeavesItToThem) {

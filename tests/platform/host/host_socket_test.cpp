@@ -278,10 +278,15 @@ TEST_F(OtherUser, AsAServer_IsRefused) {
     ASSERT_EQ(1, ::read(ready[0], &byte, 1));
     ::close(ready[0]);
     ::close(ready[1]);
+    // As if this user had made the socket: what is left is who listens on it.
     ASSERT_EQ(0, ::chmod(RuntimePath("").c_str(), 0700));
+    ASSERT_EQ(0, ::chmod(RuntimePath("static").c_str(), 0700));
+    ASSERT_EQ(0, ::chown(RuntimePath("static/line").c_str(), ::geteuid(), ::getegid()));
+    const LogRecorder log;
     KnHandle handle = 99;
     EXPECT_EQ(KnStatusDenied, ServiceLocatorConnect("line", PatienceMs, &handle));
     EXPECT_EQ(99u, handle);
+    EXPECT_THAT(log.Text(), HasSubstr("the server at the name line belongs to another user"));
     ::kill(other, SIGKILL);
     ::waitpid(other, nullptr, 0);
     std::filesystem::remove_all(RuntimePath("static"));

@@ -27,7 +27,8 @@ constexpr int Backlog = 256;
 
 std::int32_t NamedSocket::Create(NameKind kind, std::string_view name, std::unique_ptr<NamedSocket>& socket) {
     UniqueFd directory;
-    if (const auto status = OpenRuntimeDirectory(Missing::IsCreated, directory); status != KnStatusOk) {
+    if (const auto status = OpenRuntimeDirectory(RuntimeDirectoryPath(), Missing::IsCreated, directory);
+        status != KnStatusOk) {
         return status;
     }
     UniqueFd lock;
