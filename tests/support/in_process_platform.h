@@ -4,6 +4,7 @@
 #include "kn/handle.h"
 #include "nk/deferred_reply.h"
 #include "nk/transport.h"
+#include "ns/name_loss.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
 
@@ -41,6 +42,9 @@ public:
     std::int32_t ConnectStatic(const char* connection, KnHandle* handle);
 
     std::int32_t Publish(NsHandle nameServer, const char* type, const char* serverName, const char* service);
+    void OnNameLost(NsNameLostHandler handler, void* context);
+    /// What another server does that claims a name of this task.
+    void LoseName(const std::string& name);
     std::int32_t Lookup(NsHandle nameServer, const char* service) const;
 
     std::int32_t Listen(const char* filter, std::uint32_t timeoutMs, char* clientName, char* serviceName);
@@ -87,6 +91,8 @@ private:
     std::map<std::string, std::uint32_t> methodCounts;
     std::list<std::shared_ptr<PendingClient>> pending;
     std::uint64_t clientCount = 0;
+    NsNameLostHandler nameLostHandler = nullptr;
+    void* nameLostContext = nullptr;
     bool isClosed = false; // by StopReceiving and CloseServerEnds, until something is offered anew
 };
 

@@ -1,12 +1,16 @@
 // Defends the runtime directory: which directories are used, what may be in them, and that servers leave nothing
 // behind.
+#include "adapter.h"
 #include "bos/logger.h"
+#include "ns/name_loss.h"
 #include "process.h"
 #include "raw_socket.h"
 
 #include <sys/file.h>
 
+#include <atomic>
 #include <mutex>
+#include <optional>
 
 namespace platform_test {
 namespace {
@@ -284,29 +288,128 @@ TEST_F(RuntimeDirectory, AFolderThatSomethingElseHasPlanted_IsNotUsed) {
     fs::remove(root / "elsewhere");
 }
 
-TEST_F(RuntimeDirectory, AServerWhoseNameSomebodyElseHas_LeavesItToThem) {
+TEST_F(RuntimeDirectory, AServerWhoseNameAnotherHas_LeavesItToIt) {
     Handle first = RegisterStatic();
-    fs::remove(root / "static" / "line");
-    const Handle second = RegisterStatic();
+    TakeName("line");
     EXPECT_EQ(KnStatusOk, first.Close());
-    const Handle client = ConnectStatic();
-    const Echoers echoers(second.Get());
-    EXPECT_EQ(KnStatusOk, CallWith(client.Get(), 1));
+    const RawSocket client;
+    EXPECT_EQ(0, client.Connect("static/line"));
 }
 
-TEST_F(RuntimeDirectory, ThatVanishes_CostsTheServerItsNameOnly) {
+/// Removes something, and waits until the static connection "line" can be found again where it was.
+class RemovedName : public RuntimeDirectory {
+protected:
+    void SetUp() override {
+        RuntimeDirectory::SetUp();
+        fs::create_directory(directory = root / "runtime");
+        ASSERT_EQ(0, ::chmod(directory.c_str(), 0700));
+        Use(directory);
+        server.emplace(RegisterStatic());
+        client.emplace(ConnectStatic());
+        echoers.emplace(server->Get());
+    }
+
+    void TearDown() override {
+        ExpectServed();
+        echoers.reset();
+        client.reset();
+        server.reset();
+        EXPECT_TRUE(fs::remove(directory)) << "nothing is left in it";
+        RuntimeDirectory::TearDown();
+    }
+
+    void ExpectServed() {
+        KnHandle handle = KnInvalidHandle;
+        Await("the name should be back", [&] { return ServiceLocatorConnect("line", 0, &handle) == KnStatusOk; });
+        EXPECT_EQ(KnStatusOk, CallWith(handle, 1));
+        EXPECT_EQ(KnStatusOk, KnHandleClose(handle));
+        EXPECT_EQ(KnStatusOk, CallWith(client->Get(), 1)) << "a client that was connected notices nothing";
+        EXPECT_EQ(fs::perms::owner_all, fs::status(directory).permissions());
+    }
+
+    /// The server may be faster, and put a name back before its folder is removed.
+    static void RemoveAll(const fs::path& path) {
+        std::error_code ignored;
+        fs::remove_all(path, ignored);
+    }
+
+    fs::path directory;
+    std::optional<Handle> server;
+    std::optional<Handle> client;
+    std::optional<Echoers> echoers;
+};
+
+TEST_F(RemovedName, WithItsFolder_IsBack) {
+    RemoveAll(directory / "static");
+}
+
+TEST_F(RemovedName, WithTheRuntimeDirectory_IsBack) {
+    RemoveAll(directory);
+    ExpectServed();
+    RemoveAll(directory); // what was made anew is watched, too
+}
+
+TEST_F(RemovedName, WhenItWasRenamed_IsBack) {
+    fs::rename(directory / "static" / "line", directory / "static" / "other");
+    ExpectServed();
+    EXPECT_TRUE(fs::remove(directory / "static" / "other")); // under a name of its own it is no longer the server's
+}
+
+TEST_F(RemovedName, WhenItsFolderWasRenamed_IsBack) {
+    fs::rename(directory / "static", directory / "moved");
+    ExpectServed();
+    fs::remove_all(directory / "moved");
+}
+
+TEST_F(RemovedName, WhenTheRuntimeDirectoryWasRenamed_IsBack_AndNothingIsLeftWhereItWent) {
+    fs::rename(directory, root / "moved");
+    ExpectServed();
+    EXPECT_TRUE(fs::remove(root / "moved")) << "nothing is left in it";
+}
+
+TEST_F(RemovedName, WhileTheDirectoryIsLocked_IsBackAfterwards) {
+    const int lock = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(0, ::flock(lock, LOCK_EX));
+    fs::remove(directory / "static" / "line");
+    EXPECT_EQ(KnStatusOk, CallWith(client->Get(), 1));
+    EXPECT_FALSE(fs::exists(directory / "static" / "line"));
+    ::close(lock);
+}
+
+TEST_F(RemovedName, WhileClientsWaitAtTheOldSocket_LosesNoneOfThem) {
+    std::vector<RawSocket> waiting(40); // more than are admitted at once
+    for (const RawSocket& each : waiting) {
+        ASSERT_EQ(0, each.Connect("static/line"));
+        ASSERT_TRUE(each.Greet());
+    }
+    RemoveAll(directory);
+    for (const RawSocket& each : waiting) {
+        EXPECT_EQ(KnStatusOk, each.Answer());
+    }
+}
+
+TEST_F(RuntimeDirectory, ThatIsMadeUnusable_LosesTheName_AndTheLogHasTheReason) {
     fs::create_directory(root / "gone");
     ASSERT_EQ(0, ::chmod((root / "gone").c_str(), 0700));
     Use(root / "gone");
-    Handle server = RegisterStatic();
-    const Handle client = ConnectStatic();
-    fs::remove_all(root / "gone");
-    KnHandle handle = 0;
-    EXPECT_EQ(KnStatusNotFound, ServiceLocatorConnect("line", 0, &handle));
+    std::atomic<int> lost{0};
+    NsOnNameLost([](const char*, void* count) { ++*static_cast<std::atomic<int>*>(count); }, &lost);
     {
+        const Handle server = RegisterStatic();
         const Echoers echoers(server.Get());
+        const Handle client = ConnectStatic();
+        fs::create_directory_symlink(root, root / "link");
+        // At once, so that the server finds nothing missing that it could make anew.
+        ASSERT_EQ(0,
+                  ::renameat2(AT_FDCWD, (root / "link").c_str(), AT_FDCWD, (root / "gone").c_str(), RENAME_EXCHANGE));
+        Await("the name should be lost", [&] { return lost.load() != 0; });
         EXPECT_EQ(KnStatusOk, CallWith(client.Get(), 1));
     }
+    NsOnNameLost(nullptr, nullptr);
+    EXPECT_THAT(log, ::testing::HasSubstr("it is a symbolic link"));
+    EXPECT_THAT(log, ::testing::HasSubstr("the name line was removed, and cannot be claimed again"));
+    fs::remove(root / "gone");
+    fs::remove_all(root / "link");
 }
 
 TEST_F(RuntimeDirectory, ManyStartsAndStops_LeaveNothingOpen) {

@@ -54,21 +54,25 @@ void Admission::Start() {
     spare = OpenSpare();
     pausedUntil.reset();
     lastPause = {};
+    namesDue = Deadline::max();
+    nameWatch.Start();
 }
 
 void Admission::Stop() noexcept {
+    nameWatch.Stop();
     spare.Reset();
 }
 
 void Admission::Add(Listener listener) {
     const std::uint64_t id = poller.NewId();
     const int fd = listener.socket->Get();
-    listeners.emplace(id, std::move(listener));
+    Listener& added = listeners.emplace(id, std::move(listener)).first->second;
     if (!poller.WatchSocket(fd, EPOLLIN, id)) {
         const int error = errno;
         listeners.erase(id);
         throw std::system_error(error, std::generic_category());
     }
+    WatchName(added);
 }
 
 std::optional<Admission::Listener> Admission::Remove(const Channel& channel) {
@@ -92,11 +96,16 @@ Admission::Listeners Admission::RemoveAll() {
 }
 
 void Admission::Abandon() noexcept {
+    nameWatch.Abandon();
     listeners.clear();
     spare.Reset();
 }
 
 bool Admission::Admit(std::uint64_t id) {
+    if (nameWatch.Notice(id)) {
+        namesDue = Deadline::min();
+        return true;
+    }
     const auto listener = listeners.find(id);
     if (listener == listeners.end()) {
         return false;
@@ -210,6 +219,76 @@ void Admission::Resume(Deadline now) {
         pausedUntil.reset();
         WatchListeners(EPOLLIN);
     }
+}
+
+/// What happened to the name before it was watched is noticed, too.
+void Admission::WatchName(Listener& listener) {
+    nameWatch.Add(*listener.socket);
+    if (!listener.socket->IsInPlace()) {
+        namesDue = Deadline::min();
+        poller.Wake();
+    }
+}
+
+std::vector<std::string> Admission::RestoreNames(Deadline now) {
+    std::vector<std::string> lost;
+    if (now < namesDue) {
+        return lost;
+    }
+    namesDue = Deadline::max();
+    for (auto& [id, listener] : listeners) {
+        if (!listener.isNameLost && !RestoreName(id, listener, now)) {
+            listener.isNameLost = true;
+            lost.push_back(listener.socket->Name());
+        }
+    }
+    return lost;
+}
+
+/// Returns: false when the name is lost for good.
+bool Admission::RestoreName(std::uint64_t id, Listener& listener, Deadline now) {
+    if (listener.socket->IsInPlace()) {
+        listener.missingSince.reset();
+        return true;
+    }
+    const Deadline since = listener.missingSince.value_or(now);
+    listener.missingSince = since;
+    std::unique_ptr<NamedSocket> next;
+    switch (const auto status = listener.socket->ClaimAgain(next)) {
+    case KnStatusOk:
+        if (poller.WatchSocket(next->Get(), pausedUntil ? 0u : EPOLLIN, id)) {
+            Replace(id, listener, std::move(next));
+            return true;
+        }
+        next->Release();
+        break;
+    case KnStatusAlreadyExists:
+        if (now - since >= NameTime) {
+            Log(LogLevel::Error, {"the name ", listener.socket->Name(), " was removed, and another server has it now"});
+            return false;
+        }
+        break;
+    case KnStatusTimedOut:
+    case KnStatusNoResources:
+        break;
+    default:
+        Log(LogLevel::Error, {"the name ", listener.socket->Name(),
+                              " was removed, and cannot be claimed again: ", KnStatusText(status)});
+        return false;
+    }
+    namesDue = std::min(namesDue, now + NamePause);
+    return true;
+}
+
+void Admission::Replace(std::uint64_t id, Listener& listener, std::unique_ptr<NamedSocket> next) {
+    while (AcceptOne(id, listener.socket->Get())) { // no new ones come: the old socket has no name
+    }
+    poller.Unwatch(listener.socket->Get());
+    listener.socket->Release(); // where it was moved to
+    listener.socket = std::move(next);
+    listener.missingSince.reset();
+    WatchName(listener);
+    Log(LogLevel::Warning, {"the name ", listener.socket->Name(), " was removed; it is restored"});
 }
 
 void Admission::WatchListeners(std::uint32_t events) const {

@@ -136,8 +136,7 @@ std::int32_t OpenRuntimeDirectory(const std::string& path, Missing missing, Uniq
     return KnStatusOk;
 }
 
-std::int32_t LockRuntimeDirectory(int directory, UniqueFd& lock) {
-    constexpr std::chrono::seconds patience{2};
+std::int32_t LockRuntimeDirectory(int directory, std::chrono::milliseconds patience, UniqueFd& lock) {
     constexpr std::chrono::milliseconds pause{1};
     // A description of its own, because two locks of one description do not exclude each other.
     lock = UniqueFd(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -149,8 +148,10 @@ std::int32_t LockRuntimeDirectory(int directory, UniqueFd& lock) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
             return KnStatusNoResources;
         }
-        if (std::chrono::steady_clock::now() > deadline) {
-            Log(LogLevel::Error, {"the runtime directory stays locked: a stopped process may hold its lock"});
+        if (std::chrono::steady_clock::now() >= deadline) {
+            if (patience.count() != 0) {
+                Log(LogLevel::Error, {"the runtime directory stays locked: a stopped process may hold its lock"});
+            }
             return KnStatusTimedOut;
         }
         std::this_thread::sleep_for(pause);

@@ -2,6 +2,7 @@
 
 #include "base/unique_fd.h"
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -24,10 +25,13 @@ std::string RuntimeDirectoryPath();
 /// reason in the log; KnStatusNoResources.
 std::int32_t OpenRuntimeDirectory(const std::string& path, Missing missing, UniqueFd& directory);
 
+inline constexpr std::chrono::milliseconds LockPatience{2000};
+
 /// Locks the runtime directory `directory` against other processes and other threads, until `lock` closes. It is held
 /// for a few system calls only, unless the process that holds it is stopped in between.
 ///
-/// Returns: 0 and `lock`; KnStatusTimedOut, with a line in the log; KnStatusNoResources. Blocks: for at most 2 s.
-std::int32_t LockRuntimeDirectory(int directory, UniqueFd& lock);
+/// Returns: 0 and `lock`; KnStatusTimedOut, with a line in the log if there was `patience`; KnStatusNoResources.
+/// Blocks: for at most `patience`.
+std::int32_t LockRuntimeDirectory(int directory, std::chrono::milliseconds patience, UniqueFd& lock);
 
 } // namespace borven_host
