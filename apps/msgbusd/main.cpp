@@ -34,6 +34,7 @@ constexpr const char* Footer =
     "  BORVEN_RUNTIME_DIR          directory for the server's sockets; if unset, $XDG_RUNTIME_DIR/borven, else a\n"
     "                              directory of the user's own in /tmp\n"
     "  BORVEN_LOG_LIMIT=off        log every record, however many a client causes\n"
+    "  BORVEN_NAME_WATCH=off       do not restore sockets that are removed\n"
     "  BORVEN_PLACEMENT=off        do not choose a CPU for any thread\n"
     "  BORVEN_THREAD_NAMES=off     do not name the threads that serve\n"
     "\n"
@@ -47,6 +48,7 @@ struct Settings {
     msgbus_server::BusServerOptions server;
     bool arenaPool = true;
     bool logLimit = true;
+    bool nameWatch = true;
     int logLevel = static_cast<int>(LogLevel::Info);
     std::optional<int> readyDescriptor;
 };
@@ -135,6 +137,8 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
                           "do not choose a CPU for any thread; the same as BORVEN_PLACEMENT=off");
     app.add_flag_callback("--no-arena-pool", switchOff(settings.arenaPool),
                           "map new arenas for every request instead of pooling them");
+    app.add_flag_callback("--no-name-watch", switchOff(settings.nameWatch),
+                          "do not restore sockets that are removed; the same as BORVEN_NAME_WATCH=off");
     app.add_flag_callback("--no-log-limit", switchOff(settings.logLimit),
                           "log every record, however many a client causes; the same as BORVEN_LOG_LIMIT=off");
     app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
@@ -165,6 +169,9 @@ int main(int argc, char** argv) {
     }
     if (!settings.logLimit || settings.logLevel == static_cast<int>(LogLevel::Debug)) {
         ::setenv("BORVEN_LOG_LIMIT", "off", 1); // likewise; a log of every step has every line
+    }
+    if (!settings.nameWatch) {
+        ::setenv("BORVEN_NAME_WATCH", "off", 1); // likewise
     }
     RaiseDescriptorLimit();
     ::signal(SIGPIPE, SIG_IGN);

@@ -7,6 +7,7 @@
 #include "kn/handle.h"
 #include "kn/policy.h"
 #include "kn/status.h"
+#include "name_loss_watch.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
 #include "stop_events_thread.h"
@@ -152,6 +153,7 @@ bool BusServer::Run(std::function<void()> onServing) {
     // All at once at first: a limit that is too low is an error here, but the end of the process when the bus meets it.
     StartingThreads([this] { reserve.emplace(RemoverCount(connectionType) + LaterThreadCount(connectionType)); });
     reserve->Shrink(RemoverCount(connectionType));
+    const NameLossWatch nameLoss([this] { RequestStop(); });
     Offer();
     reportServing = std::move(onServing);
     eventsThreadName.emplace("bus-events");
@@ -166,7 +168,7 @@ bool BusServer::Run(std::function<void()> onServing) {
     if (!startFailure.empty()) {
         throw OfferError("cannot serve: " + startFailure);
     }
-    return isInOrder && !forwarding->HasFailed();
+    return isInOrder && !forwarding->HasFailed() && !nameLoss.HasLost();
 }
 
 void BusServer::RequestStop() {
