@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/escape.h"
+
 #include <CLI/CLI.hpp>
 
 #include <string>
@@ -20,20 +22,21 @@ public:
     }
 };
 
-/// Returns: what is wrong with the command line, as one sentence.
+/// Returns: what is wrong with the command line, as one sentence; what it quotes is escaped.
 inline std::string DescribeUsageError(const CLI::App& app, const CLI::Error& error) {
     const auto code = static_cast<CLI::ExitCodes>(error.get_exit_code());
     const bool lacksCommand = code == CLI::ExitCodes::RequiredError && app.get_subcommands().empty();
     const auto words = app.remaining(true);
     if (words.empty()) {
-        return lacksCommand && app.get_require_subcommand_min() > 0 ? "no command given" : error.what();
+        return lacksCommand && app.get_require_subcommand_min() > 0 ? "no command given"
+                                                                    : common::Escaped(error.what());
     }
     if (code == CLI::ExitCodes::ExtrasError || lacksCommand) {
         const bool isOption = words.front().starts_with('-');
         return (isOption       ? "unknown option '"
                 : lacksCommand ? "unknown command '"
                                : "unexpected argument '") +
-               words.front() + "'";
+               common::Escaped(words.front()) + "'";
     }
-    return error.what();
+    return common::Escaped(error.what());
 }

@@ -1,5 +1,7 @@
 #include "arguments.h"
 
+#include "common/escape.h"
+
 #include <charconv>
 #include <cmath>
 #include <iostream>
@@ -18,7 +20,8 @@ constexpr std::pair<std::string_view, double> Units[] = {{"ms", 1}, {"s", 1e3}, 
 
 void Say(std::string_view sentence) {
     std::string line("msgbus: ");
-    line.append(sentence).append("\n");
+    common::AppendEscaped(line, sentence);
+    line += '\n';
     std::cerr << line << std::flush;
 }
 

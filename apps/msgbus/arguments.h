@@ -37,7 +37,7 @@ ExitStatus Publish(const PublishArguments& arguments);
 /// Throws: what the client library throws; std::system_error.
 ExitStatus Receive(const ReceiveArguments& arguments);
 
-/// Prints `sentence` on stderr, as one line that begins with the program's name.
+/// Prints `sentence` on stderr, as one line that begins with the program's name; what it quotes is escaped.
 void Say(std::string_view sentence);
 
 /// Parses a decimal 64-bit integer.

@@ -9,11 +9,14 @@
 
 #include <signal.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace {
 
@@ -24,6 +27,7 @@ constexpr const char* CommandFooter =
     "Environment:\n"
     "  BORVEN_BUS=static|dynamic   mode to use without --static and --dynamic; if unset, msgbus tries dynamic, then "
     "static\n"
+    "  BORVEN_LOG_LIMIT=off        log every record, however often it recurs\n"
     "  BORVEN_PLACEMENT=off        do not choose a CPU for any thread\n"
     "  BORVEN_RUNTIME_DIR          directory of the server's sockets\n"
     "\n"
@@ -63,6 +67,15 @@ private:
     std::optional<std::string> reconnectTime;
 };
 
+/// Returns: what may be wrong when no server is found.
+std::string Hint() {
+    const char* const chosen = std::getenv("BORVEN_RUNTIME_DIR");
+    std::error_code error;
+    return chosen != nullptr && *chosen != '\0' && !std::filesystem::exists(chosen, error)
+               ? std::string("; BORVEN_RUNTIME_DIR is '") + chosen + "', which does not exist"
+               : "";
+}
+
 ExitStatus RunCommand(const std::function<ExitStatus()>& command) {
     try {
         return command();
@@ -70,7 +83,7 @@ ExitStatus RunCommand(const std::function<ExitStatus()>& command) {
         Say(error.what());
         return ExitStatus::Refused;
     } catch (const msgbus::NoServerError& error) {
-        Say(error.what());
+        Say(error.what() + Hint());
         return ExitStatus::NoServer;
     } catch (const msgbus::ServerGoneError& error) {
         Say(error.what());

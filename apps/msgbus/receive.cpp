@@ -1,4 +1,5 @@
 #include "arguments.h"
+#include "common/escape.h"
 #include "end_watch.h"
 #include "msgbus/subscriber.h"
 
@@ -17,24 +18,31 @@
 
 namespace {
 
-/// Returns: one line, whatever bytes are in the topic: control characters are escaped.
 std::string FormatPlain(const msgbus::Message& message) {
+    return common::Escaped(message.topic) + ' ' + std::to_string(message.value) + '\n';
+}
+
+/// Replaces the control characters that JSON permits in a string, such as U+009B, by JSON's escapes: a terminal acts on
+/// them. The same value for a program that parses it.
+std::string WithoutControl(std::string_view json) {
     std::string line;
-    for (const char character : message.topic) {
-        if (const auto byte = static_cast<unsigned char>(character); byte < 0x20 || byte == 0x7F) {
-            std::array<char, 5> escape{};
-            std::snprintf(escape.data(), escape.size(), "\\x%02x", byte);
+    while (!json.empty()) {
+        const utf8::Step step = utf8::Decode(json);
+        if (common::IsControl(step.point)) { // never outside a string, and never above U+FFFF
+            std::array<char, 7> escape{};
+            std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(step.point));
             line += escape.data();
         } else {
-            line += character;
+            line += json.substr(0, step.length);
         }
+        json.remove_prefix(step.length);
     }
-    return line + ' ' + std::to_string(message.value) + '\n';
+    return line;
 }
 
 std::string FormatJson(const msgbus::Message& message, const std::string& subscriber) {
     const nlohmann::ordered_json object{{"topic", message.topic}, {"value", message.value}, {"subscriber", subscriber}};
-    return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
+    return WithoutControl(object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)) + '\n';
 }
 
 /// Writes `text` to stdout.

@@ -37,6 +37,8 @@ constexpr const char* Footer =
     "Environment:\n"
     "  BORVEN_RUNTIME_DIR          directory for the server's sockets; if unset, $XDG_RUNTIME_DIR/borven, else a\n"
     "                              directory of the user's own in /tmp\n"
+    "  BORVEN_LOG_LIMIT=off        log every record, however many a client causes\n"
+    "  BORVEN_NAME_WATCH=off       do not restore sockets that are removed\n"
     "  BORVEN_PLACEMENT=off        do not choose a CPU for any thread\n"
     "  BORVEN_THREAD_NAMES=off     do not name the threads that serve\n"
     "\n"
@@ -49,6 +51,8 @@ constexpr int ExitUsage = 2;
 struct Settings {
     msgbus_server::BusServerOptions server;
     bool arenaPool = true;
+    bool logLimit = true;
+    bool nameWatch = true;
     int logLevel = static_cast<int>(LogLevel::Info);
     std::optional<int> readyDescriptor;
 };
@@ -206,8 +210,10 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
             settings.server.ownership = false;
             settings.server.registrationGate = false;
             settings.server.limits.reset();
+            settings.nameWatch = false;
+            settings.logLimit = false;
         },
-        "the bus alone: no ownership, no limits, no registration gate");
+        "the bus alone: --no-ownership --no-registration-gate --no-limits --no-name-watch --no-log-limit");
     std::vector<std::string> limits;
     app.add_option("--limit", limits, "set a limit; 'msgbusd --limits' lists them (repeatable)")
         ->type_name("NAME=NUMBER")
@@ -220,6 +226,10 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
         ->allow_extra_args(false);
     bool wantsLimits = false;
     app.add_flag("--limits", wantsLimits, "list the limits with their defaults, and exit");
+    app.add_flag_callback("--no-name-watch", switchOff(settings.nameWatch),
+                          "do not restore sockets that are removed; the same as BORVEN_NAME_WATCH=off");
+    app.add_flag_callback("--no-log-limit", switchOff(settings.logLimit),
+                          "log every record, however many a client causes; the same as BORVEN_LOG_LIMIT=off");
     app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
         return "msgbusd: " + DescribeUsageError(*failed, error) + "\nSee 'msgbusd --help'.\n";
     });
@@ -249,6 +259,12 @@ int main(int argc, char** argv) {
     }
     if (!settings.server.placement) {
         ::setenv("BORVEN_PLACEMENT", "off", 1); // for the platform; there is no other thread yet
+    }
+    if (!settings.logLimit || settings.logLevel == static_cast<int>(LogLevel::Debug)) {
+        ::setenv("BORVEN_LOG_LIMIT", "off", 1); // likewise; a log of every step has every line
+    }
+    if (!settings.nameWatch) {
+        ::setenv("BORVEN_NAME_WATCH", "off", 1); // likewise
     }
     RaiseDescriptorLimit();
     ::signal(SIGPIPE, SIG_IGN);

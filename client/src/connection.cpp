@@ -83,6 +83,10 @@ Connection::Connection(Service service, Route& route, std::chrono::milliseconds 
     case KnStatusTimedOut:
         throw NoServerError(status, "the message bus server did not accept the connection within " +
                                         std::to_string(timeoutMs) + " ms");
+    case KnStatusDenied:
+        throw PlatformError(status,
+                            "cannot connect to the message bus: its runtime directory cannot be used; the log has "
+                            "the reason (BORVEN_RUNTIME_DIR chooses another)");
     default:
         throw PlatformError(status, std::string("cannot connect to the message bus: ") + KnStatusText(status));
     }

@@ -75,9 +75,9 @@ public:
     ~BusServer();
 
     /// Offers the bus to clients, calls `onServing` when every channel is received on, and serves until RequestStop;
-    /// then stops in order. Returns: true after RequestStop; false when the bus could not serve, with the reason in the
-    /// log. Throws: OfferError, with nothing left behind. Blocks: until then. Threads: once, on the thread that hosts
-    /// the bus.
+    /// then stops in order. Returns: true after RequestStop; false when the bus could not serve, or its name was lost
+    /// to another server, with the reason in the log. Throws: OfferError, with nothing left behind. Blocks: until then.
+    /// Threads: once, on the thread that hosts the bus.
     bool Run(std::function<void()> onServing = {});
 
     /// Ends Run, at once or as soon as it is called. Threads: any; not from a signal handler.

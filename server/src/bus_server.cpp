@@ -8,6 +8,7 @@
 #include "kn/handle.h"
 #include "kn/policy.h"
 #include "kn/status.h"
+#include "name_loss_watch.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
 #include "stop_events_thread.h"
@@ -225,6 +226,7 @@ bool BusServer::Run(std::function<void()> onServing) {
     StartingThreads(
         [this] { reserve.emplace(RemoverCount(options.connectionType) + LaterThreadCount(options.connectionType)); });
     reserve->Shrink(RemoverCount(options.connectionType));
+    const NameLossWatch nameLoss([this] { RequestStop(); });
     Offer();
     reportServing = std::move(onServing);
     eventsThreadName.emplace("bus-events");
@@ -239,7 +241,7 @@ bool BusServer::Run(std::function<void()> onServing) {
     if (!startFailure.empty()) {
         throw OfferError("cannot serve: " + startFailure);
     }
-    return isInOrder && !forwarding->HasFailed();
+    return isInOrder && !forwarding->HasFailed() && !nameLoss.HasLost();
 }
 
 void BusServer::RequestStop() {

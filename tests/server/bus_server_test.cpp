@@ -105,6 +105,16 @@ TEST_P(BusServerTest, AStop_AnswersEveryBlockedWaitWithOneAndReportsHowMany) {
     EXPECT_EQ(journal.Count("2 Stop: Released subscribers: 3"), 1U);
 }
 
+TEST_P(BusServerTest, ALostName_EndsTheServerWithAnError) {
+    const std::string name =
+        GetParam() == ConnectionType::Static ? br_MessageBus_connection : br_MessageBusComponent_ctl_service;
+    BusServer server({.connectionType = GetParam()});
+    EXPECT_FALSE(server.Run([&] { platform.InProcess().LoseName(name); }));
+    EXPECT_THAT(Errors(),
+                ElementsAre("4 OnLost: Clients no longer find the bus: the name " + name + " is lost; stopping"));
+    EXPECT_EQ(journal.Count("2 Stop: Stopped"), 1U);
+}
+
 TEST_P(BusServerTest, AStop_IsReportedFromBeginningToEndWithoutAnError) {
     ServedBus server({.connectionType = GetParam()});
     auto ctl = Ctl();

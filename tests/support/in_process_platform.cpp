@@ -75,6 +75,19 @@ std::int32_t InProcessPlatform::Publish(NsHandle nameServer, const char* type, c
     return services.emplace(service, type).second ? KnStatusOk : KnStatusAlreadyExists;
 }
 
+void InProcessPlatform::OnNameLost(NsNameLostHandler handler, void* context) {
+    const std::lock_guard lock(mutex);
+    nameLostHandler = handler;
+    nameLostContext = context;
+}
+
+void InProcessPlatform::LoseName(const std::string& name) {
+    const std::lock_guard lock(mutex); // also during the call, so that a handler that was replaced is not being called
+    if (staticNames.erase(name) + services.erase(name) != 0 && nameLostHandler != nullptr) {
+        nameLostHandler(name.c_str(), nameLostContext);
+    }
+}
+
 std::int32_t InProcessPlatform::Lookup(NsHandle nameServer, const char* service) const {
     const std::lock_guard lock(mutex);
     if (nameServer != TheNameServer || !IsName(service)) {

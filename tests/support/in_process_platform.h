@@ -6,6 +6,7 @@
 #include "nk/deferred_reply.h"
 #include "nk/loss.h"
 #include "nk/transport.h"
+#include "ns/name_loss.h"
 #include "ns/name_server.h"
 #include "service_locator.h"
 
@@ -44,6 +45,9 @@ public:
     std::int32_t ConnectStatic(const char* connection, KnHandle* handle);
 
     std::int32_t Publish(NsHandle nameServer, const char* type, const char* serverName, const char* service);
+    void OnNameLost(NsNameLostHandler handler, void* context);
+    /// What another server does that claims a name of this task.
+    void LoseName(const std::string& name);
     std::int32_t Lookup(NsHandle nameServer, const char* service) const;
 
     std::int32_t Listen(const char* filter, std::uint32_t timeoutMs, char* clientName, char* serviceName);
@@ -98,6 +102,8 @@ private:
     std::uint32_t connectionsPerChannel = MostConnections;
     std::list<std::shared_ptr<PendingClient>> pending;
     std::uint64_t clientCount = 0;
+    NsNameLostHandler nameLostHandler = nullptr;
+    void* nameLostContext = nullptr;
     bool isClosed = false; // by StopReceiving and CloseServerEnds, until something is offered anew
 };
 

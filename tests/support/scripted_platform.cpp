@@ -16,13 +16,8 @@ namespace {
 
 std::atomic<ScriptedPlatform*> current{nullptr};
 
-/// The one that the test has made; one without a script where there is none, as in the platform battery.
 ScriptedPlatform& Platform() {
-    if (auto* platform = current.load()) {
-        return *platform;
-    }
-    static ScriptedPlatform unscripted;
-    return unscripted;
+    return ScriptedPlatform::Current();
 }
 
 void Note(std::string call) {
@@ -68,6 +63,14 @@ ScriptedPlatform::ScriptedPlatform() {
 ScriptedPlatform::~ScriptedPlatform() {
     ScriptedPlatform* self = this;
     current.compare_exchange_strong(self, nullptr);
+}
+
+ScriptedPlatform& ScriptedPlatform::Current() {
+    if (auto* platform = current.load()) {
+        return *platform;
+    }
+    static ScriptedPlatform unscripted;
+    return unscripted;
 }
 
 void ScriptedPlatform::SetQuiet(bool isQuiet) {
@@ -145,6 +148,10 @@ std::int32_t NsPublishService(NsHandle nameServer, const char* type, const char*
          Text(service) + ")");
     return Platform().nsPublishService.Run([](auto... args) { return Platform().InProcess().Publish(args...); },
                                            nameServer, type, serverName, service);
+}
+
+void NsOnNameLost(NsNameLostHandler handler, void* context) noexcept {
+    Platform().InProcess().OnNameLost(handler, context);
 }
 
 std::int32_t NsLookupService(NsHandle nameServer, const char* service) noexcept {

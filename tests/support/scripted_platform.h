@@ -99,6 +99,9 @@ public:
     void SetQuiet(bool isQuiet);
     bool IsQuiet() const;
 
+    /// The one that a test has made; one without a script where there is none, as in the platform battery.
+    static ScriptedPlatform& Current();
+
     InProcessPlatform& InProcess() { return inProcess; }
 
 private:

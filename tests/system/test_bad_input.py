@@ -2,6 +2,7 @@
 
 import os
 import socket
+import tempfile
 
 from harness import BIN, DONE, FAILED, MODE, NO_SERVER, USAGE, BusTest, main
 
@@ -112,6 +113,55 @@ class BadInput(BusTest):
         self.environment["BORVEN_RUNTIME_DIR"] = "/proc/nowhere"
         self.refuse([f"--{MODE}", "--log-level", "off"], FAILED, "cannot offer the bus", "msgbusd")
         self.refuse(["pub", "t", "1"], NO_SERVER if self.is_missing_server() else FAILED, "msgbus: ")
+
+    def refuse_directory(self, directory, reason):
+        """Server and client refuse `directory` with a sentence that names it and the reason."""
+        self.environment["BORVEN_RUNTIME_DIR"] = directory
+        for program, arguments, status in (("msgbusd", [f"--{MODE}"], FAILED), ("msgbus", ["pub", "t", "1"], FAILED)):
+            self.refuse(arguments, status, f"cannot use the runtime directory {directory}: {reason}", program)
+
+    def test_a_runtime_directory_that_another_user_may_prepare(self):
+        above = os.path.join(self.runtime, "above")
+        directory = os.path.join(above, "runtime")
+        os.mkdir(above)
+        os.chmod(above, 0o777)
+        self.refuse_directory(directory, "the directory above it is writable by others and not sticky")
+        self.assertEqual(os.listdir(above), [])
+        os.chmod(above, 0o700)
+        os.mkdir(directory, 0o755)
+        self.refuse_directory(directory, "other users may enter it")
+        os.rename(directory, directory + "-target")
+        os.chmod(directory + "-target", 0o700)
+        os.symlink(directory + "-target", directory)
+        self.refuse_directory(directory, "it is a symbolic link, or not a directory")
+
+    def test_a_runtime_directory_of_another_user(self):
+        if os.geteuid() != 0:
+            self.skipTest("only root can give a directory away")
+        with tempfile.TemporaryDirectory(prefix="borven-system-") as theirs:  # in the system's temporary directory
+            os.chown(theirs, 65534, 65534)
+            self.refuse_directory(theirs, "it belongs to another user (uid 65534)")
+            self.refuse_directory(os.path.join(theirs, "runtime"), "the directory above it belongs to another user")
+
+    def test_a_runtime_directory_that_is_missing_is_not_created_in_the_root_directory(self):
+        missing = f"/borven-test-{os.getpid()}"
+        for directory, reason in ((missing, "it does not exist, and nothing is created in the root directory"),
+                                  (f"{missing}/runtime", "the directory above it cannot be opened")):
+            self.environment["BORVEN_RUNTIME_DIR"] = directory
+            self.refuse([f"--{MODE}"], FAILED, f"cannot use the runtime directory {directory}: {reason}", "msgbusd")
+            self.refuse(["pub", "t", "1"], NO_SERVER, f"BORVEN_RUNTIME_DIR is '{directory}', which does not exist")
+            self.assertFalse(os.path.exists(missing))
+
+    def test_a_file_in_the_place_of_a_socket(self):
+        folder, *names = (["static", "msgbus_connection_id"] if MODE == "static" else
+                          ["services", *(f"br.MessageBusComponent.{name}" for name in ("ctl", "provider", "subs"))])
+        os.mkdir(os.path.join(self.runtime, folder))
+        for name in names:
+            os.mkfifo(os.path.join(self.runtime, folder, name))
+        for program, arguments in (("msgbusd", [f"--{MODE}"]), ("msgbus", ["pub", "t", "1"])):
+            process = self.start(f"{BIN}/{program}", *arguments)
+            process.expect_exit(FAILED)
+            self.assertRegex("\n".join(process.seen), f"the file {self.runtime}/{folder}/.* is not a socket of this user")
 
     def is_missing_server(self):
         return self.msgbus("pub", "t", "1").wait() == NO_SERVER

@@ -3,6 +3,8 @@
 import json
 import os
 import signal
+import subprocess
+import unicodedata
 
 from harness import BIN, DONE, FAILED, MODE, BusTest, main
 
@@ -91,8 +93,44 @@ class Delivery(BusTest):
         self.server()
         reader = self.sub("two\nlines", options=("-n", "1"))
         self.publish("two\nlines", 1)
-        reader.expect("two\\x0alines 1")
+        reader.expect("two\\nlines 1")
         reader.expect_end()
+
+    CONTROLS = "a\\b \x1b[31m\x7f\u009b31m\u2028 \udc9b31m \u00e4"  # U+DC9B stands for a lone byte 9B
+
+    def test_plain_output_controls_no_terminal_and_printf_gives_the_topic_back(self):
+        self.server()
+        reader = self.sub(self.CONTROLS, options=("-n", "1"))
+        self.publish(self.CONTROLS, 1)
+        line = reader.next_line()
+        self.assertEqual(line, "a\\\\b \\x1b[31m\\x7f\\xc2\\x9b31m\\xe2\\x80\\xa8 \\x9b31m \u00e4 1")
+        topic = subprocess.run(["bash", "-c", 'printf %b "${1% *}"', "bash", line], check=True, stdout=subprocess.PIPE).stdout
+        self.assertEqual(topic, os.fsencode(self.CONTROLS))
+
+    def test_json_output_controls_no_terminal(self):
+        self.server()
+        topic = "a\\b \x1b[31m\x7f\u009b31m\u2028 \u00e4"
+        reader = self.sub(topic, options=("-n", "1", "--json"))
+        self.publish(topic, 1)
+        line = reader.next_line()
+        self.assertFalse([character for character in line if unicodedata.category(character) in ("Cc", "Cf", "Zl", "Zp")], line)
+        self.assertEqual(json.loads(line)["topic"], topic)
+
+    def test_messages_that_quote_a_topic_or_a_name_control_no_terminal(self):
+        server = self.server()
+        quoted = "t\x1b[31m\u009b"
+        shown = "t\\x1b[31m\\xc2\\x9b"
+        reader = self.msgbus("sub", quoted, "--name", quoted)
+        reader.expect_error(f"subscribed as '{shown}'")
+        publisher = self.msgbus("pub", quoted, "-l", "-v")
+        publisher.expect_error(f"publishing to topic '{shown}'")
+        refused = self.msgbus("pub", quoted, "1")
+        refused.expect_error(f"topic '{shown}' already has a publisher")
+        unknown = self.msgbus(quoted)
+        unknown.expect_error(f"unknown command '{shown}'")
+        server.expect_error(shown)
+        for process in (server, reader, publisher, refused, unknown):
+            self.assertNotIn("\x1b", "".join(process.seen))
 
     def test_a_subscriber_that_does_not_read_loses_nothing(self):
         self.server()

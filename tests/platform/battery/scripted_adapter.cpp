@@ -1,5 +1,6 @@
 #include "adapter.h"
 #include "kn/handle.h"
+#include "support/scripted_platform.h"
 
 namespace platform_test {
 
@@ -7,6 +8,12 @@ void BeginTest() {}
 
 void EndTest() {
     KnHandleCloseServerEnds(); // the in-process platform leaves nothing else behind
+}
+
+void RemoveName(const char*) {} // in one process there is nothing that could be removed
+
+void TakeName(const char* name) {
+    test_support::ScriptedPlatform::Current().InProcess().LoseName(name);
 }
 
 } // namespace platform_test

@@ -1,6 +1,7 @@
 // Defends the platform on Linux against peers that do not use the library: what they send, or do not send, reaches no
 // server code and costs no other client anything.
 #include "joining/admission.h"
+#include "log_recorder.h"
 #include "process.h"
 #include "raw_slot.h"
 
@@ -13,9 +14,16 @@ using borven_host::Admission;
 using borven_host::Channel;
 using borven_host::Visitors;
 
+using ::testing::HasSubstr;
+
 using RudeClient = PlatformTest;
 using RudeServer = PlatformTest;
 using OtherUser = PlatformTest;
+
+/// This process, as the log names it.
+std::string Own() {
+    return "process " + std::to_string(::getpid()) + " (platform_host_t) of user " + std::to_string(::geteuid());
+}
 
 TEST_F(RudeClient, ThatGreetsWrongly_IsRefused) {
     const Handle server = RegisterStatic();
@@ -36,6 +44,7 @@ TEST_F(RudeClient, ThatGreetsWrongly_IsRefused) {
         EXPECT_EQ(status, client.Answer());
         EXPECT_TRUE(client.HasEnded());
     };
+    const LogRecorder log;
     expectRefusal(otherMagic, KnStatusDenied);
     expectRefusal(otherRecords, KnStatusDenied);
     expectRefusal(newerLayout, KnStatusOtherVersion);
@@ -47,19 +56,36 @@ TEST_F(RudeClient, ThatGreetsWrongly_IsRefused) {
         ASSERT_TRUE(client.Send(bytes.data(), size));
         EXPECT_EQ(KnStatusDenied, client.Answer()) << size;
     }
+    EXPECT_THAT(log.Text(), HasSubstr("3 refused " + Own() + ": it sent no valid greeting"));
+    EXPECT_THAT(log.Text(), HasSubstr("3 refused " + Own() + ": it speaks version 3 of the protocol"));
     const Echoers echoers(server.Get());
     EXPECT_EQ(KnStatusOk, CallWith(ConnectStatic().Get(), 1));
+}
+
+TEST_F(RudeClient, ThatLooksANameUp_LeavesNoLine) {
+    const Handle server = RegisterStatic();
+    const Echoers echoers(server.Get());
+    const LogRecorder log;
+    for (int i = 0; i < 20; ++i) {
+        const RawSocket client;
+        ASSERT_EQ(0, client.Connect("static/line"));
+    }
+    EXPECT_EQ(KnStatusOk, CallWith(ConnectStatic().Get(), 1)); // admitted behind them
+    EXPECT_EQ("", log.Text());
 }
 
 TEST_F(RudeClient, ThatNeverGreets_MakesRoomForTheNext) {
     const Handle server = RegisterStatic();
     const Echoers echoers(server.Get());
+    const LogRecorder log;
     std::vector<RawSocket> silent(Admission::MaxGreeting + 10);
     for (const RawSocket& client : silent) {
         ASSERT_EQ(0, client.Connect("static/line"));
     }
     EXPECT_EQ(KnStatusOk, CallWith(ConnectStatic().Get(), 1));
     EXPECT_EQ(KnStatusBusy, silent.front().Answer()) << "the one that connected first";
+    EXPECT_THAT(log.Text(), HasSubstr("3 refused process " + std::to_string(::getpid())));
+    EXPECT_THAT(log.Text(), HasSubstr("which has sent no greeting: a limit of the server is reached"));
     EXPECT_TRUE(silent.back().Greet());
     EXPECT_EQ(KnStatusOk, silent.back().Answer()) << "the youngest may still greet";
 }
@@ -206,6 +232,7 @@ TEST_F(OtherUser, AsAClient_IsRefused) {
         GTEST_SKIP() << "only root can become another user";
     }
     const Handle server = RegisterStatic();
+    const LogRecorder log;
     // The directory keeps other users out; this opens it, to test that the server does not rely on that alone.
     ASSERT_EQ(0, ::chmod(RuntimePath("").c_str(), 0755));
     ASSERT_EQ(0, ::chmod(RuntimePath("static").c_str(), 0755));
@@ -221,6 +248,8 @@ TEST_F(OtherUser, AsAClient_IsRefused) {
     int status = 0;
     ASSERT_EQ(other, ::waitpid(other, &status, 0));
     EXPECT_EQ(-KnStatusDenied, WEXITSTATUS(status));
+    EXPECT_THAT(log.Text(), HasSubstr("3 refused process " + std::to_string(other)));
+    EXPECT_THAT(log.Text(), HasSubstr(" of user 65534: "));
     ASSERT_EQ(0, ::chmod(RuntimePath("").c_str(), 0700));
     const Echoers echoers(server.Get());
     EXPECT_EQ(KnStatusOk, CallWith(ConnectStatic().Get(), 1));
@@ -249,10 +278,15 @@ TEST_F(OtherUser, AsAServer_IsRefused) {
     ASSERT_EQ(1, ::read(ready[0], &byte, 1));
     ::close(ready[0]);
     ::close(ready[1]);
+    // As if this user had made the socket: what is left is who listens on it.
     ASSERT_EQ(0, ::chmod(RuntimePath("").c_str(), 0700));
+    ASSERT_EQ(0, ::chmod(RuntimePath("static").c_str(), 0700));
+    ASSERT_EQ(0, ::chown(RuntimePath("static/line").c_str(), ::geteuid(), ::getegid()));
+    const LogRecorder log;
     KnHandle handle = 99;
     EXPECT_EQ(KnStatusDenied, ServiceLocatorConnect("line", PatienceMs, &handle));
     EXPECT_EQ(99u, handle);
+    EXPECT_THAT(log.Text(), HasSubstr("the server at the name line belongs to another user"));
     ::kill(other, SIGKILL);
     ::waitpid(other, nullptr, 0);
     std::filesystem::remove_all(RuntimePath("static"));

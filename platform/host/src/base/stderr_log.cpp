@@ -1,6 +1,6 @@
 #include "base/stderr_log.h"
 
-#include "common/utf8.h"
+#include "common/escape.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -40,31 +40,6 @@ LevelStyle StyleOf(LogLevel level) {
     return {"?????", ""};
 }
 
-/// Appends `message` so that it stays one line and cannot control a terminal: control characters and bytes that are not
-/// UTF-8 become escapes.
-void AppendEscaped(std::string& line, std::string_view message) {
-    constexpr char digits[] = "0123456789abcdef";
-    while (!message.empty()) {
-        const utf8::Step step = utf8::Decode(message);
-        const bool isControl = step.point < 0x20 || (step.point >= 0x7F && step.point < 0xA0);
-        if (step.point == U'\n') {
-            line += "\\n";
-        } else if (step.point == U'\t') {
-            line += "\\t";
-        } else if (isControl || !step.valid) {
-            for (const char c : message.substr(0, step.length)) {
-                const auto byte = static_cast<unsigned char>(c);
-                line += "\\x";
-                line += digits[byte >> 4];
-                line += digits[byte & 0xF];
-            }
-        } else {
-            line += message.substr(0, step.length);
-        }
-        message.remove_prefix(step.length);
-    }
-}
-
 void AppendTime(std::string& line) {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
@@ -75,6 +50,36 @@ void AppendTime(std::string& line) {
     line.append(text, length);
     const int micros = std::snprintf(text, sizeof text, ".%06ldZ", now.tv_nsec / 1000);
     line.append(text, static_cast<std::size_t>(micros));
+}
+
+/// Returns: the record as one line, without its end.
+std::string Format(const LogLimit::Record& record) {
+    thread_local const pid_t threadId = ::gettid();
+    std::string text;
+    text.reserve(160 + record.text.size());
+    AppendTime(text);
+    text += ' ';
+    text += StyleOf(record.level).name;
+    text += " [";
+    text += std::to_string(threadId);
+    text += "] ";
+    text += record.file;
+    text += ':';
+    text += std::to_string(record.line);
+    text += ' ';
+    text += record.function;
+    text += ": ";
+    common::AppendEscaped(text, record.text);
+    return text;
+}
+
+LogLimit::Record RecordOf(const LogLimit::Report& report) {
+    return {report.level, report.file, report.line, report.function, report.text};
+}
+
+bool IsSwitchedOff() {
+    const char* const setting = ::secure_getenv("BORVEN_LOG_LIMIT");
+    return setting != nullptr && std::string_view(setting) == "off";
 }
 
 /// Writes without SIGPIPE, which a pipe without reader would raise.
@@ -105,7 +110,7 @@ StderrLog& StderrLog::Instance() {
     return log;
 }
 
-StderrLog::StderrLog() {
+StderrLog::StderrLog() : isLimited(!IsSwitchedOff()) {
     ::pthread_atfork(&StderrLog::BeforeFork, &StderrLog::AfterForkInParent, &StderrLog::AfterForkInChild);
     std::atexit([] { Instance().Flush(); });
 }
@@ -122,6 +127,7 @@ void StderrLog::AfterForkInParent() NO_THREAD_SAFETY_ANALYSIS {
 
 void StderrLog::AfterForkInChild() NO_THREAD_SAFETY_ANALYSIS {
     // The parent writes these; the child must not write them again.
+    Instance().limit.Clear();
     Instance().rest.clear();
     Instance().dropped = 0;
     Instance().mutex.Unlock();
@@ -136,28 +142,39 @@ void StderrLog::SetThreshold(LogLevel lowest) noexcept {
 }
 
 void StderrLog::Write(LogLevel level, const char* file, int line, const char* function, const std::string& message) {
-    thread_local const pid_t threadId = ::gettid();
-    const LevelStyle style = StyleOf(level);
-    std::string text;
-    text.reserve(160 + message.size());
-    AppendTime(text);
-    text += ' ';
-    text += style.name;
-    text += " [";
-    text += std::to_string(threadId);
-    text += "] ";
-    text += file;
-    text += ':';
-    text += std::to_string(line);
-    text += ' ';
-    text += function;
-    text += ": ";
-    AppendEscaped(text, message);
+    const LogLimit::Record record{level, file, line, function, message};
+    if (isLimited && level != LogLevel::Debug) {
+        std::vector<LogLimit::Report> reports;
+        bool isAdmitted = false;
+        {
+            const auto now = LogLimit::Clock::now();
+            const common::MutexLock lock(mutex);
+            if (limit.IsDue(now)) {
+                reports = limit.Take(now);
+            }
+            isAdmitted = limit.Admit(record, now);
+        }
+        for (const auto& report : reports) {
+            WriteLine(RecordOf(report));
+        }
+        if (!isAdmitted) {
+            return;
+        }
+    }
+    WriteLine(record);
+}
 
+void StderrLog::WriteLine(const LogLimit::Record& record) {
+    std::string text = Format(record);
     const common::MutexLock lock(mutex);
     Follow();
-    if (isColoured && *style.colour != '\0') {
-        text = style.colour + text + "\x1b[0m";
+    EmitLine(record.level, std::move(text));
+}
+
+void StderrLog::EmitLine(LogLevel level, std::string text) {
+    const char* const colour = StyleOf(level).colour;
+    if (isColoured && *colour != '\0') {
+        text = colour + text + "\x1b[0m";
     }
     text += '\n';
     Emit(std::move(text));
@@ -262,10 +279,15 @@ void StderrLog::Emit(std::string line) {
     }
 }
 
-/// At exit: offers the stream what it did not accept before. Does not wait for a thread that is just writing.
+/// At exit: reports what was suppressed, and offers the stream what it did not accept before. Does not wait for a
+/// thread that is just writing.
 void StderrLog::Flush() {
     if (!mutex.TryLock()) {
         return;
+    }
+    for (const auto& report : limit.Take(LogLimit::Clock::time_point::max())) {
+        Follow();
+        EmitLine(report.level, Format(RecordOf(report)));
     }
     if (stream != Stream::Closed && (!rest.empty() || dropped != 0)) {
         Follow();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/log_limit.h"
 #include "base/unique_fd.h"
 #include "bos/logger.h"
 #include "common/mutex.h"
@@ -18,6 +19,10 @@ namespace borven_host {
 /// No caller waits for the reader of the stream. A pipe or terminal is opened a second time without blocking, because
 /// the flag on the inherited description would change the stream for every process that shares it. A record that the
 /// stream does not accept is dropped and counted; the next line that it accepts reports the number.
+///
+/// Each log site is limited (LogLimit), but for Debug, which is off unless every step is wanted. What was suppressed is
+/// reported with the first record after the site's span, of any site, or at exit. BORVEN_LOG_LIMIT=off in the
+/// environment of the process, read at its first record, switches the limit off.
 class StderrLog final : public bos::logger::ILogBackEnd {
 public:
     /// Never destroyed: threads may log until the process has exited.
@@ -38,15 +43,20 @@ private:
     static void AfterForkInParent();
     static void AfterForkInChild();
 
+    void WriteLine(const LogLimit::Record& record) EXCLUDES(mutex);
+    void EmitLine(bos::logger::LogLevel level, std::string text) REQUIRES(mutex);
     void Follow() REQUIRES(mutex);
     bool Put(std::string_view bytes) REQUIRES(mutex);
     ssize_t WriteSome(std::string_view bytes) const REQUIRES(mutex);
     void Emit(std::string line) REQUIRES(mutex);
     void Flush() EXCLUDES(mutex);
 
+    const bool isLimited;
+
     std::atomic<int> threshold{static_cast<int>(bos::logger::LogLevel::Info)};
 
     common::Mutex mutex;
+    LogLimit limit GUARDED_BY(mutex);
     dev_t device GUARDED_BY(mutex) = 0;
     ino_t inode GUARDED_BY(mutex) = 0;
     Stream stream GUARDED_BY(mutex) = Stream::Closed;

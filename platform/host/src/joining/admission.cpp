@@ -1,5 +1,6 @@
 #include "joining/admission.h"
 
+#include "base/log.h"
 #include "kn/status.h"
 #include "names/handshake.h"
 #include "names/peer.h"
@@ -15,6 +16,8 @@
 #include <utility>
 
 namespace borven_host {
+
+using bos::logger::LogLevel;
 
 namespace {
 
@@ -34,27 +37,42 @@ bool IsFromReserve(int fd) {
     return static_cast<rlim_t>(fd) + Admission::DescriptorReserve >= limit.rlim_cur;
 }
 
+/// Returns: the process that connected `socket`, as log lines name it.
+std::string DescribePeer(int socket) {
+    ucred credentials{};
+    socklen_t length = sizeof credentials;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
+        return "an unknown process";
+    }
+    return "process " + std::to_string(credentials.pid) + " (" + TaskName(credentials.pid) + ") of user " +
+           std::to_string(credentials.uid);
+}
+
 } // namespace
 
 void Admission::Start() {
     spare = OpenSpare();
     pausedUntil.reset();
     lastPause = {};
+    namesDue = Deadline::max();
+    nameWatch.Start();
 }
 
 void Admission::Stop() noexcept {
+    nameWatch.Stop();
     spare.Reset();
 }
 
 void Admission::Add(Listener listener) {
     const std::uint64_t id = poller.NewId();
     const int fd = listener.socket->Get();
-    listeners.emplace(id, std::move(listener));
+    Listener& added = listeners.emplace(id, std::move(listener)).first->second;
     if (!poller.WatchSocket(fd, EPOLLIN, id)) {
         const int error = errno;
         listeners.erase(id);
         throw std::system_error(error, std::generic_category());
     }
+    WatchName(added);
 }
 
 std::optional<Admission::Listener> Admission::Remove(const Channel& channel) {
@@ -78,11 +96,16 @@ Admission::Listeners Admission::RemoveAll() {
 }
 
 void Admission::Abandon() noexcept {
+    nameWatch.Abandon();
     listeners.clear();
     spare.Reset();
 }
 
 bool Admission::Admit(std::uint64_t id) {
+    if (nameWatch.Notice(id)) {
+        namesDue = Deadline::min();
+        return true;
+    }
     const auto listener = listeners.find(id);
     if (listener == listeners.end()) {
         return false;
@@ -121,6 +144,7 @@ bool Admission::AcceptOne(std::uint64_t id, int listening) {
 void Admission::AcceptWithSpare(int listening) {
     spare.Reset();
     if (const UniqueFd socket = AcceptFrom(listening); socket) {
+        Log(LogLevel::Warning, {"refused a client: every descriptor of this process is in use"});
         SendAnswer(socket.Get(), KnStatusNoResources);
     }
     spare = OpenSpare();
@@ -131,11 +155,15 @@ void Admission::AcceptWithSpare(int listening) {
 
 void Admission::Welcome(std::uint64_t listenerId, UniqueFd socket) {
     if (IsFromReserve(socket.Get())) {
+        Log(LogLevel::Warning, {"refused ", DescribePeer(socket.Get()), ": the descriptors of this process run out"});
         SendAnswer(socket.Get(), KnStatusNoResources);
         return;
     }
     Peer peer;
     if (const auto status = IdentifyPeer(socket.Get(), peer); status != KnStatusOk) {
+        if (status != KnStatusPeerGone) {
+            Log(LogLevel::Warning, {"refused ", DescribePeer(socket.Get()), ": ", KnStatusText(status)});
+        }
         SendAnswer(socket.Get(), status);
         return;
     }
@@ -156,6 +184,12 @@ void Admission::ReadGreeting(Visitors::Visitor& visitor) {
         return;
     }
     const std::int32_t status = length == sizeof greeting ? Check(greeting) : KnStatusDenied;
+    if (status == KnStatusOtherVersion) {
+        Log(LogLevel::Warning, {"refused ", DescribePeer(visitor.socket.Get()), ": it speaks version ",
+                                std::to_string(greeting.layoutVersion), " of the protocol"});
+    } else if (status != KnStatusOk && length > 0) { // 0 or less: a look-up, which disconnects without a greeting
+        Log(LogLevel::Warning, {"refused ", DescribePeer(visitor.socket.Get()), ": it sent no valid greeting"});
+    }
     if (status != KnStatusOk) {
         visitors.Refuse(visitor, status);
         return;
@@ -163,7 +197,11 @@ void Admission::ReadGreeting(Visitors::Visitor& visitor) {
     visitor.layoutVersion = greeting.layoutVersion;
     const Listener& listener = listeners.at(visitor.listenerId);
     if (listener.channel) {
-        static_cast<void>(visitors.Join(visitor, listener.channel, {}));
+        const pid_t pid = visitor.peer.pid; // the visitor is gone when it is refused
+        if (const auto joined = visitors.Join(visitor, listener.channel, {}); joined != KnStatusOk) {
+            Log(LogLevel::Warning,
+                {"refused process ", std::to_string(pid), " (", TaskName(pid), "): ", KnStatusText(joined)});
+        }
     } else {
         visitors.Ask(visitor, listener.service, listener.type);
     }
@@ -181,6 +219,76 @@ void Admission::Resume(Deadline now) {
         pausedUntil.reset();
         WatchListeners(EPOLLIN);
     }
+}
+
+/// What happened to the name before it was watched is noticed, too.
+void Admission::WatchName(Listener& listener) {
+    nameWatch.Add(*listener.socket);
+    if (!listener.socket->IsInPlace()) {
+        namesDue = Deadline::min();
+        poller.Wake();
+    }
+}
+
+std::vector<std::string> Admission::RestoreNames(Deadline now) {
+    std::vector<std::string> lost;
+    if (now < namesDue) {
+        return lost;
+    }
+    namesDue = Deadline::max();
+    for (auto& [id, listener] : listeners) {
+        if (!listener.isNameLost && !RestoreName(id, listener, now)) {
+            listener.isNameLost = true;
+            lost.push_back(listener.socket->Name());
+        }
+    }
+    return lost;
+}
+
+/// Returns: false when the name is lost for good.
+bool Admission::RestoreName(std::uint64_t id, Listener& listener, Deadline now) {
+    if (listener.socket->IsInPlace()) {
+        listener.missingSince.reset();
+        return true;
+    }
+    const Deadline since = listener.missingSince.value_or(now);
+    listener.missingSince = since;
+    std::unique_ptr<NamedSocket> next;
+    switch (const auto status = listener.socket->ClaimAgain(next)) {
+    case KnStatusOk:
+        if (poller.WatchSocket(next->Get(), pausedUntil ? 0u : EPOLLIN, id)) {
+            Replace(id, listener, std::move(next));
+            return true;
+        }
+        next->Release();
+        break;
+    case KnStatusAlreadyExists:
+        if (now - since >= NameTime) {
+            Log(LogLevel::Error, {"the name ", listener.socket->Name(), " was removed, and another server has it now"});
+            return false;
+        }
+        break;
+    case KnStatusTimedOut:
+    case KnStatusNoResources:
+        break;
+    default:
+        Log(LogLevel::Error, {"the name ", listener.socket->Name(),
+                              " was removed, and cannot be claimed again: ", KnStatusText(status)});
+        return false;
+    }
+    namesDue = std::min(namesDue, now + NamePause);
+    return true;
+}
+
+void Admission::Replace(std::uint64_t id, Listener& listener, std::unique_ptr<NamedSocket> next) {
+    while (AcceptOne(id, listener.socket->Get())) { // no new ones come: the old socket has no name
+    }
+    poller.Unwatch(listener.socket->Get());
+    listener.socket->Release(); // where it was moved to
+    listener.socket = std::move(next);
+    listener.missingSince.reset();
+    WatchName(listener);
+    Log(LogLevel::Warning, {"the name ", listener.socket->Name(), " was removed; it is restored"});
 }
 
 void Admission::WatchListeners(std::uint32_t events) const {

@@ -84,6 +84,8 @@ void Housekeeper::LeaveToParent() {
     static std::vector<Inherited>& inherited = *new std::vector<Inherited>;
     inherited.push_back({std::move(thread), visitors.Release(), poller.Release().epoll});
     admission.Abandon();
+    nameLostHandler = nullptr;
+    isReportingLoss = false;
 }
 
 std::int32_t Housekeeper::Offer(std::string_view name, std::shared_ptr<Channel> channel) {
@@ -204,6 +206,15 @@ void Housekeeper::Close(const std::shared_ptr<Channel>& channel) {
     StopWhenIdle();
 }
 
+void Housekeeper::OnNameLost(NsNameLostHandler handler, void* context) {
+    common::MutexLock lock(mutex);
+    nameLostHandler = handler;
+    nameLostContext = context;
+    while (isReportingLoss) {
+        lossReported.Wait(lock);
+    }
+}
+
 void Housekeeper::StopListening() {
     const common::MutexLock lock(mutex);
     EndListening();
@@ -242,25 +253,55 @@ void Housekeeper::Run(int waitsOn) {
     int timeout = -1;
     while (true) {
         const int count = ::epoll_wait(waitsOn, events.data(), static_cast<int>(events.size()), timeout);
-        const common::MutexLock lock(mutex);
-        if (isStopping) {
-            return;
-        }
-        try {
-            for (int i = 0; i < count; ++i) {
-                Handle(Poller::Decode(events[static_cast<std::size_t>(i)]));
+        std::vector<std::string> lostNames;
+        {
+            const common::MutexLock lock(mutex);
+            if (isStopping) {
+                return;
             }
-            const Deadline now = std::chrono::steady_clock::now();
-            admission.Resume(now);
-            visitors.Expire(now);
-        } catch (const std::exception& error) {
-            Log(LogLevel::Error, {"failed to admit a client: ", error.what()});
+            try {
+                for (int i = 0; i < count; ++i) {
+                    Handle(Poller::Decode(events[static_cast<std::size_t>(i)]));
+                }
+                const Deadline now = std::chrono::steady_clock::now();
+                admission.Resume(now);
+                visitors.Expire(now);
+                lostNames = admission.RestoreNames(now);
+            } catch (const std::exception& error) {
+                Log(LogLevel::Error, {"failed to admit a client: ", error.what()});
+            }
+            timeout = PollTimeout(std::min(admission.NextDeadline(), visitors.NextDeadline()));
         }
-        timeout = PollTimeout(std::min(admission.NextDeadline(), visitors.NextDeadline()));
+        if (!lostNames.empty()) {
+            ReportLostNames(lostNames);
+        }
     }
 }
 
+void Housekeeper::ReportLostNames(const std::vector<std::string>& names) {
+    NsNameLostHandler handler = nullptr;
+    void* context = nullptr;
+    {
+        const common::MutexLock lock(mutex);
+        handler = nameLostHandler;
+        context = nameLostContext;
+        isReportingLoss = true;
+    }
+    if (handler != nullptr) {
+        for (const std::string& name : names) {
+            handler(name.c_str(), context);
+        }
+    }
+    const common::MutexLock lock(mutex);
+    isReportingLoss = false;
+    lossReported.NotifyAll();
+}
+
 void Housekeeper::Handle(const Poller::Event& event) {
+    if (event.id == 0) {
+        poller.ForgetWake();
+        return;
+    }
     if (admission.Admit(event.id)) {
         return;
     }

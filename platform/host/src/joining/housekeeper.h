@@ -5,11 +5,13 @@
 #include "joining/admission.h"
 #include "joining/poller.h"
 #include "joining/visitors.h"
+#include "ns/name_loss.h"
 #include "records/channel.h"
 
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -40,6 +42,9 @@ public:
     std::int32_t Accept(std::string_view clientName, std::string_view service, std::uint16_t iid,
                         const std::shared_ptr<Channel>& channel, std::int32_t refusal) EXCLUDES(mutex);
 
+    /// See NsOnNameLost.
+    void OnNameLost(NsNameLostHandler handler, void* context) EXCLUDES(mutex);
+
     /// Makes every KnCmListen return KnStatusClosed, and KnCmAccept refuse, until a service is published again.
     void StopListening() EXCLUDES(mutex);
 
@@ -65,6 +70,7 @@ private:
 
     void Run(int waitsOn) EXCLUDES(mutex);
     void Handle(const Poller::Event& event) REQUIRES(mutex);
+    void ReportLostNames(const std::vector<std::string>& names) EXCLUDES(mutex);
 
     /// Held while the thread starts or stops, and while names are released.
     common::Mutex lifeMutex ACQUIRED_BEFORE(mutex);
@@ -78,6 +84,10 @@ private:
     bool isStopping GUARDED_BY(mutex) = false;
     bool isListening GUARDED_BY(mutex) = true; ///< false from StopListening until a service is published again
     std::uint64_t listeningStops GUARDED_BY(mutex) = 0;
+    NsNameLostHandler nameLostHandler GUARDED_BY(mutex) = nullptr;
+    void* nameLostContext GUARDED_BY(mutex) = nullptr;
+    bool isReportingLoss GUARDED_BY(mutex) = false; ///< the handler is being called
+    common::ConditionVariable lossReported;
 };
 
 } // namespace borven_host

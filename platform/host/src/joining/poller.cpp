@@ -49,6 +49,11 @@ void Poller::Wake() const noexcept {
     static_cast<void>(::write(descriptors.wake.Get(), &one, sizeof one));
 }
 
+void Poller::ForgetWake() const noexcept {
+    std::uint64_t count = 0;
+    static_cast<void>(::read(descriptors.wake.Get(), &count, sizeof count));
+}
+
 bool Poller::WatchSocket(int socket, std::uint32_t events, std::uint64_t id) const noexcept {
     return Control(EPOLL_CTL_ADD, socket, events, id << 1);
 }

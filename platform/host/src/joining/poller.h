@@ -38,6 +38,7 @@ public:
     int Get() const noexcept { return descriptors.epoll.Get(); }
     static Event Decode(const epoll_event& event) noexcept;
     void Wake() const noexcept;
+    void ForgetWake() const noexcept;
 
     /// Returns: a number that no listener and no visitor of this process has had, from 1 on.
     std::uint64_t NewId() noexcept { return ++lastId; }

@@ -53,7 +53,10 @@ Visitors::Visitor* Visitors::Add(std::uint64_t listenerId, UniqueFd socket, Peer
 
 void Visitors::RefuseOldestGreeting(std::int32_t status) {
     assert(!greeting.empty());
-    Refuse(visitors.at(greeting.front()), status);
+    Visitor& oldest = visitors.at(greeting.front());
+    Log(LogLevel::Warning, {"refused process ", std::to_string(oldest.peer.pid), " (", TaskName(oldest.peer.pid),
+                            "), which has sent no greeting: ", KnStatusText(status)});
+    Refuse(oldest, status);
 }
 
 bool Visitors::IsAskingTooMuch(const Visitor& visitor) const {

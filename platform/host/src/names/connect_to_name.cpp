@@ -1,5 +1,6 @@
 #include "names/connect_to_name.h"
 
+#include "base/log.h"
 #include "kn/status.h"
 #include "names/handshake.h"
 #include "names/peer.h"
@@ -11,6 +12,8 @@
 #include <algorithm>
 
 namespace borven_host {
+
+using bos::logger::LogLevel;
 
 namespace {
 
@@ -25,7 +28,8 @@ void SetSendTimeout(int socket, Deadline deadline) {
 
 std::int32_t ConnectToName(NameKind kind, std::string_view name, Deadline deadline, UniqueFd& socket) {
     UniqueFd directory;
-    if (const auto status = OpenRuntimeDirectory(Missing::Fails, directory); status != KnStatusOk) {
+    if (const auto status = OpenRuntimeDirectory(RuntimeDirectoryPath(), Missing::Fails, directory);
+        status != KnStatusOk) {
         return status;
     }
     UniqueFd connecting = OpenSocket(0);
@@ -38,6 +42,9 @@ std::int32_t ConnectToName(NameKind kind, std::string_view name, Deadline deadli
     }
     Peer server;
     if (const auto status = IdentifyPeer(connecting.Get(), server); status != KnStatusOk) {
+        if (status == KnStatusDenied) {
+            Log(LogLevel::Error, {"the server at the name ", name, " belongs to another user"});
+        }
         return status == KnStatusPeerGone ? KnStatusNotFound : status;
     }
     const Greeting greeting = MakeGreeting();

@@ -11,6 +11,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
+#include <string>
+#include <system_error>
 
 namespace borven_host {
 
@@ -30,6 +33,17 @@ sockaddr_un AddressOf(int descriptor, const char* entry = nullptr) {
 
 const sockaddr* Raw(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
+}
+
+/// Returns: the path of the directory that is open as `descriptor`.
+std::string PathOfDirectory(int descriptor) {
+    std::error_code error;
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error).string();
+}
+
+int RefuseFile(int directory, const std::string& path, std::string_view reason) {
+    Log(LogLevel::Error, {"the file ", PathOfDirectory(directory), "/", path, " ", reason, "; remove it"});
+    return EPROTOTYPE;
 }
 
 } // namespace
@@ -57,16 +71,27 @@ bool BindToEntry(int directory, const char* path, int socket) {
 }
 
 int ConnectToEntry(int directory, const std::string& path, int socket) {
-    const UniqueFd entry(::openat(directory, path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    if (!entry) {
+    struct stat found {};
+    const std::string folder = path.substr(0, path.find('/'));
+    const UniqueFd opened(::openat(directory, folder.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!opened || ::fstat(opened.Get(), &found) != 0) {
         return errno;
     }
-    struct stat found {};
-    if (::fstat(entry.Get(), &found) == 0 && !S_ISSOCK(found.st_mode)) {
-        return EPROTOTYPE;
+    if (!S_ISDIR(found.st_mode) || found.st_uid != ::geteuid() || (found.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return RefuseFile(directory, folder, "is not a directory that only this user may write to");
+    }
+    const UniqueFd entry(::openat(opened.Get(), path.c_str() + folder.size() + 1, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!entry || ::fstat(entry.Get(), &found) != 0) {
+        return errno;
+    }
+    if (!S_ISSOCK(found.st_mode) || found.st_uid != ::geteuid()) {
+        return RefuseFile(directory, path, "is not a socket of this user");
     }
     const sockaddr_un address = AddressOf(entry.Get());
     while (::connect(socket, Raw(address), sizeof address) != 0) {
+        if (errno == EPROTOTYPE) {
+            return RefuseFile(directory, path, "is a socket of another program");
+        }
         if (errno != EINTR) {
             return errno;
         }
@@ -104,11 +129,6 @@ std::int32_t CheckFree(int directory, const std::string& path) {
     case 0:
     case EAGAIN: // the server has not admitted the connections that wait already
         return KnStatusAlreadyExists;
-    case EPROTOTYPE:
-        Log(LogLevel::Error,
-            {"the file ", path, " in the runtime directory is not a socket of this platform; remove it ",
-             "to use the name"});
-        return KnStatusDenied;
     default:
         return StatusOfErrno(error);
     }
@@ -116,7 +136,8 @@ std::int32_t CheckFree(int directory, const std::string& path) {
 
 std::int32_t LookUpName(NameKind kind, std::string_view name) {
     UniqueFd directory;
-    if (const auto status = OpenRuntimeDirectory(Missing::Fails, directory); status != KnStatusOk) {
+    if (const auto status = OpenRuntimeDirectory(RuntimeDirectoryPath(), Missing::Fails, directory);
+        status != KnStatusOk) {
         return status;
     }
     const auto status = CheckFree(directory.Get(), PathOf(kind, name));

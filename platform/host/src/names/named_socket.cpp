@@ -26,12 +26,21 @@ constexpr int Backlog = 256;
 } // namespace
 
 std::int32_t NamedSocket::Create(NameKind kind, std::string_view name, std::unique_ptr<NamedSocket>& socket) {
+    return Claim(kind, name, RuntimeDirectoryPath(), LockPatience, socket);
+}
+
+std::int32_t NamedSocket::ClaimAgain(std::unique_ptr<NamedSocket>& socket) const {
+    return Claim(kind, name, directoryPath, std::chrono::milliseconds(0), socket);
+}
+
+std::int32_t NamedSocket::Claim(NameKind kind, std::string_view name, const std::string& path,
+                                std::chrono::milliseconds patience, std::unique_ptr<NamedSocket>& socket) {
     UniqueFd directory;
-    if (const auto status = OpenRuntimeDirectory(Missing::IsCreated, directory); status != KnStatusOk) {
+    if (const auto status = OpenRuntimeDirectory(path, Missing::IsCreated, directory); status != KnStatusOk) {
         return status;
     }
     UniqueFd lock;
-    if (const auto status = LockRuntimeDirectory(directory.Get(), lock); status != KnStatusOk) {
+    if (const auto status = LockRuntimeDirectory(directory.Get(), patience, lock); status != KnStatusOk) {
         return status;
     }
     const auto refuse = [&](const char* step) {
@@ -43,12 +52,12 @@ std::int32_t NamedSocket::Create(NameKind kind, std::string_view name, std::uniq
     if (::mkdirat(directory.Get(), FolderOf(kind), 0700) != 0 && errno != EEXIST) {
         return refuse("mkdir");
     }
-    const std::string path = PathOf(kind, name);
-    if (const auto status = CheckFree(directory.Get(), path); status != KnStatusOk) {
+    const std::string entry = PathOf(kind, name);
+    if (const auto status = CheckFree(directory.Get(), entry); status != KnStatusOk) {
         return status;
     }
-    std::unique_ptr<NamedSocket> created(new NamedSocket(kind, name));
-    if (const char* const failedStep = created->ListenUnderName(directory.Get(), path); failedStep != nullptr) {
+    std::unique_ptr<NamedSocket> created(new NamedSocket(kind, name, path));
+    if (const char* const failedStep = created->ListenUnderName(directory.Get(), entry); failedStep != nullptr) {
         return refuse(failedStep);
     }
     created->directory = std::move(directory);
@@ -80,17 +89,29 @@ const char* NamedSocket::ListenUnderName(int directoryFd, const std::string& pat
     return nullptr;
 }
 
+bool NamedSocket::IsInPlace() const {
+    // By its path, not by the open directory: that may have been renamed.
+    const UniqueFd now(::open(directoryPath.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat found {};
+    return now && ::fstatat(now.Get(), Entry().c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && found.st_dev == device &&
+           found.st_ino == inode;
+}
+
 NamedSocket::~NamedSocket() {
+    ReleaseWithin(LockPatience);
+}
+
+void NamedSocket::ReleaseWithin(std::chrono::milliseconds patience) {
     UniqueFd lock;
-    if (inode == 0 || owner != ::getpid() || LockRuntimeDirectory(directory.Get(), lock) != KnStatusOk) {
+    if (inode == 0 || owner != ::getpid() || LockRuntimeDirectory(directory.Get(), patience, lock) != KnStatusOk) {
         return;
     }
-    const std::string path = PathOf(kind, name);
     struct stat found {};
-    if (::fstatat(directory.Get(), path.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && found.st_dev == device &&
+    if (::fstatat(directory.Get(), Entry().c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && found.st_dev == device &&
         found.st_ino == inode) {
-        ::unlinkat(directory.Get(), path.c_str(), 0);
+        ::unlinkat(directory.Get(), Entry().c_str(), 0);
     }
+    inode = 0;
     // Fails while the folder holds other names.
     ::unlinkat(directory.Get(), FolderOf(kind), AT_REMOVEDIR);
 }

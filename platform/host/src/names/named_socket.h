@@ -6,6 +6,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -25,6 +26,16 @@ public:
     /// locked; KnStatusNoResources.
     static std::int32_t Create(NameKind kind, std::string_view name, std::unique_ptr<NamedSocket>& socket);
 
+    /// Claims the name again in the same place, without waiting for a locked directory. Returns: as Create.
+    std::int32_t ClaimAgain(std::unique_ptr<NamedSocket>& socket) const;
+
+    /// Returns: whether clients still find this socket under its name.
+    bool IsInPlace() const;
+
+    /// Removes the entry, unless another server holds the name by now: the destructor without waiting for a locked
+    /// directory.
+    void Release() { ReleaseWithin(std::chrono::milliseconds(0)); }
+
     /// Releases the name before the socket closes, unless another server holds it by now. While the directory stays
     /// locked that cannot be found out, and the entry is left for the next server to replace. In a forked child the
     /// socket is closed and nothing else.
@@ -34,14 +45,26 @@ public:
     NamedSocket& operator=(const NamedSocket&) = delete;
 
     int Get() const noexcept { return listening.Get(); }
+    const std::string& Name() const noexcept { return name; }
+
+    /// The runtime directory, and the paths in it.
+    int Directory() const noexcept { return directory.Get(); }
+    const char* Folder() const noexcept { return FolderOf(kind); }
+    std::string Entry() const { return PathOf(kind, name); }
 
 private:
-    NamedSocket(NameKind which, std::string_view called) : kind(which), name(called), owner(::getpid()) {}
+    NamedSocket(NameKind which, std::string_view called, const std::string& path)
+        : kind(which), name(called), directoryPath(path), owner(::getpid()) {}
+
+    static std::int32_t Claim(NameKind kind, std::string_view name, const std::string& path,
+                              std::chrono::milliseconds patience, std::unique_ptr<NamedSocket>& socket);
+    void ReleaseWithin(std::chrono::milliseconds patience);
 
     const char* ListenUnderName(int directoryFd, const std::string& path);
 
     const NameKind kind;
     const std::string name;
+    const std::string directoryPath;
     const pid_t owner;
     UniqueFd directory;
     UniqueFd listening;

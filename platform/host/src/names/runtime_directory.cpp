@@ -11,8 +11,12 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <thread>
+#include <utility>
 
 namespace borven_host {
 
@@ -20,7 +24,7 @@ namespace {
 
 using bos::logger::LogLevel;
 
-std::string RuntimeDirectoryPath() {
+std::string ChosenPath() {
     if (const char* chosen = ::secure_getenv("BORVEN_RUNTIME_DIR"); chosen != nullptr && *chosen != '\0') {
         return chosen;
     }
@@ -35,36 +39,95 @@ std::int32_t Refuse(const std::string& path, std::string_view reason) {
     return KnStatusDenied;
 }
 
+/// For errno. Returns: KnStatusNoResources, or that of Refuse.
+std::int32_t FailOrRefuse(const std::string& path, std::string_view reason) {
+    const int error = errno;
+    switch (error) {
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+    case ENOSPC:
+    case EDQUOT:
+        return KnStatusNoResources;
+    default:
+        return Refuse(path, std::string(reason) + ErrnoText(error));
+    }
+}
+
+std::string AnotherUser(const struct stat& found) {
+    return "belongs to another user (uid " + std::to_string(found.st_uid) + ')';
+}
+
+/// Returns: why the runtime directory must not be in the directory `above`; empty: it may.
+std::string FaultOfParent(const struct stat& above) {
+    if (above.st_uid != 0 && above.st_uid != ::geteuid()) {
+        return AnotherUser(above);
+    }
+    const bool isWritableByOthers = (above.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    return isWritableByOthers && (above.st_mode & S_ISVTX) == 0 ? "is writable by others and not sticky" : "";
+}
+
+bool IsRootDirectory(const struct stat& directory) {
+    struct stat root {};
+    return ::stat("/", &root) != 0 || (root.st_dev == directory.st_dev && root.st_ino == directory.st_ino);
+}
+
 } // namespace
 
-std::int32_t OpenRuntimeDirectory(Missing missing, UniqueFd& directory) {
-    const std::string path = RuntimeDirectoryPath();
-    if (missing == Missing::IsCreated && ::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-        return Refuse(path, ErrnoText());
+std::string RuntimeDirectoryPath() {
+    const std::string chosen = ChosenPath();
+    std::error_code error; // the working directory may be gone
+    std::string path = std::filesystem::absolute(chosen, error).string();
+    if (error) {
+        return chosen;
     }
-    // Opened first and checked afterwards, so that it cannot be replaced in between.
-    UniqueFd opened(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!opened) {
-        switch (errno) {
-        case ENOENT:
-            return KnStatusNotFound;
-        case EMFILE:
-        case ENFILE:
-        case ENOMEM:
-            return KnStatusNoResources;
-        case ENOTDIR:
-        case ELOOP:
-            return Refuse(path, "it is a symbolic link, or not a directory");
-        default:
-            return Refuse(path, ErrnoText());
-        }
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
     }
+    return path;
+}
+
+std::int32_t OpenRuntimeDirectory(const std::string& path, Missing missing, UniqueFd& directory) {
+    const std::size_t slash = path.rfind('/');
+    const std::string abovePath = slash == 0 ? "/" : path.substr(0, slash);
+    const std::string name = path.substr(slash + 1);
+    if (slash == std::string::npos || name.empty() || name == "." || name == "..") {
+        return Refuse(path, "the path must end in the directory's own name");
+    }
+    const UniqueFd above(::open(abovePath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     struct stat found {};
+    if (!above || ::fstat(above.Get(), &found) != 0) {
+        return errno == ENOENT && missing == Missing::Fails
+                   ? std::int32_t{KnStatusNotFound}
+                   : FailOrRefuse(path, "the directory above it cannot be opened: ");
+    }
+    if (const std::string fault = FaultOfParent(found); !fault.empty()) {
+        return Refuse(path, "the directory above it " + fault);
+    }
+    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    // Opened first and checked afterwards, so that it cannot be replaced in between.
+    UniqueFd opened(::openat(above.Get(), name.c_str(), flags));
+    if (!opened && errno == ENOENT) {
+        if (missing == Missing::Fails) {
+            return KnStatusNotFound;
+        }
+        if (IsRootDirectory(found)) {
+            return Refuse(path, "it does not exist, and nothing is created in the root directory");
+        }
+        if (::mkdirat(above.Get(), name.c_str(), 0700) != 0 && errno != EEXIST) {
+            return FailOrRefuse(path, "it cannot be created: ");
+        }
+        opened = UniqueFd(::openat(above.Get(), name.c_str(), flags));
+    }
+    if (!opened) {
+        return errno == ENOTDIR || errno == ELOOP ? Refuse(path, "it is a symbolic link, or not a directory")
+                                                  : FailOrRefuse(path, "");
+    }
     if (::fstat(opened.Get(), &found) != 0) {
-        return Refuse(path, ErrnoText());
+        return FailOrRefuse(path, "");
     }
     if (found.st_uid != ::geteuid()) {
-        return Refuse(path, "it belongs to another user");
+        return Refuse(path, "it " + AnotherUser(found));
     }
     if ((found.st_mode & 077) != 0) {
         return Refuse(path, "other users may enter it (it must have mode 0700)");
@@ -73,8 +136,7 @@ std::int32_t OpenRuntimeDirectory(Missing missing, UniqueFd& directory) {
     return KnStatusOk;
 }
 
-std::int32_t LockRuntimeDirectory(int directory, UniqueFd& lock) {
-    constexpr std::chrono::seconds patience{2};
+std::int32_t LockRuntimeDirectory(int directory, std::chrono::milliseconds patience, UniqueFd& lock) {
     constexpr std::chrono::milliseconds pause{1};
     // A description of its own, because two locks of one description do not exclude each other.
     lock = UniqueFd(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -86,8 +148,10 @@ std::int32_t LockRuntimeDirectory(int directory, UniqueFd& lock) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
             return KnStatusNoResources;
         }
-        if (std::chrono::steady_clock::now() > deadline) {
-            Log(LogLevel::Error, {"the runtime directory stays locked: a stopped process may hold its lock"});
+        if (std::chrono::steady_clock::now() >= deadline) {
+            if (patience.count() != 0) {
+                Log(LogLevel::Error, {"the runtime directory stays locked: a stopped process may hold its lock"});
+            }
             return KnStatusTimedOut;
         }
         std::this_thread::sleep_for(pause);

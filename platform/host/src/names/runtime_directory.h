@@ -2,24 +2,36 @@
 
 #include "base/unique_fd.h"
 
+#include <chrono>
 #include <cstdint>
+#include <string>
 
 namespace borven_host {
 
 enum class Missing { Fails, IsCreated };
 
-/// Opens the directory that holds the names of this user's channels: $BORVEN_RUNTIME_DIR, else
-/// $XDG_RUNTIME_DIR/borven, else /tmp/borven-<uid>. It must be a directory and no symbolic link, belong to this user,
-/// and be closed to all others.
+/// Returns: the absolute path of the directory that holds the names of this user's channels: $BORVEN_RUNTIME_DIR, else
+/// $XDG_RUNTIME_DIR/borven, else /tmp/borven-<uid>.
+std::string RuntimeDirectoryPath();
+
+/// Opens the runtime directory at `path`. It must be a directory and no symbolic link, belong to this user, and be
+/// closed to all others. The directory above it must belong to this user or root, and others may write to it only if
+/// it is sticky: a process that may rename the runtime directory could keep the server and its clients apart.
+///
+/// A missing one is created with mode 0700, but nothing above it, and not in the root directory, where a wrong setting
+/// would otherwise leave its trace.
 ///
 /// Returns: 0 and `directory`; KnStatusNotFound when it is missing and not to be created; KnStatusDenied, with the
 /// reason in the log; KnStatusNoResources.
-std::int32_t OpenRuntimeDirectory(Missing missing, UniqueFd& directory);
+std::int32_t OpenRuntimeDirectory(const std::string& path, Missing missing, UniqueFd& directory);
+
+inline constexpr std::chrono::milliseconds LockPatience{2000};
 
 /// Locks the runtime directory `directory` against other processes and other threads, until `lock` closes. It is held
 /// for a few system calls only, unless the process that holds it is stopped in between.
 ///
-/// Returns: 0 and `lock`; KnStatusTimedOut, with a line in the log; KnStatusNoResources. Blocks: for at most 2 s.
-std::int32_t LockRuntimeDirectory(int directory, UniqueFd& lock);
+/// Returns: 0 and `lock`; KnStatusTimedOut, with a line in the log if there was `patience`; KnStatusNoResources.
+/// Blocks: for at most `patience`.
+std::int32_t LockRuntimeDirectory(int directory, std::chrono::milliseconds patience, UniqueFd& lock);
 
 } // namespace borven_host
