@@ -16,7 +16,7 @@ import sys
 import time
 import unittest
 
-from harness import BIN, DONE, MODE, NO_SERVER, PATIENCE, REFUSED, BusTest, wait_until
+from harness import BIN, DONE, FAILED, MODE, NO_SERVER, PATIENCE, REFUSED, TIMED_OUT, BusTest, wait_until
 from raw_client import CTL, UNREGISTER_SUBSCRIBER, RawClient, int64
 from server_usage import Usage
 
@@ -25,7 +25,7 @@ PAIR_RATE = 1000  # values per second
 SETTLING_TIME = 10.0  # seconds in which the server has to be back where it was
 MEMORY_ALLOWANCE_KIB = 4096  # what the allocator may keep for itself,
 MAPPING_ALLOWANCE = 8  # and its arenas: two mappings for each thread that allocates for the first time
-LIMIT_OF_HANGS = 60.0
+LIMIT_OF_HANGS = 30.0  # seconds
 
 
 class Pair:
@@ -192,5 +192,5 @@ def main(attacker):
     unittest.main(argv=[sys.argv[0], f"{attacker.__name__}.test_attack"], buffer=True)
 
 
-__all__ = ["BIN", "DONE", "LIMIT_OF_HANGS", "MODE", "NO_SERVER", "PATIENCE", "REFUSED", "SECONDS", "Attack", "Pair", "main",
-           "wait_until"]
+__all__ = ["BIN", "DONE", "FAILED", "LIMIT_OF_HANGS", "MODE", "NO_SERVER", "PATIENCE", "REFUSED", "SECONDS", "TIMED_OUT", "Attack",
+           "Pair", "main", "wait_until"]
