@@ -142,7 +142,8 @@ class HostileServer:
         size = self.random.choice((24, 32, 1056, 1056, 0x80000000 | 32, self.value()))
         if self.random.randrange(8) == 0:
             interface, method = self.value() & 0xFFFF, self.value() & 0xFFFF
-        body = self.random.choice((bytes(1032), b"\xff" * 1032, self.random.randbytes(1032), struct.pack("<q", 1).ljust(1032, b"t")))
+        body = self.random.choice((bytes(1032), b"\xff" * 1032, self.random.randbytes(1032),
+                                   struct.pack("<q", 1).ljust(1032, b"t")))
         return struct.pack("<HHI16x", interface, method, size) + body
 
     def value(self):
