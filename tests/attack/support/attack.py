@@ -190,7 +190,7 @@ def help_of_the_server():
 
 
 def main(attacker):
-    unittest.main(argv=[sys.argv[0], f"{attacker.__name__}.test_attack"], buffer=True)
+    unittest.main(argv=[sys.argv[0], f"{attacker.__name__}.test_attack"], buffer=True, verbosity=2)
 
 
 __all__ = ["BIN", "DONE", "FAILED", "LIMIT_OF_HANGS", "MODE", "NO_SERVER", "PATIENCE", "REFUSED", "SECONDS", "TIMED_OUT",

@@ -2,7 +2,7 @@
 
 from xml.sax.saxutils import escape
 
-WIDTH, PANEL, GAP, LEFT, RIGHT, TOP, BOTTOM = 760, 110, 26, 70, 20, 30, 34
+WIDTH, PANEL, GAP, LEFT, RIGHT, TOP, BOTTOM = 760, 100, 30, 70, 20, 44, 34
 LINE = "#1f77b4"
 TEXT = 'font-family="sans-serif" font-size="11"'
 
@@ -33,5 +33,5 @@ def _panel(label, minutes, samples, top):
     axis = [f'<path d="M{LEFT},{top} V{top + PANEL} H{WIDTH - RIGHT}" fill="none" stroke="#888"/>']
     axis += [f'<text x="{LEFT - 6}" y="{top + PANEL * (1 - share) + 4:.0f}" {TEXT} text-anchor="end">{most * share:.3g}</text>'
              for share in (0, 0.5, 1)]
-    return [*axis, f'<text x="{LEFT + 6}" y="{top + 12}" {TEXT}>{escape(label)}</text>',
+    return [*axis, f'<text x="{LEFT}" y="{top - 5}" {TEXT}>{escape(label)}</text>',
             f'<polyline points="{line}" fill="none" stroke="{LINE}" stroke-width="1.2"/>']
