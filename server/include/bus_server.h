@@ -5,6 +5,7 @@
 #include "flush_wake.h"
 #include "forwarding_connector.h"
 #include "inherited_thread_name.h"
+#include "intake.h"
 #include "ipc_server.h"
 #include "message_bus.h"
 #include "parked_waits.h"
@@ -12,6 +13,7 @@
 #include "reserved_threads.h"
 #include "subscriber_ledger.h"
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -36,6 +38,11 @@ struct BusServerOptions {
     bool parkedWaits = true; ///< ParkedWaits
     bool flushWake = true;   ///< FlushWake
     bool placement = true;   ///< Placement, where threads may be confined; it needs ParkedWaits to see deliveries
+    bool intake = true;      ///< Intake; without it a drain is a stop
+
+    std::chrono::milliseconds holdPushes{0}; ///< pushes are refused until so long after the bus is served; see Intake
+    std::chrono::milliseconds drainLimit{
+        5000}; ///< a drain gives the subscribers so much time; clients repeat a push for ten seconds
 };
 
 /// The bus as a server: builds the bus, its decorators, the connector and the IPC server, runs them, and stops them in
@@ -70,16 +77,25 @@ public:
     /// Ends Run, at once or as soon as it is called. Threads: any; not from a signal handler.
     void RequestStop();
 
+    /// Ends Run when the subscribers have read what was pushed: until then, nothing is registered, and a push is
+    /// answered 2. Ends it all the same after the limit, or by RequestStop; the log has what was left.
+    /// Threads: any; not from a signal handler.
+    void RequestDrain();
+
     /// The bus itself, behind the decorators. Lifetime: this object's.
     message_bus::MessageBus& Bus() noexcept { return bus; }
 
 private:
     void Offer();
+    void HoldPushes(std::chrono::milliseconds duration);
     void NoteDelivery() noexcept;
     void OnServing();
+    void DrainSubscribers();
     void Stop();
 
     const message_bus::ConnectionType connectionType;
+    const std::chrono::milliseconds holdPushes;
+    const std::chrono::milliseconds drainLimit;
     ClosingLogFilter logFilter;
     std::function<void()> reportServing;
     std::string startFailure;                            ///< a sentence; empty: served
@@ -91,6 +107,7 @@ private:
     std::optional<Placement> placement;
     std::optional<ParkedWaits> parkedWaits;
     SubscriberLedger ledger;
+    std::optional<Intake> intake;
     std::shared_ptr<bos_ipc::IpcServer> server; ///< null once stopped
     std::unique_ptr<message_bus::BosConnector> connector;
     std::shared_ptr<ForwardingConnector> forwarding; ///< the bus keeps a share of it until it is destroyed

@@ -3,8 +3,10 @@
 #include "bus_interfaces.h"
 #include "common/mutex.h"
 
+#include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -44,6 +46,10 @@ public:
     /// as the bus.
     /// Blocks: where replies cannot be deferred, as the bus; else never.
     cor::ResultCode Wait(long subscriberId, std::string& topic, long& message) override;
+
+    /// Returns: how many values the subscriber has not read, those that were offered to its client taken back; nothing
+    /// when it has not waited yet, or is unknown.
+    std::optional<std::size_t> Unread(long subscriberId);
 
 private:
     std::shared_ptr<SubscriberWaits> FindOrAdd(long subscriberId);

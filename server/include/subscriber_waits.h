@@ -56,6 +56,9 @@ public:
     /// For a wait whose reply cannot be deferred. Returns: the first value that has left the queue; null: none has.
     std::shared_ptr<message_bus::Message> TakeKept();
 
+    /// Takes back what is offered. Returns: how many values no client has taken yet.
+    std::size_t Unread();
+
     /// Answers a wait with a code other than 0. Does nothing when it was answered before.
     static void Refuse(const NkDeferredReply& wait, cor::ResultCode code) noexcept;
 

@@ -4,6 +4,7 @@
 #include "bos_connector.h"
 #include "br_MessageBus.h"
 #include "diagnostics.h"
+#include "drain.h"
 #include "kn/handle.h"
 #include "kn/policy.h"
 #include "kn/status.h"
@@ -114,12 +115,12 @@ void StartingThreads(const Start& start) {
 } // namespace
 
 BusServer::BusServer(const BusServerOptions& options)
-    : connectionType(options.connectionType),
+    : connectionType(options.connectionType), holdPushes(options.holdPushes), drainLimit(options.drainLimit),
       ledger(bus, MakeWorker(parkedWaits, bus, options.parkedWaits, [this] { NoteDelivery(); })),
       server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
       connector(std::make_unique<message_bus::BosConnector>(server)),
       forwarding(std::make_shared<ForwardingConnector>(
-          *connector, [this] { eventsThreadName.reset(); }, [this] { OnServing(); })) {
+          *connector, [this] { eventsThreadName.reset(); }, [this] { OnServing(); }, [this] { DrainSubscribers(); })) {
     StartingThreads([&] {
         deadline.emplace();
         if (options.flushWake) {
@@ -129,6 +130,14 @@ BusServer::BusServer(const BusServerOptions& options)
             placement.emplace(flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus);
         }
     });
+    if (options.intake) {
+        intake.emplace(placement   ? static_cast<message_bus::IProvider&>(*placement)
+                       : flushWake ? static_cast<message_bus::IProvider&>(*flushWake)
+                                   : bus,
+                       bus,
+                       // Without FlushWake a value may be left in the queue until the next push, which must get there.
+                       [this] { return flushWake ? ledger.Count() : 0; });
+    }
 }
 
 BusServer::~BusServer() = default;
@@ -137,7 +146,8 @@ void BusServer::Offer() {
     for (const auto& interface : br_MessageBus_interfaces) {
         KnPolicySetMethodCount(interface.type, interface.methodCount);
     }
-    message_bus::IProvider& provider = placement   ? static_cast<message_bus::IProvider&>(*placement)
+    message_bus::IProvider& provider = intake      ? static_cast<message_bus::IProvider&>(*intake)
+                                       : placement ? static_cast<message_bus::IProvider&>(*placement)
                                        : flushWake ? static_cast<message_bus::IProvider&>(*flushWake)
                                                    : bus;
     if (!connector->Init(Lend<message_bus::IProviderControl>(ledger), Lend(provider),
@@ -152,6 +162,8 @@ bool BusServer::Run(std::function<void()> onServing) {
     // All at once at first: a limit that is too low is an error here, but the end of the process when the bus meets it.
     StartingThreads([this] { reserve.emplace(RemoverCount(connectionType) + LaterThreadCount(connectionType)); });
     reserve->Shrink(RemoverCount(connectionType));
+    HoldPushes(StartLimit +
+               holdPushes); // from the first request on: some come before the report that the bus is served
     Offer();
     reportServing = std::move(onServing);
     eventsThreadName.emplace("bus-events");
@@ -169,8 +181,22 @@ bool BusServer::Run(std::function<void()> onServing) {
     return isInOrder && !forwarding->HasFailed();
 }
 
+void BusServer::HoldPushes(std::chrono::milliseconds duration) {
+    if (intake && holdPushes.count() != 0) {
+        intake->HoldFor(duration);
+    }
+}
+
 void BusServer::RequestStop() {
     forwarding->RequestStop();
+}
+
+void BusServer::RequestDrain() {
+    if (intake) {
+        forwarding->RequestDrain();
+    } else {
+        RequestStop();
+    }
 }
 
 void BusServer::NoteDelivery() noexcept {
@@ -189,9 +215,24 @@ void BusServer::OnServing() {
         RequestStop();
         return;
     }
+    HoldPushes(holdPushes);
     Log(LogLevel::Info, "Serving in {} mode", ModeName(connectionType));
     if (reportServing) {
         reportServing();
+    }
+}
+
+void BusServer::DrainSubscribers() {
+    Log(LogLevel::Info, "Draining: registrations and pushes are refused");
+    auto subscribers = ledger.RefuseNew();
+    intake->Close();
+    const Unread left = Drain(bus, parkedWaits ? &*parkedWaits : nullptr, std::move(subscribers))
+                            .Run(drainLimit, [this](auto duration) { return forwarding->AwaitStop(duration); });
+    if (left.IsNothing()) {
+        Log(LogLevel::Info, "Drained: every value was read");
+    } else {
+        Log(LogLevel::Warning, "Values left unread: {} of {} subscribers{}", left.values, left.subscribers,
+            left.isInboundEmpty ? "" : ", and those in the inbound queue");
     }
 }
 

@@ -61,6 +61,17 @@ ResultCode ParkedWaits::Wait(long subscriberId, std::string& topic, long& messag
     return ResultCode::Success;
 }
 
+std::optional<std::size_t> ParkedWaits::Unread(long subscriberId) {
+    std::shared_ptr<SubscriberWaits> waits;
+    {
+        const common::MutexLock lock(mutex);
+        if (const auto found = waiting.find(subscriberId); found != waiting.end()) {
+            waits = found->second;
+        }
+    }
+    return waits ? std::optional(waits->Unread()) : std::nullopt;
+}
+
 /// Returns: null when the bus does not know the subscriber.
 std::shared_ptr<SubscriberWaits> ParkedWaits::FindOrAdd(long subscriberId) {
     {

@@ -58,6 +58,12 @@ std::shared_ptr<Message> SubscriberWaits::TakeKept() {
     return first;
 }
 
+std::size_t SubscriberWaits::Unread() {
+    const common::MutexLock lock(mutex);
+    TakeBack();
+    return subscriber->queue.IsCanceled() ? 0 : values.size() + subscriber->queue.Size();
+}
+
 void SubscriberWaits::Refuse(const NkDeferredReply& wait, ResultCode code) noexcept {
     assert(code != ResultCode::Success);
     br_MessageBus_component_res record;

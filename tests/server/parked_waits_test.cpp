@@ -130,6 +130,20 @@ TEST_F(ParkedWaitsTest, Wait_AtDebugLevel_OffersNothingSoThatEachWaitWritesItsLi
     EXPECT_THAT(journal.All(), ElementsAre(FirstLine, FirstLine, FirstLine));
 }
 
+TEST_F(ParkedWaitsTest, Unread_CountsTheQueueAndTakesBackWhatIsOffered) {
+    DisableDebug();
+    GiveHeat(1, 4);
+    EXPECT_EQ(waits->Unread(reader), std::nullopt) << "it has not waited";
+    Wait(A);
+    clients.TakeOffers(A, 1);
+    Give("heat", 5);
+    EXPECT_EQ(waits->Unread(reader), 3U);
+    Wait(A);
+    EXPECT_EQ(std::get<2>(clients.Answers(A).back()), 3);
+    Unregister();
+    EXPECT_EQ(waits->Unread(reader), std::nullopt);
+}
+
 TEST_F(ParkedWaitsTest, Wait_WithMoreValuesThanAReplyOffers_DeliversThemAllInOrder) {
     DisableDebug();
     constexpr long count = 3 * static_cast<long>(NkMaxOffers);
