@@ -23,6 +23,9 @@ using std::chrono::steady_clock;
 
 constexpr milliseconds TimeToRelease{3000};
 
+/// Signals within this time of the cause belong to it: timeout(1), for example, signals the process and its group.
+constexpr milliseconds SameRequest{1000};
+
 // Names of threads; the kernel takes at most 15 bytes.
 constexpr const char* WatchThreadName = "msgbus-watch";
 constexpr const char* ReleaseThreadName = "msgbus-release";
@@ -120,15 +123,19 @@ EndWatch::Cause EndWatch::AwaitCause(std::optional<milliseconds> timeLimit, Outp
     }
 }
 
+/// Returns: whether the destructor ended the wait.
+bool EndWatch::AwaitQuit(steady_clock::time_point deadline) const {
+    pollfd quit{quitDescriptor, POLLIN, 0};
+    while (::poll(&quit, 1, RemainingMs(deadline)) <= 0 && steady_clock::now() < deadline) {
+    }
+    return quit.revents != 0;
+}
+
 void EndWatch::Run(std::optional<milliseconds> timeLimit, Output output) {
     ::pthread_setname_np(::pthread_self(), WatchThreadName);
     const Cause found = AwaitCause(timeLimit, output);
     if (found == Cause::None) {
         return;
-    }
-    if (found == Cause::Signal) { // consume it: the default action of the signal is for the second one
-        signalfd_siginfo taken{};
-        static_cast<void>(!::read(signalDescriptor, &taken, sizeof taken));
     }
     std::function<void()> action;
     {
@@ -145,14 +152,17 @@ void EndWatch::Run(std::optional<milliseconds> timeLimit, Output output) {
             isReleased = true;
         }
     });
-    const sigset_t set = EndingSignals();
-    ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-
-    pollfd quit{quitDescriptor, POLLIN, 0};
     const auto deadline = steady_clock::now() + TimeToRelease;
-    while (::poll(&quit, 1, RemainingMs(deadline)) <= 0 && steady_clock::now() < deadline) {
+    bool isQuitting = AwaitQuit(steady_clock::now() + SameRequest);
+    if (!isQuitting) {
+        const sigset_t set = EndingSignals();
+        const timespec now{};
+        while (::sigtimedwait(&set, nullptr, &now) > 0) { // consume these: the default action is for a later one
+        }
+        ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+        isQuitting = AwaitQuit(deadline);
     }
-    if (quit.revents != 0) {
+    if (isQuitting) {
         releasing.join();
         return;
     }

@@ -11,7 +11,8 @@
 
 /// Ends the program on SIGINT or SIGTERM, at the time limit, or when the reader of stdout closes its end. The action
 /// given to OnEnd then releases the main thread. If the watch still exists three seconds later, because the server does
-/// not answer or the output blocks, the process exits without waiting longer. A second signal ends the process at once.
+/// not answer or the output blocks, the process exits without waiting longer. A signal that comes more than a second
+/// after the cause ends the process at once; those before are the same request.
 class EndWatch final {
 public:
     enum class Cause { None, Signal, TimeLimit, OutputClosed };
@@ -37,6 +38,7 @@ public:
 private:
     void Run(std::optional<std::chrono::milliseconds> timeLimit, Output output) EXCLUDES(mutex);
     Cause AwaitCause(std::optional<std::chrono::milliseconds> timeLimit, Output output) const;
+    bool AwaitQuit(std::chrono::steady_clock::time_point deadline) const;
 
     // Owned.
     int signalDescriptor;

@@ -2,9 +2,12 @@
 
 #include "bus_server.h"
 #include "diagnostics.h"
+#include "fail_stop.h"
+#include "health_beat.h"
 #include "help_and_errors.h"
 #include "log_threshold.h"
 #include "msgbusd/arena_mappings.h"
+#include "service_manager.h"
 #include "signal_watch.h"
 #include "standard_descriptors.h"
 
@@ -16,6 +19,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -41,18 +46,31 @@ constexpr const char* Footer =
     "  BORVEN_NAME_WATCH=off       do not restore sockets that are removed\n"
     "  BORVEN_PLACEMENT=off        do not choose a CPU for any thread\n"
     "  BORVEN_THREAD_NAMES=off     do not name the threads that serve\n"
+    "  NOTIFY_SOCKET, WATCHDOG_USEC, WATCHDOG_PID\n"
+    "                              of a service manager, see sd_notify(3); while it watches, every beat is a value "
+    "that\n"
+    "                              went through the bus\n"
+    "\n"
+    "Signals:\n"
+    "  SIGTERM, SIGINT             stop; one that comes more than a second after the first ends the server at once\n"
+    "  SIGUSR1                     drain: refuse registrations and pushes until all is read, then stop\n"
     "\n"
     "Exit status:\n"
-    "  0 stopped by SIGTERM or SIGINT, 1 could not serve, 2 usage error";
+    "  0 stopped by a signal, 1 could not serve, 2 usage error, 5 could not go on for all clients and ended at once, "
+    "to\n"
+    "  be started again";
 
 constexpr int ExitFailed = 1;
 constexpr int ExitUsage = 2;
+
+constexpr int BeatsInAWatchdogPeriod = 2; // as sd_watchdog_enabled(3) recommends
 
 struct Settings {
     msgbus_server::BusServerOptions server;
     bool arenaPool = true;
     bool logLimit = true;
     bool nameWatch = true;
+    bool failStop = true;
     int logLevel = static_cast<int>(LogLevel::Info);
     std::optional<int> readyDescriptor;
 };
@@ -80,17 +98,35 @@ void ReportReady(int descriptor) {
 }
 
 void LogSignal(int number) {
-    Log(LogLevel::Info, "SIG{} received; a second signal ends the server at once", ::sigabbrev_np(number));
+    Log(LogLevel::Info, "SIG{} received; a signal more than {} s later ends the server at once", ::sigabbrev_np(number),
+        msgbus_server::SignalWatch::SameRequest.count());
 }
 
 int Serve(const Settings& settings) {
     const msgbus_server::LogThreshold logThreshold(settings.logLevel);
+    std::optional<msgbus_server::FaultWatch> faultWatch;
+    if (settings.failStop) {
+        faultWatch.emplace(msgbus_server::FailStop);
+    }
+    const msgbus_server::ServiceManager manager;
     msgbus_server::BusServer server(settings.server);
-    const msgbus_server::SignalWatch signals([&](int number) {
-        LogSignal(number);
-        server.RequestStop();
-    });
+    msgbus_server::HealthBeat health(settings.server.connectionType, [&] { manager.Report("WATCHDOG=1"); });
+    const msgbus_server::SignalWatch signals(
+        [&](int number) {
+            LogSignal(number);
+            manager.Report("STOPPING=1\nSTATUS=Stopping");
+            server.RequestStop();
+        },
+        [&] {
+            manager.Report("STATUS=Draining, then stopping");
+            health.Relax();
+            server.RequestDrain();
+        });
     const bool isInOrder = server.Run([&] {
+        if (const auto period = msgbus_server::ServiceManager::WatchdogPeriod()) {
+            health.Start(*period / BeatsInAWatchdogPeriod);
+        }
+        manager.Report("READY=1\nSTATUS=Serving");
         if (settings.readyDescriptor) {
             ReportReady(*settings.readyDescriptor);
         }
@@ -210,10 +246,13 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
             settings.server.ownership = false;
             settings.server.registrationGate = false;
             settings.server.limits.reset();
+            settings.server.intake = false;
+            settings.failStop = false;
             settings.nameWatch = false;
             settings.logLimit = false;
         },
-        "the bus alone: --no-ownership --no-registration-gate --no-limits --no-name-watch --no-log-limit");
+        "the bus alone: --no-ownership --no-registration-gate --no-limits --no-intake --no-fail-stop --no-name-watch "
+        "--no-log-limit");
     std::vector<std::string> limits;
     app.add_option("--limit", limits, "set a limit; 'msgbusd --limits' lists them (repeatable)")
         ->type_name("NAME=NUMBER")
@@ -230,6 +269,21 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
                           "do not restore sockets that are removed; the same as BORVEN_NAME_WATCH=off");
     app.add_flag_callback("--no-log-limit", switchOff(settings.logLimit),
                           "log every record, however many a client causes; the same as BORVEN_LOG_LIMIT=off");
+    app.add_flag_callback("--no-intake", switchOff(settings.server.intake),
+                          "pass every push to the bus, whatever is queued; a drain is then a stop");
+    app.add_flag_callback("--no-fail-stop", switchOff(settings.failStop),
+                          "go on without memory, or without a thread that the bus needs, as far as that goes");
+    const auto milliseconds = [](std::chrono::milliseconds& value) {
+        return [&value](const std::uint32_t& count) { value = std::chrono::milliseconds(count); };
+    };
+    app.add_option_function<std::uint32_t>(
+           "--hold-pushes", milliseconds(settings.server.holdPushes),
+           "answer pushes as if the queue were full for so long after the start, so that "
+           "the subscribers of an earlier server register first (default: 0)")
+        ->type_name("MS");
+    app.add_option_function<std::uint32_t>("--drain-limit", milliseconds(settings.server.drainLimit),
+                                           "time that a drain gives subscribers to read their values (default: 5000)")
+        ->type_name("MS");
     app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
         return "msgbusd: " + DescribeUsageError(*failed, error) + "\nSee 'msgbusd --help'.\n";
     });
@@ -269,6 +323,9 @@ int main(int argc, char** argv) {
     RaiseDescriptorLimit();
     ::signal(SIGPIPE, SIG_IGN);
     msgbus_server::SignalWatch::BlockSignals();
+    if (settings.failStop) {
+        msgbus_server::FailStopOnFaults();
+    }
     if (settings.arenaPool) {
         msgbusd::PoolArenaMappings();
     }

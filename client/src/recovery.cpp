@@ -1,10 +1,15 @@
 #include "recovery.h"
 
+#include "cor/result_code.h"
+
 namespace msgbus {
 
 namespace {
 
 constexpr std::chrono::milliseconds TimeBetweenAttempts{50};
+
+/// How a server that is about to stop answers registrations. Another one may follow it.
+constexpr auto Stopping = static_cast<std::int32_t>(cor::ResultCode::Failed);
 
 } // namespace
 
@@ -27,6 +32,10 @@ bool Recover(const Options& options, const ServerGoneError& loss, const std::fun
             return true;
         } catch (const NoServerError&) {
         } catch (const ServerGoneError&) {
+        } catch (const RefusedError& refusal) {
+            if (refusal.Code() != Stopping) {
+                throw;
+            }
         }
         if (std::chrono::steady_clock::now() >= deadline) {
             throw loss;

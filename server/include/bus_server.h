@@ -8,6 +8,7 @@
 #include "forwarding_connector.h"
 #include "handshake_watch.h"
 #include "inherited_thread_name.h"
+#include "intake.h"
 #include "ipc_server.h"
 #include "message_bus.h"
 #include "ownership.h"
@@ -20,6 +21,7 @@
 #include "server_limits.h"
 #include "subscriber_ledger.h"
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -49,6 +51,11 @@ struct BusServerOptions {
     std::optional<Limits> limits = Limits{};
     std::vector<QueueRule> queueRules{}; ///< only with `limits`
     bool registrationGate = true;        ///< RegistrationGate
+    bool intake = true;                  ///< Intake; without it a drain is a stop
+
+    std::chrono::milliseconds holdPushes{0}; ///< pushes are refused until so long after the bus is served; see Intake
+    std::chrono::milliseconds drainLimit{
+        5000}; ///< a drain gives the subscribers so much time; clients repeat a push for ten seconds
 };
 
 /// The bus as a server: builds the bus, its decorators, the connector and the IPC server, runs them, and stops them in
@@ -83,6 +90,11 @@ public:
     /// Ends Run, at once or as soon as it is called. Threads: any; not from a signal handler.
     void RequestStop();
 
+    /// Ends Run when the subscribers have read what was pushed: until then, nothing is registered, and a push is
+    /// answered 2. Ends it all the same after the limit, or by RequestStop; the log has what was left.
+    /// Threads: any; not from a signal handler.
+    void RequestDrain();
+
     /// The bus itself, behind the decorators. Lifetime: this object's.
     message_bus::MessageBus& Bus() noexcept { return bus; }
 
@@ -93,8 +105,10 @@ private:
     message_bus::IProvider& Provider() noexcept;
     void Offer();
     void CloseServerEnds();
+    void HoldPushes(std::chrono::milliseconds duration);
     void NoteDelivery() noexcept;
     void OnServing();
+    void DrainSubscribers();
     void Stop();
 
     const BusServerOptions options;
@@ -115,6 +129,7 @@ private:
     std::optional<CleanUp> cleanUp;
     std::optional<HandshakeWatch> handshakeWatch;
     std::optional<Ownership> ownership;
+    std::optional<Intake> intake;
     std::shared_ptr<bos_ipc::IpcServer> server; ///< null once stopped
     std::unique_ptr<message_bus::BosConnector> connector;
     std::shared_ptr<ForwardingConnector> forwarding; ///< the bus keeps a share of it until it is destroyed

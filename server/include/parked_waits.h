@@ -72,9 +72,9 @@ public:
 
     /// Cuts those with the most unread memory until the rest takes no more than `most`. `caller`: of that one only.
     void CutLargest(std::optional<std::uint64_t> caller, std::size_t most);
-
-    /// Returns: how many values all subscribers have unread.
-    std::size_t Unread();
+    /// Returns: how many values the subscriber has not read, those that were offered to its client taken back; nothing
+    /// when it has not waited yet, or is unknown.
+    std::optional<std::size_t> Unread(long subscriberId);
 
 private:
     /// The most subscribers that were cut and are remembered.

@@ -5,7 +5,8 @@
 
 #include <atomic>
 #include <cstddef>
-#include <unordered_set>
+#include <set>
+#include <vector>
 
 namespace msgbus_server {
 
@@ -17,7 +18,8 @@ public:
     SubscriberLedger(message_bus::IProviderControl& bus, message_bus::IWorker& waitWorker)
         : control(bus), worker(waitWorker) {}
 
-    /// As the bus. Once StopAndUnregisterAll was called, all but UnregisterPublisher return 10.
+    /// As the bus. Once StopAndUnregisterAll was called, all but UnregisterPublisher return 10; once RefuseNew was, the
+    /// registrations.
     cor::ResultCode RegisterPublisher(const std::string& topic, long& publisherId) override;
     cor::ResultCode RegisterSubscriber(const std::string& name, const std::set<std::string>& topics,
                                        long& subscriberId) override;
@@ -28,6 +30,13 @@ public:
     /// unknown subscriber as an error.
     cor::ResultCode Wait(long subscriberId, std::string& topic, long& message) override;
 
+    /// Refuses new registrations from now on. Returns: the ids of the registered subscribers, in ascending order. One
+    /// whose registration is under way may be missing.
+    std::vector<long> RefuseNew();
+
+    /// Returns: how many subscribers are registered.
+    std::size_t Count() const noexcept { return count.load(std::memory_order_relaxed); }
+
     /// Refuses new registrations from now on and unregisters every subscriber, which ends its waits.
     /// Returns: how many subscribers there were.
     std::size_t StopAndUnregisterAll();
@@ -36,10 +45,13 @@ private:
     message_bus::IProviderControl& control;
     message_bus::IWorker& worker;
 
+    std::atomic<bool> isRefusing{false}; ///< turns true under the mutex; every registration reads it
     std::atomic<bool> isStopping{false}; ///< turns true under the mutex; every wait reads it
+    std::atomic<std::size_t> count{0};   ///< of `subscribers`; relaxed: every push reads it, as advice
 
     common::Mutex mutex;
-    std::unordered_set<long> subscribers GUARDED_BY(mutex);
+    /// In ascending order, in which a stop unregisters them: the bus looks each up from the oldest on.
+    std::set<long> subscribers GUARDED_BY(mutex);
 };
 
 } // namespace msgbus_server

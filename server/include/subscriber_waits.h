@@ -73,6 +73,9 @@ public:
     /// For a wait whose reply cannot be deferred. Returns: the first value that has left the queue; null: none has.
     std::shared_ptr<message_bus::Message> TakeKept();
 
+    /// Takes back what is offered. Returns: how many values no client has taken yet.
+    std::size_t Unread();
+
     /// Answers a wait with a code other than 0. Does nothing when it was answered before.
     static void Refuse(const NkDeferredReply& wait, cor::ResultCode code) noexcept;
 
@@ -88,8 +91,6 @@ public:
 
     /// Returns: how many values were lost so far, of the values that its limit did not permit.
     std::uint64_t Lost() const noexcept;
-    /// Returns: how many values are unread, with those that a client may be taking.
-    std::size_t Unread() const noexcept;
     /// Returns: the memory that they take, as counted last; 0 once cut.
     std::size_t Charge() const noexcept;
     std::uint64_t Caller() const noexcept { return allowance.caller; }

@@ -4,6 +4,7 @@
 #include "bos_connector.h"
 #include "br_MessageBus.h"
 #include "diagnostics.h"
+#include "drain.h"
 #include "kn/caller.h"
 #include "kn/handle.h"
 #include "kn/policy.h"
@@ -115,7 +116,7 @@ BusServer::BusServer(const BusServerOptions& chosen)
       server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
       connector(std::make_unique<message_bus::BosConnector>(server)),
       forwarding(std::make_shared<ForwardingConnector>(
-          *connector, [this] { eventsThreadName.reset(); }, [this] { OnServing(); })) {
+          *connector, [this] { eventsThreadName.reset(); }, [this] { OnServing(); }, [this] { DrainSubscribers(); })) {
     StartingThreads([&] {
         deadline.emplace();
         if (options.flushWake) {
@@ -123,6 +124,10 @@ BusServer::BusServer(const BusServerOptions& chosen)
         }
         if (options.placement && common::MayConfineThreads()) {
             placement.emplace(flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus);
+        }
+        if (options.intake) {
+            // Without FlushWake a value may be left in the queue until the next push, which must get there.
+            intake.emplace(Provider(), bus, [this] { return flushWake ? ledger.Count() : 0; });
         }
         if (options.ownership || options.limits || options.registrationGate) {
             OwnRegistrations();
@@ -191,8 +196,10 @@ void BusServer::OwnRegistrations() {
     ownership.emplace(Ownership::Bus{*gate, *gate, ledger}, accounts, options.ownership, endAllOf);
 }
 
+/// Returns: the first of the decorators of pushes that do not know the callers; the bus itself without any.
 message_bus::IProvider& BusServer::Provider() noexcept {
-    return placement   ? static_cast<message_bus::IProvider&>(*placement)
+    return intake      ? static_cast<message_bus::IProvider&>(*intake)
+           : placement ? static_cast<message_bus::IProvider&>(*placement)
            : flushWake ? static_cast<message_bus::IProvider&>(*flushWake)
                        : bus;
 }
@@ -227,6 +234,7 @@ bool BusServer::Run(std::function<void()> onServing) {
         [this] { reserve.emplace(RemoverCount(options.connectionType) + LaterThreadCount(options.connectionType)); });
     reserve->Shrink(RemoverCount(options.connectionType));
     const NameLossWatch nameLoss([this] { RequestStop(); });
+    HoldPushes(StartLimit + options.holdPushes); // from the first request on: some come before the report
     Offer();
     reportServing = std::move(onServing);
     eventsThreadName.emplace("bus-events");
@@ -244,8 +252,22 @@ bool BusServer::Run(std::function<void()> onServing) {
     return isInOrder && !forwarding->HasFailed() && !nameLoss.HasLost();
 }
 
+void BusServer::HoldPushes(std::chrono::milliseconds duration) {
+    if (intake && options.holdPushes.count() != 0) {
+        intake->HoldFor(duration);
+    }
+}
+
 void BusServer::RequestStop() {
     forwarding->RequestStop();
+}
+
+void BusServer::RequestDrain() {
+    if (intake) {
+        forwarding->RequestDrain();
+    } else {
+        RequestStop();
+    }
 }
 
 void BusServer::NoteDelivery() noexcept {
@@ -264,6 +286,7 @@ void BusServer::OnServing() {
         RequestStop();
         return;
     }
+    HoldPushes(options.holdPushes);
     Log(LogLevel::Info, "Serving in {} mode", ModeName(options.connectionType));
     if (reportServing) {
         reportServing();
@@ -273,6 +296,20 @@ void BusServer::OnServing() {
 void BusServer::CloseServerEnds() {
     KnHandleCloseServerEnds();
     KnObserveRequests(nullptr, 0);
+}
+
+void BusServer::DrainSubscribers() {
+    Log(LogLevel::Info, "Draining: registrations and pushes are refused");
+    auto subscribers = ledger.RefuseNew();
+    intake->Close();
+    const Unread left = Drain(bus, parkedWaits ? &*parkedWaits : nullptr, std::move(subscribers))
+                            .Run(options.drainLimit, [this](auto duration) { return forwarding->AwaitStop(duration); });
+    if (left.IsNothing()) {
+        Log(LogLevel::Info, "Drained: every value was read");
+    } else {
+        Log(LogLevel::Warning, "Values left unread: {} of {} subscribers{}", left.values, left.subscribers,
+            left.isInboundEmpty ? "" : ", and those in the inbound queue");
+    }
 }
 
 void BusServer::Stop() {

@@ -23,9 +23,32 @@ bool ForwardingConnector::ShouldBeStopped() {
     }
     common::MutexLock lock(mutex);
     while (isServing && !isStopRequested) {
-        changed.Wait(lock);
+        if (!isDrainRequested) {
+            changed.Wait(lock);
+            continue;
+        }
+        lock.Unlock();
+        drain();
+        lock.Lock();
+        isStopRequested = true;
     }
     return isStopRequested || hasFailed;
+}
+
+void ForwardingConnector::RequestDrain() {
+    {
+        const common::MutexLock lock(mutex);
+        isDrainRequested = true;
+    }
+    changed.NotifyAll();
+}
+
+bool ForwardingConnector::AwaitStop(std::chrono::steady_clock::duration limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    common::MutexLock lock(mutex);
+    while (!isStopRequested && changed.WaitUntil(lock, deadline) == std::cv_status::no_timeout) {
+    }
+    return isStopRequested;
 }
 
 void ForwardingConnector::RequestStop() {

@@ -79,6 +79,11 @@ std::shared_ptr<SubscriberWaits> ParkedWaits::Find(long subscriberId) {
     return found == waiting.end() ? nullptr : found->second;
 }
 
+std::optional<std::size_t> ParkedWaits::Unread(long subscriberId) {
+    const auto waits = Find(subscriberId);
+    return waits ? std::optional(waits->Unread()) : std::nullopt;
+}
+
 /// Returns: null when the bus does not know the subscriber.
 std::shared_ptr<SubscriberWaits> ParkedWaits::FindOrAdd(long subscriberId, std::uint64_t caller) {
     if (auto found = Find(subscriberId)) {
@@ -162,14 +167,6 @@ void ParkedWaits::CutLargest(std::optional<std::uint64_t> caller, std::size_t mo
         waits->Cut();
         sum -= charge;
     }
-}
-
-std::size_t ParkedWaits::Unread() {
-    std::size_t sum = 0;
-    for (const auto& waits : All()) {
-        sum += waits->Unread();
-    }
-    return sum;
 }
 
 /// Where the reply cannot be deferred. What has left the queue for an earlier wait goes first.

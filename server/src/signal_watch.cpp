@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <ctime>
 #include <utility>
 
 namespace msgbus_server {
@@ -11,6 +12,7 @@ sigset_t SignalWatch::Watched() {
     ::sigemptyset(&set);
     ::sigaddset(&set, SIGTERM);
     ::sigaddset(&set, SIGINT);
+    ::sigaddset(&set, SIGUSR1);
     return set;
 }
 
@@ -19,8 +21,8 @@ void SignalWatch::BlockSignals() {
     ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-SignalWatch::SignalWatch(std::function<void(int)> onSignal)
-    : thread([this, callback = std::move(onSignal)] { Run(callback); }) {
+SignalWatch::SignalWatch(std::function<void(int)> onStop, std::function<void()> onDrain)
+    : thread([this, stop = std::move(onStop), drain = std::move(onDrain)] { Run(stop, drain); }) {
     ::pthread_setname_np(thread.native_handle(), "signals");
 }
 
@@ -30,18 +32,48 @@ SignalWatch::~SignalWatch() {
     thread.join();
 }
 
-void SignalWatch::Run(const std::function<void(int)>& onSignal) {
+/// Returns: the next signal; 0 when the destructor has sent it.
+int SignalWatch::Next() const {
     const sigset_t set = Watched();
     int signalNumber = 0;
     ::sigwait(&set, &signalNumber);
-    if (ending.load()) {
+    return ending.load() ? 0 : signalNumber;
+}
+
+/// Returns: false when the destructor ended it.
+bool SignalWatch::IgnoreTheSameRequest() const {
+    using Clock = std::chrono::steady_clock;
+    const sigset_t set = Watched();
+    const auto end = Clock::now() + SameRequest;
+    for (auto left = Clock::duration(SameRequest); left > left.zero() && !ending.load(); left = end - Clock::now()) {
+        const auto nanoseconds = std::chrono::nanoseconds(left).count();
+        const timespec timeout{nanoseconds / std::nano::den, nanoseconds % std::nano::den};
+        static_cast<void>(::sigtimedwait(&set, nullptr, &timeout));
+    }
+    return !ending.load();
+}
+
+void SignalWatch::Run(const std::function<void(int)>& onStop, const std::function<void()>& onDrain) {
+    int signalNumber = Next();
+    for (; signalNumber == SIGUSR1; signalNumber = Next()) {
+        onDrain();
+    }
+    if (signalNumber == 0) {
         return;
     }
-    onSignal(signalNumber);
-    ::sigwait(&set, &signalNumber);
-    if (ending.load()) {
+    onStop(signalNumber);
+    if (!IgnoreTheSameRequest()) {
         return;
     }
+    do {
+        signalNumber = Next();
+    } while (signalNumber == SIGUSR1);
+    if (signalNumber == 0) {
+        return;
+    }
+    sigset_t set;
+    ::sigemptyset(&set);
+    ::sigaddset(&set, signalNumber);
     ::signal(signalNumber, SIG_DFL);
     ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     ::raise(signalNumber);

@@ -7,12 +7,12 @@ namespace msgbus_server {
 using cor::ResultCode;
 
 cor::ResultCode SubscriberLedger::RegisterPublisher(const std::string& topic, long& publisherId) {
-    return isStopping ? ResultCode::Failed : control.RegisterPublisher(topic, publisherId);
+    return isRefusing ? ResultCode::Failed : control.RegisterPublisher(topic, publisherId);
 }
 
 cor::ResultCode SubscriberLedger::RegisterSubscriber(const std::string& name, const std::set<std::string>& topics,
                                                      long& subscriberId) {
-    if (isStopping) {
+    if (isRefusing) {
         return ResultCode::Failed;
     }
     const ResultCode result = control.RegisterSubscriber(name, topics, subscriberId);
@@ -24,6 +24,7 @@ cor::ResultCode SubscriberLedger::RegisterSubscriber(const std::string& name, co
         if (!isStopping) {
             [[maybe_unused]] const bool isNew = subscribers.insert(subscriberId).second;
             assert(isNew); // the bus never gives an id twice
+            count.store(subscribers.size(), std::memory_order_relaxed);
             return result;
         }
     }
@@ -43,6 +44,7 @@ cor::ResultCode SubscriberLedger::UnregisterSubscriber(long subscriberId) {
             return ResultCode::Failed;
         }
         subscribers.erase(subscriberId);
+        count.store(subscribers.size(), std::memory_order_relaxed);
     }
     return control.UnregisterSubscriber(subscriberId);
 }
@@ -51,13 +53,21 @@ cor::ResultCode SubscriberLedger::Wait(long subscriberId, std::string& topic, lo
     return isStopping ? ResultCode::NotRegistered : worker.Wait(subscriberId, topic, message);
 }
 
+std::vector<long> SubscriberLedger::RefuseNew() {
+    const common::MutexLock lock(mutex);
+    isRefusing = true;
+    return {subscribers.begin(), subscribers.end()};
+}
+
 std::size_t SubscriberLedger::StopAndUnregisterAll() {
-    std::unordered_set<long> left;
+    std::set<long> left;
     {
         const common::MutexLock lock(mutex);
+        isRefusing = true;
         isStopping = true;
         left.swap(subscribers);
     }
+    count.store(0, std::memory_order_relaxed);
     for (const long id : left) {
         control.UnregisterSubscriber(id);
     }

@@ -80,6 +80,12 @@ std::shared_ptr<Message> SubscriberWaits::TakeKept() {
     return first;
 }
 
+std::size_t SubscriberWaits::Unread() {
+    const common::MutexLock lock(mutex);
+    TakeBack();
+    return subscriber->queue.IsCanceled() ? 0 : values.size() + subscriber->queue.Size();
+}
+
 void SubscriberWaits::Refuse(const NkDeferredReply& wait, ResultCode code) noexcept {
     assert(code != ResultCode::Success);
     br_MessageBus_component_res record;
@@ -216,11 +222,6 @@ std::uint64_t SubscriberWaits::Lost() const noexcept {
 /// What is unread when the subscriber is cut is lost with it.
 std::uint64_t SubscriberWaits::LostSoFar() const noexcept {
     return lost + (isCut ? Backlog() : 0);
-}
-
-std::size_t SubscriberWaits::Unread() const noexcept {
-    const common::MutexLock lock(mutex);
-    return Backlog();
 }
 
 std::size_t SubscriberWaits::Charge() const noexcept {

@@ -142,6 +142,22 @@ TEST_F(SubscriberTest, Next_OfARestartedServer_RegistersAgainAndTellsWhatMayBeLo
     EXPECT_THAT(notices, ElementsAre(HasSubstr("the message bus server is gone"), HasSubstr("are lost")));
 }
 
+TEST_F(SubscriberTest, Next_OfAServerThatStopsAsWell_GoesOnLooking) {
+    std::optional<FakeServer> server(std::in_place);
+    Options options = OnStatic;
+    options.reconnectFor = std::chrono::hours(1);
+    Subscriber subscriber("reader", {"heat"}, options);
+    server.reset();
+    server.emplace();
+    server->Answer("FinishSubs", 10, 2);
+    server->Deliver("heat", 9);
+    EXPECT_EQ(subscriber.Next()->value, 9);
+    server.reset();
+    server.emplace();
+    server->Answer("FinishSubs", 8);
+    EXPECT_THROW(subscriber.Next(), RefusedError) << "another refusal is final";
+}
+
 TEST_F(SubscriberTest, Cancel_EndsTheSearchForARestartedServer) {
     std::optional<FakeServer> server(std::in_place);
     Options options = OnStatic;

@@ -18,7 +18,7 @@ protected:
     const fault_points::Disarmer disarmer{};
     test_support::FakeConnector target;
     ForwardingConnector forwarding{target, [this] { journal.AddCall("hosting"); },
-                                   [this] { journal.AddCall("serving"); }};
+                                   [this] { journal.AddCall("serving"); }, [this] { journal.AddCall("drain"); }};
 };
 
 TEST_F(ForwardingConnectorTest, ShouldBeStopped_BeforeServing_AnswersAtOnceAndReportsTheHostOnce) {
@@ -42,6 +42,30 @@ TEST_F(ForwardingConnectorTest, ShouldBeStopped_WhileServing_BlocksUntilAStopIsR
     host.join();
     EXPECT_TRUE(answer);
     EXPECT_TRUE(forwarding.ShouldBeStopped()) << "for ever";
+}
+
+TEST_F(ForwardingConnectorTest, ShouldBeStopped_AfterARequestToDrain_DrainsOnceAndIsTrue) {
+    ASSERT_EQ(forwarding.RunServer(), ResultCode::Success);
+    journal.Clear();
+    forwarding.RequestDrain();
+    EXPECT_TRUE(forwarding.ShouldBeStopped());
+    EXPECT_TRUE(forwarding.ShouldBeStopped());
+    EXPECT_THAT(journal.Calls("drain"), testing::SizeIs(1));
+}
+
+TEST_F(ForwardingConnectorTest, ShouldBeStopped_AfterBothRequests_DoesNotDrain) {
+    ASSERT_EQ(forwarding.RunServer(), ResultCode::Success);
+    forwarding.RequestDrain();
+    forwarding.RequestStop();
+    EXPECT_TRUE(forwarding.ShouldBeStopped());
+    EXPECT_THAT(journal.Calls("drain"), testing::IsEmpty());
+}
+
+TEST_F(ForwardingConnectorTest, AwaitStop_EndsWithARequestOrItsTime) {
+    EXPECT_FALSE(forwarding.AwaitStop(std::chrono::milliseconds(1)));
+    std::thread stopping([&] { forwarding.RequestStop(); });
+    EXPECT_TRUE(forwarding.AwaitStop(std::chrono::minutes(10)));
+    stopping.join();
 }
 
 TEST_F(ForwardingConnectorTest, ShouldBeStopped_AfterARequestBeforeServing_IsTrue) {

@@ -134,6 +134,20 @@ TEST_F(ParkedWaitsTest, Wait_AtDebugLevel_OffersNothingSoThatEachWaitWritesItsLi
     EXPECT_THAT(journal.All(), ElementsAre(FirstLine, FirstLine, FirstLine));
 }
 
+TEST_F(ParkedWaitsTest, Unread_CountsTheQueueAndTakesBackWhatIsOffered) {
+    DisableDebug();
+    GiveHeat(1, 4);
+    EXPECT_EQ(waits->Unread(reader), std::nullopt) << "it has not waited";
+    Wait(A);
+    clients.TakeOffers(A, 1);
+    Give("heat", 5);
+    EXPECT_EQ(waits->Unread(reader), 3U);
+    Wait(A);
+    EXPECT_EQ(std::get<2>(clients.Answers(A).back()), 3);
+    Unregister();
+    EXPECT_EQ(waits->Unread(reader), std::nullopt);
+}
+
 TEST_F(ParkedWaitsTest, Wait_WithMoreValuesThanAReplyOffers_DeliversThemAllInOrder) {
     DisableDebug();
     constexpr long count = 3 * static_cast<long>(NkMaxOffers);
@@ -651,7 +665,7 @@ TEST_F(UnreadValuesTest, DropOldest_TakesOffersBackFirst_AndKeepsTheNewest) {
     clients.TakeOffers(A, 1);
     GiveHeat(4, 4);
     EXPECT_THAT(clients.Offers(A), IsEmpty());
-    EXPECT_EQ(waits->Unread(), 3U);
+    EXPECT_EQ(waits->Unread(reader), 3U);
     Wait(A);
     EXPECT_THAT(clients.Answers(A), ElementsAre(Value("heat", 1), Value("heat", 2), Value("heat", 5)));
     EXPECT_THAT(clients.Offers(A), ElementsAre(6, 7));
@@ -661,7 +675,7 @@ TEST_F(UnreadValuesTest, DropOldest_TakesOffersBackFirst_AndKeepsTheNewest) {
 TEST_F(UnreadValuesTest, DropNewest_KeepsTheOldest) {
     Limit(3, SlowSubscriber::DropNewest);
     GiveHeat(1, 7);
-    EXPECT_EQ(waits->Unread(), 3U);
+    EXPECT_EQ(waits->Unread(reader), 3U);
     Wait(A);
     EXPECT_THAT(clients.Answers(A), ElementsAre(Value("heat", 1)));
     EXPECT_THAT(clients.Offers(A), ElementsAre(2, 3));

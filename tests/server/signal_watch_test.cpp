@@ -1,4 +1,5 @@
-// Defends the two signals: the first one asks for a stop, on a thread of its own, the second one ends the process.
+// Defends the signals: the first one asks for a stop, on a thread of its own, one that comes a second later ends the
+// process, and SIGUSR1 asks for a drain.
 #include "signal_watch.h"
 
 #include <gtest/gtest.h>
@@ -7,8 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <fstream>
 #include <future>
+#include <string>
 
 namespace {
 
@@ -24,7 +28,7 @@ public:
         if (id == 0) {
             SignalWatch::BlockSignals();
             const auto report = [out = ends[1]](char what) { static_cast<void>(!::write(out, &what, 1)); };
-            const SignalWatch watch([&](int number) { report(static_cast<char>(number)); });
+            const SignalWatch watch([&](int number) { report(static_cast<char>(number)); }, [&] { report(SIGUSR1); });
             report(0);
             std::promise<void>().get_future().wait();
         }
@@ -49,6 +53,28 @@ public:
         return ::poll(&waited, 1, patienceMs) != 1 ? -2 : ::read(reports, &what, 1) == 1 ? what : -1;
     }
 
+    /// Waits until the process has taken every signal.
+    void AwaitNoSignalPending() const {
+        const auto isPending = [this] {
+            std::ifstream status("/proc/" + std::to_string(id) + "/status");
+            for (std::string line; std::getline(status, line);) {
+                if (line.starts_with("ShdPnd:")) {
+                    return line.find_first_not_of("0\t ", 7) != std::string::npos;
+                }
+            }
+            return false;
+        };
+        while (isPending()) {
+            ::usleep(1000);
+        }
+    }
+
+    bool HasEnded() const {
+        siginfo_t ended{};
+        EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(id), &ended, WEXITED | WNOWAIT | WNOHANG), 0);
+        return ended.si_pid != 0;
+    }
+
     pid_t id = -1;
 
 private:
@@ -66,11 +92,44 @@ TEST_P(SignalWatchTest, TheFirstSignal_IsReportedAndTheProcessGoesOn) {
     EXPECT_EQ(::waitpid(process.id, nullptr, WNOHANG), 0);
 }
 
-TEST_P(SignalWatchTest, TheSecondSignal_EndsTheProcess) {
+TEST_P(SignalWatchTest, ASignalWithinASecondOfTheFirst_IsTheSameRequest) {
+    const WatchingProcess process;
+    const auto began = std::chrono::steady_clock::now();
+    process.Send(SIGTERM);
+    EXPECT_EQ(process.Next(), SIGTERM);
+    do {
+        process.Send(GetParam());
+        process.Send(SIGUSR1);
+        ::usleep(1000);
+    } while (std::chrono::steady_clock::now() - began < SignalWatch::SameRequest / 2);
+    process.AwaitNoSignalPending();
+    if (std::chrono::steady_clock::now() - began >= SignalWatch::SameRequest) {
+        GTEST_SKIP() << "the machine is too slow to send them in time";
+    }
+    EXPECT_EQ(::waitpid(process.id, nullptr, WNOHANG), 0);
+}
+
+TEST_P(SignalWatchTest, ADrain_IsReportedEachTimeUntilTheStop) {
+    const WatchingProcess process;
+    process.Send(SIGUSR1);
+    EXPECT_EQ(process.Next(), SIGUSR1);
+    process.Send(SIGUSR1);
+    EXPECT_EQ(process.Next(), SIGUSR1);
+    process.Send(GetParam());
+    EXPECT_EQ(process.Next(), GetParam());
+}
+
+TEST_P(SignalWatchTest, ASignalMoreThanASecondLater_EndsTheProcess) {
     const WatchingProcess process;
     process.Send(SIGTERM);
     EXPECT_EQ(process.Next(), SIGTERM);
-    process.Send(GetParam());
+    const auto began = std::chrono::steady_clock::now();
+    while (!process.HasEnded()) {
+        process.Send(SIGUSR1);
+        process.Send(GetParam());
+        ::usleep(10000);
+    }
+    EXPECT_GT(std::chrono::steady_clock::now() - began, SignalWatch::SameRequest / 2);
     ASSERT_EQ(process.Next(), -1);
     siginfo_t ended{};
     EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(process.id), &ended, WEXITED | WNOWAIT), 0);

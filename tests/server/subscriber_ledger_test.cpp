@@ -58,6 +58,31 @@ TEST_F(SubscriberLedgerTest, Registration_WhileStopping_IsRefusedWithTenAndNotPa
     EXPECT_TRUE(journal.All().empty());
 }
 
+TEST_F(SubscriberLedgerTest, StopAndUnregisterAll_GoesFromTheOldestToTheNewest) {
+    std::vector<std::string> expected;
+    for (int i = 0; i < 40; ++i) {
+        expected.push_back("1 UnregisterSubscriber: [MessageBus]: The subscriber ID (" + std::to_string(Register()) +
+                           ") has been removed");
+    }
+    journal.Clear();
+    ledger.StopAndUnregisterAll();
+    EXPECT_EQ(journal.Logs(), expected);
+}
+
+TEST_F(SubscriberLedgerTest, RefuseNew_RefusesRegistrationsAloneAndReturnsWhoIsThere) {
+    const long first = Register();
+    const long second = Register();
+    EXPECT_EQ(ledger.Count(), 2U);
+    EXPECT_EQ(ledger.RefuseNew(), (std::vector<long>{first, second}));
+    long id = -1;
+    EXPECT_EQ(ledger.RegisterSubscriber("late", {"heat"}, id), ResultCode::Failed);
+    EXPECT_EQ(ledger.RegisterPublisher("heat", id), ResultCode::Failed);
+    bus->GetSubscriberPtrById(first)->queue.Enqueue(std::make_shared<message_bus::Message>("heat", 5));
+    EXPECT_EQ(test_support::WaitOn(ledger, first), test_support::Delivered("heat", 5));
+    EXPECT_EQ(ledger.UnregisterSubscriber(first), ResultCode::Success);
+    EXPECT_EQ(ledger.Count(), 1U);
+}
+
 TEST_F(SubscriberLedgerTest, Registration_ThatTheStopOvertakes_IsTakenBack) {
     log.Before("1 RegisterSubscriber:", [this] { ledger.StopAndUnregisterAll(); });
     long id = -1;

@@ -37,7 +37,8 @@ public:
                                                     .placement = false,
                                                     .ownership = false,
                                                     .limits = std::nullopt,
-                                                    .registrationGate = false}) {}
+                                                    .registrationGate = false,
+                                                    .intake = false}) {}
 
     explicit ServedBus(const msgbus_server::BusServerOptions& options) : server(options) {
         std::promise<bool> started;

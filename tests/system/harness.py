@@ -18,19 +18,21 @@ PATIENCE = float(os.environ.get("BORVEN_TEST_PATIENCE", "60"))  # seconds; a dea
 BIN = os.environ["BORVEN_BIN"]
 MODE = os.environ["BORVEN_TEST_MODE"]
 SERVER_OPTIONS = os.environ.get("BORVEN_TEST_SERVER_OPTIONS", "").split()
+SANITIZED = os.environ.get("BORVEN_TEST_SLOWNESS", "1") != "1"
 STOP_LIMIT = 6.0 * float(os.environ.get("BORVEN_TEST_SLOWNESS", "1"))  # seconds: the bus polls every 5
 
 DONE, FAILED, USAGE, REFUSED, NO_SERVER, TIMED_OUT = 0, 1, 2, 3, 4, 124
+FAULT = 5  # of a server that cannot go on
 
 
 class Process:
     """A running program and the lines that it prints, in order of arrival."""
 
-    def __init__(self, test, arguments, environment, stdout=subprocess.PIPE, pass_fds=()):
+    def __init__(self, test, arguments, environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, pass_fds=()):
         self.test = test
         self.arguments = arguments
         self.seen = []
-        self.popen = subprocess.Popen(arguments, stdin=subprocess.PIPE, stdout=stdout, stderr=subprocess.PIPE,
+        self.popen = subprocess.Popen(arguments, stdin=subprocess.PIPE, stdout=stdout, stderr=stderr,
                                       env=environment, pass_fds=pass_fds)
         self.out = queue.Queue()
         self.err = queue.Queue()
@@ -131,10 +133,10 @@ class Process:
 class Server(Process):
     """msgbusd, ready to serve."""
 
-    def __init__(self, test, *options, log_level="debug"):
+    def __init__(self, test, *options, log_level="debug", **more):
         ready, write_end = os.pipe()
         super().__init__(test, [f"{BIN}/msgbusd", f"--{MODE}", "--log-level", log_level, "--ready-fd", str(write_end),
-                                *SERVER_OPTIONS, *options], test.environment, pass_fds=(write_end,))
+                                *SERVER_OPTIONS, *options], test.environment, pass_fds=(write_end,), **more)
         os.close(write_end)
         with os.fdopen(ready, "rb") as pipe:
             report = pipe.read()
@@ -143,6 +145,10 @@ class Server(Process):
     def stop(self):
         """Sends SIGTERM; fails unless the server exits with status 0 and removes its files."""
         self.signal(signal.SIGTERM)
+        self.expect_orderly_end()
+
+    def expect_orderly_end(self):
+        """Fails unless the server exits with status 0 and removes its files."""
         self.expect_exit(0)
         self.test.assertEqual(os.listdir(self.test.runtime), [], "the server left files behind")
 

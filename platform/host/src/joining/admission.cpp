@@ -37,17 +37,6 @@ bool IsFromReserve(int fd) {
     return static_cast<rlim_t>(fd) + Admission::DescriptorReserve >= limit.rlim_cur;
 }
 
-/// Returns: the process that connected `socket`, as log lines name it.
-std::string DescribePeer(int socket) {
-    ucred credentials{};
-    socklen_t length = sizeof credentials;
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
-        return "an unknown process";
-    }
-    return "process " + std::to_string(credentials.pid) + " (" + TaskName(credentials.pid) + ") of user " +
-           std::to_string(credentials.uid);
-}
-
 } // namespace
 
 void Admission::Start() {
@@ -154,15 +143,16 @@ void Admission::AcceptWithSpare(int listening) {
 }
 
 void Admission::Welcome(std::uint64_t listenerId, UniqueFd socket) {
-    if (IsFromReserve(socket.Get())) {
-        Log(LogLevel::Warning, {"refused ", DescribePeer(socket.Get()), ": the descriptors of this process run out"});
+    Peer peer;
+    const auto status = IdentifyPeer(socket.Get(), peer);
+    if (status == KnStatusOk && IsFromReserve(socket.Get())) {
+        Log(LogLevel::Warning, {"refused ", Describe(peer), ": the descriptors of this process run out"});
         SendAnswer(socket.Get(), KnStatusNoResources);
         return;
     }
-    Peer peer;
-    if (const auto status = IdentifyPeer(socket.Get(), peer); status != KnStatusOk) {
+    if (status != KnStatusOk) {
         if (status != KnStatusPeerGone) {
-            Log(LogLevel::Warning, {"refused ", DescribePeer(socket.Get()), ": ", KnStatusText(status)});
+            Log(LogLevel::Warning, {"refused ", Describe(peer), ": ", KnStatusText(status)});
         }
         SendAnswer(socket.Get(), status);
         return;
@@ -185,10 +175,10 @@ void Admission::ReadGreeting(Visitors::Visitor& visitor) {
     }
     const std::int32_t status = length == sizeof greeting ? Check(greeting) : KnStatusDenied;
     if (status == KnStatusOtherVersion) {
-        Log(LogLevel::Warning, {"refused ", DescribePeer(visitor.socket.Get()), ": it speaks version ",
+        Log(LogLevel::Warning, {"refused ", Describe(visitor.peer), ": it speaks version ",
                                 std::to_string(greeting.layoutVersion), " of the protocol"});
     } else if (status != KnStatusOk && length > 0) { // 0 or less: a look-up, which disconnects without a greeting
-        Log(LogLevel::Warning, {"refused ", DescribePeer(visitor.socket.Get()), ": it sent no valid greeting"});
+        Log(LogLevel::Warning, {"refused ", Describe(visitor.peer), ": it sent no valid greeting"});
     }
     if (status != KnStatusOk) {
         visitors.Refuse(visitor, status);
@@ -197,11 +187,7 @@ void Admission::ReadGreeting(Visitors::Visitor& visitor) {
     visitor.layoutVersion = greeting.layoutVersion;
     const Listener& listener = listeners.at(visitor.listenerId);
     if (listener.channel) {
-        const pid_t pid = visitor.peer.pid; // the visitor is gone when it is refused
-        if (const auto joined = visitors.Join(visitor, listener.channel, {}); joined != KnStatusOk) {
-            Log(LogLevel::Warning,
-                {"refused process ", std::to_string(pid), " (", TaskName(pid), "): ", KnStatusText(joined)});
-        }
+        static_cast<void>(visitors.Join(visitor, listener.channel, {}));
     } else {
         visitors.Ask(visitor, listener.service, listener.type);
     }

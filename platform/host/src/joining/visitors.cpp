@@ -54,8 +54,7 @@ Visitors::Visitor* Visitors::Add(std::uint64_t listenerId, UniqueFd socket, Peer
 void Visitors::RefuseOldestGreeting(std::int32_t status) {
     assert(!greeting.empty());
     Visitor& oldest = visitors.at(greeting.front());
-    Log(LogLevel::Warning, {"refused process ", std::to_string(oldest.peer.pid), " (", TaskName(oldest.peer.pid),
-                            "), which has sent no greeting: ", KnStatusText(status)});
+    Log(LogLevel::Warning, {"refused ", Describe(oldest.peer), ", which has sent no greeting: ", KnStatusText(status)});
     Refuse(oldest, status);
 }
 
@@ -121,7 +120,8 @@ std::int32_t Visitors::Join(Visitor& visitor, const std::shared_ptr<Channel>& ch
             channel->AddClient(std::move(visitor.socket), visitor.layoutVersion, filter, &visitor.clientId, caller);
     }
     if (status != KnStatusOk) {
-        if (caller) {
+        if (caller) { // otherwise that is logged
+            Log(LogLevel::Warning, {"refused ", Describe(visitor.peer), ": ", KnStatusText(status)});
             callers.Leave(*caller, *channel);
         }
         Refuse(visitor, status);

@@ -66,6 +66,9 @@ std::string Printable(std::string_view name) {
 /// Sets the start time and the name, as far as the system shows them. What it shows is the peer's: while the peer
 /// lives, no other process has its number.
 void ReadStat(Peer& peer) {
+    if (peer.pid == 0) {
+        return; // of another PID namespace
+    }
     const UniqueFd file(::open(("/proc/" + std::to_string(peer.pid) + "/stat").c_str(), O_RDONLY | O_CLOEXEC));
     std::array<char, 1024> buffer;
     const ssize_t length = file ? ::read(file.Get(), buffer.data(), buffer.size()) : 0;
@@ -101,15 +104,18 @@ std::int32_t IdentifyPeer(int socket, Peer& peer) {
     peer.pid = credentials.pid;
     peer.uid = credentials.uid;
     if (credentials.uid != ::geteuid()) {
+        ReadStat(peer);
         return KnStatusDenied;
     }
     if (const auto status = OpenProcess(socket, peer); status != KnStatusOk) {
         return status;
     }
-    if (peer.pid != 0) {
-        ReadStat(peer);
-    }
+    ReadStat(peer);
     return KnStatusOk;
+}
+
+std::string Describe(const Peer& peer) {
+    return "process " + std::to_string(peer.pid) + " (" + peer.program + ") of user " + std::to_string(peer.uid);
 }
 
 } // namespace borven_host

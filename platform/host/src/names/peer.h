@@ -18,8 +18,11 @@ struct Peer {
     UniqueFd process; ///< readable once the process has exited; empty where the kernel does not offer that
 };
 
-/// Returns: 0 and `peer`; KnStatusDenied when it belongs to another user; KnStatusPeerGone when it has exited;
-/// KnStatusNoResources.
+/// Returns: 0 and `peer`; KnStatusDenied, with all but the descriptor, when it belongs to another user;
+/// KnStatusPeerGone when it has exited; KnStatusNoResources.
 std::int32_t IdentifyPeer(int socket, Peer& peer);
+
+/// Returns: the peer, as log lines name it.
+std::string Describe(const Peer& peer);
 
 } // namespace borven_host

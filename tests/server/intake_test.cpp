@@ -1,0 +1,108 @@
+// Defends which pushes reach the bus: none while a server drains or lets others register first, and no more than a stop
+// has time for where there are many subscribers.
+#include "intake.h"
+
+#include "support/bus_harness.h"
+#include "support/bus_test.h"
+
+#include <thread>
+
+namespace {
+
+using cor::ResultCode;
+using msgbus_server::Intake;
+namespace fault_points = test_support::fault_points;
+
+/// Stands for the bus; its pushes take as long as a test wants.
+class Recorder final : public message_bus::IProvider {
+public:
+    ResultCode Push(long /*publisherId*/, long /*message*/) override {
+        if (onPush) {
+            onPush();
+        }
+        ++count;
+        return result;
+    }
+    std::function<void()> onPush;
+    ResultCode result = ResultCode::Success;
+    std::size_t count = 0;
+};
+
+class IntakeTest : public test_support::BusTest {
+protected:
+    const fault_points::Disarmer disarmer{};
+    message_bus::MessageBus bus; // its events thread does not run, so what is pushed stays in the queue
+    Recorder recorder;
+    std::size_t subscribers = 0;
+    Intake::Clock::time_point time{std::chrono::hours(1)};
+    Intake intake{recorder, bus, [this] { return subscribers; }, [this] { return time; }};
+
+    std::size_t AcceptedOf(std::size_t pushes) {
+        const std::size_t before = recorder.count;
+        for (std::size_t i = 0; i < pushes; ++i) {
+            const auto result = intake.Push(1, 5);
+            EXPECT_EQ(result, recorder.count == before + i + 1 ? ResultCode::Success : ResultCode::Exhausted);
+        }
+        return recorder.count - before;
+    }
+
+    void FillTheQueue() {
+        long publisher = -1;
+        ASSERT_EQ(bus.RegisterPublisher("heat", publisher), ResultCode::Success);
+        ASSERT_EQ(bus.Push(publisher, 1), ResultCode::Success);
+    }
+};
+
+TEST_F(IntakeTest, Push_IsTheBuss) {
+    recorder.result = ResultCode::Failed;
+    EXPECT_EQ(intake.Push(1, 5), ResultCode::Failed);
+    EXPECT_EQ(recorder.count, 1U);
+}
+
+TEST_F(IntakeTest, Push_AfterClose_IsAnsweredTwoAndNotPassedOn) {
+    intake.Close();
+    EXPECT_EQ(AcceptedOf(3), 0U);
+    EXPECT_TRUE(journal.Logs().empty());
+}
+
+TEST_F(IntakeTest, Close_WaitsForThePushesUnderWay) {
+    std::thread closing;
+    recorder.onPush = [&] {
+        closing = std::thread([this] { intake.Close(); });
+        EXPECT_TRUE(fault_points::AwaitSleepingOnAtomic(closing.get_id()));
+    };
+    EXPECT_EQ(intake.Push(1, 5), ResultCode::Success);
+    closing.join();
+    EXPECT_EQ(recorder.count, 1U);
+}
+
+TEST_F(IntakeTest, HoldFor_RefusesUntilTheTimeIsOver) {
+    intake.HoldFor(std::chrono::seconds(2));
+    EXPECT_EQ(intake.Push(1, 5), ResultCode::Exhausted);
+    time += std::chrono::milliseconds(1999);
+    EXPECT_EQ(intake.Push(1, 5), ResultCode::Exhausted);
+    time += std::chrono::milliseconds(1);
+    EXPECT_EQ(intake.Push(1, 5), ResultCode::Success);
+    EXPECT_EQ(intake.Push(1, 5), ResultCode::Success);
+}
+
+TEST_F(IntakeTest, Push_WithFewSubscribers_HasTheLimitOfTheBusAlone) {
+    FillTheQueue();
+    subscribers = Intake::MostLooks / 1025;
+    EXPECT_EQ(AcceptedOf(3000), 3000U);
+}
+
+TEST_F(IntakeTest, Push_WithACrowdOfSubscribers_IsRefusedWhileTheQueueHoldsTheirWork) {
+    subscribers = 10'000;
+    EXPECT_EQ(AcceptedOf(100), 100U) << "the queue is empty";
+    FillTheQueue();
+    EXPECT_EQ(AcceptedOf(100), Intake::MostLooks / subscribers - 1) << "one was pushed to the empty queue";
+}
+
+TEST_F(IntakeTest, Push_WithAnyNumberOfSubscribers_HasSomeRoom) {
+    subscribers = 1'000'000'000;
+    FillTheQueue();
+    EXPECT_EQ(AcceptedOf(100), Intake::LeastBacklog);
+}
+
+} // namespace
