@@ -198,7 +198,8 @@ void Admission::ReadGreeting(Visitors::Visitor& visitor) {
     const Listener& listener = listeners.at(visitor.listenerId);
     if (listener.channel) {
         const pid_t pid = visitor.peer.pid; // the visitor is gone when it is refused
-        if (const auto joined = visitors.Join(visitor, listener.channel, {}); joined != KnStatusOk) {
+        const auto joined = visitors.Join(visitor, listener.channel, {});
+        if (joined != KnStatusOk && joined != KnStatusPeerGone) {
             Log(LogLevel::Warning,
                 {"refused process ", std::to_string(pid), " (", TaskName(pid), "): ", KnStatusText(joined)});
         }
