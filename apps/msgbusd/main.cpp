@@ -14,6 +14,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -23,6 +25,8 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -107,6 +111,62 @@ std::string ParseLevel(std::string& level) {
     return {};
 }
 
+/// Sets the limit that "NAME=NUMBER" names. Returns: empty, or what is wrong.
+std::string SetLimit(msgbus_server::Limits& limits, const std::string& text) {
+    const auto equals = text.find('=');
+    const auto names = msgbus_server::LimitNames();
+    const auto found = std::find_if(names.begin(), names.end(),
+                                    [&](const auto& limit) { return limit.name == text.substr(0, equals); });
+    if (equals == std::string::npos || found == names.end()) {
+        return "'" + text + "' is not NAME=NUMBER with a name that 'msgbusd --limits' lists";
+    }
+    std::size_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data() + equals + 1, end, number);
+    if (parsed.ec != std::errc{} || parsed.ptr != end || number == 0 || number > found->highest) {
+        return "'" + text + "': the number must be from 1 to " + std::to_string(found->highest);
+    }
+    limits.*found->value = number;
+    return {};
+}
+
+/// Returns: nothing, or the exit status.
+std::optional<int> ReadLimits(const std::vector<std::string>& limits, const std::vector<std::string>& queueRules,
+                              msgbus_server::BusServerOptions& server) {
+    const auto refuse = [](std::string_view sentence) {
+        std::cerr << "msgbusd: " << sentence << "\nSee 'msgbusd --help'.\n";
+        return ExitUsage;
+    };
+    if (!server.limits && !(limits.empty() && queueRules.empty())) {
+        return refuse("--limit and --slow-subscriber need the limits, which --no-limits or --bare switches off");
+    }
+    for (const auto& text : limits) {
+        if (const std::string wrong = SetLimit(*server.limits, text); !wrong.empty()) {
+            return refuse("--limit: " + wrong);
+        }
+    }
+    for (const auto& text : queueRules) {
+        auto rule = msgbus_server::QueueRule::Parse(text);
+        if (!rule) {
+            return refuse("--slow-subscriber: '" + text +
+                          "' is not PATTERN=POLICY or PATTERN=POLICY:VALUES with the policy cut, drop-oldest or "
+                          "drop-newest");
+        }
+        if (!server.parkedWaits && rule->policy != msgbus_server::SlowSubscriber::Cut) {
+            return refuse("--slow-subscriber: with --no-parked-waits a subscriber can only be cut");
+        }
+        server.queueRules.push_back(std::move(*rule));
+    }
+    return std::nullopt;
+}
+
+void PrintLimits() {
+    const msgbus_server::Limits defaults;
+    for (const auto& limit : msgbus_server::LimitNames()) {
+        std::cout << limit.name << '=' << defaults.*limit.value << "\n    " << limit.meaning << '\n';
+    }
+}
+
 /// Returns: nothing to go on with `settings`, or the exit status.
 std::optional<int> Parse(int argc, char** argv, Settings& settings) {
     using message_bus::ConnectionType;
@@ -137,6 +197,35 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
                           "do not choose a CPU for any thread; the same as BORVEN_PLACEMENT=off");
     app.add_flag_callback("--no-arena-pool", switchOff(settings.arenaPool),
                           "map new arenas for every request instead of pooling them");
+    app.add_flag_callback("--no-ownership", switchOff(settings.server.ownership),
+                          "let every process use the ids of others, and keep what a process that is gone registered");
+    app.add_flag_callback("--no-registration-gate", switchOff(settings.server.registrationGate),
+                          "let publishers keep registrations waiting");
+    app.add_flag_callback(
+        "--no-limits", [&settings] { settings.server.limits.reset(); },
+        "limit nothing that one process may take but the bus's own queue");
+    app.add_flag_callback(
+        "--bare",
+        [&settings] {
+            settings.server.ownership = false;
+            settings.server.registrationGate = false;
+            settings.server.limits.reset();
+            settings.nameWatch = false;
+            settings.logLimit = false;
+        },
+        "the bus alone: --no-ownership --no-registration-gate --no-limits --no-name-watch --no-log-limit");
+    std::vector<std::string> limits;
+    app.add_option("--limit", limits, "set a limit; 'msgbusd --limits' lists them (repeatable)")
+        ->type_name("NAME=NUMBER")
+        ->allow_extra_args(false);
+    std::vector<std::string> queueRules;
+    app.add_option("--slow-subscriber", queueRules,
+                   "what happens to subscribers whose names match when they leave too many values unread: cut, "
+                   "drop-oldest or drop-newest (repeatable; the last match counts)")
+        ->type_name("PATTERN=POLICY[:VALUES]")
+        ->allow_extra_args(false);
+    bool wantsLimits = false;
+    app.add_flag("--limits", wantsLimits, "list the limits with their defaults, and exit");
     app.add_flag_callback("--no-name-watch", switchOff(settings.nameWatch),
                           "do not restore sockets that are removed; the same as BORVEN_NAME_WATCH=off");
     app.add_flag_callback("--no-log-limit", switchOff(settings.logLimit),
@@ -149,7 +238,11 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : ExitUsage;
     }
-    return std::nullopt;
+    if (wantsLimits) {
+        PrintLimits();
+        return 0;
+    }
+    return ReadLimits(limits, queueRules, settings.server);
 }
 
 } // namespace

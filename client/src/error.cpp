@@ -11,19 +11,19 @@ std::string DescribeResult(std::int32_t code) {
     case 2:
         return "the inbound queue of the bus is full, or the id is -1";
     case 3:
-        return "the bus rejected the request with result code 3";
+        return "this process, or all processes together, have as many publishers or subscribers as the server allows";
     case 4:
-        return "the bus rejected the request with result code 4";
+        return "this process, or all processes together, have as many unfinished registrations as the server allows";
     case 5:
         return "the bus has no connection to dispatch on";
     case 6:
         return "the bus could not be initialised";
     case 7:
-        return "the bus rejected the request with result code 7";
+        return "the names and topics of this process, or of all together, take as many bytes as the server allows";
     case 8:
         return "already registered, or no such id";
     case 9:
-        return "the bus rejected the request with result code 9";
+        return "the subscriber left more values unread than the server allows, and was cut";
     case 10:
         return "internal error of the bus, or the bus is shutting down";
     default:

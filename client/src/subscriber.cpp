@@ -6,6 +6,7 @@
 #include "connection.h"
 #include "cor/result_code.h"
 #include "kn/status.h"
+#include "nk/loss.h"
 #include "recovery.h"
 
 #include <chrono>
@@ -17,6 +18,7 @@ namespace msgbus {
 namespace {
 
 constexpr auto NotRegistered = static_cast<std::int32_t>(cor::ResultCode::NotRegistered);
+constexpr auto TooManyValues = static_cast<std::int32_t>(cor::ResultCode::TooManyValues);
 constexpr auto Conflict = static_cast<std::int32_t>(cor::ResultCode::Conflict);
 
 /// One registration with one server. A wait occupies its connection until the reply, so ctl has a separate one.
@@ -51,6 +53,13 @@ public:
 
     std::int32_t Wait(std::int64_t subscriberId, Message& message) {
         return br_MessageBusSubs_Wait_call(subs.Transport(), subscriberId, message.topic, message.value);
+    }
+
+    /// Returns: how many values the server has dropped so far.
+    std::uint64_t Lost() noexcept {
+        NkLoss loss;
+        static_cast<void>(NkReadLoss(subs.Transport()->handle, &loss));
+        return loss.lost;
     }
 
     void EndWait() noexcept { subs.Close(); }
@@ -105,6 +114,11 @@ public:
         }
     }
 
+    std::uint64_t Lost() const EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
+        return lostBefore + registration->Lost();
+    }
+
     const std::string& Name() const noexcept { return name; }
 
     std::int64_t Id() const EXCLUDES(mutex) {
@@ -143,6 +157,10 @@ private:
                 status = KnStatusClosed;
             }
         }
+        if (ResultCodeOf(status) == TooManyValues) {
+            throw RefusedError(TooManyValues, "subscriber '" + name + "' left too many values unread, and the server " +
+                                                  "has cut it; " + std::to_string(Lost()) + " values are lost");
+        }
         if (status != KnStatusClosed) {
             ThrowUnlessOk(status);
         }
@@ -160,6 +178,7 @@ private:
             if (!found || canceled) {
                 return false;
             }
+            lostBefore += registration->Lost();
             registration.swap(next);
         }
         Notify(options, "subscribed as '" + name + "' again with a restarted server (id " + std::to_string(Id()) +
@@ -187,6 +206,7 @@ private:
     bool canceled GUARDED_BY(mutex) = false;
     /// Replaced by Next only. Its Unregister and Id are called under `mutex`, its Wait without.
     std::shared_ptr<Registration> registration GUARDED_BY(mutex);
+    std::uint64_t lostBefore GUARDED_BY(mutex) = 0; ///< with earlier servers
 };
 
 Subscriber::Subscriber(std::string name, std::vector<std::string> topics, Options options)
@@ -201,6 +221,10 @@ std::optional<Message> Subscriber::Next() {
 
 void Subscriber::Cancel() noexcept {
     state->Cancel();
+}
+
+std::uint64_t Subscriber::Lost() const {
+    return state->Lost();
 }
 
 const std::string& Subscriber::Name() const noexcept {

@@ -1,15 +1,23 @@
 #pragma once
 
+#include "caller_accounts.h"
 #include "channel_deadline.h"
+#include "clean_up.h"
 #include "closing_log_filter.h"
 #include "flush_wake.h"
 #include "forwarding_connector.h"
+#include "handshake_watch.h"
 #include "inherited_thread_name.h"
 #include "ipc_server.h"
 #include "message_bus.h"
+#include "ownership.h"
 #include "parked_waits.h"
 #include "placement.h"
+#include "queue_budget.h"
+#include "queue_limit.h"
+#include "registration_gate.h"
 #include "reserved_threads.h"
+#include "server_limits.h"
 #include "subscriber_ledger.h"
 
 #include <functional>
@@ -17,6 +25,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace message_bus {
 class BosConnector;
@@ -36,6 +45,10 @@ struct BusServerOptions {
     bool parkedWaits = true; ///< ParkedWaits
     bool flushWake = true;   ///< FlushWake
     bool placement = true;   ///< Placement, where threads may be confined; it needs ParkedWaits to see deliveries
+    bool ownership = true;   ///< Ownership, and the end of registrations with the process that made them
+    std::optional<Limits> limits = Limits{};
+    std::vector<QueueRule> queueRules{}; ///< only with `limits`
+    bool registrationGate = true;        ///< RegistrationGate
 };
 
 /// The bus as a server: builds the bus, its decorators, the connector and the IPC server, runs them, and stops them in
@@ -74,12 +87,17 @@ public:
     message_bus::MessageBus& Bus() noexcept { return bus; }
 
 private:
+    message_bus::IWorker& MakeWorker();
+    void CutSubscriber(long id);
+    void OwnRegistrations();
+    message_bus::IProvider& Provider() noexcept;
     void Offer();
+    void CloseServerEnds();
     void NoteDelivery() noexcept;
     void OnServing();
     void Stop();
 
-    const message_bus::ConnectionType connectionType;
+    const BusServerOptions options;
     ClosingLogFilter logFilter;
     std::function<void()> reportServing;
     std::string startFailure;                            ///< a sentence; empty: served
@@ -89,8 +107,14 @@ private:
     message_bus::MessageBus bus;
     std::optional<FlushWake> flushWake;
     std::optional<Placement> placement;
+    std::optional<QueueBudget> queueBudget;
     std::optional<ParkedWaits> parkedWaits;
     SubscriberLedger ledger;
+    std::optional<RegistrationGate> gate;
+    CallerAccounts accounts;
+    std::optional<CleanUp> cleanUp;
+    std::optional<HandshakeWatch> handshakeWatch;
+    std::optional<Ownership> ownership;
     std::shared_ptr<bos_ipc::IpcServer> server; ///< null once stopped
     std::unique_ptr<message_bus::BosConnector> connector;
     std::shared_ptr<ForwardingConnector> forwarding; ///< the bus keeps a share of it until it is destroyed

@@ -3,9 +3,12 @@
 #include "common/mutex.h"
 #include "message_bus.h"
 #include "nk/deferred_reply.h"
+#include "queue_budget.h"
+#include "queue_limit.h"
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <exception>
 #include <functional>
@@ -31,17 +34,31 @@ namespace msgbus_server {
 /// A wait is parked only while there is nothing to deliver, and values are offered only while no other wait is parked.
 /// So there are never parked waits and values at once, but within one call.
 ///
+/// A subscriber that leaves more values unread than its limit loses some, or is cut: it gets no further value, and its
+/// waits code 9. What is unread is counted only now and then, so a large limit is exceeded by some values first.
+///
 /// Threads: every operation from any thread. Blocks: for the mutex, which is never held while a client is waited for.
 class SubscriberWaits final : public message_bus::IQueueListener, public std::enable_shared_from_this<SubscriberWaits> {
 public:
-    /// `endAction` is called once the subscriber's queue is canceled, on the thread that canceled it; `deliveryAction`
-    /// when the queue has got a value, on the thread that put it there. Both without the mutex; must not throw.
-    SubscriberWaits(std::shared_ptr<message_bus::Subscriber> waitingSubscriber, std::function<void()> endAction,
-                    std::function<void()> deliveryAction = {})
-        : subscriber(std::move(waitingSubscriber)), onEnd(std::move(endAction)), onDelivery(std::move(deliveryAction)) {
-    }
+    /// What others do about it. Must not throw. May be empty.
+    struct Actions {
+        std::function<void()> end;      ///< the queue is canceled; on the thread that canceled it, without the mutex
+        std::function<void()> delivery; ///< the queue has got a value; on the thread that put it there, as the next two
+        std::function<void()> cut;      ///< the subscriber was cut, and has to be unregistered; with the mutex
+        std::function<void(QueueBudget::Exceeded)> exceeded; ///< of the budget; with the mutex
+    };
+
+    /// How much may be unread, and whose it is. `budget`: null: without one. Lifetime: the budget's.
+    struct Allowance {
+        QueueLimit limit;
+        QueueBudget* budget = nullptr;
+        std::uint64_t caller = 0;
+    };
+
+    SubscriberWaits(std::shared_ptr<message_bus::Subscriber> waitingSubscriber, Actions whatToDo, Allowance allowed);
     SubscriberWaits(const SubscriberWaits&) = delete;
     SubscriberWaits& operator=(const SubscriberWaits&) = delete;
+    ~SubscriberWaits() override;
 
     /// Follows the queue from now on, or no longer. Lifetime: a queue that is followed holds a plain pointer to this
     /// object, and uses it while another thread changes the queue.
@@ -59,8 +76,23 @@ public:
     /// Answers a wait with a code other than 0. Does nothing when it was answered before.
     static void Refuse(const NkDeferredReply& wait, cor::ResultCode code) noexcept;
 
+    /// Answers a wait of a subscriber that was cut with 9, and notes what it has lost.
+    static void RefuseCut(const NkDeferredReply& wait, std::uint64_t lost) noexcept;
+
     /// Answers a wait that failed with 10, and writes the bus's line for it.
     static void Fail(const NkDeferredReply& wait, const std::exception& error) noexcept;
+
+    /// Cuts the subscriber, unless it has nothing unread, or is cut already.
+    void Cut() noexcept;
+    bool IsCut() const noexcept;
+
+    /// Returns: how many values were lost so far, of the values that its limit did not permit.
+    std::uint64_t Lost() const noexcept;
+    /// Returns: how many values are unread, with those that a client may be taking.
+    std::size_t Unread() const noexcept;
+    /// Returns: the memory that they take, as counted last; 0 once cut.
+    std::size_t Charge() const noexcept;
+    std::uint64_t Caller() const noexcept { return allowance.caller; }
 
     void OnEnqueue() noexcept override;
     void OnCancel() noexcept override;
@@ -76,11 +108,22 @@ private:
     bool TakeAnother() noexcept REQUIRES(mutex);
     void TakeBack() noexcept REQUIRES(mutex);
 
-    const std::shared_ptr<message_bus::Subscriber> subscriber;
-    const std::function<void()> onEnd;
-    const std::function<void()> onDelivery;
+    void CheckBacklog() noexcept;
+    std::size_t Backlog() const noexcept REQUIRES(mutex);
+    std::uint64_t LostSoFar() const noexcept REQUIRES(mutex);
+    void ApplyPolicy(std::size_t backlog) noexcept REQUIRES(mutex);
+    void CutNow() noexcept REQUIRES(mutex);
+    void DropFirst() noexcept REQUIRES(mutex);
+    void SetCharge(std::size_t valueCount) noexcept REQUIRES(mutex);
 
-    common::Mutex mutex;
+    const std::shared_ptr<message_bus::Subscriber> subscriber;
+    const Actions actions;
+    const Allowance allowance;
+    const std::size_t checkInterval; ///< in values
+
+    std::size_t unchecked = 0; ///< values since the last check; of the thread that puts values into the queue
+
+    mutable common::Mutex mutex;
     std::deque<NkDeferredReply> parked GUARDED_BY(mutex); ///< oldest first
     /// Whether a wait is parked; changed under the mutex. It turns true before the queue is looked at, so a change that
     /// finds it false is one that the wait finds in the queue, whose mutex orders the two.
@@ -89,6 +132,10 @@ private:
     std::size_t mostOffers GUARDED_BY(mutex) = NkMaxOffers; ///< of the next reply
     std::size_t offered GUARDED_BY(mutex) = 0;              ///< so many of the first values are offered
     NkDeferredReply offerOf GUARDED_BY(mutex){};            ///< the wait whose reply they came with
+    bool isCut GUARDED_BY(mutex) = false;
+    std::uint64_t lost GUARDED_BY(mutex) = 0;      ///< dropped
+    std::uint64_t notedLost GUARDED_BY(mutex) = 0; ///< as the clients know it
+    std::size_t charge GUARDED_BY(mutex) = 0;      ///< of the budget, in bytes
 };
 
 } // namespace msgbus_server

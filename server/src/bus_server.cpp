@@ -4,6 +4,7 @@
 #include "bos_connector.h"
 #include "br_MessageBus.h"
 #include "diagnostics.h"
+#include "kn/caller.h"
 #include "kn/handle.h"
 #include "kn/policy.h"
 #include "kn/status.h"
@@ -11,6 +12,7 @@
 #include "ns/name_server.h"
 #include "service_locator.h"
 #include "stop_events_thread.h"
+#include "subscribe_helper.h"
 
 #include <chrono>
 #include <cstddef>
@@ -95,12 +97,6 @@ std::string ReasonOfFailure(ConnectionType type) {
            "; is the runtime directory (BORVEN_RUNTIME_DIR) writable and yours alone?";
 }
 
-/// Returns: `decorator`, made of the bus, or the bus itself.
-message_bus::IWorker& MakeWorker(std::optional<ParkedWaits>& decorator, message_bus::MessageBus& bus, bool isWanted,
-                                 std::function<void()> onDelivery) {
-    return isWanted ? static_cast<message_bus::IWorker&>(decorator.emplace(bus, std::move(onDelivery))) : bus;
-}
-
 /// Runs `start`, which starts threads. Throws: OfferError when the system refuses one.
 template <typename Start>
 void StartingThreads(const Start& start) {
@@ -114,9 +110,8 @@ void StartingThreads(const Start& start) {
 
 } // namespace
 
-BusServer::BusServer(const BusServerOptions& options)
-    : connectionType(options.connectionType),
-      ledger(bus, MakeWorker(parkedWaits, bus, options.parkedWaits, [this] { NoteDelivery(); })),
+BusServer::BusServer(const BusServerOptions& chosen)
+    : options(chosen), ledger(bus, MakeWorker()), accounts(options.limits),
       server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
       connector(std::make_unique<message_bus::BosConnector>(server)),
       forwarding(std::make_shared<ForwardingConnector>(
@@ -129,7 +124,77 @@ BusServer::BusServer(const BusServerOptions& options)
         if (options.placement && common::MayConfineThreads()) {
             placement.emplace(flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus);
         }
+        if (options.ownership || options.limits || options.registrationGate) {
+            OwnRegistrations();
+        }
     });
+}
+
+/// Makes the worker behind the ledger. Returns: it; the bus itself where nothing is added to waits.
+message_bus::IWorker& BusServer::MakeWorker() {
+    if (!options.parkedWaits && !options.limits) {
+        return bus;
+    }
+    QueueControl control;
+    if (options.limits) {
+        queueBudget.emplace(options.limits->queuedBytesPerProcess, options.limits->queuedBytes);
+        control.limitOf = [this](const message_bus::Subscriber& subscriber) {
+            return QueueLimitOf(subscriber, *options.limits, options.queueRules);
+        };
+        control.budget = &*queueBudget;
+        control.cut = [this](long id) { cleanUp->Post([this, id] { CutSubscriber(id); }); };
+        control.exceeded = [this](QueueBudget::Exceeded what, std::uint64_t caller) {
+            const bool isTotal = what == QueueBudget::Exceeded::Total;
+            const std::size_t most = isTotal ? queueBudget->MostOfAll() : queueBudget->MostOfCaller();
+            cleanUp->Post([this, isTotal, caller, most] {
+                parkedWaits->CutLargest(isTotal ? std::nullopt : std::optional(caller), most);
+            });
+        };
+    }
+    return parkedWaits.emplace(
+        bus, [this] { NoteDelivery(); }, std::move(control), options.parkedWaits);
+}
+
+/// Unregisters a subscriber that was cut.
+void BusServer::CutSubscriber(long id) {
+    const auto kept = parkedWaits->Find(id); // what is unread must not be freed while the bus holds its lock
+    const auto subscriber = bus.GetSubscriberPtrById(id);
+    if (!kept || !subscriber) {
+        return; // its client was faster
+    }
+    const KnCaller owner = accounts.OwnerOf({Kind::Subscriber, id});
+    Log(LogLevel::Warning, "Subscriber {} ({}) of process {} ({}) leaves too many values unread and is cut", id,
+        subscriber->name, owner.pid, static_cast<const char*>(owner.program));
+    gate->UnregisterSubscriber(id);
+    accounts.Remove({Kind::Subscriber, id});
+    Log(LogLevel::Info, "Subscriber {} has lost {} values", id, kept->Lost());
+}
+
+/// Puts the decorators that know the callers before all others.
+void BusServer::OwnRegistrations() {
+    gate.emplace(Provider(), ledger, !options.registrationGate, [this](long id) {
+        if (options.limits) {
+            parkedWaits->Follow(id, KnCallerId());
+        }
+    });
+    cleanUp.emplace(accounts, *gate, [this](long handshake) {
+        long none = -1;
+        connector->GetSubscribeHelper()->FinishSubscribing(handshake, false, none);
+    });
+    const auto endAllOf = [this](const KnCaller& caller) {
+        if (options.ownership) {
+            cleanUp->EndAllOf(caller);
+        }
+    };
+    handshakeWatch.emplace(accounts, options.ownership,
+                           HandshakeWatch::Actions{endAllOf, [this] { cleanUp->NoteHandshake(); }});
+    ownership.emplace(Ownership::Bus{*gate, *gate, ledger}, accounts, options.ownership, endAllOf);
+}
+
+message_bus::IProvider& BusServer::Provider() noexcept {
+    return placement   ? static_cast<message_bus::IProvider&>(*placement)
+           : flushWake ? static_cast<message_bus::IProvider&>(*flushWake)
+                       : bus;
 }
 
 BusServer::~BusServer() = default;
@@ -138,21 +203,29 @@ void BusServer::Offer() {
     for (const auto& interface : br_MessageBus_interfaces) {
         KnPolicySetMethodCount(interface.type, interface.methodCount);
     }
-    message_bus::IProvider& provider = placement   ? static_cast<message_bus::IProvider&>(*placement)
-                                       : flushWake ? static_cast<message_bus::IProvider&>(*flushWake)
-                                                   : bus;
-    if (!connector->Init(Lend<message_bus::IProviderControl>(ledger), Lend(provider),
-                         Lend<message_bus::IWorker>(ledger))) {
-        KnHandleCloseServerEnds();
+    const Limits limits = options.limits.value_or(Limits{.connectionsPerProcess = Limits{}.connections});
+    KnPolicySetConnectionLimits(static_cast<std::uint32_t>(limits.connectionsPerProcess),
+                                static_cast<std::uint32_t>(limits.connections));
+    if (handshakeWatch) {
+        KnObserveRequests(&*handshakeWatch, br_MessageBusComponent_ctl_iid);
+    }
+    const bool isOffered =
+        ownership ? connector->Init(Lend<message_bus::IProviderControl>(*ownership),
+                                    Lend<message_bus::IProvider>(*ownership), Lend<message_bus::IWorker>(*ownership))
+                  : connector->Init(Lend<message_bus::IProviderControl>(ledger), Lend(Provider()),
+                                    Lend<message_bus::IWorker>(ledger));
+    if (!isOffered) {
+        CloseServerEnds();
         reserve.reset();
-        throw OfferError(ReasonOfFailure(connectionType));
+        throw OfferError(ReasonOfFailure(options.connectionType));
     }
 }
 
 bool BusServer::Run(std::function<void()> onServing) {
     // All at once at first: a limit that is too low is an error here, but the end of the process when the bus meets it.
-    StartingThreads([this] { reserve.emplace(RemoverCount(connectionType) + LaterThreadCount(connectionType)); });
-    reserve->Shrink(RemoverCount(connectionType));
+    StartingThreads(
+        [this] { reserve.emplace(RemoverCount(options.connectionType) + LaterThreadCount(options.connectionType)); });
+    reserve->Shrink(RemoverCount(options.connectionType));
     const NameLossWatch nameLoss([this] { RequestStop(); });
     Offer();
     reportServing = std::move(onServing);
@@ -183,7 +256,7 @@ void BusServer::NoteDelivery() noexcept {
 
 void BusServer::OnServing() {
     deadline->Arm(StartLimit, "The start takes too long");
-    startFailure = AwaitReceivers(connectionType);
+    startFailure = AwaitReceivers(options.connectionType);
     deadline->Disarm();
     if (!startFailure.empty()) {
         // Now, and not only in the exception: where the bus could not start its worker, the stop does not end.
@@ -191,10 +264,15 @@ void BusServer::OnServing() {
         RequestStop();
         return;
     }
-    Log(LogLevel::Info, "Serving in {} mode", ModeName(connectionType));
+    Log(LogLevel::Info, "Serving in {} mode", ModeName(options.connectionType));
     if (reportServing) {
         reportServing();
     }
+}
+
+void BusServer::CloseServerEnds() {
+    KnHandleCloseServerEnds();
+    KnObserveRequests(nullptr, 0);
 }
 
 void BusServer::Stop() {
@@ -205,12 +283,15 @@ void BusServer::Stop() {
     KnHandleStopReceiving(); // first: publishers that go on pushing could keep the next step waiting
     Log(LogLevel::Info, "Released subscribers: {}", ledger.StopAndUnregisterAll());
     deadline->Arm(StopLimit, "A thread does not end");
+    if (cleanUp) {
+        cleanUp->Stop(); // it uses the connector
+    }
     server->WaitAllThreads();
     server.reset();
     connector.reset(); // the last owner of the server, which joins its other threads
     deadline->Disarm();
     logFilter.SetClosing(false);
-    KnHandleCloseServerEnds();
+    CloseServerEnds();
     if (placement) {
         placement->End();
     }

@@ -2,8 +2,8 @@
 
 #include "kn/status.h"
 #include "message_bus.h"
-#include "subscriber_waits.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -34,16 +34,24 @@ ParkedWaits::~ParkedWaits() {
 ResultCode ParkedWaits::Wait(long subscriberId, std::string& topic, long& message) {
     std::shared_ptr<SubscriberWaits> waits;
     try {
-        waits = FindOrAdd(subscriberId);
+        waits = FindOrAdd(subscriberId, 0);
     } catch (const std::exception& error) {
         MessageBus::BeginWait(subscriberId);
         return MessageBus::FailWait(error);
     }
+    NkDeferredReply reply;
     if (!waits) {
+        if (const auto lost = LostOfCut(subscriberId)) {
+            MessageBus::BeginWait(subscriberId);
+            if (NkDeferReply(&reply) != KnStatusOk) {
+                return ResultCode::TooManyValues;
+            }
+            SubscriberWaits::RefuseCut(reply, *lost);
+            return ResultCode::Success;
+        }
         return bus.Wait(subscriberId, topic, message); // which refuses it
     }
-    NkDeferredReply reply;
-    if (NkDeferReply(&reply) != KnStatusOk) {
+    if (!defers || NkDeferReply(&reply) != KnStatusOk) {
         return WaitInTheBus(*waits, subscriberId, topic, message);
     }
     // From here on the reply is owed by this object, whatever happens. A second answer would not be sent.
@@ -61,20 +69,33 @@ ResultCode ParkedWaits::Wait(long subscriberId, std::string& topic, long& messag
     return ResultCode::Success;
 }
 
+void ParkedWaits::Follow(long subscriberId, std::uint64_t caller) {
+    FindOrAdd(subscriberId, caller);
+}
+
+std::shared_ptr<SubscriberWaits> ParkedWaits::Find(long subscriberId) {
+    const common::MutexLock lock(mutex);
+    const auto found = waiting.find(subscriberId);
+    return found == waiting.end() ? nullptr : found->second;
+}
+
 /// Returns: null when the bus does not know the subscriber.
-std::shared_ptr<SubscriberWaits> ParkedWaits::FindOrAdd(long subscriberId) {
-    {
-        const common::MutexLock lock(mutex);
-        if (const auto found = waiting.find(subscriberId); found != waiting.end()) {
-            return found->second;
-        }
+std::shared_ptr<SubscriberWaits> ParkedWaits::FindOrAdd(long subscriberId, std::uint64_t caller) {
+    if (auto found = Find(subscriberId)) {
+        return found;
     }
     auto subscriber = bus.GetSubscriberPtrById(subscriberId);
     if (!subscriber) {
         return nullptr;
     }
-    auto added = std::make_shared<SubscriberWaits>(
-        std::move(subscriber), [this, subscriberId] { Forget(subscriberId); }, onDelivery);
+    SubscriberWaits::Actions actions{[this, subscriberId] { Forget(subscriberId); }, onDelivery, {}, {}};
+    SubscriberWaits::Allowance allowance;
+    if (control.limitOf) {
+        actions.cut = [this, subscriberId] { control.cut(subscriberId); };
+        actions.exceeded = [this, caller](QueueBudget::Exceeded what) { control.exceeded(what, caller); };
+        allowance = {control.limitOf(*subscriber), control.budget, caller};
+    }
+    auto added = std::make_shared<SubscriberWaits>(std::move(subscriber), std::move(actions), allowance);
     const common::MutexLock lock(mutex);
     const auto [place, isNew] = waiting.try_emplace(subscriberId, std::move(added));
     if (isNew) {
@@ -92,9 +113,63 @@ void ParkedWaits::Forget(long subscriberId) {
             waiting.erase(found);
         }
     }
-    if (gone) {
-        gone->Unfollow();
+    if (!gone) {
+        return;
     }
+    gone->Unfollow();
+    if (gone->IsCut()) {
+        const std::uint64_t lost = gone->Lost();
+        const common::MutexLock lock(mutex);
+        cut[subscriberId] = lost;
+        if (cut.size() > MostCut) {
+            cut.erase(cut.begin());
+        }
+    }
+}
+
+/// Returns: what a subscriber lost that was cut and unregistered.
+std::optional<std::uint64_t> ParkedWaits::LostOfCut(long subscriberId) {
+    const common::MutexLock lock(mutex);
+    const auto found = cut.find(subscriberId);
+    return found == cut.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::vector<std::shared_ptr<SubscriberWaits>> ParkedWaits::All() {
+    std::vector<std::shared_ptr<SubscriberWaits>> all;
+    const common::MutexLock lock(mutex);
+    all.reserve(waiting.size());
+    for (const auto& [id, waits] : waiting) {
+        all.push_back(waits);
+    }
+    return all;
+}
+
+void ParkedWaits::CutLargest(std::optional<std::uint64_t> caller, std::size_t most) {
+    std::vector<std::pair<std::size_t, std::shared_ptr<SubscriberWaits>>> candidates;
+    std::size_t sum = 0;
+    for (auto& waits : All()) {
+        if (!caller || waits->Caller() == *caller) {
+            const std::size_t charge = waits->Charge();
+            sum += charge;
+            candidates.emplace_back(charge, std::move(waits));
+        }
+    }
+    std::sort(candidates.begin(), candidates.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+    for (const auto& [charge, waits] : candidates) {
+        if (sum <= most) {
+            return;
+        }
+        waits->Cut();
+        sum -= charge;
+    }
+}
+
+std::size_t ParkedWaits::Unread() {
+    std::size_t sum = 0;
+    for (const auto& waits : All()) {
+        sum += waits->Unread();
+    }
+    return sum;
 }
 
 /// Where the reply cannot be deferred. What has left the queue for an earlier wait goes first.

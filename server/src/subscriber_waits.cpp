@@ -3,6 +3,7 @@
 #include "bos/logger.h"
 #include "br_MessageBus.h"
 #include "kn/status.h"
+#include "nk/loss.h"
 
 #include <algorithm>
 #include <array>
@@ -16,6 +17,7 @@ namespace {
 using cor::ResultCode;
 using message_bus::Message;
 using message_bus::MessageBus;
+using message_bus::Subscriber;
 
 constexpr std::size_t ValueOffset = offsetof(br_MessageBusSubs_Wait_res, message);
 
@@ -32,10 +34,30 @@ bool MayOffer() {
     return !bos::logger::BOSLogger::RootLogger().IsEnabled(bos::logger::LogLevel::Debug);
 }
 
+/// A count takes two locks, and must not be made for each of the values that make a long queue.
+std::size_t CheckInterval(const QueueLimit& limit) {
+    constexpr std::size_t shortQueue = 4096;
+    constexpr std::size_t interval = 256;
+    return limit.values == QueueLimit::None ? QueueLimit::None : limit.values < shortQueue ? 1 : interval;
+}
+
 } // namespace
+
+SubscriberWaits::SubscriberWaits(std::shared_ptr<Subscriber> waitingSubscriber, Actions whatToDo, Allowance allowed)
+    : subscriber(std::move(waitingSubscriber)), actions(std::move(whatToDo)), allowance(allowed),
+      checkInterval(CheckInterval(allowance.limit)) {}
+
+SubscriberWaits::~SubscriberWaits() {
+    const common::MutexLock lock(mutex);
+    SetCharge(0);
+}
 
 bool SubscriberWaits::Park(const NkDeferredReply& wait) {
     const common::MutexLock lock(mutex);
+    if (isCut) {
+        RefuseCut(wait, LostSoFar());
+        return !subscriber->queue.IsCanceled();
+    }
     TakeBack();
     if (parked.size() == MostParked) {
         Refuse(parked.front(), ResultCode::Failed);
@@ -65,19 +87,26 @@ void SubscriberWaits::Refuse(const NkDeferredReply& wait, ResultCode code) noexc
     static_cast<void>(NkReplyDeferred(wait, &record.header)); // a client that is gone needs no code
 }
 
+void SubscriberWaits::RefuseCut(const NkDeferredReply& wait, std::uint64_t lost) noexcept {
+    NkNoteLoss(wait, {static_cast<std::uint32_t>(ResultCode::TooManyValues), lost});
+    Refuse(wait, ResultCode::TooManyValues);
+}
+
 void SubscriberWaits::Fail(const NkDeferredReply& wait, const std::exception& error) noexcept {
     Refuse(wait, FailQuietly(error));
 }
 
 void SubscriberWaits::OnEnqueue() noexcept {
-    if (onDelivery) {
-        onDelivery();
+    if (actions.delivery) {
+        actions.delivery();
     }
-    if (!isParked.load(std::memory_order_relaxed)) {
-        return; // the next wait takes the value: most values come while their subscriber is busy with others
+    if (isParked.load(std::memory_order_relaxed)) {
+        const common::MutexLock lock(mutex);
+        Serve();
+    } else if (++unchecked >= checkInterval) { // the next wait takes the value
+        unchecked = 0;
+        CheckBacklog();
     }
-    const common::MutexLock lock(mutex);
-    Serve();
 }
 
 void SubscriberWaits::OnCancel() noexcept {
@@ -87,7 +116,116 @@ void SubscriberWaits::OnCancel() noexcept {
         Serve();
         TakeBack(); // so that no later wait of the client takes one; what is left goes with this object
     }
-    onEnd();
+    if (actions.end) {
+        actions.end();
+    }
+}
+
+void SubscriberWaits::CheckBacklog() noexcept {
+    const common::MutexLock lock(mutex);
+    if (isCut) {
+        unchecked = checkInterval; // what comes from now on is dropped at once
+        DropFirst();
+        return;
+    }
+    const std::size_t backlog = Backlog();
+    if (backlog > allowance.limit.values || allowance.limit.policy == SlowSubscriber::DropNewest) {
+        ApplyPolicy(backlog);
+    }
+    if (!isCut) {
+        SetCharge(std::min(backlog, allowance.limit.values));
+    }
+}
+
+std::size_t SubscriberWaits::Backlog() const noexcept {
+    return values.size() + subscriber->queue.Size();
+}
+
+void SubscriberWaits::ApplyPolicy(std::size_t backlog) noexcept {
+    switch (allowance.limit.policy) {
+    case SlowSubscriber::Cut:
+        CutNow();
+        break;
+    case SlowSubscriber::DropOldest:
+        TakeBack(); // some of the oldest are offered
+        for (backlog = Backlog(); backlog > allowance.limit.values; --backlog) {
+            DropFirst();
+        }
+        break;
+    case SlowSubscriber::DropNewest:
+        while (TakeAnother()) { // only here can the last one be dropped
+        }
+        if (values.size() > allowance.limit.values) {
+            TakeBack();
+        }
+        for (; values.size() > allowance.limit.values; ++lost) {
+            values.pop_back();
+        }
+        break;
+    }
+}
+
+void SubscriberWaits::CutNow() noexcept {
+    TakeBack(); // what a client has taken is not lost
+    isCut = true;
+    SetCharge(0);
+    if (actions.cut) {
+        actions.cut();
+    }
+}
+
+void SubscriberWaits::DropFirst() noexcept {
+    if (!values.empty()) {
+        values.pop_front();
+    } else if (std::shared_ptr<Message> dropped; !subscriber->queue.TryPop(dropped)) {
+        return;
+    }
+    ++lost;
+}
+
+void SubscriberWaits::SetCharge(std::size_t valueCount) noexcept {
+    const std::size_t bytes = valueCount * allowance.limit.bytesPerValue;
+    if (allowance.budget == nullptr || bytes == charge) {
+        return;
+    }
+    const bool isMore = bytes > charge;
+    const auto exceeded = allowance.budget->Change(allowance.caller, charge, bytes);
+    charge = bytes;
+    if (isMore && exceeded != QueueBudget::Exceeded::Nothing && actions.exceeded) {
+        actions.exceeded(exceeded);
+    }
+}
+
+void SubscriberWaits::Cut() noexcept {
+    const common::MutexLock lock(mutex);
+    if (!isCut && Backlog() != 0) {
+        CutNow();
+    }
+}
+
+bool SubscriberWaits::IsCut() const noexcept {
+    const common::MutexLock lock(mutex);
+    return isCut;
+}
+
+std::uint64_t SubscriberWaits::Lost() const noexcept {
+    const common::MutexLock lock(mutex);
+    return LostSoFar();
+}
+
+/// What is unread when the subscriber is cut is lost with it.
+std::uint64_t SubscriberWaits::LostSoFar() const noexcept {
+    return lost + (isCut ? Backlog() : 0);
+}
+
+std::size_t SubscriberWaits::Unread() const noexcept {
+    const common::MutexLock lock(mutex);
+    return Backlog();
+}
+
+std::size_t SubscriberWaits::Charge() const noexcept {
+    const common::MutexLock lock(mutex);
+    return charge;
 }
 
 /// Answers parked waits, the oldest first, while there are values, or all of them once the queue is canceled.
@@ -126,6 +264,7 @@ std::optional<ResultCode> SubscriberWaits::TakeFirst() noexcept {
     }
     if (result != ResultCode::Success) {
         values.resize(known);
+        SetCharge(0); // nothing is unread
     }
     return result;
 }
@@ -146,6 +285,10 @@ void SubscriberWaits::Answer(const NkDeferredReply& wait) noexcept {
     }
     br_MessageBus_component_res record;
     br_MessageBusSubs_Wait_reply(0, first.topic, first.value, &record.header);
+    if (lost != notedLost) {
+        notedLost = lost;
+        NkNoteLoss(wait, {0, lost});
+    }
     std::size_t put = 0;
     if (NkReplyDeferred(wait, &record.header, {ValueOffset, following.data(), count}, &put) == KnStatusOk) {
         assert(put <= count);

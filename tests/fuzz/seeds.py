@@ -111,6 +111,43 @@ def joins():
     }
 
 
+def hostile_servers():
+    good = bytes([7])
+
+    def answer(choice, data=b""):
+        return bytes([choice]) + data
+
+    def reply(interface, method, size, body=b"", filling=0):
+        return bytes([0, method, interface, size, filling, len(body)]) + body
+
+    def call(choice):
+        return bytes([10 + choice])
+
+    register, finish, push, unregister, wait, close = map(call, range(6))
+    number = int64(7)
+    value = reply(2, 0, 2, b"topic\0", 0)
+    offers = bytes([2, 1]) + struct.pack("<HHB", 0, 5, 0)
+    return {
+        "good": good + reply(1, 0, 1, number) + register + reply(0, 0, 0) + push + value + wait,
+        "unterminated": good + reply(2, 0, 2, b"", 0x74) + wait,
+        "refused": good + reply(1, 3, 3, b"\2\0") + finish + reply(1, 5, 3, b"\10\0") + unregister,
+        "wrong_size": good + reply(1, 0, 4, number) + register,
+        "status": good + bytes([1]) + struct.pack("<I", 9 << 24) + push,
+        "offers": good + offers + value + wait * 8,
+        "forged_offers": good + offers[:2] + struct.pack("<HHBI", 199, 0xFFFF, 1, 1049) + value + wait * 4,
+        "scribbled": good + bytes([3]) + struct.pack("<HB", 1152, 32) + bytes(range(32)) + push + bytes([4, 0xFF]) + wait,
+        "ended": good + bytes([8, 2]) + push + push,
+        "talks": good + bytes([7, 4]) + b"hail" + push + bytes([6]) + push,
+        "closed": good + close + push + wait,
+        "answer": answer(0, struct.pack("<IHHiI", 0x41565242, 1, RECORD, 0, 0) + b"\x0f"),
+        "answer_status": answer(1, struct.pack("<i", -7)),
+        "strangers": answer(2, b"\1\1"),
+        "few": answer(3, b"\2"),
+        "many": answer(4, b"\5"),
+        "other_layout": answer(5, struct.pack("<IIII", 0x53565242, 1, 2240, RECORD)),
+    }
+
+
 def command_lines():
     lines = [
         "msgbus", "msgbus --help", "msgbus --version", "msgbus pub --help", "msgbus nonsense",
@@ -130,7 +167,8 @@ def command_lines():
 def main():
     folder = Path(sys.argv[1])
     for fuzzer, seeds in (("fuzz_request_record", request_records()), ("fuzz_shared_page", shared_pages()),
-                          ("fuzz_join", joins()), ("fuzz_command_line", command_lines())):
+                          ("fuzz_join", joins()), ("fuzz_hostile_server", hostile_servers()),
+                          ("fuzz_command_line", command_lines())):
         (folder / fuzzer).mkdir(parents=True, exist_ok=True)
         for name, seed in seeds.items():
             (folder / fuzzer / name).write_bytes(seed)

@@ -23,6 +23,9 @@ namespace {
 using cor::ResultCode;
 using message_bus::Message;
 using msgbus_server::ParkedWaits;
+using msgbus_server::QueueBudget;
+using msgbus_server::QueueLimit;
+using msgbus_server::SlowSubscriber;
 using test_support::DeferringClients;
 using test_support::Delivered;
 using test_support::NotDelivered;
@@ -45,6 +48,7 @@ constexpr auto RemovedLine = "1 UnregisterSubscriber: [MessageBus]: The subscrib
 // Error replies with codes of the bus.
 const DeferringClients::Answer Canceled{1, "", 0};
 const DeferringClients::Answer Failed{10, "", 0};
+const DeferringClients::Answer TooMany{9, "", 0};
 
 DeferringClients::Answer Value(const std::string& topic, long value) {
     return {0, topic, value};
@@ -584,6 +588,146 @@ TEST_F(ParkedWaitsTest, EachDelivery_IsReported_AndACancelIsNot) {
     Unregister();
     Give("heat", 3);
     EXPECT_EQ(deliveries, 2);
+}
+
+// ------------------------------------------------------------------------------------------------ unread values
+
+/// With a limit, and a note of what others are to do about it.
+class UnreadValuesTest : public ParkedWaitsTest {
+protected:
+    void Limit(std::size_t values, SlowSubscriber policy, bool isDeferring = true) {
+        waits.reset();
+        waits.emplace(*bus, std::function<void()>(),
+                      msgbus_server::QueueControl{[=](const message_bus::Subscriber&) {
+                                                      return QueueLimit{values, policy, 10};
+                                                  },
+                                                  &budget, [this](long id) { cut.push_back(id); },
+                                                  [this](QueueBudget::Exceeded what, std::uint64_t caller) {
+                                                      exceeded.emplace_back(what, caller);
+                                                  }},
+                      isDeferring);
+        waits->Follow(reader, 77);
+        DisableDebug();
+    }
+    QueueBudget budget{1000, 10'000};
+    std::vector<long> cut;
+    std::vector<std::pair<QueueBudget::Exceeded, std::uint64_t>> exceeded;
+};
+
+TEST_F(UnreadValuesTest, ACutSubscriber_GetsNoValue_AndItsWaitsGetNineWithWhatItLost) {
+    Limit(3, SlowSubscriber::Cut);
+    GiveHeat(1, 3);
+    EXPECT_THAT(cut, IsEmpty());
+    GiveHeat(4, 3);
+    EXPECT_THAT(cut, ElementsAre(reader)) << "once";
+    Wait(A);
+    EXPECT_THAT(clients.Answers(A), ElementsAre(TooMany));
+    EXPECT_EQ(clients.Loss(A), (NkLoss{9, 6}));
+    EXPECT_EQ(Queue().Size(), 4U) << "what comes behind the cut is dropped at once";
+    Unregister();
+    EXPECT_FALSE(waits->Find(reader));
+    Wait(B);
+    EXPECT_THAT(clients.Answers(B), ElementsAre(TooMany)) << "also when it is unregistered";
+    EXPECT_EQ(clients.Loss(B), (NkLoss{9, 6}));
+}
+
+TEST_F(UnreadValuesTest, ACut_TakesOffersBack_SoThatWhatWasTakenIsNotLost) {
+    Limit(5, SlowSubscriber::Cut);
+    GiveHeat(1, 5);
+    Wait(A);
+    clients.TakeOffers(A, 2);
+    GiveHeat(6, 4);
+    EXPECT_THAT(cut, ElementsAre(reader));
+    EXPECT_THAT(clients.Offers(A), IsEmpty());
+    Wait(A);
+    EXPECT_EQ(clients.Loss(A), (NkLoss{9, 6})) << "of nine, three were delivered";
+}
+
+TEST_F(UnreadValuesTest, DropOldest_TakesOffersBackFirst_AndKeepsTheNewest) {
+    Limit(3, SlowSubscriber::DropOldest);
+    GiveHeat(1, 3);
+    Wait(A);
+    EXPECT_THAT(clients.Offers(A), ElementsAre(2, 3));
+    clients.TakeOffers(A, 1);
+    GiveHeat(4, 4);
+    EXPECT_THAT(clients.Offers(A), IsEmpty());
+    EXPECT_EQ(waits->Unread(), 3U);
+    Wait(A);
+    EXPECT_THAT(clients.Answers(A), ElementsAre(Value("heat", 1), Value("heat", 2), Value("heat", 5)));
+    EXPECT_THAT(clients.Offers(A), ElementsAre(6, 7));
+    EXPECT_EQ(clients.Loss(A), (NkLoss{0, 2}));
+}
+
+TEST_F(UnreadValuesTest, DropNewest_KeepsTheOldest) {
+    Limit(3, SlowSubscriber::DropNewest);
+    GiveHeat(1, 7);
+    EXPECT_EQ(waits->Unread(), 3U);
+    Wait(A);
+    EXPECT_THAT(clients.Answers(A), ElementsAre(Value("heat", 1)));
+    EXPECT_THAT(clients.Offers(A), ElementsAre(2, 3));
+    EXPECT_EQ(clients.Loss(A), (NkLoss{0, 4}));
+    clients.TakeOffers(A, 2);
+    Wait(A);
+    Give("heat", 8);
+    EXPECT_THAT(clients.Answers(A).back(), Value("heat", 8)) << "there is room again";
+}
+
+TEST_F(UnreadValuesTest, ALongQueue_IsCountedNowAndThen) {
+    Limit(5000, SlowSubscriber::Cut);
+    GiveHeat(1, 5000);
+    EXPECT_THAT(cut, IsEmpty());
+    GiveHeat(1, 256);
+    EXPECT_THAT(cut, ElementsAre(reader));
+}
+
+TEST_F(UnreadValuesTest, TheMemoryOfUnreadValues_IsChargedAndGivenBack) {
+    Limit(200, SlowSubscriber::Cut);
+    GiveHeat(1, 100);
+    EXPECT_EQ(waits->Find(reader)->Charge(), 1000U);
+    EXPECT_THAT(exceeded, IsEmpty());
+    Give("heat", 101);
+    EXPECT_THAT(exceeded, ElementsAre(std::pair(QueueBudget::Exceeded::OfCaller, std::uint64_t{77})));
+    Unregister();
+    EXPECT_EQ(budget.Change(77, 0, 1000), QueueBudget::Exceeded::Nothing) << "nothing is left of the charge";
+}
+
+TEST_F(UnreadValuesTest, WhatWasRead_CostsNothing) {
+    Limit(200, SlowSubscriber::Cut);
+    GiveHeat(1, 50);
+    for (int times = 0; times < 3; ++times) {
+        Wait(A);
+        clients.TakeOffers(A, clients.Offers(A).size());
+    }
+    EXPECT_EQ(waits->Find(reader)->Charge(), 0U);
+}
+
+TEST_F(UnreadValuesTest, CutLargest_CutsNoMoreThanIsNeeded) {
+    Limit(200, SlowSubscriber::Cut);
+    long other = -1;
+    ASSERT_EQ(bus->RegisterSubscriber("other", {"heat"}, other), ResultCode::Success);
+    waits->Follow(other, 78);
+    GiveHeat(1, 20);
+    for (const long value : Numbers(1, 10)) {
+        bus->GetSubscriberPtrById(other)->queue.Enqueue(std::make_shared<Message>("heat", value));
+    }
+    waits->CutLargest(std::nullopt, 300);
+    EXPECT_THAT(cut, IsEmpty());
+    waits->CutLargest(78, 100);
+    EXPECT_THAT(cut, IsEmpty());
+    waits->CutLargest(std::nullopt, 299);
+    EXPECT_THAT(cut, ElementsAre(reader));
+    waits->CutLargest(78, 99);
+    EXPECT_THAT(cut, ElementsAre(reader, other));
+}
+
+TEST_F(UnreadValuesTest, WhereNoReplyIsDeferred_ACutSubscriberGetsNineToo) {
+    Limit(3, SlowSubscriber::Cut, false);
+    GiveHeat(1, 4);
+    EXPECT_THAT(cut, ElementsAre(reader));
+    Unregister();
+    std::string topic;
+    long value = -1;
+    EXPECT_EQ(waits->Wait(reader, topic, value), ResultCode::TooManyValues);
 }
 
 } // namespace

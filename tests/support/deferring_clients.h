@@ -37,6 +37,11 @@ public:
         });
         platform.takeBackOffers.Always(
             [this](const NkDeferredReply& deferred, std::size_t* taken) { return TakeBack(deferred, *taken); });
+        platform.noteLoss.Always([this](const NkDeferredReply& deferred, const NkLoss& loss) {
+            const std::lock_guard lock(mutex);
+            clients[deferred.client].loss = loss;
+            return KnStatusOk;
+        });
     }
     DeferringClients(const DeferringClients&) = delete;
     DeferringClients& operator=(const DeferringClients&) = delete;
@@ -98,6 +103,10 @@ public:
         const State& state = clients[client];
         return {state.offers.begin() + static_cast<std::ptrdiff_t>(state.taken), state.offers.end()};
     }
+    NkLoss Loss(std::uint64_t client) {
+        const std::lock_guard lock(mutex);
+        return clients[client].loss;
+    }
     bool IsBlocked(std::uint64_t client) {
         const std::lock_guard lock(mutex);
         return clients[client].isBlocked;
@@ -125,6 +134,7 @@ private:
         std::vector<long> offers;
         std::size_t taken = 0;
         std::vector<Answer> answers;
+        NkLoss loss;
     };
 
     std::int32_t Defer(NkDeferredReply& deferred) {

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <utility>
 
 namespace test_support {
 
@@ -44,8 +45,18 @@ struct OwedReplies {
         return isOwed ? std::move(found->second.exchange) : nullptr;
     }
 
+    /// Returns: the exchange that is owed and not deferred; null: none.
+    std::shared_ptr<Exchange> Peek(const InProcessChannel* channel) const {
+        const auto found = debts.find(channel);
+        return found != debts.end() && found->second.channel.lock().get() == channel ? found->second.exchange : nullptr;
+    }
+
     std::map<const InProcessChannel*, Debt> debts;
 };
+
+const nk_message& AsMessage(const RecordBytes& record) {
+    return *reinterpret_cast<const nk_message*>(record.data());
+}
 
 thread_local OwedReplies owed;
 
@@ -65,19 +76,58 @@ std::int32_t InProcessChannel::Receive(nk_message* request) {
     if (const auto dropped = owed.Take(this); dropped && *dropped) {
         Abandon(**dropped);
     }
-    std::unique_lock lock(mutex);
-    changed.wait(lock, [this] { return isClosed || !isReceiving || !waiting.empty(); });
-    if (isClosed || !isReceiving) {
-        return KnStatusClosed;
-    }
-    auto exchange = std::move(waiting.front());
-    waiting.pop_front();
+    std::shared_ptr<Exchange> exchange;
+    do {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [this] { return isClosed || !isReceiving || !waiting.empty(); });
+        if (isClosed || !isReceiving) {
+            return KnStatusClosed;
+        }
+        exchange = std::move(waiting.front());
+        waiting.pop_front();
+    } while (!Announce(*exchange));
     std::memcpy(static_cast<void*>(request), exchange->request.data(), NkRecordSize);
     owed.debts[this] = {weak_from_this(), std::move(exchange)};
     return KnStatusOk;
 }
 
+/// Returns: whether the request passes; the observer's answer is sent otherwise.
+bool InProcessChannel::Announce(Exchange& exchange) {
+    auto* const observer = InProcessCallers::Instance().ObserverOf(AsMessage(exchange.request));
+    if (observer == nullptr) {
+        return true;
+    }
+    RecordBytes answer{};
+    if (observer->OnRequest(exchange.caller->identity, reinterpret_cast<nk_message&>(exchange.request),
+                            reinterpret_cast<nk_message&>(answer))) {
+        exchange.isObserved = true;
+        return true;
+    }
+    const std::lock_guard lock(mutex);
+    if (!exchange.isCallerGone) {
+        Finish(exchange, AsMessage(answer));
+    }
+    return false;
+}
+
+std::shared_ptr<InProcessCaller> InProcessChannel::CallerOfRequest() {
+    const auto exchange = owed.Peek(this);
+    return exchange ? exchange->caller : nullptr;
+}
+
+bool InProcessChannel::HasRoom(std::uint32_t perCaller, std::uint32_t perChannel) {
+    const std::lock_guard lock(mutex);
+    const auto own = std::count_if(connections.begin(), connections.end(), [](const auto& entry) {
+        return entry.second->caller->identity.pid == ActingAs::Current();
+    });
+    return connections.size() < perChannel && static_cast<std::size_t>(own) < perCaller;
+}
+
 std::int32_t InProcessChannel::Reply(const nk_message* response) {
+    if (const auto exchange = owed.Peek(this); exchange && exchange->isObserved) {
+        auto* const observer = InProcessCallers::Instance().ObserverOf(AsMessage(exchange->request));
+        observer->OnReply(exchange->caller->identity, AsMessage(exchange->request), *response);
+    }
     const auto debt = owed.Take(this);
     const std::lock_guard lock(mutex);
     if (isClosed) {
@@ -152,6 +202,16 @@ std::int32_t InProcessChannel::TakeBackOffers(const NkDeferredReply& deferred, s
     return KnStatusOk;
 }
 
+std::int32_t InProcessChannel::NoteLoss(const NkDeferredReply& deferred, const NkLoss& loss) {
+    const std::lock_guard lock(mutex);
+    std::shared_ptr<ConnectionState> connection;
+    const auto status = Find(deferred, connection);
+    if (status == KnStatusOk) {
+        connection->loss = loss;
+    }
+    return status;
+}
+
 std::int32_t InProcessChannel::Find(const NkDeferredReply& deferred,
                                     std::shared_ptr<ConnectionState>& connection) const {
     if (isClosed) {
@@ -175,6 +235,7 @@ std::shared_ptr<ConnectionState> InProcessChannel::AddConnection() {
     const std::lock_guard lock(mutex);
     auto connection = std::make_shared<ConnectionState>();
     connection->id = ++lastConnection;
+    connection->caller = InProcessCallers::Instance().Enter();
     connections[connection->id] = connection;
     return connection;
 }
@@ -196,6 +257,10 @@ void InProcessChannel::Close() {
     const std::lock_guard lock(mutex);
     isClosed = true;
     waiting.clear();
+    for (const auto& [id, connection] : connections) {
+        InProcessCallers::Instance().Leave(*std::exchange(connection->caller, nullptr));
+    }
+    connections.clear();
     changed.notify_all();
 }
 
@@ -217,6 +282,7 @@ std::int32_t InProcessConnection::Call(const nk_message* request, nk_message* re
     }
     const auto exchange = std::make_shared<Exchange>();
     exchange->client = state->id;
+    exchange->caller = state->caller;
     std::memcpy(exchange->request.data(), request, NkRecordSize);
     ++state->lastCall;
     state->current = exchange;
@@ -249,6 +315,11 @@ bool InProcessConnection::TakeOffer(const nk_message* request, nk_message* respo
     return true;
 }
 
+NkLoss InProcessConnection::Loss() const {
+    const std::lock_guard lock(channel->mutex);
+    return state->loss;
+}
+
 void InProcessConnection::Close() {
     const std::lock_guard lock(channel->mutex);
     state->isClosed = true;
@@ -257,7 +328,9 @@ void InProcessConnection::Close() {
         std::erase(channel->waiting, state->current);
     }
     state->deferred = nullptr;
-    channel->connections.erase(state->id);
+    if (channel->connections.erase(state->id) != 0) {
+        InProcessCallers::Instance().Leave(*std::exchange(state->caller, nullptr));
+    }
     channel->changed.notify_all();
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "nk/deferred_reply.h"
+#include "nk/loss.h"
 #include "nk/message.h"
+#include "support/in_process_callers.h"
 
 #include <array>
 #include <condition_variable>
@@ -20,8 +22,10 @@ using RecordBytes = std::array<std::uint8_t, NkRecordSize>;
 /// One request on its way through a channel. Guarded by the channel's mutex.
 struct Exchange {
     std::uint64_t client = 0;
-    RecordBytes request{};
+    std::shared_ptr<InProcessCaller> caller;
+    RecordBytes request{}; ///< as it was sent; once observed, as it is received
     RecordBytes response{};
+    bool isObserved = false;
     bool isFinished = false;
     bool isCallerGone = false;
     std::int32_t status = 0;
@@ -40,11 +44,13 @@ struct Offers {
 /// What both ends know of a connection. Guarded by the channel's mutex.
 struct ConnectionState {
     std::uint64_t id = 0;
+    std::shared_ptr<InProcessCaller> caller; ///< null once the connection has left it
     bool isClosed = false;
     std::uint32_t lastCall = 0;         ///< numbers the requests that were sent
     std::shared_ptr<Exchange> current;  ///< of the call that is under way
     std::shared_ptr<Exchange> deferred; ///< the same, while its reply is deferred
     std::optional<Offers> offers;
+    NkLoss loss;
 };
 
 /// What a connection may ask.
@@ -66,6 +72,10 @@ public:
     std::int32_t ReplyDeferred(const NkDeferredReply& deferred, const nk_message& response, const NkOffers& offers,
                                std::size_t& offered);
     std::int32_t TakeBackOffers(const NkDeferredReply& deferred, std::size_t& taken);
+    std::int32_t NoteLoss(const NkDeferredReply& deferred, const NkLoss& loss);
+    /// Returns: the caller of the request that the calling thread has received from this channel; null: none.
+    std::shared_ptr<InProcessCaller> CallerOfRequest();
+    bool HasRoom(std::uint32_t perCaller, std::uint32_t perChannel);
     void StopReceiving();
     void Close();
 
@@ -76,6 +86,7 @@ private:
     friend class InProcessConnection;
 
     std::shared_ptr<ConnectionState> AddConnection();
+    bool Announce(Exchange& exchange);
     /// Returns: 0 and the connection over which the deferred request came. Requires: the mutex is locked.
     std::int32_t Find(const NkDeferredReply& deferred, std::shared_ptr<ConnectionState>& connection) const;
     /// Ends an exchange with a reply. Requires: the mutex is locked.
@@ -99,6 +110,7 @@ public:
 
     std::int32_t Call(const nk_message* request, nk_message* response);
     void Close();
+    NkLoss Loss() const;
 
 private:
     /// Takes the next offer in place of the reply to `request`, if there is one. Returns: whether there was.

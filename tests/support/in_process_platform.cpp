@@ -58,6 +58,9 @@ std::int32_t InProcessPlatform::ConnectStatic(const char* connection, KnHandle* 
     if (found == staticNames.end()) {
         return KnStatusNotFound;
     }
+    if (!channels.at(found->second)->HasRoom(connectionsPerCaller, connectionsPerChannel)) {
+        return KnStatusBusy;
+    }
     *handle = AddConnection(std::make_shared<InProcessConnection>(channels.at(found->second), ConnectionLimits{}));
     return KnStatusOk;
 }
@@ -154,6 +157,13 @@ std::int32_t InProcessPlatform::Accept(const char* clientName, const char* servi
         changed.notify_all();
         return KnStatusClosed;
     }
+    const ActingAs theClient(client->process);
+    if (!serverEnd->HasRoom(connectionsPerCaller, connectionsPerChannel)) {
+        client->status = KnStatusBusy;
+        client->isAnswered = true;
+        changed.notify_all();
+        return KnStatusBusy;
+    }
     ConnectionLimits limits{static_cast<std::uint16_t>(iid), {}};
     if (const auto count = methodCounts.find(services[serviceName]); count != methodCounts.end()) {
         limits.methodCount = count->second;
@@ -176,6 +186,7 @@ std::int32_t InProcessPlatform::Connect(const char* service, std::uint32_t timeo
     const auto client = std::make_shared<PendingClient>();
     client->name = "client-" + std::to_string(++clientCount);
     client->service = service;
+    client->process = ActingAs::Current();
     pending.push_back(client);
     changed.notify_all();
     if (!changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return client->isAnswered; })) {
@@ -196,6 +207,27 @@ std::int32_t InProcessPlatform::SetMethodCount(const char* type, std::uint32_t m
     }
     methodCounts[type] = methodCount;
     return KnStatusOk;
+}
+
+std::int32_t InProcessPlatform::SetConnectionLimits(std::uint32_t perCaller, std::uint32_t perChannel) {
+    const std::lock_guard lock(mutex);
+    if (perCaller == 0 || perChannel == 0 || perChannel > MostConnections) {
+        return KnStatusInvalidArgument;
+    }
+    connectionsPerCaller = perCaller;
+    connectionsPerChannel = perChannel;
+    return KnStatusOk;
+}
+
+std::int32_t InProcessPlatform::CallerOfRequest(KnCaller* caller) const {
+    std::int32_t status = 0;
+    const auto channel = FindChannel(receivedLast, status);
+    const auto current = channel ? channel->CallerOfRequest() : nullptr;
+    if (caller == nullptr || !current) {
+        return KnStatusInvalidArgument;
+    }
+    *caller = current->identity;
+    return InProcessCallers::Instance().IsGone(*current) ? KnStatusPeerGone : KnStatusOk;
 }
 
 std::int32_t InProcessPlatform::Close(KnHandle handle) {
@@ -330,6 +362,26 @@ std::int32_t InProcessPlatform::TakeBackOffers(const NkDeferredReply& deferred, 
     std::int32_t status = 0;
     const auto channel = FindChannel(deferred.channel, status);
     return channel ? channel->TakeBackOffers(deferred, *taken) : status;
+}
+
+std::int32_t InProcessPlatform::NoteLoss(const NkDeferredReply& deferred, const NkLoss& loss) {
+    std::int32_t status = 0;
+    const auto channel = FindChannel(deferred.channel, status);
+    return channel ? channel->NoteLoss(deferred, loss) : status;
+}
+
+std::int32_t InProcessPlatform::ReadLoss(KnHandle connection, NkLoss* loss) const {
+    const std::lock_guard lock(mutex);
+    const auto found = connections.find(connection);
+    if (loss == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    if (found == connections.end()) {
+        const bool wasClient = connection != 0 && connection <= lastHandle && !channels.contains(connection);
+        return wasClient ? KnStatusClosed : KnStatusInvalidArgument;
+    }
+    *loss = found->second->Loss();
+    return KnStatusOk;
 }
 
 } // namespace test_support

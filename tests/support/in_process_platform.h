@@ -1,8 +1,10 @@
 #pragma once
 
+#include "kn/caller.h"
 #include "kn/connection_manager.h"
 #include "kn/handle.h"
 #include "nk/deferred_reply.h"
+#include "nk/loss.h"
 #include "nk/transport.h"
 #include "ns/name_loss.h"
 #include "ns/name_server.h"
@@ -33,6 +35,7 @@ class InProcessPlatform final {
 public:
     static constexpr const char* TaskName = "scripted";
     static constexpr NsHandle TheNameServer = 1;
+    static constexpr std::uint32_t MostConnections = 2048;
 
     InProcessPlatform();
     ~InProcessPlatform();
@@ -53,6 +56,9 @@ public:
     std::int32_t Connect(const char* service, std::uint32_t timeoutMs, KnHandle* handle);
 
     std::int32_t SetMethodCount(const char* type, std::uint32_t methodCount);
+    std::int32_t SetConnectionLimits(std::uint32_t perCaller, std::uint32_t perChannel);
+
+    std::int32_t CallerOfRequest(KnCaller* caller) const;
 
     std::int32_t Close(KnHandle handle);
     void StopReceiving();
@@ -66,11 +72,14 @@ public:
     std::int32_t ReplyDeferred(const NkDeferredReply& deferred, const nk_message* response, const NkOffers& offers,
                                std::size_t* offered);
     std::int32_t TakeBackOffers(const NkDeferredReply& deferred, std::size_t* taken);
+    std::int32_t NoteLoss(const NkDeferredReply& deferred, const NkLoss& loss);
+    std::int32_t ReadLoss(KnHandle connection, NkLoss* loss) const;
 
 private:
     struct PendingClient {
         std::string name;
         std::string service;
+        std::int32_t process = 0;
         bool isListed = false; // given to a listener
         bool isAnswered = false;
         bool isGone = false; // its own time-out passed
@@ -89,6 +98,8 @@ private:
     std::map<std::string, KnHandle> staticNames;
     std::map<std::string, std::string> services; // service to interface type
     std::map<std::string, std::uint32_t> methodCounts;
+    std::uint32_t connectionsPerCaller = MostConnections;
+    std::uint32_t connectionsPerChannel = MostConnections;
     std::list<std::shared_ptr<PendingClient>> pending;
     std::uint64_t clientCount = 0;
     NsNameLostHandler nameLostHandler = nullptr;

@@ -3,6 +3,7 @@
 #include "bos/logger.h"
 #include "kn/policy.h"
 #include "kn/task.h"
+#include "support/in_process_callers.h"
 #include "support/journal.h"
 
 #include <atomic>
@@ -179,6 +180,24 @@ std::int32_t KnPolicySetMethodCount(const char* type, std::uint32_t methodCount)
     return Platform().InProcess().SetMethodCount(type, methodCount);
 }
 
+std::int32_t KnPolicySetConnectionLimits(std::uint32_t perCaller, std::uint32_t perChannel) noexcept {
+    return Platform().InProcess().SetConnectionLimits(perCaller, perChannel);
+}
+
+std::int32_t KnCallerOfRequest(KnCaller* caller) noexcept {
+    return Platform().InProcess().CallerOfRequest(caller);
+}
+
+std::uint64_t KnCallerId() noexcept {
+    KnCaller caller;
+    return KnCallerOfRequest(&caller) == KnStatusInvalidArgument ? 0 : caller.id;
+}
+
+std::int32_t KnObserveRequests(KnIRequestObserver* observer, std::uint16_t iid) noexcept {
+    test_support::InProcessCallers::Instance().SetObserver(observer, iid);
+    return KnStatusOk;
+}
+
 std::int32_t KnHandleClose(KnHandle handle) noexcept {
     return Platform().InProcess().Close(handle);
 }
@@ -247,4 +266,13 @@ std::int32_t NkReplyDeferred(const NkDeferredReply& deferred, const nk_message* 
 std::int32_t NkTakeBackOffers(const NkDeferredReply& deferred, std::size_t* taken) noexcept {
     return Platform().takeBackOffers.Run(
         [](const auto&... args) { return Platform().InProcess().TakeBackOffers(args...); }, deferred, taken);
+}
+
+std::int32_t NkNoteLoss(const NkDeferredReply& deferred, const NkLoss& loss) noexcept {
+    return Platform().noteLoss.Run([](const auto&... args) { return Platform().InProcess().NoteLoss(args...); },
+                                   deferred, loss);
+}
+
+std::int32_t NkReadLoss(KnHandle connection, NkLoss* loss) noexcept {
+    return Platform().InProcess().ReadLoss(connection, loss);
 }

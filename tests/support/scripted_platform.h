@@ -93,6 +93,7 @@ public:
     Script<std::int32_t(NkDeferredReply*)> deferReply;
     Script<std::int32_t(const NkDeferredReply&, const nk_message*, const NkOffers&, std::size_t*)> replyDeferred;
     Script<std::int32_t(const NkDeferredReply&, std::size_t*)> takeBackOffers;
+    Script<std::int32_t(const NkDeferredReply&, const NkLoss&)> noteLoss;
 
     /// Without entries in the journal: for tests with much traffic.
     void SetQuiet(bool isQuiet);

@@ -31,7 +31,13 @@ class ServedBus final {
 public:
     /// Bare: without what the server adds to the bus's answers.
     explicit ServedBus(message_bus::ConnectionType type)
-        : ServedBus({.connectionType = type, .parkedWaits = false, .flushWake = false, .placement = false}) {}
+        : ServedBus(msgbus_server::BusServerOptions{.connectionType = type,
+                                                    .parkedWaits = false,
+                                                    .flushWake = false,
+                                                    .placement = false,
+                                                    .ownership = false,
+                                                    .limits = std::nullopt,
+                                                    .registrationGate = false}) {}
 
     explicit ServedBus(const msgbus_server::BusServerOptions& options) : server(options) {
         std::promise<bool> started;

@@ -215,6 +215,41 @@ class BusTest(unittest.TestCase):
         reader.expect_exit(DONE)
 
 
+class Calls:
+    """A client that makes the calls of the bus one by one (bus_calls.cpp)."""
+
+    def __init__(self, test):
+        self.test = test
+        self.process = test.start(f"{BIN}/bus_calls")
+        self.process.expect("connected")
+
+    def call(self, text):
+        """Returns: the result code, and what else came back, as words."""
+        self.process.write(text + "\n")
+        return self.process.next_line().split(" ")
+
+    def repeat(self, times, text):
+        """Returns: how many of the calls had each result code. '#' in the text becomes the number of the call."""
+        self.process.write(f"repeat {times} {text}\n")
+        return self.process.next_line()
+
+    def publisher(self, topic):
+        """Returns: its id."""
+        code, number = self.call(f"publisher {topic}")
+        self.test.assertEqual(code, "0")
+        return number
+
+    def subscriber(self, name, *topics):
+        """Returns: its id."""
+        code, handshake = self.call(f"start {name}")
+        self.test.assertEqual(code, "0")
+        for topic in topics:
+            self.test.assertEqual(self.call(f"topic {handshake} {topic}"), ["0"])
+        code, number = self.call(f"finish {handshake} commit")
+        self.test.assertEqual(code, "0")
+        return number
+
+
 def main():
     unittest.main(buffer=True)
 

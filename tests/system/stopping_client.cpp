@@ -1,5 +1,5 @@
-// A client that goes through a client's life up to a step and then waits to be killed: `stopping_client STEP` prints
-// the name of the step when it has reached it.
+// A client that goes through a client's life up to a step and then waits to be killed: `stopping_client STEP [TOPIC]`
+// prints the name of the step when it has reached it.
 
 #include "br_MessageBus_client.h"
 #include "kn/connection_manager.h"
@@ -42,7 +42,8 @@ void Expect(std::int32_t status) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const std::string_view last = argc == 2 ? argv[1] : "";
+    const std::string_view last = argc > 1 ? argv[1] : "";
+    const std::string ownTopic = argc > 2 ? argv[2] : "victims";
     const auto stopAt = [last](std::string_view step) {
         if (step == last) {
             std::cout << step << std::endl;
@@ -61,13 +62,13 @@ int main(int argc, char** argv) {
     stopAt("connected");
     Expect(br_MessageBusCtl_StartSubs_call(&ctl, "victim", registration));
     stopAt("started");
-    Expect(br_MessageBusCtl_Subscribe_call(&ctl, registration, "victims"));
+    Expect(br_MessageBusCtl_Subscribe_call(&ctl, registration, ownTopic));
     stopAt("named-a-topic");
     Expect(br_MessageBusCtl_FinishSubs_call(&ctl, registration, 1, subscriber));
     stopAt("subscribed");
     auto subs = Connect(br_MessageBusComponent_subs_service);
     stopAt("connected-to-wait");
-    Expect(br_MessageBusCtl_RegisterPublisher_call(&ctl, "victims", publisher));
+    Expect(br_MessageBusCtl_RegisterPublisher_call(&ctl, ownTopic, publisher));
     stopAt("registered-a-publisher");
     auto provider = Connect(br_MessageBusComponent_provider_service);
     Expect(br_MessageBusProvider_Push_call(&provider, publisher, 1));

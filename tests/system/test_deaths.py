@@ -31,7 +31,8 @@ class ManyDeaths(BusTest):
         return seen[-1]
 
     def test_killed_waiters_leave_nothing_behind_and_others_lose_nothing(self):
-        server = self.server(log_level="info")  # its first line opens the log's descriptor
+        # The victims share their subscribers. The first line opens the log's descriptor.
+        server = self.server("--no-ownership", log_level="info")
         reader = self.sub("t")
         publisher = self.pub("t")
         publisher.write("0\n")

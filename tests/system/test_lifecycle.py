@@ -105,7 +105,7 @@ class Deaths(BusTest):
         self.expect_working()
 
     def test_a_killed_publisher_keeps_its_topic_and_harms_nobody(self):
-        self.server()
+        self.server("--bare")
         reader = self.sub("t", "u", options=("-n", "2"))
         victim = self.pub("t")
         victim.write("1\n")

@@ -11,8 +11,8 @@ namespace msgbus {
 /// The only publisher of a topic.
 ///
 /// Threads: one call at a time. Different publishers are independent.
-/// Lifetime: registered from construction to Close or destruction. If the process is killed, the topic stays taken
-/// until the server ends. After a move, the source may only be destroyed or assigned to.
+/// Lifetime: registered from construction to Close or destruction, or to the end of the process. After a move, the
+/// source may only be destroyed or assigned to.
 class Publisher final {
 public:
     /// Connects to the bus and registers as the publisher of `topic`: 1 to 1023 bytes without NUL. Subscribers receive

@@ -35,7 +35,7 @@ public:
         ends.bell = MakeBell();
         ends.doorbell = MakeBell();
         std::uint64_t id = 0;
-        EXPECT_EQ(KnStatusOk, clients.Add(UniqueFd(pair[0]), std::move(ends), nullptr, {}, &id));
+        EXPECT_EQ(KnStatusOk, clients.Add(UniqueFd(pair[0]), std::move(ends), nullptr, {}, nullptr, &id));
         EXPECT_EQ(KnStatusOk, clients.Find(id, client));
     }
 

@@ -7,12 +7,13 @@
 
 namespace platform_test {
 
-/// A client that has joined the static connection "line" and does its half of the slot and doorbell protocol by hand,
-/// step by step.
+/// A client that has joined, by default the static connection "line", and does its half of the slot and doorbell
+/// protocol by hand, step by step.
 class RawSlot final {
 public:
-    explicit RawSlot(std::uint16_t layoutVersion = borven_host::LayoutVersion) {
-        EXPECT_EQ(0, socket.Connect("static/line"));
+    explicit RawSlot(std::uint16_t layoutVersion = borven_host::LayoutVersion,
+                     const std::string& name = "static/line") {
+        EXPECT_EQ(0, socket.Connect(name));
         EXPECT_TRUE(socket.Greet(layoutVersion));
         pollfd waited{socket.Get(), POLLIN, 0};
         if (::poll(&waited, 1, static_cast<int>(PatienceMs)) == 0) {

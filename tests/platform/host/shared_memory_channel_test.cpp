@@ -19,6 +19,7 @@ using borven_host::Connection;
 using borven_host::LayoutVersion;
 using borven_host::MakeBell;
 using borven_host::RequestFilter;
+using borven_host::SharedMemoryEnds;
 using borven_host::SharedMemoryRegion;
 using borven_host::SlotHalf;
 using borven_host::SlotWord;
@@ -377,6 +378,32 @@ TEST(SharedMemoryRegion, ThatIsNotSealed_IsRefused) {
     ASSERT_EQ(0, ::fcntl(larger.Get(), F_ADD_SEALS, seals));
     EXPECT_EQ(KnStatusDenied, SharedMemoryRegion::Open(larger, opened));
     EXPECT_EQ(KnStatusDenied, SharedMemoryRegion::Open(MakeBell(), opened));
+}
+
+TEST(SharedMemoryEnds, WhoseBellsAreNoEventDescriptors_AreRefused) {
+    SharedMemoryEnds ends;
+    UniqueFd file;
+    ASSERT_EQ(KnStatusOk, SharedMemoryRegion::Create(LayoutVersion, ends.region, file));
+    const auto received = [&](UniqueFd bell, UniqueFd doorbell) {
+        std::array<int, 2> pair{};
+        EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()));
+        const UniqueFd server(pair[0]);
+        const UniqueFd client(pair[1]);
+        ends.bell = std::move(bell);
+        ends.doorbell = std::move(doorbell);
+        EXPECT_EQ(KnStatusOk, borven_host::SendEnds(server.Get(), file, ends));
+        SharedMemoryEnds arrived;
+        return borven_host::ReceiveEnds(client.Get(), arrived);
+    };
+    const auto pipe = [] { // to ring it raises SIGPIPE
+        std::array<int, 2> ends{};
+        EXPECT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC));
+        ::close(ends[0]);
+        return UniqueFd(ends[1]);
+    };
+    EXPECT_EQ(KnStatusOk, received(MakeBell(), MakeBell()));
+    EXPECT_EQ(KnStatusDenied, received(pipe(), MakeBell()));
+    EXPECT_EQ(KnStatusDenied, received(MakeBell(), pipe()));
 }
 
 TEST(SharedMemorySlot, ARecord_ArrivesAsItWasSent_WhateverLayThereBefore) {

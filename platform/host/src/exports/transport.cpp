@@ -6,6 +6,7 @@
 #include "exports/handle_table.h"
 #include "kn/status.h"
 #include "nk/deferred_reply.h"
+#include "nk/loss.h"
 
 using borven_host::End;
 using borven_host::HandleTable;
@@ -127,4 +128,27 @@ std::int32_t NkTakeBackOffers(const NkDeferredReply& deferred, std::size_t* take
         return status;
     }
     return channel->TakeBackOffers(deferred, *taken);
+}
+
+std::int32_t NkNoteLoss(const NkDeferredReply& deferred, const NkLoss& loss) noexcept {
+    borven_host::Channel* channel = nullptr;
+    if (const auto status = ChannelOf(deferred.channel, channel); status != KnStatusOk) {
+        return status;
+    }
+    return channel->NoteLoss(deferred, loss);
+}
+
+std::int32_t NkReadLoss(KnHandle connection, NkLoss* loss) noexcept {
+    End* end = nullptr;
+    if (loss == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    if (const auto status = HandleTable::Instance().Find(connection, end); status != KnStatusOk) {
+        return status;
+    }
+    if (!end->connection) {
+        return KnStatusInvalidArgument;
+    }
+    *loss = end->connection->Loss();
+    return KnStatusOk;
 }

@@ -79,8 +79,7 @@ void Visitors::Ask(Visitor& visitor, const std::string& service, const std::stri
     }
     visitor.service = service;
     visitor.type = type;
-    visitor.task = TaskName(visitor.peer.pid);
-    visitor.name = visitor.task + '-' + std::to_string(visitor.peer.pid) + '-' + std::to_string(visitor.id);
+    visitor.name = visitor.peer.program + '-' + std::to_string(visitor.peer.pid) + '-' + std::to_string(visitor.id);
     asking.push_back(visitor.id);
     std::erase(greeting, visitor.id);
     visitor.stage = Stage::Asking;
@@ -91,7 +90,7 @@ void Visitors::Ask(Visitor& visitor, const std::string& service, const std::stri
 const Visitors::Visitor* Visitors::Announce(std::optional<std::string_view> task) {
     for (const std::uint64_t id : asking) {
         Visitor& visitor = visitors.at(id);
-        if (visitor.stage == Stage::Asking && (!task || *task == visitor.task)) {
+        if (visitor.stage == Stage::Asking && (!task || *task == visitor.peer.program)) {
             visitor.stage = Stage::Announced;
             return &visitor;
         }
@@ -115,17 +114,23 @@ bool Visitors::HasLeft(const Visitor& visitor) {
 
 std::int32_t Visitors::Join(Visitor& visitor, const std::shared_ptr<Channel>& channel, const RequestFilter& filter) {
     assert(visitor.stage == Stage::Greeting || visitor.stage == Stage::Announced);
-    std::int32_t status = KnStatusNoResources;
-    if (poller.ChangeSocket(visitor.watched, EPOLLRDHUP, visitor.id)) {
-        status = channel->AddClient(std::move(visitor.socket), visitor.layoutVersion, filter, &visitor.clientId);
+    auto caller = callers.Enter(visitor.peer, *channel, channel->ClientCount());
+    std::int32_t status = caller ? KnStatusNoResources : KnStatusBusy;
+    if (caller && poller.ChangeSocket(visitor.watched, EPOLLRDHUP, visitor.id)) {
+        status =
+            channel->AddClient(std::move(visitor.socket), visitor.layoutVersion, filter, &visitor.clientId, caller);
     }
     if (status != KnStatusOk) {
+        if (caller) {
+            callers.Leave(*caller, *channel);
+        }
         Refuse(visitor, status);
         return status;
     }
     std::erase(greeting, visitor.id);
     std::erase(asking, visitor.id);
     visitor.channel = channel;
+    visitor.caller = std::move(caller);
     visitor.stage = Stage::Joined;
     visitor.deadline = Deadline::max();
     assert(!visitor.socket);
@@ -178,6 +183,9 @@ void Visitors::RefuseAll(std::int32_t status) {
 void Visitors::Forget(Visitor& visitor) {
     const std::uint64_t id = visitor.id;
     Unwatch(visitor);
+    if (visitor.caller) {
+        callers.Leave(*visitor.caller, *visitor.channel);
+    }
     std::erase(greeting, id);
     std::erase(asking, id);
     visitors.erase(id);
@@ -231,6 +239,7 @@ void Visitors::Expire(Deadline now) {
 Visitors::Map Visitors::Release() noexcept {
     greeting.clear();
     asking.clear();
+    callers = {};
     return std::exchange(visitors, {});
 }
 

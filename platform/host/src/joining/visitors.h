@@ -3,6 +3,7 @@
 #include "base/deadline.h"
 #include "base/unique_fd.h"
 #include "common/mutex.h"
+#include "joining/callers.h"
 #include "joining/poller.h"
 #include "names/peer.h"
 #include "records/channel.h"
@@ -65,12 +66,12 @@ public:
         int watched = -1; ///< the number of the socket
         Deadline deadline = Deadline::max();
         std::uint32_t layoutVersion = 0;  ///< what it speaks, once it has greeted
-        std::string service;              ///< this and the next three: from Asking on
+        std::string service;              ///< this and the next two: from Asking on
         std::string type;                 ///< of the service
-        std::string task;                 ///< name of the client's process
         std::string name;                 ///< unique in this process
-        std::shared_ptr<Channel> channel; ///< when Joined
+        std::shared_ptr<Channel> channel; ///< when Joined, as the next two
         std::uint64_t clientId = 0;       ///< in that channel
+        std::shared_ptr<const Caller> caller;
     };
 
     using Map = std::unordered_map<std::uint64_t, Visitor>;
@@ -132,6 +133,7 @@ private:
 
     Poller& poller;
     common::ConditionVariable& hasAsked;
+    Callers callers;
     Map visitors;
     std::deque<std::uint64_t> greeting; ///< ids of those in this stage, oldest first
     std::deque<std::uint64_t> asking;   ///< ids of those Asking, Announced or Left, in the order in which they asked

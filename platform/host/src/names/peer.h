@@ -12,15 +12,14 @@ namespace borven_host {
 /// The process at the other end of a socket, as it was when the connection was made.
 struct Peer {
     pid_t pid = 0;
+    uid_t uid = 0;
+    std::uint64_t startTime = 0;     ///< in clock ticks since the system started; 0: not known
+    std::string program = "unknown"; ///< its name; characters that could confuse a log or a file name are replaced
     UniqueFd process; ///< readable once the process has exited; empty where the kernel does not offer that
 };
 
 /// Returns: 0 and `peer`; KnStatusDenied when it belongs to another user; KnStatusPeerGone when it has exited;
 /// KnStatusNoResources.
 std::int32_t IdentifyPeer(int socket, Peer& peer);
-
-/// Returns: the name of the process `pid`, with every character that could confuse a log or a file name replaced;
-/// "unknown" when it has exited.
-std::string TaskName(pid_t pid);
 
 } // namespace borven_host

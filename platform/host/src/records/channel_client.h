@@ -5,6 +5,7 @@
 #include "nk/deferred_reply.h"
 #include "nk/message.h"
 #include "records/adaptive_spin.h"
+#include "records/caller.h"
 #include "records/event_fd.h"
 #include "records/request_filter.h"
 #include "records/shared_memory_channel.h"
@@ -20,6 +21,7 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -62,8 +64,8 @@ private:
 class ChannelClient final {
 public:
     ChannelClient(std::uint64_t number, const RequestFilter& allowed, Channel::DeadClient reaction,
-                  SharedMemoryEnds given)
-        : id(number), filter(allowed), deadClient(reaction), shared(std::move(given)),
+                  SharedMemoryEnds given, std::shared_ptr<const Caller> process)
+        : id(number), caller(std::move(process)), filter(allowed), deadClient(reaction), shared(std::move(given)),
           takesOffers(Slot().version >= 2) {}
 
     /// Requires: no other thread has the client yet.
@@ -170,6 +172,7 @@ public:
     bool CountRing() noexcept { return rings.fetch_add(1, std::memory_order_relaxed) <= RingsForFree; }
 
     const std::uint64_t id;
+    const std::shared_ptr<const Caller> caller; ///< null: nobody asks who it is
 
 private:
     static constexpr std::uint64_t TakingBack = 0xFFFF; ///< of `offered`: no offers can be put meanwhile

@@ -1,6 +1,7 @@
 #include "records/client_table.h"
 
 #include "kn/status.h"
+#include "records/connection_limits.h"
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -36,16 +37,18 @@ ClientTable::ClientTable(Channel::DeadClient reaction)
 }
 
 std::int32_t ClientTable::Add(UniqueFd&& socket, SharedMemoryEnds&& ends, const UniqueFd* file,
-                              const RequestFilter& filter, std::uint64_t* clientId) {
+                              const RequestFilter& filter, std::shared_ptr<const Caller> caller,
+                              std::uint64_t* clientId) {
     const common::MutexLock lock(mutex);
     assert(IsCounted());
     if (isClosed.load(std::memory_order_relaxed)) {
         return KnStatusClosed;
     }
-    if (clients.size() >= Channel::MaxClients) {
+    if (clients.size() >= ConnectionLimits::Current().perChannel) {
         return KnStatusBusy;
     }
-    const auto client = std::make_shared<ChannelClient>(lastId + 1, filter, deadClient, std::move(ends));
+    const auto client =
+        std::make_shared<ChannelClient>(lastId + 1, filter, deadClient, std::move(ends), std::move(caller));
     clients.emplace(client->id, client);
     std::int32_t status = KnStatusNoResources;
     if (Watch(epoll, client->Ends().bell.Get(), EPOLLIN | EPOLLET, client->id)) {

@@ -3,6 +3,7 @@
 #include "base/unique_fd.h"
 #include "common/mutex.h"
 #include "nk/message.h"
+#include "records/caller.h"
 #include "records/channel_client.h"
 #include "records/event_fd.h"
 #include "records/request_filter.h"
@@ -37,7 +38,7 @@ public:
     /// Returns: 0 and `*clientId`; KnStatusClosed; KnStatusBusy; KnStatusNoResources; KnStatusPeerGone. Moves from
     /// `socket` on success only. Blocks: only for the table's mutex. Threads: any.
     std::int32_t Add(UniqueFd&& socket, SharedMemoryEnds&& ends, const UniqueFd* file, const RequestFilter& filter,
-                     std::uint64_t* clientId) EXCLUDES(mutex);
+                     std::shared_ptr<const Caller> caller, std::uint64_t* clientId) EXCLUDES(mutex);
 
     /// Removes and ends a client. Returns: the client; null when it is not there any more. Threads: any.
     std::shared_ptr<ChannelClient> Remove(std::uint64_t clientId) noexcept EXCLUDES(mutex);

@@ -2,8 +2,10 @@
 
 #include "base/unique_fd.h"
 
+#include <linux/magic.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -17,6 +19,13 @@ namespace borven_host {
 
 inline UniqueFd MakeBell() noexcept {
     return UniqueFd(::eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
+}
+
+/// Returns: whether to ring `fd`, which another process made, can neither block nor raise SIGPIPE, as it can for a pipe
+/// or a socket: it is one of the kernel's anonymous objects, as every event descriptor is.
+inline bool IsBell(const UniqueFd& fd) noexcept {
+    struct statfs status {};
+    return ::fstatfs(fd.Get(), &status) == 0 && status.f_type == ANON_INODE_FS_MAGIC;
 }
 
 inline void Ring(const UniqueFd& bell) noexcept {

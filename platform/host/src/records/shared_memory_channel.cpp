@@ -4,9 +4,11 @@
 #include "kn/status.h"
 #include "records/adaptive_spin.h"
 #include "records/client_table.h"
+#include "records/connection_limits.h"
 #include "records/event_fd.h"
 #include "records/owed_replies.h"
 #include "records/poller_role.h"
+#include "records/request_observer.h"
 #include "records/sleep_place.h"
 
 #include <algorithm>
@@ -18,6 +20,21 @@
 // meanwhile: shared_memory_slot.h.
 
 namespace borven_host {
+
+namespace {
+
+/// Returns: whether the request passes; the observer's answer is sent otherwise.
+bool AnnounceRequest(KnIRequestObserver& observer, ChannelClient& client, nk_message& request) noexcept {
+    Record answer{};
+    auto& reply = *reinterpret_cast<nk_message*>(answer.data());
+    if (observer.OnRequest(client.caller->identity, request, reply)) {
+        return true;
+    }
+    static_cast<void>(client.Reply(reply)); // nothing goes to a client that is gone
+    return false;
+}
+
+} // namespace
 
 struct Channel::State {
     explicit State(DeadClient deadClient) : clients(deadClient) {}
@@ -99,8 +116,8 @@ Channel::~Channel() {
 }
 
 std::int32_t Channel::AddClient(UniqueFd&& socket, std::uint32_t layoutVersion, const RequestFilter& filter,
-                                std::uint64_t* clientId) {
-    if (state->clients.Count() >= MaxClients) {
+                                std::uint64_t* clientId, std::shared_ptr<const Caller> caller) {
+    if (state->clients.Count() >= ConnectionLimits::Current().perChannel) {
         return KnStatusBusy;
     }
     SharedMemoryEnds ends;
@@ -113,12 +130,12 @@ std::int32_t Channel::AddClient(UniqueFd&& socket, std::uint32_t layoutVersion, 
     if (!ends.bell || !ends.doorbell) {
         return KnStatusNoResources;
     }
-    return state->clients.Add(std::move(socket), std::move(ends), &file, filter, clientId);
+    return state->clients.Add(std::move(socket), std::move(ends), &file, filter, std::move(caller), clientId);
 }
 
 std::int32_t Channel::AddClient(UniqueFd&& socket, SharedMemoryEnds&& ends, const RequestFilter& filter,
                                 std::uint64_t* clientId) {
-    return state->clients.Add(std::move(socket), std::move(ends), nullptr, filter, clientId);
+    return state->clients.Add(std::move(socket), std::move(ends), nullptr, filter, nullptr, clientId);
 }
 
 void Channel::RemoveClient(std::uint64_t clientId) noexcept {
@@ -137,8 +154,17 @@ std::int32_t Channel::Receive(nk_message* request) noexcept {
         std::shared_ptr<ChannelClient> client;
         while (!state->clients.IsClosed(std::memory_order_acquire)) {
             if (client) {
-                owed.Add(state.get(), std::move(client));
-                return KnStatusOk;
+                auto* const observer = RequestObserver::Instance().Of(*request);
+                if (observer == nullptr || !client->caller) {
+                    owed.Add(state.get(), std::move(client));
+                    return KnStatusOk;
+                }
+                if (AnnounceRequest(*observer, *client, *request)) {
+                    owed.AddObserved(state.get(), std::move(client), *request);
+                    return KnStatusOk;
+                }
+                client.reset();
+                request->size = NkRecordSize; // the next claim needs the room
             }
             if (!state->clients.IsReceiving()) {
                 return KnStatusClosed;
@@ -153,7 +179,9 @@ std::int32_t Channel::Receive(nk_message* request) noexcept {
 }
 
 std::int32_t Channel::Reply(const nk_message* response) noexcept {
-    const auto client = OwedReplies::OfThisThread().Settle(state.get());
+    auto& owed = OwedReplies::OfThisThread();
+    owed.Observe(state.get(), *response);
+    const auto client = owed.Settle(state.get());
     if (state->clients.IsClosed(std::memory_order_acquire)) {
         return KnStatusClosed;
     }
@@ -201,6 +229,20 @@ std::int32_t Channel::TakeBackOffers(const NkDeferredReply& deferred, std::size_
         return KnStatusInvalidArgument;
     }
     taken = *count;
+    return KnStatusOk;
+}
+
+std::int32_t Channel::NoteLoss(const NkDeferredReply& deferred, const NkLoss& loss) noexcept {
+    if (state->clients.IsClosed(std::memory_order_acquire)) {
+        return KnStatusClosed;
+    }
+    std::shared_ptr<ChannelClient> client;
+    if (const auto status = state->clients.Find(deferred.client, client); status != KnStatusOk) {
+        return status;
+    }
+    SharedSlot& slot = client->Slot();
+    slot.reason.store(loss.reason, std::memory_order_relaxed); // the word of the next reply orders both
+    slot.lost.store(loss.lost, std::memory_order_relaxed);
     return KnStatusOk;
 }
 

@@ -2,7 +2,9 @@
 
 #include "base/unique_fd.h"
 #include "nk/deferred_reply.h"
+#include "nk/loss.h"
 #include "nk/message.h"
+#include "records/caller.h"
 #include "records/request_filter.h"
 #include "records/shared_memory_ends.h"
 
@@ -34,7 +36,7 @@ public:
     /// Returns: 0 and `*clientId`; KnStatusClosed; KnStatusBusy; KnStatusNoResources; KnStatusPeerGone. Blocks: never.
     /// Threads: any.
     std::int32_t AddClient(UniqueFd&& socket, std::uint32_t layoutVersion, const RequestFilter& filter,
-                           std::uint64_t* clientId);
+                           std::uint64_t* clientId, std::shared_ptr<const Caller> caller = nullptr);
 
     /// The same for a client that has its ends already; nothing is sent.
     std::int32_t AddClient(UniqueFd&& socket, SharedMemoryEnds&& ends, const RequestFilter& filter,
@@ -52,6 +54,9 @@ public:
     std::int32_t ReplyDeferred(const NkDeferredReply& deferred, const nk_message& response, const NkOffers& offers,
                                std::size_t& offered) noexcept;
     std::int32_t TakeBackOffers(const NkDeferredReply& deferred, std::size_t& taken) noexcept;
+
+    /// See nk/loss.h.
+    std::int32_t NoteLoss(const NkDeferredReply& deferred, const NkLoss& loss) noexcept;
 
     /// Makes every blocked or later receive return KnStatusClosed. Clients stay, and received requests can be replied
     /// to. Idempotent. Threads: any.

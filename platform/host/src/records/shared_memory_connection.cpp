@@ -193,6 +193,11 @@ void Connection::RingBell() const noexcept {
     Ring(shared.bell);
 }
 
+NkLoss Connection::Loss() const noexcept {
+    const SharedSlot& slot = shared.region.Slot();
+    return {slot.reason.load(std::memory_order_relaxed), slot.lost.load(std::memory_order_relaxed)};
+}
+
 void Connection::Close() noexcept {
     isClosed.store(true, std::memory_order_release);
     ::shutdown(socket.Get(), SHUT_RDWR);

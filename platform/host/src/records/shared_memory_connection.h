@@ -3,6 +3,7 @@
 #include "base/deadline.h"
 #include "base/unique_fd.h"
 #include "common/mutex.h"
+#include "nk/loss.h"
 #include "nk/message.h"
 #include "records/adaptive_spin.h"
 #include "records/shared_memory_ends.h"
@@ -63,6 +64,9 @@ public:
 
     /// See nk/transport.h.
     std::int32_t Call(const nk_message* request, nk_message* response) noexcept EXCLUDES(callMutex);
+
+    /// See nk/loss.h.
+    NkLoss Loss() const noexcept;
 
     /// Ends a call that is under way. Idempotent. Threads: any.
     void Close() noexcept;

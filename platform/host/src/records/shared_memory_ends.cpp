@@ -2,6 +2,7 @@
 
 #include "kn/status.h"
 #include "names/handshake.h"
+#include "records/event_fd.h"
 
 #include <sys/socket.h>
 
@@ -85,6 +86,9 @@ std::int32_t ReceiveEnds(int socket, SharedMemoryEnds& ends) {
     }
     if (descriptors.size() != PassedDescriptors) {
         return KnStatusNoResources; // this process has no room for them
+    }
+    if (!IsBell(descriptors[1]) || !IsBell(descriptors[2])) {
+        return KnStatusDenied;
     }
     if (const auto status = SharedMemoryRegion::Open(descriptors[0], ends.region); status != KnStatusOk) {
         return status;

@@ -206,9 +206,9 @@ struct SharedSlot {
     std::uint32_t recordSize;
 
     // Written by the server only.
-    std::atomic<std::uint32_t> reason; ///< why the connection ended; 0: it has not, or not by the server's decision
+    std::atomic<std::uint32_t> reason; ///< NkLoss::reason
     std::uint32_t unused;
-    std::atomic<std::uint64_t> lost; ///< values that the server dropped before the client could take them
+    std::atomic<std::uint64_t> lost; ///< NkLoss::lost
 
     SlotHalf request; ///< written by the client; hint: the sequence of the call that it sleeps for
     SlotHalf reply;   ///< written by the server; hint: 1 while the poller looks at the slot without a ring
