@@ -37,15 +37,9 @@ bool IsFromReserve(int fd) {
     return static_cast<rlim_t>(fd) + Admission::DescriptorReserve >= limit.rlim_cur;
 }
 
-/// Returns: the process that connected `socket`, as log lines name it.
-std::string DescribePeer(int socket) {
-    ucred credentials{};
-    socklen_t length = sizeof credentials;
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
-        return "an unknown process";
-    }
-    return "process " + std::to_string(credentials.pid) + " (" + TaskName(credentials.pid) + ") of user " +
-           std::to_string(credentials.uid);
+/// Returns: the process as log lines name it.
+std::string Describe(const Peer& peer) {
+    return "process " + std::to_string(peer.pid) + " (" + peer.program + ") of user " + std::to_string(peer.uid);
 }
 
 } // namespace
@@ -154,15 +148,16 @@ void Admission::AcceptWithSpare(int listening) {
 }
 
 void Admission::Welcome(std::uint64_t listenerId, UniqueFd socket) {
+    Peer peer;
+    const auto status = IdentifyPeer(socket.Get(), peer);
     if (IsFromReserve(socket.Get())) {
-        Log(LogLevel::Warning, {"refused ", DescribePeer(socket.Get()), ": the descriptors of this process run out"});
+        Log(LogLevel::Warning, {"refused ", Describe(peer), ": the descriptors of this process run out"});
         SendAnswer(socket.Get(), KnStatusNoResources);
         return;
     }
-    Peer peer;
-    if (const auto status = IdentifyPeer(socket.Get(), peer); status != KnStatusOk) {
+    if (status != KnStatusOk) {
         if (status != KnStatusPeerGone) {
-            Log(LogLevel::Warning, {"refused ", DescribePeer(socket.Get()), ": ", KnStatusText(status)});
+            Log(LogLevel::Warning, {"refused ", Describe(peer), ": ", KnStatusText(status)});
         }
         SendAnswer(socket.Get(), status);
         return;
@@ -185,10 +180,10 @@ void Admission::ReadGreeting(Visitors::Visitor& visitor) {
     }
     const std::int32_t status = length == sizeof greeting ? Check(greeting) : KnStatusDenied;
     if (status == KnStatusOtherVersion) {
-        Log(LogLevel::Warning, {"refused ", DescribePeer(visitor.socket.Get()), ": it speaks version ",
+        Log(LogLevel::Warning, {"refused ", Describe(visitor.peer), ": it speaks version ",
                                 std::to_string(greeting.layoutVersion), " of the protocol"});
     } else if (status != KnStatusOk && length > 0) { // 0 or less: a look-up, which disconnects without a greeting
-        Log(LogLevel::Warning, {"refused ", DescribePeer(visitor.socket.Get()), ": it sent no valid greeting"});
+        Log(LogLevel::Warning, {"refused ", Describe(visitor.peer), ": it sent no valid greeting"});
     }
     if (status != KnStatusOk) {
         visitors.Refuse(visitor, status);
@@ -197,11 +192,10 @@ void Admission::ReadGreeting(Visitors::Visitor& visitor) {
     visitor.layoutVersion = greeting.layoutVersion;
     const Listener& listener = listeners.at(visitor.listenerId);
     if (listener.channel) {
-        const pid_t pid = visitor.peer.pid; // the visitor is gone when it is refused
+        const std::string peer = Describe(visitor.peer); // the visitor is gone when it is refused
         const auto joined = visitors.Join(visitor, listener.channel, {});
         if (joined != KnStatusOk && joined != KnStatusPeerGone) {
-            Log(LogLevel::Warning,
-                {"refused process ", std::to_string(pid), " (", TaskName(pid), "): ", KnStatusText(joined)});
+            Log(LogLevel::Warning, {"refused ", peer, ": ", KnStatusText(joined)});
         }
     } else {
         visitors.Ask(visitor, listener.service, listener.type);

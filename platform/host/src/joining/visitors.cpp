@@ -54,7 +54,7 @@ Visitors::Visitor* Visitors::Add(std::uint64_t listenerId, UniqueFd socket, Peer
 void Visitors::RefuseOldestGreeting(std::int32_t status) {
     assert(!greeting.empty());
     Visitor& oldest = visitors.at(greeting.front());
-    Log(LogLevel::Warning, {"refused process ", std::to_string(oldest.peer.pid), " (", TaskName(oldest.peer.pid),
+    Log(LogLevel::Warning, {"refused process ", std::to_string(oldest.peer.pid), " (", oldest.peer.program,
                             "), which has sent no greeting: ", KnStatusText(status)});
     Refuse(oldest, status);
 }

@@ -101,6 +101,7 @@ std::int32_t IdentifyPeer(int socket, Peer& peer) {
     peer.pid = credentials.pid;
     peer.uid = credentials.uid;
     if (credentials.uid != ::geteuid()) {
+        ReadStat(peer);
         return KnStatusDenied;
     }
     if (const auto status = OpenProcess(socket, peer); status != KnStatusOk) {

@@ -18,8 +18,8 @@ struct Peer {
     UniqueFd process; ///< readable once the process has exited; empty where the kernel does not offer that
 };
 
-/// Returns: 0 and `peer`; KnStatusDenied when it belongs to another user; KnStatusPeerGone when it has exited;
-/// KnStatusNoResources.
+/// Returns: 0 and `peer`; KnStatusDenied, also with `peer`, when it belongs to another user; KnStatusPeerGone when it
+/// has exited; KnStatusNoResources.
 std::int32_t IdentifyPeer(int socket, Peer& peer);
 
 } // namespace borven_host
