@@ -145,7 +145,7 @@ void Admission::AcceptWithSpare(int listening) {
 void Admission::Welcome(std::uint64_t listenerId, UniqueFd socket) {
     Peer peer;
     const auto status = IdentifyPeer(socket.Get(), peer);
-    if (status == KnStatusOk && IsFromReserve(socket.Get())) {
+    if (IsFromReserve(socket.Get())) {
         Log(LogLevel::Warning, {"refused ", Describe(peer), ": the descriptors of this process run out"});
         SendAnswer(socket.Get(), KnStatusNoResources);
         return;

@@ -120,8 +120,10 @@ std::int32_t Visitors::Join(Visitor& visitor, const std::shared_ptr<Channel>& ch
             channel->AddClient(std::move(visitor.socket), visitor.layoutVersion, filter, &visitor.clientId, caller);
     }
     if (status != KnStatusOk) {
-        if (caller) { // otherwise that is logged
+        if (caller && status != KnStatusPeerGone) { // without a caller it is logged
             Log(LogLevel::Warning, {"refused ", Describe(visitor.peer), ": ", KnStatusText(status)});
+        }
+        if (caller) {
             callers.Leave(*caller, *channel);
         }
         Refuse(visitor, status);
