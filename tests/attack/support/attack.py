@@ -11,6 +11,7 @@ An attacker is a class derived from Attack, alone in its file, whose `attack` do
 import json
 import os
 import random
+import select
 import signal
 import subprocess
 import sys
@@ -88,12 +89,19 @@ class Attack(BusTest):
         self.compare_with_before()
         self.expect_working()
         self.figures["values"], self.figures["longest_gap_ms"] = self.pair.finish()
-        self.stop_server()
+        self.figures["stop_ms"] = self.stop(self.served)
 
-    def stop_server(self):
+    def stop(self, server):
+        """Fails unless SIGTERM ends the server with status 0, and without a file. Returns: how long that took in milliseconds."""
+        process = os.pidfd_open(server.popen.pid)
         began = time.monotonic()
-        self.served.stop()
-        self.figures["stop_ms"] = (time.monotonic() - began) * 1000
+        server.signal(signal.SIGTERM)
+        select.select([process], [], [], LIMIT_OF_HANGS)
+        took = time.monotonic() - began
+        os.close(process)
+        server.expect_exit(0)
+        self.assertEqual(os.listdir(self.runtime), [], "the server left files behind")
+        return took * 1000
 
     def usage(self):
         return Usage.of(self.served.popen.pid)
