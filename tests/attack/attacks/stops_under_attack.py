@@ -29,7 +29,7 @@ class StopsUnderAttack(Attack):
             server = self.server(log_level=self.log_level)
             attackers = self.begin()
             time.sleep(self.random.uniform(0.05, 0.2))
-            longest = max(longest, self.stop(server))
+            longest = max(longest, self.timed_stop(server))
             for attacker in attackers:
                 attacker.kill()
                 attacker.communicate()

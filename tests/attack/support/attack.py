@@ -89,9 +89,9 @@ class Attack(BusTest):
         self.compare_with_before()
         self.expect_working()
         self.figures["values"], self.figures["longest_gap_ms"] = self.pair.finish()
-        self.figures["stop_ms"] = self.stop(self.served)
+        self.figures["stop_ms"] = self.timed_stop(self.served)
 
-    def stop(self, server):
+    def timed_stop(self, server):
         """Fails unless SIGTERM ends the server with status 0, and without a file. Returns: how long that took in milliseconds."""
         process = os.pidfd_open(server.popen.pid)
         began = time.monotonic()
