@@ -49,7 +49,7 @@ class Soak(Attack):
         self.sample()
         self.compare_with_before()
         self.values = self.pair.finish()[0]
-        self.served.stop()
+        self.timed_stop(self.served)
         super().prepare()
         self.sample()
 

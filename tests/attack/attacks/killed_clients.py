@@ -14,6 +14,7 @@ LONGEST_LIFE = 0.012  # seconds; a whole life takes about as long
 
 
 class KilledClients(Attack):
+    memory_allowance_kib = 16 * 1024  # what dead clients have registered may stay
 
     def attack(self):
         kills = 0

@@ -40,7 +40,7 @@ class Restarts(Attack):
         if kill:
             self.served.kill()
         else:
-            self.served.stop()
+            self.timed_stop(self.served)
         for part in (self.pair.pusher, self.pair.reader):
             part.wait(LIMIT_OF_HANGS)  # with an error: it does not look for another server
             part.close()

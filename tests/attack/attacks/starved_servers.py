@@ -36,7 +36,7 @@ class StarvedServers(Attack):
                 resource.prlimit(server.popen.pid, kind, before)
             if server.popen.poll() is None:
                 self.expect_working()
-                server.stop()
+                self.timed_stop(server)
                 went_on += 1
             else:
                 self.assertGreater(server.wait(), 0, "a server that ends has an exit status of its own")

@@ -65,6 +65,7 @@ class RawClient:
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.descriptors = []
         self.page = None
+        self.events = None
         self.sequence = 0
 
     def __enter__(self):
@@ -109,6 +110,9 @@ class RawClient:
         if status != 0:
             raise Refused(status)
         self.page = mmap.mmap(self.descriptors[0], PAGE_SIZE)
+        self.events = select.epoll()
+        self.events.register(self.descriptors[2], select.EPOLLIN | select.EPOLLET)  # the counter of a doorbell stays at 1
+        self.events.register(self.socket, select.EPOLLRDHUP)
         return self
 
     def keep_socket_only(self):
@@ -116,6 +120,9 @@ class RawClient:
         for descriptor in self.descriptors:
             os.close(descriptor)
         self.descriptors = []
+        if self.events is not None:
+            self.events.close()
+            self.events = None
         return self
 
     def word(self, offset):
@@ -136,9 +143,6 @@ class RawClient:
         """Returns: (status in place of a reply or 0, the record)."""
         deadline = time.monotonic() + patience
         ctypes.c_uint32.from_buffer(self.page, REQUEST + 8).value = self.sequence
-        hangup = select.poll()
-        hangup.register(self.descriptors[2], select.POLLIN)
-        hangup.register(self.socket, select.POLLRDHUP)
         while True:
             word = self.word(REPLY).value
             if word >> 32 == self.sequence:
@@ -146,7 +150,7 @@ class RawClient:
                 return -(word >> 24 & 0xFF), self.page[start:start + RECORD_SIZE]
             if time.monotonic() > deadline:
                 raise TimeoutError("a request by hand was not answered")
-            for descriptor, _ in hangup.poll(1):
+            for descriptor, _ in self.events.poll(patience):
                 if descriptor == self.socket.fileno():
                     raise Ended
 
