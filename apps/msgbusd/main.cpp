@@ -278,8 +278,7 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
     };
     app.add_option_function<std::uint32_t>(
            "--hold-pushes", milliseconds(settings.server.holdPushes),
-           "answer pushes as if the queue were full for so long after the start, so that "
-           "the subscribers of an earlier server register first (default: 0)")
+           "refuse pushes for so long, while subscribers of an earlier server register (default: 0)")
         ->type_name("MS");
     app.add_option_function<std::uint32_t>("--drain-limit", milliseconds(settings.server.drainLimit),
                                            "time that a drain gives subscribers to read their values (default: 5000)")
