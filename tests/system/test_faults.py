@@ -31,7 +31,7 @@ class Faults(BusTest):
 
     @unittest.skipIf(SANITIZED, "sanitizers reserve more addresses than any limit")
     def test_memory_that_runs_out_ends_the_server(self):
-        server = self.server(log_level="off")
+        server = self.server("--no-limits", log_level="off")
         with open(f"/proc/{server.popen.pid}/statm", encoding="utf-8") as statm:
             size = int(statm.read().split()[0]) * resource.getpagesize()
         resource.prlimit(server.popen.pid, resource.RLIMIT_AS, (size + (8 << 20), size + (8 << 20)))

@@ -10,7 +10,7 @@ class Crowds(BusTest):
     """bench/stop measures how long these stops take."""
 
     def stop_under(self, waiting, registered, publishers):
-        server = self.server(log_level="off")
+        server = self.server("--no-limits", log_level="off")
         crowd = self.start(f"{BIN}/stop_crowd", str(waiting), str(registered), str(publishers))
         crowd.expect("ready")
         server.stop()
