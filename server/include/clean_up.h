@@ -32,6 +32,9 @@ public:
     /// Runs `task` on the thread.
     void Post(std::function<void()> task);
 
+    /// Much memory was freed: gives what is left of it back to the system when there is nothing else to do.
+    void NoteFreedMuch();
+
     /// A handshake was begun, so one may expire.
     void NoteHandshake();
 
@@ -50,6 +53,7 @@ private:
     common::ConditionVariable changed;
     bool isStopping GUARDED_BY(mutex) = false;
     bool hasHandshakes GUARDED_BY(mutex) = false;
+    bool hasFreedMuch GUARDED_BY(mutex) = false; ///< so that the system gets the memory back
     std::deque<std::function<void()>> tasks GUARDED_BY(mutex);
 
     std::thread thread; ///< last: uses all members above

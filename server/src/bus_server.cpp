@@ -173,6 +173,7 @@ void BusServer::CutSubscriber(long id) {
     gate->UnregisterSubscriber(id);
     accounts.Remove({Kind::Subscriber, id});
     Log(LogLevel::Info, "Subscriber {} has lost {} values", id, kept->Lost());
+    cleanUp->NoteFreedMuch();
 }
 
 /// Puts the decorators that know the callers before all others.

@@ -2,8 +2,10 @@
 
 #include "diagnostics.h"
 
+#include <malloc.h>
 #include <pthread.h>
 
+#include <cstddef>
 #include <optional>
 #include <utility>
 
@@ -11,6 +13,12 @@ namespace msgbus_server {
 
 using diagnostics::Log;
 using diagnostics::LogLevel;
+
+namespace {
+
+constexpr std::size_t ManyRegistrations = 64;
+
+} // namespace
 
 CleanUp::CleanUp(CallerAccounts& kept, message_bus::IProviderControl& served, std::function<void(long)> cancelAction)
     : accounts(kept), control(served), cancelHandshake(std::move(cancelAction)), thread([this] { Run(); }) {
@@ -59,6 +67,11 @@ void CleanUp::NoteHandshake() {
     changed.NotifyOne();
 }
 
+void CleanUp::NoteFreedMuch() {
+    const common::MutexLock lock(mutex);
+    hasFreedMuch = true;
+}
+
 void CleanUp::Run() {
     common::MutexLock lock(mutex);
     while (!isStopping) {
@@ -67,6 +80,12 @@ void CleanUp::Run() {
             tasks.pop_front();
             lock.Unlock();
             task();
+            lock.Lock();
+            continue;
+        }
+        if (std::exchange(hasFreedMuch, false)) {
+            lock.Unlock();
+            ::malloc_trim(0);
             lock.Lock();
             continue;
         }
@@ -85,7 +104,11 @@ void CleanUp::Run() {
 }
 
 void CleanUp::EndNow(const KnCaller& caller) {
-    for (const auto& registration : accounts.AllOf(caller.id)) {
+    const auto registrations = accounts.AllOf(caller.id);
+    if (registrations.size() >= ManyRegistrations) {
+        NoteFreedMuch();
+    }
+    for (const auto& registration : registrations) {
         if (IsStopping()) {
             return;
         }

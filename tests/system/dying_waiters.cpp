@@ -1,6 +1,6 @@
-// Clients that are killed at random moments of their waits: `dying_waiters DEATHS`. They share a few subscribers of
-// topic "t", so that a dead client leaves no subscriber behind, and those are unregistered at the end. Exit status 0
-// when no client failed by itself.
+// Clients of topic "t" that are killed at random moments: `dying_waiters own|shared DEATHS`. Each has a subscriber of
+// its own, or they share a few, which are unregistered at the end: for a server without ownership. Exit status 0 when
+// no client failed by itself.
 
 #include "br_MessageBus_client.h"
 #include "kn/connection_manager.h"
@@ -73,14 +73,20 @@ void RunToItsEnd(const std::function<void()>& body) {
     Require(::waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0, "a step failed");
 }
 
+std::int64_t Register(NkBosTransport& ctl) {
+    std::int64_t registration = -1;
+    std::int64_t id = -1;
+    Require(br_MessageBusCtl_StartSubs_call(&ctl, "victim", registration) == 0 &&
+                br_MessageBusCtl_Subscribe_call(&ctl, registration, "t") == 0 &&
+                br_MessageBusCtl_FinishSubs_call(&ctl, registration, 1, id) == 0,
+            "cannot register");
+    return id;
+}
+
 void Register(SubscriberIds& ids) {
     auto ctl = Connect(br_MessageBusComponent_ctl_service);
     for (auto& id : ids) {
-        std::int64_t registration = -1;
-        Require(br_MessageBusCtl_StartSubs_call(&ctl, "victim", registration) == 0 &&
-                    br_MessageBusCtl_Subscribe_call(&ctl, registration, "t") == 0 &&
-                    br_MessageBusCtl_FinishSubs_call(&ctl, registration, 1, id) == 0,
-                "cannot register");
+        id = Register(ctl);
     }
 }
 
@@ -107,16 +113,24 @@ void Kill(pid_t client) {
     Require(::waitpid(client, &status, 0) == client && WIFSIGNALED(status), "a client ended by itself");
 }
 
-void Run(int deaths) {
+void RegisterAndWaitForEver() {
+    auto ctl = Connect(br_MessageBusComponent_ctl_service);
+    WaitForEver(Register(ctl));
+}
+
+void Run(bool isShared, int deaths) {
     void* const memory = ::mmap(nullptr, sizeof(SubscriberIds), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1,
                                 0); // filled by a child
     Require(memory != MAP_FAILED, "no shared memory");
     auto& ids = *new (memory) SubscriberIds{};
-    RunToItsEnd([&] { Register(ids); });
+    if (isShared) {
+        RunToItsEnd([&] { Register(ids); });
+    }
     std::minstd_rand random(static_cast<unsigned>(deaths));
     std::array<pid_t, AliveCount> alive{};
     const auto start = [&](std::size_t place) {
-        alive[place] = Fork([&] { WaitForEver(ids[place % SubscriberCount]); });
+        alive[place] =
+            isShared ? Fork([&] { WaitForEver(ids[place % SubscriberCount]); }) : Fork(RegisterAndWaitForEver);
     };
     for (std::size_t place = 0; place < AliveCount; ++place) {
         start(place);
@@ -130,15 +144,17 @@ void Run(int deaths) {
     for (const pid_t client : alive) {
         Kill(client);
     }
-    RunToItsEnd([&] { Unregister(ids); });
+    if (isShared) {
+        RunToItsEnd([&] { Unregister(ids); });
+    }
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     try {
-        Require(argc == 2, "usage: dying_waiters DEATHS");
-        Run(std::stoi(argv[1]));
+        Require(argc == 3, "usage: dying_waiters own|shared DEATHS");
+        Run(std::string_view(argv[1]) == "shared", std::stoi(argv[2]));
         return 0;
     } catch (const std::exception& error) {
         std::cerr << "dying_waiters: " << error.what() << '\n';

@@ -31,8 +31,13 @@ class ManyDeaths(BusTest):
         return seen[-1]
 
     def test_killed_waiters_leave_nothing_behind_and_others_lose_nothing(self):
-        # The victims share their subscribers. The first line opens the log's descriptor.
-        server = self.server("--no-ownership", log_level="info")
+        self.kill_waiters("own")
+
+    def test_killed_waiters_of_shared_subscribers_leave_nothing_behind(self):
+        self.kill_waiters("shared", "--no-ownership")
+
+    def kill_waiters(self, kind, *options):
+        server = self.server(*options, log_level="info")  # its first line opens the log's descriptor
         reader = self.sub("t")
         publisher = self.pub("t")
         publisher.write("0\n")
@@ -51,7 +56,7 @@ class ManyDeaths(BusTest):
         writer = threading.Thread(target=count_up)
         writer.start()
         try:
-            waiters = self.start(f"{BIN}/dying_waiters", str(DEATHS))
+            waiters = self.start(f"{BIN}/dying_waiters", kind, str(DEATHS))
             waiters.expect_exit(DONE, PATIENCE + DEATHS / 20)
         finally:
             ending.set()

@@ -1,6 +1,6 @@
-"""Every connection of a service, or of the static channel, is taken by processes that hold theirs and do nothing.
+"""The connections of a service, or of the static channel, are taken by many processes that hold theirs and do nothing.
 
-One more gets Busy, the connected ones are served on, and once the processes have exited a client connects at once.
+They get Busy when only the places for newcomers are left, which a client still gets; the connected ones are served on.
 """
 
 import os
@@ -10,6 +10,7 @@ from attack import Attack, main, wait_until
 from raw_client import BUSY, CTL, Refused
 
 CLIENTS_OF_A_CHANNEL = 2048
+FOR_NEWCOMERS = CLIENTS_OF_A_CHANNEL // 16  # kept for processes that have few
 OF_ONE_PROCESS = 64  # so that a limit per process is not what refuses
 
 
@@ -25,15 +26,13 @@ class FullChannels(Attack):
             held = sum(self.count_of(reading) for _ in holders)
             os.close(reading)
             self.assertLessEqual(held, CLIENTS_OF_A_CHANNEL)
-            self.assertGreaterEqual(held, CLIENTS_OF_A_CHANNEL - 8, "what the server and the pair hold")
-            with self.assertRaises(Refused) as refusal:
-                self.joined(CTL)
-            self.assertEqual(refusal.exception.status, BUSY)
+            self.assertGreaterEqual(held, CLIENTS_OF_A_CHANNEL - FOR_NEWCOMERS - 8, "what the server and the pair hold")
+            self.joined(CTL).close()
             for holder in holders:
                 self.end_child(holder)
             wait_until(self, self.can_join, "the places of processes that are gone")
             fillings += 1
-        self.load(f"{fillings} times all {CLIENTS_OF_A_CHANNEL:,} connections")
+        self.load(f"{fillings} times all {CLIENTS_OF_A_CHANNEL:,} connections but those for newcomers")
 
     def hold(self, report):
         clients = []

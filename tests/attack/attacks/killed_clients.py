@@ -14,14 +14,12 @@ LONGEST_LIFE = 0.012  # seconds; a whole life takes about as long
 
 
 class KilledClients(Attack):
-    memory_allowance_kib = 16 * 1024  # what dead clients have registered may stay
-
     def attack(self):
         kills = 0
         self.open_input, writing = os.pipe()  # never ends, so that publishers go on
         self.addCleanup(os.close, self.open_input)
         self.addCleanup(os.close, writing)
-        waiters = self.start(f"{BIN}/dying_waiters", "200")
+        waiters = self.start(f"{BIN}/dying_waiters", "own", "200")
         for number in self.rounds():
             lives = [self.begin(f"{number}-{place}", place) for place in range(AT_ONCE)]
             time.sleep(self.random.uniform(0, LONGEST_LIFE))
