@@ -24,6 +24,10 @@ inline constexpr std::size_t KindCount = 3;
 /// Returns: the name of a kind in messages, such as "publisher".
 std::string_view NameOf(Kind kind);
 
+/// What each topic of a subscriber is charged beside its bytes: the bus keeps it in a block of this size, so that many
+/// short ones take far more than their bytes.
+inline constexpr std::size_t TopicOverhead = 80;
+
 /// Which process has made which registration, and what it has of its limits.
 ///
 /// A registration is charged before the bus makes it, so that two at once cannot exceed a limit, and then added with
