@@ -69,7 +69,7 @@ public:
     void Remove(Registration ended);
 
     /// Returns: whether `caller` may use the registration. Of those that no caller has made, publishers are the
-    /// server's own, and the others do not exist.
+    /// server's own, and the others do not exist; one that is being made is its maker's, whose reply has its id first.
     bool MayUse(const KnCaller& caller, Registration used) const;
 
     /// Returns: the caller that made the registration; one without a process when it is not known.
@@ -103,6 +103,10 @@ private:
         bool wasRefused = false; ///< since it last was granted something
     };
 
+    using Ids = std::array<long, KindCount>;
+    static constexpr Ids NoIds{-1, -1, -1};
+
+    bool MayBeOnItsWay(Registration registration) const REQUIRES(mutex);
     cor::ResultCode Take(Account& account, std::optional<Kind> kind, std::size_t bytes) REQUIRES(mutex);
     cor::ResultCode Refuse(Account& account, cor::ResultCode code, std::string_view what, std::size_t own,
                            std::size_t all) REQUIRES(mutex);
@@ -115,6 +119,8 @@ private:
     std::unordered_map<std::uint64_t, Account> accounts GUARDED_BY(mutex); ///< of callers that have something
     std::array<Registrations, KindCount> registrations GUARDED_BY(mutex);  ///< by kind, then by id
     Usage total GUARDED_BY(mutex);
+    Ids highest GUARDED_BY(mutex) = NoIds; ///< ids that were added
+    Ids settled GUARDED_BY(mutex) = NoIds; ///< `highest`, when the last registration began beside no other
 };
 
 } // namespace msgbus_server

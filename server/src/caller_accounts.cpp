@@ -72,6 +72,9 @@ ResultCode CallerAccounts::Take(Account& account, std::optional<Kind> kind, std:
         }
     }
     account.wasRefused = false;
+    if (kind && total.counts[Index(*kind)] == registrations[Index(*kind)].size()) {
+        settled[Index(*kind)] = highest[Index(*kind)];
+    }
     for (Usage* const usage : {&account.usage, &total}) {
         usage->bytes += bytes;
         if (kind) {
@@ -121,6 +124,7 @@ void CallerAccounts::Add(const KnCaller& caller, Registration made, std::size_t 
     [[maybe_unused]] const bool isNew =
         registrations[Index(made.kind)].try_emplace(made.id, Entry{caller.id, bytes, expires}).second;
     assert(isNew); // no id is given twice
+    highest[Index(made.kind)] = std::max(highest[Index(made.kind)], made.id);
 }
 
 ResultCode CallerAccounts::ChargeTopic(long handshake, std::size_t bytes) {
@@ -160,11 +164,18 @@ const CallerAccounts::Entry* CallerAccounts::Find(Registration registration) con
     return found == table.end() ? nullptr : &found->second;
 }
 
+/// Returns: whether an id that is unknown may be that of a registration that was charged and is not added yet. The bus
+/// counts up, so its id is higher than any that was added before the charge.
+bool CallerAccounts::MayBeOnItsWay(Registration registration) const {
+    const std::size_t kind = Index(registration.kind);
+    return total.counts[kind] != registrations[kind].size() && registration.id > settled[kind];
+}
+
 bool CallerAccounts::MayUse(const KnCaller& caller, Registration used) const {
     const common::MutexLock lock(mutex);
     const Entry* const entry = Find(used);
     if (entry == nullptr) {
-        return used.kind != Kind::Publisher; // that is one of the server's own
+        return used.kind != Kind::Publisher && !MayBeOnItsWay(used); // a publisher is one of the server's own
     }
     return entry->owner == caller.id || (!IsIdentified(caller) && !IsIdentified(accounts.at(entry->owner).caller));
 }

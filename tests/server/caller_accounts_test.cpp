@@ -135,6 +135,18 @@ TEST_F(CallerAccountsTest, MayUse_OfAPublisherThatNobodyRegistered_IsForNobody) 
     EXPECT_TRUE(accounts.MayUse(one, {Kind::Subscriber, 1})) << "the bus says that it is unknown";
 }
 
+TEST_F(CallerAccountsTest, MayUse_OfWhatIsBeingRegistered_IsForNobody) {
+    for (const Kind kind : {Kind::Subscriber, Kind::Handshake}) {
+        Register(one, kind, 1);
+        accounts.Remove({kind, 1});
+        ASSERT_EQ(accounts.Charge(two, kind, 0), ResultCode::Success);
+        EXPECT_FALSE(accounts.MayUse(one, {kind, 2})) << "it may be the one that is charged";
+        EXPECT_TRUE(accounts.MayUse(one, {kind, 1})) << "the bus says that it has ended";
+        accounts.Refund(two, kind, 0);
+        EXPECT_TRUE(accounts.MayUse(one, {kind, 2})) << "the bus says that it is unknown";
+    }
+}
+
 TEST_F(CallerAccountsTest, WhatAnUnidentifiedCallerRegistered_IsForAllOfThem) {
     Register(Unidentified(3), Kind::Publisher, 1);
     EXPECT_TRUE(accounts.MayUse(Unidentified(4), {Kind::Publisher, 1}))
