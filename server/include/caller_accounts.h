@@ -33,6 +33,9 @@ inline constexpr std::size_t TopicOverhead = 80;
 /// A registration is charged before the bus makes it, so that two at once cannot exceed a limit, and then added with
 /// its id or refunded. Publishers and subscribers share their ids, handshakes have ids of their own.
 ///
+/// Of each total, the last sixteenth is for callers that have little: a few processes cannot keep all others away.
+/// The server's own process, which checks its health as a client, is not limited.
+///
 /// A process that is not identified (kn/caller.h) has several callers; so what one of those has registered, each of
 /// them may use.
 ///
@@ -40,6 +43,10 @@ inline constexpr std::size_t TopicOverhead = 80;
 class CallerAccounts final {
 public:
     using Clock = std::chrono::steady_clock;
+
+    /// Callers with less than this may use the last sixteenth of a total.
+    static constexpr std::size_t FewRegistrations = 16;
+    static constexpr std::size_t FewBytes = 64U << 10;
 
     struct Registration {
         Kind kind;

@@ -2,6 +2,8 @@
 
 #include "diagnostics.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cassert>
 #include <utility>
@@ -31,6 +33,11 @@ constexpr std::array<Bounds, KindCount> BoundsOf{{
     {&Limits::handshakesPerProcess, &Limits::handshakes, ResultCode::TooManyHandshakes},
 }};
 
+/// Returns: what of a total is left to callers that have `own`, of which less than `few` is little.
+std::size_t ShareOf(std::size_t total, std::size_t own, std::size_t few) {
+    return own < few ? total : total - total / 16;
+}
+
 bool IsIdentified(const KnCaller& caller) {
     return caller.startTime != 0;
 }
@@ -57,18 +64,19 @@ ResultCode CallerAccounts::Charge(const KnCaller& caller, Kind kind, std::size_t
 
 /// Takes one of `kind`, if that is given, and `bytes`.
 ResultCode CallerAccounts::Take(Account& account, std::optional<Kind> kind, std::size_t bytes) {
-    if (limits) {
+    if (limits && account.caller.pid != ::getpid()) {
         if (kind) {
             const Bounds& bounds = BoundsOf[Index(*kind)];
             const std::size_t own = account.usage.counts[Index(*kind)];
             const std::size_t all = total.counts[Index(*kind)];
-            if (own >= (*limits).*bounds.perProcess || all >= (*limits).*bounds.total) {
+            if (own >= (*limits).*bounds.perProcess || all >= ShareOf((*limits).*bounds.total, own, FewRegistrations)) {
                 return Refuse(account, bounds.code, std::string(NameOf(*kind)) + "s", own, all);
             }
         }
-        if (account.usage.bytes + bytes > limits->nameBytesPerProcess || total.bytes + bytes > limits->nameBytes) {
-            return Refuse(account, ResultCode::TooManyBytes, "bytes of names and topics", account.usage.bytes,
-                          total.bytes);
+        const std::size_t own = account.usage.bytes;
+        if (own + bytes > limits->nameBytesPerProcess ||
+            total.bytes + bytes > ShareOf(limits->nameBytes, own + bytes, FewBytes)) {
+            return Refuse(account, ResultCode::TooManyBytes, "bytes of names and topics", own, total.bytes);
         }
     }
     account.wasRefused = false;

@@ -3,6 +3,8 @@
 
 #include "support/bus_test.h"
 
+#include <unistd.h>
+
 #include <limits>
 
 namespace {
@@ -68,6 +70,37 @@ TEST_F(CallerAccountsTest, Charge_BeyondThatOfAll_IsRefused) {
     Register(one, Kind::Publisher, 2);
     EXPECT_EQ(Register(two, Kind::Publisher, 3), ResultCode::Success);
     EXPECT_EQ(Register(two, Kind::Publisher, 4), ResultCode::TooManyRegistrations);
+}
+
+TEST_F(CallerAccountsTest, TheLastSixteenthOfATotal_IsForCallersWithLittle) {
+    Limits limits;
+    limits.publishers = 160;
+    limits.nameBytes = 16 * CallerAccounts::FewBytes;
+    limits.nameBytesPerProcess = limits.nameBytes;
+    CallerAccounts shared{limits};
+    for (int count = 0; count < 150; ++count) {
+        ASSERT_EQ(shared.Charge(one, Kind::Publisher, 0), ResultCode::Success) << count;
+    }
+    EXPECT_EQ(shared.Charge(one, Kind::Publisher, 0), ResultCode::TooManyRegistrations);
+    for (int count = 0; count < 10; ++count) {
+        ASSERT_EQ(shared.Charge(two, Kind::Publisher, 0), ResultCode::Success) << count;
+    }
+    EXPECT_EQ(shared.Charge(two, Kind::Publisher, 0), ResultCode::TooManyRegistrations);
+
+    ASSERT_EQ(shared.Charge(one, Kind::Subscriber, 15 * CallerAccounts::FewBytes), ResultCode::Success);
+    EXPECT_EQ(shared.Charge(one, Kind::Subscriber, 1), ResultCode::TooManyBytes);
+    EXPECT_EQ(shared.Charge(two, Kind::Subscriber, CallerAccounts::FewBytes - 1), ResultCode::Success);
+    EXPECT_EQ(shared.Charge(two, Kind::Subscriber, 1), ResultCode::TooManyBytes);
+}
+
+TEST_F(CallerAccountsTest, TheServersOwnProcess_IsNotLimited) {
+    KnCaller own = Process(3);
+    own.pid = ::getpid();
+    for (long id = 1; id <= 3; ++id) {
+        Register(id == 3 ? two : one, Kind::Publisher, id);
+    }
+    EXPECT_EQ(Register(two, Kind::Publisher, 4), ResultCode::TooManyRegistrations);
+    EXPECT_EQ(Register(own, Kind::Publisher, 4, 100), ResultCode::Success);
 }
 
 TEST_F(CallerAccountsTest, Charge_CountsWhatIsOnItsWay) {
