@@ -24,10 +24,17 @@ inline constexpr std::size_t KindCount = 3;
 /// Returns: the name of a kind in messages, such as "publisher".
 std::string_view NameOf(Kind kind);
 
+/// What each topic of a subscriber is charged beside its bytes: the bus keeps it in a block of this size, so that many
+/// short ones take far more than their bytes.
+inline constexpr std::size_t TopicOverhead = 80;
+
 /// Which process has made which registration, and what it has of its limits.
 ///
 /// A registration is charged before the bus makes it, so that two at once cannot exceed a limit, and then added with
 /// its id or refunded. Publishers and subscribers share their ids, handshakes have ids of their own.
+///
+/// Of each total, the last sixteenth is for callers that have little: a few processes cannot keep all others away.
+/// The server's own process, which checks its health as a client, is not limited.
 ///
 /// A process that is not identified (kn/caller.h) has several callers; so what one of those has registered, each of
 /// them may use.
@@ -36,6 +43,10 @@ std::string_view NameOf(Kind kind);
 class CallerAccounts final {
 public:
     using Clock = std::chrono::steady_clock;
+
+    /// Callers with less than this may use the last sixteenth of a total.
+    static constexpr std::size_t FewRegistrations = 16;
+    static constexpr std::size_t FewBytes = 64U << 10;
 
     struct Registration {
         Kind kind;
@@ -65,7 +76,7 @@ public:
     void Remove(Registration ended);
 
     /// Returns: whether `caller` may use the registration. Of those that no caller has made, publishers are the
-    /// server's own, and the others do not exist.
+    /// server's own, and the others do not exist; one that is being made is its maker's, whose reply has its id first.
     bool MayUse(const KnCaller& caller, Registration used) const;
 
     /// Returns: the caller that made the registration; one without a process when it is not known.
@@ -99,6 +110,10 @@ private:
         bool wasRefused = false; ///< since it last was granted something
     };
 
+    using Ids = std::array<long, KindCount>;
+    static constexpr Ids NoIds{-1, -1, -1};
+
+    bool MayBeOnItsWay(Registration registration) const REQUIRES(mutex);
     cor::ResultCode Take(Account& account, std::optional<Kind> kind, std::size_t bytes) REQUIRES(mutex);
     cor::ResultCode Refuse(Account& account, cor::ResultCode code, std::string_view what, std::size_t own,
                            std::size_t all) REQUIRES(mutex);
@@ -111,6 +126,8 @@ private:
     std::unordered_map<std::uint64_t, Account> accounts GUARDED_BY(mutex); ///< of callers that have something
     std::array<Registrations, KindCount> registrations GUARDED_BY(mutex);  ///< by kind, then by id
     Usage total GUARDED_BY(mutex);
+    Ids highest GUARDED_BY(mutex) = NoIds; ///< ids that were added
+    Ids settled GUARDED_BY(mutex) = NoIds; ///< `highest`, when the last registration began beside no other
 };
 
 } // namespace msgbus_server

@@ -2,6 +2,8 @@
 
 #include "diagnostics.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cassert>
 #include <utility>
@@ -31,6 +33,11 @@ constexpr std::array<Bounds, KindCount> BoundsOf{{
     {&Limits::handshakesPerProcess, &Limits::handshakes, ResultCode::TooManyHandshakes},
 }};
 
+/// Returns: what of a total is left to callers that have `own`, of which less than `few` is little.
+std::size_t ShareOf(std::size_t total, std::size_t own, std::size_t few) {
+    return own < few ? total : total - total / 16;
+}
+
 bool IsIdentified(const KnCaller& caller) {
     return caller.startTime != 0;
 }
@@ -57,21 +64,25 @@ ResultCode CallerAccounts::Charge(const KnCaller& caller, Kind kind, std::size_t
 
 /// Takes one of `kind`, if that is given, and `bytes`.
 ResultCode CallerAccounts::Take(Account& account, std::optional<Kind> kind, std::size_t bytes) {
-    if (limits) {
+    if (limits && account.caller.pid != ::getpid()) {
         if (kind) {
             const Bounds& bounds = BoundsOf[Index(*kind)];
             const std::size_t own = account.usage.counts[Index(*kind)];
             const std::size_t all = total.counts[Index(*kind)];
-            if (own >= (*limits).*bounds.perProcess || all >= (*limits).*bounds.total) {
+            if (own >= (*limits).*bounds.perProcess || all >= ShareOf((*limits).*bounds.total, own, FewRegistrations)) {
                 return Refuse(account, bounds.code, std::string(NameOf(*kind)) + "s", own, all);
             }
         }
-        if (account.usage.bytes + bytes > limits->nameBytesPerProcess || total.bytes + bytes > limits->nameBytes) {
-            return Refuse(account, ResultCode::TooManyBytes, "bytes of names and topics", account.usage.bytes,
-                          total.bytes);
+        const std::size_t own = account.usage.bytes;
+        if (own + bytes > limits->nameBytesPerProcess ||
+            total.bytes + bytes > ShareOf(limits->nameBytes, own + bytes, FewBytes)) {
+            return Refuse(account, ResultCode::TooManyBytes, "bytes of names and topics", own, total.bytes);
         }
     }
     account.wasRefused = false;
+    if (kind && total.counts[Index(*kind)] == registrations[Index(*kind)].size()) {
+        settled[Index(*kind)] = highest[Index(*kind)];
+    }
     for (Usage* const usage : {&account.usage, &total}) {
         usage->bytes += bytes;
         if (kind) {
@@ -121,6 +132,7 @@ void CallerAccounts::Add(const KnCaller& caller, Registration made, std::size_t 
     [[maybe_unused]] const bool isNew =
         registrations[Index(made.kind)].try_emplace(made.id, Entry{caller.id, bytes, expires}).second;
     assert(isNew); // no id is given twice
+    highest[Index(made.kind)] = std::max(highest[Index(made.kind)], made.id);
 }
 
 ResultCode CallerAccounts::ChargeTopic(long handshake, std::size_t bytes) {
@@ -160,11 +172,18 @@ const CallerAccounts::Entry* CallerAccounts::Find(Registration registration) con
     return found == table.end() ? nullptr : &found->second;
 }
 
+/// Returns: whether an id that is unknown may be that of a registration that was charged and is not added yet. The bus
+/// counts up, so its id is higher than any that was added before the charge.
+bool CallerAccounts::MayBeOnItsWay(Registration registration) const {
+    const std::size_t kind = Index(registration.kind);
+    return total.counts[kind] != registrations[kind].size() && registration.id > settled[kind];
+}
+
 bool CallerAccounts::MayUse(const KnCaller& caller, Registration used) const {
     const common::MutexLock lock(mutex);
     const Entry* const entry = Find(used);
     if (entry == nullptr) {
-        return used.kind != Kind::Publisher; // that is one of the server's own
+        return used.kind != Kind::Publisher && !MayBeOnItsWay(used); // a publisher is one of the server's own
     }
     return entry->owner == caller.id || (!IsIdentified(caller) && !IsIdentified(accounts.at(entry->owner).caller));
 }

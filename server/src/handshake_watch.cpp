@@ -29,6 +29,10 @@ const Request& As(const nk_message& record) {
     return reinterpret_cast<const Request&>(record);
 }
 
+std::size_t ChargeFor(const br_MessageBusCtl_Subscribe_req& step) {
+    return BytesOf(step.topic) + TopicOverhead;
+}
+
 std::int32_t ErrorResult(ResultCode code) {
     return br_MessageBus_ErrorResult(static_cast<std::uint16_t>(code));
 }
@@ -52,7 +56,7 @@ bool HandshakeWatch::OnRequest(const KnCaller& caller, nk_message& request, nk_m
     case br_MessageBusCtl_Subscribe_mid: {
         auto& step = As<br_MessageBusCtl_Subscribe_req>(request);
         hide(step.registrationId);
-        result = accounts.ChargeTopic(step.registrationId, BytesOf(step.topic));
+        result = accounts.ChargeTopic(step.registrationId, ChargeFor(step));
         if (result != ResultCode::Success) {
             br_MessageBusCtl_Subscribe_reply(ErrorResult(result), &reply);
         }
@@ -89,7 +93,7 @@ void HandshakeWatch::OnReply(const KnCaller& caller, const nk_message& request, 
     case br_MessageBusCtl_Subscribe_mid:
         if (NkIsError(reply)) {
             const auto& step = As<br_MessageBusCtl_Subscribe_req>(request);
-            accounts.RefundTopic(step.registrationId, BytesOf(step.topic));
+            accounts.RefundTopic(step.registrationId, ChargeFor(step));
         }
         break;
     default:

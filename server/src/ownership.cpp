@@ -59,7 +59,7 @@ ResultCode Ownership::RegisterSubscriber(const std::string& name, const std::set
                                          long& subscriberId) {
     const std::size_t bytes =
         std::accumulate(topics.begin(), topics.end(), name.size(),
-                        [](std::size_t sum, const std::string& topic) { return sum + topic.size(); });
+                        [](std::size_t sum, const std::string& topic) { return sum + topic.size() + TopicOverhead; });
     return Register(Kind::Subscriber, bytes, subscriberId,
                     [&] { return bus.control.RegisterSubscriber(name, topics, subscriberId); });
 }

@@ -3,6 +3,8 @@
 
 #include "support/bus_test.h"
 
+#include <unistd.h>
+
 #include <limits>
 
 namespace {
@@ -70,6 +72,37 @@ TEST_F(CallerAccountsTest, Charge_BeyondThatOfAll_IsRefused) {
     EXPECT_EQ(Register(two, Kind::Publisher, 4), ResultCode::TooManyRegistrations);
 }
 
+TEST_F(CallerAccountsTest, TheLastSixteenthOfATotal_IsForCallersWithLittle) {
+    Limits limits;
+    limits.publishers = 160;
+    limits.nameBytes = 16 * CallerAccounts::FewBytes;
+    limits.nameBytesPerProcess = limits.nameBytes;
+    CallerAccounts shared{limits};
+    for (int count = 0; count < 150; ++count) {
+        ASSERT_EQ(shared.Charge(one, Kind::Publisher, 0), ResultCode::Success) << count;
+    }
+    EXPECT_EQ(shared.Charge(one, Kind::Publisher, 0), ResultCode::TooManyRegistrations);
+    for (int count = 0; count < 10; ++count) {
+        ASSERT_EQ(shared.Charge(two, Kind::Publisher, 0), ResultCode::Success) << count;
+    }
+    EXPECT_EQ(shared.Charge(two, Kind::Publisher, 0), ResultCode::TooManyRegistrations);
+
+    ASSERT_EQ(shared.Charge(one, Kind::Subscriber, 15 * CallerAccounts::FewBytes), ResultCode::Success);
+    EXPECT_EQ(shared.Charge(one, Kind::Subscriber, 1), ResultCode::TooManyBytes);
+    EXPECT_EQ(shared.Charge(two, Kind::Subscriber, CallerAccounts::FewBytes - 1), ResultCode::Success);
+    EXPECT_EQ(shared.Charge(two, Kind::Subscriber, 1), ResultCode::TooManyBytes);
+}
+
+TEST_F(CallerAccountsTest, TheServersOwnProcess_IsNotLimited) {
+    KnCaller own = Process(3);
+    own.pid = ::getpid();
+    for (long id = 1; id <= 3; ++id) {
+        Register(id == 3 ? two : one, Kind::Publisher, id);
+    }
+    EXPECT_EQ(Register(two, Kind::Publisher, 4), ResultCode::TooManyRegistrations);
+    EXPECT_EQ(Register(own, Kind::Publisher, 4, 100), ResultCode::Success);
+}
+
 TEST_F(CallerAccountsTest, Charge_CountsWhatIsOnItsWay) {
     EXPECT_EQ(accounts.Charge(one, Kind::Handshake, 0), ResultCode::Success);
     EXPECT_EQ(accounts.Charge(one, Kind::Handshake, 0), ResultCode::TooManyHandshakes);
@@ -133,6 +166,18 @@ TEST_F(CallerAccountsTest, MayUse_IsForItsProcessOnly) {
 TEST_F(CallerAccountsTest, MayUse_OfAPublisherThatNobodyRegistered_IsForNobody) {
     EXPECT_FALSE(accounts.MayUse(one, {Kind::Publisher, 1})) << "it is the server's own";
     EXPECT_TRUE(accounts.MayUse(one, {Kind::Subscriber, 1})) << "the bus says that it is unknown";
+}
+
+TEST_F(CallerAccountsTest, MayUse_OfWhatIsBeingRegistered_IsForNobody) {
+    for (const Kind kind : {Kind::Subscriber, Kind::Handshake}) {
+        Register(one, kind, 1);
+        accounts.Remove({kind, 1});
+        ASSERT_EQ(accounts.Charge(two, kind, 0), ResultCode::Success);
+        EXPECT_FALSE(accounts.MayUse(one, {kind, 2})) << "it may be the one that is charged";
+        EXPECT_TRUE(accounts.MayUse(one, {kind, 1})) << "the bus says that it has ended";
+        accounts.Refund(two, kind, 0);
+        EXPECT_TRUE(accounts.MayUse(one, {kind, 2})) << "the bus says that it is unknown";
+    }
 }
 
 TEST_F(CallerAccountsTest, WhatAnUnidentifiedCallerRegistered_IsForAllOfThem) {

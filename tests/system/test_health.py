@@ -5,7 +5,7 @@ import signal
 import socket
 import tempfile
 
-from harness import MODE, PATIENCE, BusTest, main, wait_until
+from harness import MODE, PATIENCE, BusTest, Calls, main, wait_until
 
 
 class Health(BusTest):
@@ -57,6 +57,25 @@ class Health(BusTest):
         with self.assertRaises(TimeoutError):
             self.next()
         server.stop()
+
+    def test_beats_come_although_every_total_is_used_up(self):
+        self.watch(100000)
+        totals = ("publishers", "subscribers", "handshakes")
+        self.server(*(option for total in totals for option in ("--limit", f"{total}=1")))
+        client = Calls(self)
+
+        def take(call):
+            # A beat has one of its own for a moment.
+            wait_until(self, lambda: client.call(call)[0] == "0", f"'{call}' to be accepted")
+        take("publisher t")
+
+        def take_subscriber():
+            code, number = client.call("start reader")
+            return code == "0" and client.call(f"finish {number} commit")[0] == "0"
+        wait_until(self, take_subscriber, "a subscriber to be accepted")
+        take("start half")
+        for _ in range(40):  # more than the socket holds
+            self.assertIn(self.next(), ("READY=1\nSTATUS=Serving", "WATCHDOG=1"))
 
     def test_a_drain_keeps_the_watchdog_quiet(self):
         server_options = ("--drain-limit", "60000")

@@ -61,16 +61,16 @@ class Limits(BusTest):
         client.subscriber("reader", "t")
 
     def test_a_process_has_so_many_bytes_of_names_and_topics(self):
-        server = self.server("--limit", "name-bytes-per-process=100")
+        server = self.server("--limit", "name-bytes-per-process=400")
         client = Calls(self)
-        long = "x" * 60
+        long = "x" * 210
         publisher = client.publisher(long)
         self.assertEqual(client.call(f"publisher y{long}"), [TOO_MANY_BYTES, "-1"])
-        server.expect_error("is refused more bytes of names and topics: it has 60")
+        server.expect_error("is refused more bytes of names and topics: it has 210")
         self.assertEqual(client.call(f"start {long}")[0], TOO_MANY_BYTES)
         handshake = client.call("start reader")[1]
         self.assertEqual(client.call(f"topic {handshake} {long}"), [TOO_MANY_BYTES])
-        self.assertEqual(client.call(f"topic {handshake} short"), ["0"])
+        self.assertEqual(client.call(f"topic {handshake} short"), ["0"], "85 bytes")
         self.assertEqual(client.repeat(9, f"topic {handshake} short"), "8 x 9", "what is there already costs nothing")
         self.assertEqual(client.call(f"finish {handshake} commit")[0], "0")
         self.assertEqual(client.call(f"unpublish {publisher}"), ["0"])

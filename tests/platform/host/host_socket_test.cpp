@@ -90,6 +90,35 @@ TEST_F(RudeClient, ThatNeverGreets_MakesRoomForTheNext) {
     EXPECT_EQ(KnStatusOk, silent.back().Answer()) << "the youngest may still greet";
 }
 
+TEST_F(RudeClient, ThatNeverGreets_MakesRoomItselfAndKeepsOthersTheirs) {
+    const Handle server = RegisterStatic();
+    const Echoers echoers(server.Get());
+    const RawSocket slow; // the oldest of all, and the only one of its process
+    int connected[2];
+    ASSERT_EQ(0, ::pipe2(connected, O_CLOEXEC));
+    const pid_t other = ::fork();
+    if (other == 0) {
+        if (slow.Connect("static/line") != 0 || ::write(connected[1], "x", 1) != 1) {
+            std::_Exit(1);
+        }
+        ::pause();
+    }
+    ::close(connected[1]);
+    char byte = 0;
+    ASSERT_EQ(1, ::read(connected[0], &byte, 1));
+    ::close(connected[0]);
+    const LogRecorder log;
+    const std::vector<RawSocket> silent(Admission::MaxGreeting + 10);
+    for (const RawSocket& client : silent) {
+        ASSERT_EQ(0, client.Connect("static/line"));
+    }
+    EXPECT_EQ(KnStatusBusy, silent.front().Answer());
+    EXPECT_TRUE(slow.Greet());
+    EXPECT_EQ(KnStatusOk, slow.Answer());
+    ::kill(other, SIGKILL);
+    ::waitpid(other, nullptr, 0);
+}
+
 TEST_F(RudeClient, ThatAsksTooOften_IsBusy_AndOthersAreServed) {
     ASSERT_EQ(KnStatusOk, Publish("service"));
     const Joined joined = Join("service");

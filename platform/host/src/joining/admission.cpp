@@ -158,7 +158,7 @@ void Admission::Welcome(std::uint64_t listenerId, UniqueFd socket) {
         return;
     }
     if (visitors.GreetingCount() >= MaxGreeting) {
-        visitors.RefuseOldestGreeting(KnStatusBusy);
+        visitors.RefuseOneGreeting(KnStatusBusy);
     }
     const Deadline greetBy = std::chrono::steady_clock::now() + GreetingTime;
     if (auto* const visitor = visitors.Add(listenerId, std::move(socket), std::move(peer), greetBy)) {

@@ -28,7 +28,7 @@ namespace borven_host {
 /// Threads: the housekeeper's mutex guards every call.
 class Admission final {
 public:
-    /// Visitors in the stage Greeting; one more replaces the oldest.
+    /// Visitors in the stage Greeting; one more replaces one of the process that has most.
     static constexpr std::size_t MaxGreeting = 64;
     /// From connecting to the greeting.
     static constexpr std::chrono::seconds GreetingTime{10};

@@ -51,11 +51,22 @@ Visitors::Visitor* Visitors::Add(std::uint64_t listenerId, UniqueFd socket, Peer
     return &visitor;
 }
 
-void Visitors::RefuseOldestGreeting(std::int32_t status) {
+void Visitors::RefuseOneGreeting(std::int32_t status) {
     assert(!greeting.empty());
-    Visitor& oldest = visitors.at(greeting.front());
-    Log(LogLevel::Warning, {"refused ", Describe(oldest.peer), ", which has sent no greeting: ", KnStatusText(status)});
-    Refuse(oldest, status);
+    std::unordered_map<pid_t, std::size_t> counts;
+    for (const std::uint64_t id : greeting) {
+        ++counts[visitors.at(id).peer.pid];
+    }
+    const auto fewer = [&](std::uint64_t left, std::uint64_t right) {
+        return counts.at(visitors.at(left).peer.pid) < counts.at(visitors.at(right).peer.pid);
+    };
+    RefuseGreeting(visitors.at(*std::max_element(greeting.begin(), greeting.end(), fewer)), status);
+}
+
+void Visitors::RefuseGreeting(Visitor& visitor, std::int32_t status) {
+    Log(LogLevel::Warning,
+        {"refused ", Describe(visitor.peer), ", which has sent no greeting: ", KnStatusText(status)});
+    Refuse(visitor, status);
 }
 
 bool Visitors::IsAskingTooMuch(const Visitor& visitor) const {
@@ -225,7 +236,7 @@ Deadline Visitors::NextDeadline() const {
 
 void Visitors::Expire(Deadline now) {
     while (!greeting.empty() && visitors.at(greeting.front()).deadline <= now) {
-        RefuseOldestGreeting(KnStatusTimedOut);
+        RefuseGreeting(visitors.at(greeting.front()), KnStatusTimedOut);
     }
     for (std::size_t i = 0; i < asking.size();) {
         Visitor& visitor = visitors.at(asking[i]);

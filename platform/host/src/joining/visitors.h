@@ -89,7 +89,9 @@ public:
     Visitor* Add(std::uint64_t listenerId, UniqueFd socket, Peer peer, Deadline deadline);
 
     std::size_t GreetingCount() const noexcept { return greeting.size(); }
-    void RefuseOldestGreeting(std::int32_t status);
+    /// Makes room: refuses the oldest visitor in the stage Greeting of the process that has most of them.
+    /// Requires: there is one.
+    void RefuseOneGreeting(std::int32_t status);
 
     /// Greeting -> Asking, or refuses the visitor.
     void Ask(Visitor& visitor, const std::string& service, const std::string& type);
@@ -128,6 +130,7 @@ public:
     Map Release() noexcept;
 
 private:
+    void RefuseGreeting(Visitor& visitor, std::int32_t status);
     bool IsAskingTooMuch(const Visitor& visitor) const;
     void Unwatch(const Visitor& visitor) const noexcept;
 
