@@ -3,6 +3,8 @@
 
 #include "support/bus_test.h"
 
+#include <unistd.h>
+
 #include <limits>
 
 namespace {
@@ -68,6 +70,15 @@ TEST_F(CallerAccountsTest, Charge_BeyondThatOfAll_IsRefused) {
     Register(one, Kind::Publisher, 2);
     EXPECT_EQ(Register(two, Kind::Publisher, 3), ResultCode::Success);
     EXPECT_EQ(Register(two, Kind::Publisher, 4), ResultCode::TooManyRegistrations);
+}
+
+TEST_F(CallerAccountsTest, Charge_OfTheServerItself_IsNeverRefused) {
+    KnCaller self = Process(3);
+    self.pid = ::getpid();
+    for (long id = 1; id <= 10; ++id) {
+        EXPECT_EQ(Register(self, Kind::Publisher, id, 10), ResultCode::Success);
+    }
+    EXPECT_EQ(Register(one, Kind::Publisher, 11), ResultCode::TooManyRegistrations) << "it counts all the same";
 }
 
 TEST_F(CallerAccountsTest, Charge_CountsWhatIsOnItsWay) {

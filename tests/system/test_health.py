@@ -5,7 +5,7 @@ import signal
 import socket
 import tempfile
 
-from harness import MODE, PATIENCE, BusTest, main, wait_until
+from harness import MODE, PATIENCE, BusTest, Calls, main, wait_until
 
 
 class Health(BusTest):
@@ -56,6 +56,26 @@ class Health(BusTest):
         self.notify.settimeout(1)
         with self.assertRaises(TimeoutError):
             self.next()
+        server.stop()
+
+    def test_beats_go_on_when_clients_have_reached_every_limit(self):
+        self.watch(100000)
+        limits = ("publishers", "subscribers", "handshakes")
+        server = self.server(*(word for limit in limits for word in ("--limit", limit + "=1")), log_level="info")
+        self.assertEqual(self.next_but_beats(), "READY=1\nSTATUS=Serving")
+        client = Calls(self)
+
+        def succeeds(text):  # a beat takes the only place at times
+            wait_until(self, lambda: client.call(text)[0] == "0", text)
+
+        def subscribes():
+            code, handshake = client.call("start reader")
+            return code == "0" and client.call(f"finish {handshake} commit")[0] == "0"
+        succeeds("publisher t")
+        wait_until(self, subscribes, "a subscriber")
+        succeeds("start half")
+        for _ in range(30):  # more than were queued before
+            self.assertEqual(self.next(), "WATCHDOG=1")
         server.stop()
 
     def test_a_drain_keeps_the_watchdog_quiet(self):
