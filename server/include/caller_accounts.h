@@ -64,8 +64,8 @@ public:
     /// Ends a registration, and what was charged for it. Does nothing when it is not known.
     void Remove(Registration ended);
 
-    /// Returns: whether `caller` may use the registration. Of those that no caller has made, publishers are the
-    /// server's own, and the others do not exist.
+    /// Returns: whether `caller` may use the registration. A subscriber that has ended belongs to nobody: the bus has
+    /// its answer. Any other id that is not known is for nobody: its registration may be under way.
     bool MayUse(const KnCaller& caller, Registration used) const;
 
     /// Returns: the caller that made the registration; one without a process when it is not known.
@@ -103,6 +103,7 @@ private:
     cor::ResultCode Refuse(Account& account, cor::ResultCode code, std::string_view what, std::size_t own,
                            std::size_t all) REQUIRES(mutex);
     void GiveBack(std::uint64_t owner, std::optional<Kind> kind, std::size_t bytes) REQUIRES(mutex);
+    void Settle(Kind kind) REQUIRES(mutex);
     const Entry* Find(Registration registration) const REQUIRES(mutex);
 
     const std::optional<Limits> limits;
@@ -111,6 +112,11 @@ private:
     std::unordered_map<std::uint64_t, Account> accounts GUARDED_BY(mutex); ///< of callers that have something
     std::array<Registrations, KindCount> registrations GUARDED_BY(mutex);  ///< by kind, then by id
     Usage total GUARDED_BY(mutex);
+
+    // Of publishers and subscribers.
+    std::size_t underWay GUARDED_BY(mutex) = 0; ///< charged, and neither added nor refunded
+    long lastAdded GUARDED_BY(mutex) = 0;
+    long lastSettled GUARDED_BY(mutex) = 0; ///< no id up to this one is under way
 };
 
 } // namespace msgbus_server

@@ -60,6 +60,7 @@ ResultCode CallerAccounts::Charge(const KnCaller& caller, Kind kind, std::size_t
     if (isNew && result != ResultCode::Success) {
         accounts.erase(place);
     }
+    underWay += result == ResultCode::Success && kind != Kind::Handshake ? 1 : 0;
     return result;
 }
 
@@ -101,6 +102,7 @@ ResultCode CallerAccounts::Refuse(Account& account, ResultCode code, std::string
 void CallerAccounts::Refund(const KnCaller& caller, Kind kind, std::size_t bytes) {
     const common::MutexLock lock(mutex);
     GiveBack(caller.id, kind, bytes);
+    Settle(kind);
 }
 
 void CallerAccounts::GiveBack(std::uint64_t owner, std::optional<Kind> kind, std::size_t bytes) {
@@ -129,6 +131,22 @@ void CallerAccounts::Add(const KnCaller& caller, Registration made, std::size_t 
     [[maybe_unused]] const bool isNew =
         registrations[Index(made.kind)].try_emplace(made.id, Entry{caller.id, bytes, expires}).second;
     assert(isNew); // no id is given twice
+    if (made.kind != Kind::Handshake) {
+        lastAdded = std::max(lastAdded, made.id);
+    }
+    Settle(made.kind);
+}
+
+/// One registration is no longer under way. While there is none, the bus has given no id past the last one added that
+/// can be used.
+void CallerAccounts::Settle(Kind kind) {
+    if (kind == Kind::Handshake) {
+        return;
+    }
+    assert(underWay != 0);
+    if (--underWay == 0) {
+        lastSettled = lastAdded;
+    }
 }
 
 ResultCode CallerAccounts::ChargeTopic(long handshake, std::size_t bytes) {
@@ -172,7 +190,7 @@ bool CallerAccounts::MayUse(const KnCaller& caller, Registration used) const {
     const common::MutexLock lock(mutex);
     const Entry* const entry = Find(used);
     if (entry == nullptr) {
-        return used.kind != Kind::Publisher; // that is one of the server's own
+        return used.kind == Kind::Subscriber && used.id <= lastSettled;
     }
     return entry->owner == caller.id || (!IsIdentified(caller) && !IsIdentified(accounts.at(entry->owner).caller));
 }

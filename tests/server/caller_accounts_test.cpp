@@ -141,9 +141,26 @@ TEST_F(CallerAccountsTest, MayUse_IsForItsProcessOnly) {
     EXPECT_EQ(accounts.OwnerOf({Kind::Publisher, 1}).pid, 0);
 }
 
-TEST_F(CallerAccountsTest, MayUse_OfAPublisherThatNobodyRegistered_IsForNobody) {
-    EXPECT_FALSE(accounts.MayUse(one, {Kind::Publisher, 1})) << "it is the server's own";
-    EXPECT_TRUE(accounts.MayUse(one, {Kind::Subscriber, 1})) << "the bus says that it is unknown";
+TEST_F(CallerAccountsTest, MayUse_OfARegistrationThatNobodyMade_IsForNobody) {
+    for (const Kind kind : {Kind::Publisher, Kind::Subscriber, Kind::Handshake}) {
+        EXPECT_FALSE(accounts.MayUse(one, {kind, 1})) << NameOf(kind);
+    }
+}
+
+TEST_F(CallerAccountsTest, MayUse_OfASubscriberThatHasEnded_IsForEverybody) {
+    Register(one, Kind::Subscriber, 4);
+    accounts.Remove({Kind::Subscriber, 4});
+    EXPECT_TRUE(accounts.MayUse(one, {Kind::Subscriber, 4})) << "the bus knows how it ended";
+    EXPECT_FALSE(accounts.MayUse(one, {Kind::Subscriber, 5}));
+}
+
+TEST_F(CallerAccountsTest, MayUse_OfASubscriberThatIsUnderWay_IsForNobody) {
+    accounts.Charge(one, Kind::Subscriber, 0); // gets the id 4
+    accounts.Charge(one, Kind::Publisher, 0);
+    accounts.Add(one, {Kind::Publisher, 5}, 0);
+    EXPECT_FALSE(accounts.MayUse(two, {Kind::Subscriber, 4}));
+    accounts.Refund(one, Kind::Subscriber, 0);
+    EXPECT_TRUE(accounts.MayUse(two, {Kind::Subscriber, 4})) << "it has failed";
 }
 
 TEST_F(CallerAccountsTest, WhatAnUnidentifiedCallerRegistered_IsForAllOfThem) {
