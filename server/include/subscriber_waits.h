@@ -91,8 +91,8 @@ public:
 
     /// Returns: how many values were lost so far, of the values that its limit did not permit.
     std::uint64_t Lost() const noexcept;
-    /// Returns: the memory that they take, as counted last; 0 once cut.
-    std::size_t Charge() const noexcept;
+    /// Counts what is unread, and charges it to the budget. Returns: the memory that it takes; 0 once cut.
+    std::size_t Recount() noexcept;
     std::uint64_t Caller() const noexcept { return allowance.caller; }
 
     void OnEnqueue() noexcept override;
