@@ -45,7 +45,7 @@ public:
         std::function<void()> end;      ///< the queue is canceled; on the thread that canceled it, without the mutex
         std::function<void()> delivery; ///< the queue has got a value; on the thread that put it there, as the next two
         std::function<void()> cut;      ///< the subscriber was cut, and has to be unregistered; with the mutex
-        std::function<void(QueueBudget::Exceeded)> exceeded; ///< of the budget; with the mutex
+        std::function<void(QueueBudget::Exceeded)> exceeded; ///< of the budget, to be acknowledged; with the mutex
     };
 
     /// How much may be unread, and whose it is. `budget`: null: without one. Lifetime: the budget's.

@@ -193,10 +193,9 @@ void SubscriberWaits::SetCharge(std::size_t valueCount) noexcept {
     if (allowance.budget == nullptr || bytes == charge) {
         return;
     }
-    const bool isMore = bytes > charge;
     const auto exceeded = allowance.budget->Change(allowance.caller, charge, bytes);
     charge = bytes;
-    if (isMore && exceeded != QueueBudget::Exceeded::Nothing && actions.exceeded) {
+    if (exceeded != QueueBudget::Exceeded::Nothing && actions.exceeded) {
         actions.exceeded(exceeded);
     }
 }

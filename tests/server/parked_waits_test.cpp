@@ -609,6 +609,8 @@ TEST_F(ParkedWaitsTest, EachDelivery_IsReported_AndACancelIsNot) {
 /// With a limit, and a note of what others are to do about it.
 class UnreadValuesTest : public ParkedWaitsTest {
 protected:
+    void TearDown() override { waits.reset(); } // which uses the budget
+
     void Limit(std::size_t values, SlowSubscriber policy, bool isDeferring = true) {
         waits.reset();
         waits.emplace(*bus, std::function<void()>(),
@@ -713,6 +715,21 @@ TEST_F(UnreadValuesTest, TheMemoryOfUnreadValues_IsChargedAndGivenBack) {
     EXPECT_THAT(exceeded, ElementsAre(std::pair(QueueBudget::Exceeded::OfCaller, std::uint64_t{77})));
     Unregister();
     EXPECT_EQ(budget.Change(77, 0, 1000), QueueBudget::Exceeded::Nothing) << "nothing is left of the charge";
+}
+
+TEST_F(UnreadValuesTest, ABudgetThatIsExceeded_IsReportedOnceUntilThatIsAcknowledged) {
+    Limit(200, SlowSubscriber::Cut);
+    GiveHeat(1, 150);
+    EXPECT_THAT(exceeded, SizeIs(1));
+    budget.Acknowledge(QueueBudget::Exceeded::OfCaller, 77);
+    GiveHeat(151, 2);
+    EXPECT_THAT(exceeded, SizeIs(2));
+    EXPECT_EQ(budget.Change(78, 0, 10'000), QueueBudget::Exceeded::Total) << "another budget";
+    EXPECT_EQ(budget.Change(78, 10'000, 10'001), QueueBudget::Exceeded::OfCaller);
+    EXPECT_EQ(budget.Change(78, 10'001, 10'002), QueueBudget::Exceeded::Nothing);
+    budget.Acknowledge(QueueBudget::Exceeded::Total, 78);
+    EXPECT_EQ(budget.Change(78, 10'002, 10'001), QueueBudget::Exceeded::Nothing) << "it takes less";
+    EXPECT_EQ(budget.Change(78, 10'001, 10'002), QueueBudget::Exceeded::Total);
 }
 
 TEST_F(UnreadValuesTest, WhatWasRead_CostsNothing) {
