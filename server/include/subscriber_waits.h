@@ -45,7 +45,7 @@ public:
         std::function<void()> end;      ///< the queue is canceled; on the thread that canceled it, without the mutex
         std::function<void()> delivery; ///< the queue has got a value; on the thread that put it there, as the next two
         std::function<void()> cut;      ///< the subscriber was cut, and has to be unregistered; with the mutex
-        std::function<void(QueueBudget::Exceeded)> exceeded; ///< of the budget; with the mutex
+        std::function<void(QueueBudget::Exceeded)> exceeded; ///< of the budget, to be acknowledged; with the mutex
     };
 
     /// How much may be unread, and whose it is. `budget`: null: without one. Lifetime: the budget's.
@@ -91,8 +91,8 @@ public:
 
     /// Returns: how many values were lost so far, of the values that its limit did not permit.
     std::uint64_t Lost() const noexcept;
-    /// Returns: the memory that they take, as counted last; 0 once cut.
-    std::size_t Charge() const noexcept;
+    /// Counts what is unread, and charges it to the budget. Returns: the memory that it takes; 0 once cut.
+    std::size_t Recount() noexcept;
     std::uint64_t Caller() const noexcept { return allowance.caller; }
 
     void OnEnqueue() noexcept override;

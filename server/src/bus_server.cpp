@@ -149,10 +149,11 @@ message_bus::IWorker& BusServer::MakeWorker() {
         control.budget = &*queueBudget;
         control.cut = [this](long id) { cleanUp->Post([this, id] { CutSubscriber(id); }); };
         control.exceeded = [this](QueueBudget::Exceeded what, std::uint64_t caller) {
-            const bool isTotal = what == QueueBudget::Exceeded::Total;
-            const std::size_t most = isTotal ? queueBudget->MostOfAll() : queueBudget->MostOfCaller();
-            cleanUp->Post([this, isTotal, caller, most] {
-                parkedWaits->CutLargest(isTotal ? std::nullopt : std::optional(caller), most);
+            cleanUp->Post([this, what, caller] {
+                const bool isTotal = what == QueueBudget::Exceeded::Total;
+                queueBudget->Acknowledge(what, caller);
+                parkedWaits->CutLargest(isTotal ? std::nullopt : std::optional(caller),
+                                        isTotal ? queueBudget->MostOfAll() : queueBudget->MostOfCaller());
             });
         };
     }

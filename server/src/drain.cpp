@@ -14,7 +14,8 @@ using message_bus::InboundState;
 constexpr std::chrono::milliseconds TimeBetweenLooks{10};
 constexpr long NoId = -1;
 
-/// A lost wake-up has left values in the inbound queue. A registration wakes the events thread.
+/// A lost wake-up may have left values in the inbound queue. A registration wakes the events thread; without the lock
+/// under which that sleeps, so this wake-up may be lost as well, and is repeated.
 void Wake(message_bus::MessageBus& bus) {
     long id = NoId;
     if (bus.RegisterSubscriber("drain", {}, id) == cor::ResultCode::Success) {
@@ -34,7 +35,7 @@ Unread Drain::Run(std::chrono::steady_clock::duration limit,
     const auto deadline = std::chrono::steady_clock::now() + limit;
     Unread left = Count();
     while (!left.IsNothing() && std::chrono::steady_clock::now() < deadline && !isCanceled(TimeBetweenLooks)) {
-        if (bus.Inbound() == InboundState::LeftBehind) {
+        if (!left.isInboundEmpty) {
             Wake(bus);
         }
         left = Count();

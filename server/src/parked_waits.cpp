@@ -154,7 +154,7 @@ void ParkedWaits::CutLargest(std::optional<std::uint64_t> caller, std::size_t mo
     std::size_t sum = 0;
     for (auto& waits : All()) {
         if (!caller || waits->Caller() == *caller) {
-            const std::size_t charge = waits->Charge();
+            const std::size_t charge = waits->Recount();
             sum += charge;
             candidates.emplace_back(charge, std::move(waits));
         }

@@ -134,6 +134,9 @@ void SubscriberWaits::CheckBacklog() noexcept {
         DropFirst();
         return;
     }
+    if (Backlog() > allowance.limit.values) {
+        TakeBack(); // what the client has taken of the offers is not unread
+    }
     const std::size_t backlog = Backlog();
     if (backlog > allowance.limit.values || allowance.limit.policy == SlowSubscriber::DropNewest) {
         ApplyPolicy(backlog);
@@ -153,16 +156,12 @@ void SubscriberWaits::ApplyPolicy(std::size_t backlog) noexcept {
         CutNow();
         break;
     case SlowSubscriber::DropOldest:
-        TakeBack(); // some of the oldest are offered
-        for (backlog = Backlog(); backlog > allowance.limit.values; --backlog) {
+        for (; backlog > allowance.limit.values; --backlog) {
             DropFirst();
         }
         break;
     case SlowSubscriber::DropNewest:
         while (TakeAnother()) { // only here can the last one be dropped
-        }
-        if (values.size() > allowance.limit.values) {
-            TakeBack();
         }
         for (; values.size() > allowance.limit.values; ++lost) {
             values.pop_back();
@@ -172,7 +171,7 @@ void SubscriberWaits::ApplyPolicy(std::size_t backlog) noexcept {
 }
 
 void SubscriberWaits::CutNow() noexcept {
-    TakeBack(); // what a client has taken is not lost
+    assert(offered == 0);
     isCut = true;
     SetCharge(0);
     if (actions.cut) {
@@ -194,16 +193,16 @@ void SubscriberWaits::SetCharge(std::size_t valueCount) noexcept {
     if (allowance.budget == nullptr || bytes == charge) {
         return;
     }
-    const bool isMore = bytes > charge;
     const auto exceeded = allowance.budget->Change(allowance.caller, charge, bytes);
     charge = bytes;
-    if (isMore && exceeded != QueueBudget::Exceeded::Nothing && actions.exceeded) {
+    if (exceeded != QueueBudget::Exceeded::Nothing && actions.exceeded) {
         actions.exceeded(exceeded);
     }
 }
 
 void SubscriberWaits::Cut() noexcept {
     const common::MutexLock lock(mutex);
+    TakeBack(); // what the client has taken is not lost
     if (!isCut && Backlog() != 0) {
         CutNow();
     }
@@ -224,8 +223,11 @@ std::uint64_t SubscriberWaits::LostSoFar() const noexcept {
     return lost + (isCut ? Backlog() : 0);
 }
 
-std::size_t SubscriberWaits::Charge() const noexcept {
+std::size_t SubscriberWaits::Recount() noexcept {
     const common::MutexLock lock(mutex);
+    if (!isCut) {
+        SetCharge(std::min(Backlog(), allowance.limit.values));
+    }
     return charge;
 }
 

@@ -64,9 +64,10 @@ private:
 /// A request of a process, which the calling thread serves while this exists.
 class Serving final {
 public:
-    explicit Serving(std::int32_t pid) : server(ServiceLocatorRegister("line", nullptr, 0, nullptr)) {
+    explicit Serving(std::int32_t pid, const char* channel = "line")
+        : server(ServiceLocatorRegister(channel, nullptr, 0, nullptr)) {
         const test_support::ActingAs client(pid);
-        EXPECT_EQ(ServiceLocatorConnect("line", 1000, &connection), KnStatusOk);
+        EXPECT_EQ(ServiceLocatorConnect(channel, 1000, &connection), KnStatusOk);
         caller = std::thread([this] {
             NkBosTransport transport{};
             NkBosTransport_Init(&transport, connection, nullptr, 0);
@@ -181,6 +182,22 @@ TEST_F(OwnershipTest, ARegistrationOfAProcessThatGoesMeanwhile_Ends) {
     KnCaller gone;
     EXPECT_EQ(KnCallerOfRequest(&gone), KnStatusPeerGone);
     EXPECT_THAT(accounts.AllOf(gone.id), testing::SizeIs(1));
+}
+
+TEST_F(OwnershipTest, ASubscriberThatTheBusKnowsAlready_IsUnknownToOthers_BeforeItsOwnerKnowsIt) {
+    const Serving request(One);
+    bus.before = [&] { // the bus has given it the id 1
+        bus.before = nullptr;
+        std::thread([&] {
+            const Serving another(Two, "second line");
+            std::string topic;
+            long value = -1;
+            ownership.Wait(1, topic, value);
+        }).join();
+    };
+    long id = -1;
+    EXPECT_EQ(ownership.RegisterSubscriber("reader", {"t"}, id), ResultCode::Success);
+    EXPECT_THAT(bus.calls, ElementsAre("wait 0", "subscriber"));
 }
 
 TEST_F(OwnershipTest, CleanUp_EndsWhatACallerHas_AndCancelsItsHandshakes) {

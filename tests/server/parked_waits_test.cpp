@@ -609,6 +609,8 @@ TEST_F(ParkedWaitsTest, EachDelivery_IsReported_AndACancelIsNot) {
 /// With a limit, and a note of what others are to do about it.
 class UnreadValuesTest : public ParkedWaitsTest {
 protected:
+    void TearDown() override { waits.reset(); } // which uses the budget
+
     void Limit(std::size_t values, SlowSubscriber policy, bool isDeferring = true) {
         waits.reset();
         waits.emplace(*bus, std::function<void()>(),
@@ -657,6 +659,17 @@ TEST_F(UnreadValuesTest, ACut_TakesOffersBack_SoThatWhatWasTakenIsNotLost) {
     EXPECT_EQ(clients.Loss(A), (NkLoss{9, 6})) << "of nine, three were delivered";
 }
 
+TEST_F(UnreadValuesTest, OffersThatTheClientHasTaken_AreNotUnread) {
+    Limit(5, SlowSubscriber::Cut);
+    GiveHeat(1, 5);
+    Wait(A);
+    clients.TakeOffers(A, 4);
+    GiveHeat(6, 5);
+    EXPECT_THAT(cut, IsEmpty());
+    Give("heat", 11);
+    EXPECT_THAT(cut, ElementsAre(reader));
+}
+
 TEST_F(UnreadValuesTest, DropOldest_TakesOffersBackFirst_AndKeepsTheNewest) {
     Limit(3, SlowSubscriber::DropOldest);
     GiveHeat(1, 3);
@@ -697,12 +710,26 @@ TEST_F(UnreadValuesTest, ALongQueue_IsCountedNowAndThen) {
 TEST_F(UnreadValuesTest, TheMemoryOfUnreadValues_IsChargedAndGivenBack) {
     Limit(200, SlowSubscriber::Cut);
     GiveHeat(1, 100);
-    EXPECT_EQ(waits->Find(reader)->Charge(), 1000U);
     EXPECT_THAT(exceeded, IsEmpty());
     Give("heat", 101);
     EXPECT_THAT(exceeded, ElementsAre(std::pair(QueueBudget::Exceeded::OfCaller, std::uint64_t{77})));
     Unregister();
     EXPECT_EQ(budget.Change(77, 0, 1000), QueueBudget::Exceeded::Nothing) << "nothing is left of the charge";
+}
+
+TEST_F(UnreadValuesTest, ABudgetThatIsExceeded_IsReportedOnceUntilThatIsAcknowledged) {
+    Limit(200, SlowSubscriber::Cut);
+    GiveHeat(1, 150);
+    EXPECT_THAT(exceeded, SizeIs(1));
+    budget.Acknowledge(QueueBudget::Exceeded::OfCaller, 77);
+    GiveHeat(151, 2);
+    EXPECT_THAT(exceeded, SizeIs(2));
+    EXPECT_EQ(budget.Change(78, 0, 10'000), QueueBudget::Exceeded::Total) << "another budget";
+    EXPECT_EQ(budget.Change(78, 10'000, 10'001), QueueBudget::Exceeded::OfCaller);
+    EXPECT_EQ(budget.Change(78, 10'001, 10'002), QueueBudget::Exceeded::Nothing);
+    budget.Acknowledge(QueueBudget::Exceeded::Total, 78);
+    EXPECT_EQ(budget.Change(78, 10'002, 10'001), QueueBudget::Exceeded::Nothing) << "it takes less";
+    EXPECT_EQ(budget.Change(78, 10'001, 10'002), QueueBudget::Exceeded::Total);
 }
 
 TEST_F(UnreadValuesTest, WhatWasRead_CostsNothing) {
@@ -712,7 +739,7 @@ TEST_F(UnreadValuesTest, WhatWasRead_CostsNothing) {
         Wait(A);
         clients.TakeOffers(A, clients.Offers(A).size());
     }
-    EXPECT_EQ(waits->Find(reader)->Charge(), 0U);
+    EXPECT_EQ(budget.Change(77, 0, 1000), QueueBudget::Exceeded::Nothing);
 }
 
 TEST_F(UnreadValuesTest, CutLargest_CutsNoMoreThanIsNeeded) {
@@ -732,6 +759,23 @@ TEST_F(UnreadValuesTest, CutLargest_CutsNoMoreThanIsNeeded) {
     EXPECT_THAT(cut, ElementsAre(reader));
     waits->CutLargest(78, 99);
     EXPECT_THAT(cut, ElementsAre(reader, other));
+}
+
+TEST_F(UnreadValuesTest, CutLargest_CountsWhatHasBeenReadSinceTheLastCheck) {
+    Limit(200, SlowSubscriber::Cut);
+    long other = -1;
+    ASSERT_EQ(bus->RegisterSubscriber("other", {"heat"}, other), ResultCode::Success);
+    waits->Follow(other, 78);
+    for (const long value : Numbers(1, 20)) {
+        bus->GetSubscriberPtrById(other)->queue.Enqueue(std::make_shared<Message>("heat", value));
+    }
+    GiveHeat(1, 50);
+    std::shared_ptr<Message> read;
+    for (int times = 0; times < 45; ++times) {
+        ASSERT_TRUE(Queue().TryPop(read));
+    }
+    waits->CutLargest(std::nullopt, 100);
+    EXPECT_THAT(cut, ElementsAre(other)) << "the reader has the fewest by now";
 }
 
 TEST_F(UnreadValuesTest, WhereNoReplyIsDeferred_ACutSubscriberGetsNineToo) {
