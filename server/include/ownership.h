@@ -45,6 +45,7 @@ private:
     template <typename Make>
     cor::ResultCode Register(Kind kind, std::size_t bytes, long& id, const Make& make);
     long Visible(Kind kind, long id) const;
+    long VisibleOften(Kind kind, long id) const;
 
     const Bus bus;
     CallerAccounts& accounts;

@@ -45,7 +45,7 @@ struct QueueControl {
 /// taken inside a lock of this object, and SubscriberWaits::mutex is never held together with `mutex`.
 ///
 /// Threads: any.
-class ParkedWaits final : public message_bus::IWorker {
+class ParkedWaits final : public message_bus::IWorker, private SubscriberWaits::IEvents {
 public:
     /// `deliveryAction` is called when a subscriber's queue has got a value, on the thread that put it there and with
     /// the bus's lock on the subscribers held; must not throw. `isDeferring`: false: every wait blocks in the bus.
@@ -79,6 +79,11 @@ public:
 private:
     /// The most subscribers that were cut and are remembered.
     static constexpr std::size_t MostCut = 4096;
+
+    void OnEnd(long subscriberId) noexcept override;
+    void OnDelivery() noexcept override;
+    void OnCut(long subscriberId) noexcept override;
+    void OnExceeded(QueueBudget::Exceeded what, std::uint64_t caller) noexcept override;
 
     std::shared_ptr<SubscriberWaits> FindOrAdd(long subscriberId, std::uint64_t caller);
     void Forget(long subscriberId);

@@ -40,12 +40,19 @@ namespace msgbus_server {
 /// Threads: every operation from any thread. Blocks: for the mutex, which is never held while a client is waited for.
 class SubscriberWaits final : public message_bus::IQueueListener, public std::enable_shared_from_this<SubscriberWaits> {
 public:
-    /// What others do about it. Must not throw. May be empty.
-    struct Actions {
-        std::function<void()> end;      ///< the queue is canceled; on the thread that canceled it, without the mutex
-        std::function<void()> delivery; ///< the queue has got a value; on the thread that put it there, as the next two
-        std::function<void()> cut;      ///< the subscriber was cut, and has to be unregistered; with the mutex
-        std::function<void(QueueBudget::Exceeded)> exceeded; ///< of the budget, to be acknowledged; with the mutex
+    /// What others do about it. Must not throw.
+    class IEvents {
+    public:
+        virtual ~IEvents() = default;
+
+        /// The queue is canceled. On the thread that canceled it, without the mutex.
+        virtual void OnEnd(long subscriberId) noexcept = 0;
+        /// The queue has got a value. On the thread that put it there, as the next two; without the mutex.
+        virtual void OnDelivery() noexcept = 0;
+        /// The subscriber was cut, and has to be unregistered. With the mutex.
+        virtual void OnCut(long subscriberId) noexcept = 0;
+        /// The budget is exceeded, which is to be acknowledged. With the mutex.
+        virtual void OnExceeded(QueueBudget::Exceeded what, std::uint64_t caller) noexcept = 0;
     };
 
     /// How much may be unread, and whose it is. `budget`: null: without one. Lifetime: the budget's.
@@ -55,7 +62,8 @@ public:
         std::uint64_t caller = 0;
     };
 
-    SubscriberWaits(std::shared_ptr<message_bus::Subscriber> waitingSubscriber, Actions whatToDo, Allowance allowed);
+    /// Lifetime: `informed` must outlive this object.
+    SubscriberWaits(std::shared_ptr<message_bus::Subscriber> waitingSubscriber, IEvents& informed, Allowance allowed);
     SubscriberWaits(const SubscriberWaits&) = delete;
     SubscriberWaits& operator=(const SubscriberWaits&) = delete;
     ~SubscriberWaits() override;
@@ -117,18 +125,19 @@ private:
     void DropFirst() noexcept REQUIRES(mutex);
     void SetCharge(std::size_t valueCount) noexcept REQUIRES(mutex);
 
-    const std::shared_ptr<message_bus::Subscriber> subscriber;
-    const Actions actions;
-    const Allowance allowance;
-    const std::size_t checkInterval; ///< in values
-
-    std::size_t unchecked = 0; ///< values since the last check; of the thread that puts values into the queue
-
-    mutable common::Mutex mutex;
-    std::deque<NkDeferredReply> parked GUARDED_BY(mutex); ///< oldest first
+    // What the events thread touches for each value comes first, in one cache line.
+    IEvents& events;
     /// Whether a wait is parked; changed under the mutex. It turns true before the queue is looked at, so a change that
     /// finds it false is one that the wait finds in the queue, whose mutex orders the two.
     std::atomic<bool> isParked{false};
+    std::size_t unchecked = 0;       ///< values since the last check; of the thread that puts values into the queue
+    const std::size_t checkInterval; ///< in values
+
+    const std::shared_ptr<message_bus::Subscriber> subscriber;
+    const Allowance allowance;
+
+    mutable common::Mutex mutex;
+    std::deque<NkDeferredReply> parked GUARDED_BY(mutex); ///< oldest first
     std::deque<std::shared_ptr<message_bus::Message>> values GUARDED_BY(mutex);
     std::size_t mostOffers GUARDED_BY(mutex) = NkMaxOffers; ///< of the next reply
     std::size_t offered GUARDED_BY(mutex) = 0;              ///< so many of the first values are offered

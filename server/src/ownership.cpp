@@ -16,18 +16,19 @@ constexpr long UnknownId = 0; // the bus counts from 1
 
 std::atomic<std::uint64_t> instances{0};
 
-/// A publisher that a caller may use. It stays true: no id is given twice, and none changes its owner.
-struct KnownPublisher {
+/// A registration that a caller may use. It stays true: no id is given twice, and none changes its owner.
+struct KnownUse {
     std::uint64_t instance = 0;
     std::uint64_t caller = 0;
     long id = 0;
 };
 
-/// Those that the thread has served lately: a push must not cost a lock.
-thread_local std::array<KnownPublisher, 64> knownPublishers;
+/// Those that the thread has served lately: a push or a wait must not cost a lock and a search. Publishers and
+/// subscribers share their ids, so an id is one or the other.
+thread_local std::array<KnownUse, 1024> knownUses;
 
-KnownPublisher& PlaceOf(long id) {
-    return knownPublishers[static_cast<std::uint64_t>(id) % knownPublishers.size()];
+KnownUse& PlaceOf(long id) {
+    return knownUses[static_cast<std::uint64_t>(id) % knownUses.size()];
 }
 
 } // namespace
@@ -37,17 +38,7 @@ Ownership::Ownership(Bus served, CallerAccounts& kept, bool checksOwners,
     : bus(served), accounts(kept), isOwned(checksOwners), endAllOf(std::move(endAction)), instance(++instances) {}
 
 ResultCode Ownership::Push(long publisherId, long message) {
-    if (isOwned) {
-        const std::uint64_t caller = KnCallerId();
-        KnownPublisher& known = PlaceOf(publisherId);
-        if (known.id != publisherId || known.caller != caller || known.instance != instance) {
-            if (Visible(Kind::Publisher, publisherId) != publisherId) {
-                return bus.provider.Push(UnknownId, message);
-            }
-            known = {instance, caller, publisherId};
-        }
-    }
-    return bus.provider.Push(publisherId, message);
+    return bus.provider.Push(VisibleOften(Kind::Publisher, publisherId), message);
 }
 
 ResultCode Ownership::RegisterPublisher(const std::string& topic, long& publisherId) {
@@ -94,6 +85,23 @@ long Ownership::Visible(Kind kind, long id) const {
     return accounts.MayUse(caller, {kind, id}) ? id : UnknownId;
 }
 
+/// Visible, for what is used again and again.
+long Ownership::VisibleOften(Kind kind, long id) const {
+    if (!isOwned) {
+        return id;
+    }
+    const std::uint64_t caller = KnCallerId();
+    KnownUse& known = PlaceOf(id);
+    if (known.id == id && known.caller == caller && known.instance == instance) {
+        return id;
+    }
+    const long visible = Visible(kind, id);
+    if (visible == id && accounts.OwnerOf({kind, id}).id == caller) {
+        known = {instance, caller, id};
+    }
+    return visible;
+}
+
 ResultCode Ownership::UnregisterPublisher(long publisherId) {
     const ResultCode result = bus.control.UnregisterPublisher(Visible(Kind::Publisher, publisherId));
     if (result == ResultCode::Success) {
@@ -111,7 +119,7 @@ ResultCode Ownership::UnregisterSubscriber(long subscriberId) {
 }
 
 ResultCode Ownership::Wait(long subscriberId, std::string& topic, long& message) {
-    return bus.worker.Wait(Visible(Kind::Subscriber, subscriberId), topic, message);
+    return bus.worker.Wait(VisibleOften(Kind::Subscriber, subscriberId), topic, message);
 }
 
 } // namespace msgbus_server

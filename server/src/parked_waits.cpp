@@ -93,20 +93,36 @@ std::shared_ptr<SubscriberWaits> ParkedWaits::FindOrAdd(long subscriberId, std::
     if (!subscriber) {
         return nullptr;
     }
-    SubscriberWaits::Actions actions{[this, subscriberId] { Forget(subscriberId); }, onDelivery, {}, {}};
     SubscriberWaits::Allowance allowance;
     if (control.limitOf) {
-        actions.cut = [this, subscriberId] { control.cut(subscriberId); };
-        actions.exceeded = [this, caller](QueueBudget::Exceeded what) { control.exceeded(what, caller); };
         allowance = {control.limitOf(*subscriber), control.budget, caller};
     }
-    auto added = std::make_shared<SubscriberWaits>(std::move(subscriber), std::move(actions), allowance);
+    auto added = std::make_shared<SubscriberWaits>(std::move(subscriber), static_cast<SubscriberWaits::IEvents&>(*this),
+                                                   allowance);
     const common::MutexLock lock(mutex);
     const auto [place, isNew] = waiting.try_emplace(subscriberId, std::move(added));
     if (isNew) {
         place->second->Follow();
     }
     return place->second;
+}
+
+void ParkedWaits::OnEnd(long subscriberId) noexcept {
+    Forget(subscriberId);
+}
+
+void ParkedWaits::OnDelivery() noexcept {
+    if (onDelivery) {
+        onDelivery();
+    }
+}
+
+void ParkedWaits::OnCut(long subscriberId) noexcept {
+    control.cut(subscriberId);
+}
+
+void ParkedWaits::OnExceeded(QueueBudget::Exceeded what, std::uint64_t caller) noexcept {
+    control.exceeded(what, caller);
 }
 
 void ParkedWaits::Forget(long subscriberId) {

@@ -43,9 +43,9 @@ std::size_t CheckInterval(const QueueLimit& limit) {
 
 } // namespace
 
-SubscriberWaits::SubscriberWaits(std::shared_ptr<Subscriber> waitingSubscriber, Actions whatToDo, Allowance allowed)
-    : subscriber(std::move(waitingSubscriber)), actions(std::move(whatToDo)), allowance(allowed),
-      checkInterval(CheckInterval(allowance.limit)) {}
+SubscriberWaits::SubscriberWaits(std::shared_ptr<Subscriber> waitingSubscriber, IEvents& informed, Allowance allowed)
+    : events(informed), checkInterval(CheckInterval(allowed.limit)), subscriber(std::move(waitingSubscriber)),
+      allowance(allowed) {}
 
 SubscriberWaits::~SubscriberWaits() {
     const common::MutexLock lock(mutex);
@@ -103,9 +103,7 @@ void SubscriberWaits::Fail(const NkDeferredReply& wait, const std::exception& er
 }
 
 void SubscriberWaits::OnEnqueue() noexcept {
-    if (actions.delivery) {
-        actions.delivery();
-    }
+    events.OnDelivery();
     if (isParked.load(std::memory_order_relaxed)) {
         const common::MutexLock lock(mutex);
         Serve();
@@ -122,9 +120,7 @@ void SubscriberWaits::OnCancel() noexcept {
         Serve();
         TakeBack(); // so that no later wait of the client takes one; what is left goes with this object
     }
-    if (actions.end) {
-        actions.end();
-    }
+    events.OnEnd(subscriber->id);
 }
 
 void SubscriberWaits::CheckBacklog() noexcept {
@@ -174,9 +170,7 @@ void SubscriberWaits::CutNow() noexcept {
     assert(offered == 0);
     isCut = true;
     SetCharge(0);
-    if (actions.cut) {
-        actions.cut();
-    }
+    events.OnCut(subscriber->id);
 }
 
 void SubscriberWaits::DropFirst() noexcept {
@@ -195,8 +189,8 @@ void SubscriberWaits::SetCharge(std::size_t valueCount) noexcept {
     }
     const auto exceeded = allowance.budget->Change(allowance.caller, charge, bytes);
     charge = bytes;
-    if (exceeded != QueueBudget::Exceeded::Nothing && actions.exceeded) {
-        actions.exceeded(exceeded);
+    if (exceeded != QueueBudget::Exceeded::Nothing) {
+        events.OnExceeded(exceeded, allowance.caller);
     }
 }
 
