@@ -172,8 +172,9 @@ std::string SetLimit(msgbus_server::Limits& limits, const std::string& text) {
     std::size_t number = 0;
     const char* const end = text.data() + text.size();
     const auto parsed = std::from_chars(text.data() + equals + 1, end, number);
-    if (parsed.ec != std::errc{} || parsed.ptr != end || number == 0 || number > found->highest) {
-        return "'" + text + "': the number must be from 1 to " + std::to_string(found->highest);
+    if (parsed.ec != std::errc{} || parsed.ptr != end || number < found->lowest || number > found->highest) {
+        return "'" + text + "': the number must be from " + std::to_string(found->lowest) + " to " +
+               std::to_string(found->highest);
     }
     limits.*found->value = number;
     return {};
@@ -188,6 +189,9 @@ std::optional<int> ReadLimits(const std::vector<std::string>& limits, const std:
     };
     if (!server.limits && !(limits.empty() && queueRules.empty())) {
         return refuse("--limit and --slow-subscriber need the limits, which --no-limits or --bare switches off");
+    }
+    if (!server.intake && server.holdPushes.count() != 0) {
+        return refuse("--hold-pushes needs what --no-intake or --bare switches off");
     }
     for (const auto& text : limits) {
         if (const std::string wrong = SetLimit(*server.limits, text); !wrong.empty()) {

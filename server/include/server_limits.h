@@ -30,6 +30,7 @@ struct Limits {
 struct LimitName {
     std::string_view name;
     std::size_t Limits::*value;
+    std::size_t lowest;
     std::size_t highest;
     std::string_view meaning;
 };

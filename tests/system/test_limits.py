@@ -105,7 +105,9 @@ class Limits(BusTest):
 
     def test_a_limit_that_cannot_be_is_a_usage_error(self):
         for options in (("--limit", "publishers"), ("--limit", "cats=1"), ("--limit", "publishers=0"),
-                        ("--limit", "publishers=1x"), ("--limit", "connections=2049"), ("--limit", "publishers=-1"),
+                        ("--limit", "publishers=1x"), ("--limit", "connections=2049"),
+                        ("--limit", "connections-per-process=3"), ("--bare", "--hold-pushes", "1"),
+                        ("--limit", "publishers=-1"),
                         ("--bare", "--limit", "publishers=1"), ("--slow-subscriber", "x"),
                         ("--slow-subscriber", "x=drop-all"), ("--slow-subscriber", "x=cut:0"),
                         ("--no-parked-waits", "--slow-subscriber", "x=drop-oldest")):

@@ -20,6 +20,10 @@ namespace {
 /// A socket is bound and listens under this name before it gets its own, so that no client meets one that is half done.
 constexpr const char* UnfinishedName = "unfinished";
 
+/// How long giving a name up waits for the directory's lock: a stop does not last as long as another process holds
+/// that.
+constexpr std::chrono::milliseconds ReleasePatience{100};
+
 /// Connections that may wait for the housekeeper; more of them block in connect.
 constexpr int Backlog = 256;
 
@@ -98,7 +102,7 @@ bool NamedSocket::IsInPlace() const {
 }
 
 NamedSocket::~NamedSocket() {
-    ReleaseWithin(LockPatience);
+    ReleaseWithin(ReleasePatience);
 }
 
 void NamedSocket::ReleaseWithin(std::chrono::milliseconds patience) {
