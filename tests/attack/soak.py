@@ -75,7 +75,7 @@ class Soak(Attack):
         self.run_program(f"{BIN}/bus_swarm", "visit", str(CHURNERS))
 
     def waiting_deaths(self):
-        self.run_program(f"{BIN}/dying_waiters", "200")
+        self.run_program(f"{BIN}/dying_waiters", "own", "200")
 
     def scribbles(self):
         self.run_program(f"{BIN}/scribbling_client", "2000")
