@@ -22,7 +22,7 @@ constexpr auto TooManyValues = static_cast<std::int32_t>(cor::ResultCode::TooMan
 constexpr auto Conflict = static_cast<std::int32_t>(cor::ResultCode::Conflict);
 
 /// One registration with one server. A wait occupies its connection until the reply, so ctl has a separate one.
-/// Threads: Wait on one thread, EndWait on any; the caller serializes Unregister and Id.
+/// Threads: Wait on one thread; the caller serializes the others.
 class Registration final {
 public:
     Registration(const std::string& name, const std::vector<std::string>& topics, Route route,
@@ -55,20 +55,25 @@ public:
         return br_MessageBusSubs_Wait_call(subs.Transport(), subscriberId, message.topic, message.value);
     }
 
-    /// Returns: how many values the server has dropped so far.
+    /// Returns: how many values the server has dropped so far, or had when the wait ended.
     std::uint64_t Lost() noexcept {
-        NkLoss loss;
-        static_cast<void>(NkReadLoss(subs.Transport()->handle, &loss));
-        return loss.lost;
+        if (NkLoss loss; NkReadLoss(subs.Transport()->handle, &loss) == KnStatusOk) {
+            lost = loss.lost;
+        }
+        return lost;
     }
 
-    void EndWait() noexcept { subs.Close(); }
+    void EndWait() noexcept {
+        Lost();
+        subs.Close();
+    }
     std::int64_t Id() const noexcept { return id; }
 
 private:
     Connection ctl;
     Connection subs;
     std::int64_t id = -1; // -1: not registered
+    std::uint64_t lost = 0;
 };
 
 } // namespace

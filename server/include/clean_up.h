@@ -11,7 +11,7 @@
 
 namespace msgbus_server {
 
-/// Ends what nobody else ends: the registrations of callers that are gone, handshakes that are not finished in time,
+/// Ends what is left behind: the registrations of callers that are gone, handshakes that are not finished in time,
 /// and whatever else is posted. On a thread of its own, "clean-up": those that notice must not block.
 /// Threads: any.
 class CleanUp final {

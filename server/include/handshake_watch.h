@@ -18,7 +18,7 @@ public:
         std::function<void()> noteHandshake;
     };
 
-    /// `checksOwners`: false: handshakes belong to everybody. Lifetime: `kept` must outlive this object.
+    /// `checksOwners`: false: every process may use every handshake. Lifetime: `kept` must outlive this object.
     HandshakeWatch(CallerAccounts& kept, bool checksOwners, Actions whatToDo)
         : accounts(kept), isOwned(checksOwners), actions(std::move(whatToDo)) {}
 

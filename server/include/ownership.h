@@ -27,7 +27,7 @@ public:
         message_bus::IWorker& worker;
     };
 
-    /// `checksOwners`: false: registrations belong to everybody. `endAction` is called for a caller that went while a
+    /// `checksOwners`: false: every process may use every id. `endAction` is called for a caller that went while a
     /// registration of it was made; must return at once. Lifetime: all must outlive this object.
     Ownership(Bus served, CallerAccounts& kept, bool checksOwners, std::function<void(const KnCaller&)> endAction);
 

@@ -143,9 +143,8 @@ private:
     std::size_t offered GUARDED_BY(mutex) = 0;              ///< so many of the first values are offered
     NkDeferredReply offerOf GUARDED_BY(mutex){};            ///< the wait whose reply they came with
     bool isCut GUARDED_BY(mutex) = false;
-    std::uint64_t lost GUARDED_BY(mutex) = 0;      ///< dropped
-    std::uint64_t notedLost GUARDED_BY(mutex) = 0; ///< as the clients know it
-    std::size_t charge GUARDED_BY(mutex) = 0;      ///< of the budget, in bytes
+    std::uint64_t lost GUARDED_BY(mutex) = 0; ///< dropped
+    std::size_t charge GUARDED_BY(mutex) = 0; ///< of the budget, in bytes
 };
 
 } // namespace msgbus_server

@@ -137,6 +137,9 @@ void CleanUp::End(const CallerAccounts::Registration& registration) {
 void CleanUp::CancelExpired() {
     for (const auto& registration : accounts.Expired(CallerAccounts::Clock::now())) {
         const KnCaller owner = accounts.OwnerOf(registration);
+        if (owner.id == 0) {
+            continue; // its client was faster
+        }
         Log(LogLevel::Warning, "{} {} of process {} ({}) takes too long and is cancelled", NameOf(registration.kind),
             registration.id, owner.pid, static_cast<const char*>(owner.program));
         End(registration);

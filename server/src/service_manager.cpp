@@ -91,7 +91,10 @@ std::optional<std::chrono::microseconds> ServiceManager::WatchdogPeriod() {
     if (process && *process != static_cast<std::uint64_t>(::getpid())) {
         return std::nullopt;
     }
-    return std::chrono::microseconds(*period);
+    // Beyond these a beat would never be in time, or the clock would not do.
+    constexpr std::uint64_t shortest = 1'000;
+    constexpr std::uint64_t longest = 1'000'000'000'000;
+    return std::chrono::microseconds(std::clamp(*period, shortest, longest));
 }
 
 } // namespace msgbus_server

@@ -282,8 +282,7 @@ void SubscriberWaits::Answer(const NkDeferredReply& wait) noexcept {
     }
     br_MessageBus_component_res record;
     br_MessageBusSubs_Wait_reply(0, first.topic, first.value, &record.header);
-    if (lost != notedLost) {
-        notedLost = lost;
+    if (lost != 0) {
         NkNoteLoss(wait, {0, lost});
     }
     std::size_t put = 0;

@@ -96,6 +96,17 @@ class Process:
     def signal(self, number):
         self.popen.send_signal(number)
 
+    def pause(self):
+        """Sends SIGSTOP, and waits until every thread has stopped."""
+        self.signal(signal.SIGSTOP)
+        wait_until(self.test, lambda: set(self._thread_states()) == {"T"}, f"{self} to stop")
+
+    def _thread_states(self):
+        folder = f"/proc/{self.popen.pid}/task"
+        for thread in os.listdir(folder):
+            with open(f"{folder}/{thread}/stat", encoding="utf-8") as stat:
+                yield stat.read().rsplit(")", 1)[1].split()[0]
+
     def kill(self):
         self.popen.kill()
         self.popen.wait()

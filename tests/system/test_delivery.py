@@ -135,7 +135,7 @@ class Delivery(BusTest):
     def test_a_subscriber_that_does_not_read_loses_nothing(self):
         self.server()
         reader = self.sub("t", options=("-n", "5000"))
-        reader.signal(signal.SIGSTOP)
+        reader.pause()
         publisher = self.pub("t")
         publisher.write("".join(f"{value}\n" for value in range(5000)))
         publisher.end_input()
@@ -147,7 +147,7 @@ class Delivery(BusTest):
     def test_a_subscriber_that_lags_behind_gets_two_topics_in_the_order_of_their_pushes(self):
         self.server(log_level="info")  # at debug level the server offers no values ahead
         reader = self.sub("a", "b", options=("-n", "600"))
-        reader.signal(signal.SIGSTOP)
+        reader.pause()
         pushed = []
         for run in range(6):
             topic = "ab"[run % 2]

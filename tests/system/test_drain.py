@@ -10,7 +10,7 @@ class Drains(BusTest):
     def test_what_was_pushed_is_read_before_the_stop(self):
         server = self.server(log_level="info")
         reader = self.sub("t", options=("--reconnect", "0"))
-        reader.signal(signal.SIGSTOP)
+        reader.pause()
         self.publish("t", *range(2000))
         server.signal(signal.SIGUSR1)
         server.expect_error("Draining")
@@ -31,7 +31,7 @@ class Drains(BusTest):
     def test_after_its_limit_what_was_left_is_counted(self):
         server = self.server("--drain-limit", "100", log_level="info")
         reader = self.sub("t")
-        reader.signal(signal.SIGSTOP)
+        reader.pause()
         self.publish("t", *range(500))
         server.signal(signal.SIGUSR1)
         line = server.expect_error("Values left unread: ")
@@ -48,7 +48,7 @@ class Drains(BusTest):
         server = self.server(log_level="info")
         reader = self.sub("t", options=("--reconnect", "0"))
         publisher = self.pub("u", "--reconnect", "0")
-        reader.signal(signal.SIGSTOP)
+        reader.pause()
         self.publish("t", *range(2000))
         server.signal(signal.SIGUSR1)
         server.expect_error("Draining")

@@ -82,7 +82,7 @@ class Health(BusTest):
         self.watch(100000)
         server = self.server(*server_options, log_level="info")
         reader = self.sub("t")
-        reader.signal(signal.SIGSTOP)
+        reader.pause()
         self.publish("t", *range(2000))
         server.signal(signal.SIGUSR1)
         while self.next() != "STATUS=Draining, then stopping":

@@ -167,7 +167,7 @@ class Deaths(BusTest):
     def test_a_server_that_does_not_answer_holds_nobody(self):
         server = self.server()
         reader = self.sub("t", options=("-W", "100ms"))
-        server.signal(signal.SIGSTOP)
+        server.pause()
         reader.expect_error("does not answer")
         reader.expect_exit(TIMED_OUT)
         server.signal(signal.SIGCONT)

@@ -50,7 +50,7 @@ class Names(BusTest):
 
     def test_a_server_whose_names_another_one_has_claimed_ends_and_says_so(self):
         first = self.server(log_level="info")
-        first.signal(signal.SIGSTOP)
+        first.pause()
         self.remove_names()
         second = self.server(log_level="info")
         first.signal(signal.SIGCONT)
@@ -63,7 +63,7 @@ class Names(BusTest):
     def test_a_server_whose_directory_cannot_be_used_any_more_ends_and_says_so(self):
         server = self.server(log_level="info")
         moved = self.runtime + "-moved"
-        server.signal(signal.SIGSTOP)
+        server.pause()
         os.rename(self.runtime, moved)
         os.symlink(moved, self.runtime)
         server.signal(signal.SIGCONT)

@@ -53,7 +53,7 @@ class Signals(BusTest):
     def test_a_client_that_cannot_unregister_ends_at_a_later_signal(self):
         server = self.server()
         reader = self.sub("t")
-        server.signal(signal.SIGSTOP)
+        server.pause()
         reader.signal(signal.SIGTERM)
         while reader.popen.poll() is None:
             time.sleep(0.05)

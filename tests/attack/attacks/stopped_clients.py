@@ -36,7 +36,7 @@ class StoppedClients(Attack):
 
     def stop(self, process, line):
         process.expect(line)
-        process.signal(signal.SIGSTOP)
+        process.pause()
         return process
 
     def stop_raw(self, step):

@@ -396,10 +396,10 @@ TEST(SharedMemoryEnds, WhoseBellsAreNoEventDescriptors_AreRefused) {
         return borven_host::ReceiveEnds(client.Get(), arrived);
     };
     const auto pipe = [] { // to ring it raises SIGPIPE
-        std::array<int, 2> ends{};
-        EXPECT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC));
-        ::close(ends[0]);
-        return UniqueFd(ends[1]);
+        std::array<int, 2> pair{};
+        EXPECT_EQ(0, ::pipe2(pair.data(), O_CLOEXEC));
+        ::close(pair[0]);
+        return UniqueFd(pair[1]);
     };
     EXPECT_EQ(KnStatusOk, received(MakeBell(), MakeBell()));
     EXPECT_EQ(KnStatusDenied, received(pipe(), MakeBell()));

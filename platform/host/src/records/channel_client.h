@@ -172,7 +172,7 @@ public:
     bool CountRing() noexcept { return rings.fetch_add(1, std::memory_order_relaxed) <= RingsForFree; }
 
     const std::uint64_t id;
-    const std::shared_ptr<const Caller> caller; ///< null: nobody asks who it is
+    const std::shared_ptr<const Caller> caller; ///< null: not known
 
 private:
     static constexpr std::uint64_t TakingBack = 0xFFFF; ///< of `offered`: no offers can be put meanwhile
