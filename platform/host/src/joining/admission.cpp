@@ -267,7 +267,8 @@ bool Admission::RestoreName(std::uint64_t id, Listener& listener, Deadline now) 
 }
 
 void Admission::Replace(std::uint64_t id, Listener& listener, std::unique_ptr<NamedSocket> next) {
-    while (AcceptOne(id, listener.socket->Get())) { // no new ones come: the old socket has no name
+    constexpr int most = 1024; // more than can wait there; if the socket was only moved, others may go on coming
+    for (int i = 0; i < most && AcceptOne(id, listener.socket->Get()); ++i) {
     }
     poller.Unwatch(listener.socket->Get());
     listener.socket->Release(); // where it was moved to
