@@ -15,7 +15,7 @@ using bos::logger::BOSLogger;
 using bos::logger::LogLevel;
 
 // Before the log's first record: these tests count lines of one site. The limit has tests of its own.
-const bool isUnlimited = ::setenv("BORVEN_LOG_LIMIT", "off", 1) == 0;
+const bool Unlimited = ::setenv("BORVEN_LOG_LIMIT", "off", 1) == 0;
 
 /// Replaces standard error for the length of a test.
 class StandardError : public ::testing::Test {
