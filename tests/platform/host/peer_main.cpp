@@ -201,6 +201,8 @@ private:
     }
 
     void UseUpDescriptors() {
+        // A sanitizer that looks at the type of an object for the first time needs descriptors for that.
+        static_cast<void>(bos::logger::BOSLogger::RootLogger().IsEnabled(bos::logger::LogLevel::Warning));
         rlimit limit{64, 64};
         ::setrlimit(RLIMIT_NOFILE, &limit);
         for (int fd = 0; fd >= 0;) {
