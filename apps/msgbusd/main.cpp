@@ -180,9 +180,10 @@ std::string SetLimit(msgbus_server::Limits& limits, const std::string& text) {
     return {};
 }
 
-/// Returns: nothing, or the exit status.
-std::optional<int> ReadLimits(const std::vector<std::string>& limits, const std::vector<std::string>& queueRules,
-                              msgbus_server::BusServerOptions& server) {
+/// Sets the limits and rules that the options name, and refuses options that exclude each other. Returns: nothing, or
+/// the exit status.
+std::optional<int> CompleteOptions(const std::vector<std::string>& limits, const std::vector<std::string>& queueRules,
+                                   msgbus_server::BusServerOptions& server) {
     const auto refuse = [](std::string_view sentence) {
         std::cerr << "msgbusd: " << sentence << "\nSee 'msgbusd --help'.\n";
         return ExitUsage;
@@ -312,7 +313,7 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
         PrintLimits();
         return 0;
     }
-    return ReadLimits(limits, queueRules, settings.server);
+    return CompleteOptions(limits, queueRules, settings.server);
 }
 
 } // namespace

@@ -54,8 +54,8 @@ struct BusServerOptions {
     bool intake = true;                  ///< Intake; without it a drain is a stop
 
     std::chrono::milliseconds holdPushes{0}; ///< pushes are refused until so long after the bus is served; see Intake
-    std::chrono::milliseconds drainLimit{
-        5000}; ///< a drain gives the subscribers so much time; clients repeat a push for ten seconds
+    /// A drain gives the subscribers so much time. Less than the ten seconds for which clients repeat a push.
+    std::chrono::milliseconds drainLimit{5000};
 };
 
 /// The bus as a server: builds the bus, its decorators, the connector and the IPC server, runs them, and stops them in

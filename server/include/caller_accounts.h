@@ -55,7 +55,7 @@ public:
         bool operator==(const Registration&) const = default;
     };
 
-    /// `limits`: none: nothing is refused. This process is never refused.
+    /// `limits`: none: nothing is refused.
     explicit CallerAccounts(const std::optional<Limits>& limits);
     CallerAccounts(const CallerAccounts&) = delete;
     CallerAccounts& operator=(const CallerAccounts&) = delete;

@@ -123,7 +123,7 @@ BusServer::BusServer(const BusServerOptions& chosen)
             flushWake.emplace(bus);
         }
         if (options.placement && common::MayConfineThreads()) {
-            placement.emplace(flushWake ? static_cast<message_bus::IProvider&>(*flushWake) : bus);
+            placement.emplace(Provider());
         }
         if (options.intake) {
             // Without FlushWake a value may be left in the queue until the next push, which must get there.
@@ -198,7 +198,7 @@ void BusServer::OwnRegistrations() {
     ownership.emplace(Ownership::Bus{*gate, *gate, ledger}, accounts, options.ownership, endAllOf);
 }
 
-/// Returns: the first of the decorators of pushes that do not know the callers; the bus itself without any.
+/// Returns: the first of the decorators of pushes that exist and do not know the callers; the bus itself without any.
 message_bus::IProvider& BusServer::Provider() noexcept {
     return intake      ? static_cast<message_bus::IProvider&>(*intake)
            : placement ? static_cast<message_bus::IProvider&>(*placement)

@@ -21,8 +21,10 @@ void SignalWatch::BlockSignals() {
     ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-SignalWatch::SignalWatch(std::function<void(int)> onStop, std::function<void()> onDrain)
-    : thread([this, stop = std::move(onStop), drain = std::move(onDrain)] { Run(stop, drain); }) {
+SignalWatch::SignalWatch(std::function<void(int)> onStop, std::function<void()> onDrain,
+                         std::chrono::nanoseconds sameRequestTime)
+    : sameRequest(sameRequestTime),
+      thread([this, stop = std::move(onStop), drain = std::move(onDrain)] { Run(stop, drain); }) {
     ::pthread_setname_np(thread.native_handle(), "signals");
 }
 
@@ -44,8 +46,8 @@ int SignalWatch::Next() const {
 bool SignalWatch::IgnoreTheSameRequest() const {
     using Clock = std::chrono::steady_clock;
     const sigset_t set = Watched();
-    const auto end = Clock::now() + SameRequest;
-    for (auto left = Clock::duration(SameRequest); left > left.zero() && !ending.load(); left = end - Clock::now()) {
+    const auto end = Clock::now() + sameRequest;
+    for (auto left = Clock::duration(sameRequest); left > left.zero() && !ending.load(); left = end - Clock::now()) {
         const auto nanoseconds = std::chrono::nanoseconds(left).count();
         const timespec timeout{nanoseconds / std::nano::den, nanoseconds % std::nano::den};
         static_cast<void>(::sigtimedwait(&set, nullptr, &timeout));
