@@ -81,10 +81,10 @@ class Soak(Attack):
         self.run_program(f"{BIN}/scribbling_client", "2000")
 
     def deaths(self):
-        """Clients die before they have registered anything, so that a server without clean-up can soak as well."""
-        for _ in range(100):
-            life = subprocess.Popen([f"{BIN}/stopping_client", "connected"], env=self.environment, stdout=subprocess.DEVNULL,
-                                    stderr=subprocess.DEVNULL)
+        for number in range(100):
+            state = self.random.choice(("connected", "named-a-topic", "waiting"))
+            life = subprocess.Popen([f"{BIN}/stopping_client", state, f"dying-{number}"], env=self.environment,
+                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             time.sleep(self.random.uniform(0, LONGEST_LIFE))
             life.kill()
             life.wait()

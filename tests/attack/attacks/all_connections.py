@@ -4,7 +4,6 @@ It gets Busy at its own budget, while clients of other processes still connect a
 """
 
 from attack import Attack, main
-from defences import BUDGETS
 from raw_client import BUSY, CTL, Refused
 
 CLIENTS_OF_A_CHANNEL = 2048
@@ -12,8 +11,6 @@ LEFT_FOR_OTHERS = 64
 
 
 class AllConnections(Attack):
-    defence = BUDGETS
-
     def attack(self):
         most = 0
         for _ in self.rounds():

@@ -5,7 +5,6 @@ gone, so are its topics.
 """
 
 from attack import Attack, main
-from defences import BUDGETS
 from raw_client import CTL, REGISTER_PUBLISHER, START_SUBS, SUBSCRIBE
 
 TOO_MANY_BYTES, TOO_MANY = 7, 3
@@ -14,7 +13,6 @@ MOST = 64 * 1024 * 1024 // TOPIC_SIZE
 
 
 class BytesOfTopics(Attack):
-    defence = BUDGETS
     memory_allowance_kib = 8 * 1024
 
     def attack(self):

@@ -6,7 +6,6 @@ They are cut, which their next wait learns by result code 9; the memory of the s
 import time
 
 from attack import BIN, DONE, SECONDS, Attack, main
-from defences import SLOW_SUBSCRIBERS
 from raw_client import CTL, FINISH_SUBS, START_SUBS, SUBS, SUBSCRIBE, WAIT
 
 CUT = 9
@@ -17,7 +16,6 @@ MOST_MEMORY_KIB = 160 * 1024  # what one process may leave unread takes 128 MiB 
 
 
 class DeafSubscribers(Attack):
-    defence = SLOW_SUBSCRIBERS
     log_level = "off"
     memory_allowance_kib = 16 * 1024
 

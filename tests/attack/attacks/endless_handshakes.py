@@ -7,7 +7,6 @@ a few seconds waits for). Others register meanwhile.
 import time
 
 from attack import SECONDS, Attack, main, wait_until
-from defences import BUDGETS
 from raw_client import CTL, START_SUBS
 
 TOO_MANY = 4
@@ -16,8 +15,6 @@ CANCELLED_AFTER = 60.0  # seconds
 
 
 class EndlessHandshakes(Attack):
-    defence = BUDGETS
-
     def attack(self):
         client = self.joined(CTL)
         began = time.monotonic()

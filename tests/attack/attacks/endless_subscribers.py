@@ -5,7 +5,6 @@ pair keeps its rate. When the client is gone, so are its subscribers.
 """
 
 from attack import SECONDS, Attack, main
-from defences import BUDGETS
 from raw_client import CTL, FINISH_SUBS, START_SUBS, SUBSCRIBE
 
 OVER_BUDGET = 3
@@ -13,8 +12,6 @@ FULL_BUDGET = 2000  # at most
 
 
 class EndlessSubscribers(Attack):
-    defence = BUDGETS
-
     def attack(self):
         attempts = 100_000 if SECONDS > 5 else 5_000
         client = self.joined(CTL)

@@ -8,7 +8,6 @@ import os
 import signal
 
 from attack import Attack, main
-from defences import OWNERSHIP
 from raw_client import (CTL, FINISH_SUBS, PROVIDER, PUSH, START_SUBS, SUBS, SUBSCRIBE, UNREGISTER_PUBLISHER,
                         UNREGISTER_SUBSCRIBER, WAIT, int64)
 
@@ -17,7 +16,6 @@ IDS = range(60)
 
 
 class IdsOfOthers(Attack):
-    defence = OWNERSHIP
     log_level = "off"
 
     def attack(self):

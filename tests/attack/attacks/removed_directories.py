@@ -8,13 +8,10 @@ import os
 import shutil
 
 from attack import LIMIT_OF_HANGS, Attack, main, wait_until
-from defences import DIRECTORY_WATCH
 from raw_client import CTL
 
 
 class RemovedDirectories(Attack):
-    defence = DIRECTORY_WATCH
-
     def attack(self):
         removals = 0
         for _ in self.rounds():

@@ -7,14 +7,12 @@ clients that it does not serve.
 import resource
 
 from attack import LIMIT_OF_HANGS, Attack, main
-from defences import SUPERVISION
 
 MIB = 1024 * 1024
 LIMITS = [(resource.RLIMIT_AS, more * MIB) for more in (0, 1, 2, 4, 8)] + [(resource.RLIMIT_NOFILE, 0)]
 
 
 class StarvedServers(Attack):
-    defence = SUPERVISION
     log_level = "off"
 
     def prepare(self):
