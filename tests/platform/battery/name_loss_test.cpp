@@ -41,7 +41,7 @@ TEST_F(NameLossTest, ANameThatDisappears_IsBack_AndIsNotLost) {
     for (int i = 0; i < 3; ++i) {
         RemoveName("line");
         KnHandle handle = KnInvalidHandle;
-        Await("the name should be back", [&] { return ServiceLocatorConnect("line", 0, &handle) == KnStatusOk; });
+        Await("the name should be back", [&] { return ServiceLocatorConnect("line", 1000, &handle) == KnStatusOk; });
         EXPECT_EQ(KnStatusOk, CallWith(handle, 1));
         EXPECT_EQ(KnStatusOk, KnHandleClose(handle));
     }

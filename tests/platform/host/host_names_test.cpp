@@ -320,7 +320,7 @@ protected:
 
     void ExpectServed() {
         KnHandle handle = KnInvalidHandle;
-        Await("the name should be back", [&] { return ServiceLocatorConnect("line", 0, &handle) == KnStatusOk; });
+        Await("the name should be back", [&] { return ServiceLocatorConnect("line", 1000, &handle) == KnStatusOk; });
         EXPECT_EQ(KnStatusOk, CallWith(handle, 1));
         EXPECT_EQ(KnStatusOk, KnHandleClose(handle));
         EXPECT_EQ(KnStatusOk, CallWith(client->Get(), 1)) << "a client that was connected notices nothing";
