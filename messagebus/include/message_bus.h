@@ -98,6 +98,9 @@ public:
     /// Returns: the state of the inbound queue, which may have changed since. Threads: any.
     InboundState Inbound() const;
 
+    /// Returns: how many messages are in the inbound queue. Threads: any.
+    std::size_t InboundSize() const;
+
     /// How many pushes so far may have lost their wake-up. The message of any other push is taken without another
     /// wake-up, unless it is queued behind that of a counted one. Threads: any. A push is counted after its message is
     /// queued and before it returns.

@@ -171,12 +171,16 @@ long MessageBus::GetSubscriberIdByName(const std::string& name) const {
 }
 
 InboundState MessageBus::Inbound() const {
-    if (messageQueue.Size() == 0) {
+    if (InboundSize() == 0) {
         return InboundState::Empty;
     }
     // std::atomic_ref takes no constant type, although this only reads.
     const std::atomic_ref<bool> pending(const_cast<bool&>(eventsPending));
     return pending.load(std::memory_order_relaxed) ? InboundState::Announced : InboundState::LeftBehind;
+}
+
+std::size_t MessageBus::InboundSize() const {
+    return messageQueue.Size();
 }
 
 ResultCode MessageBus::Push(long publisherId, long message) {

@@ -49,7 +49,7 @@ public:
 
 private:
     bool IsHeld() noexcept;
-    bool HasRoom() noexcept;
+    bool HasRoom() const;
 
     message_bus::IProvider& provider;
     const message_bus::MessageBus& bus;
@@ -61,9 +61,7 @@ private:
     std::atomic<bool> isClosed{false};
     std::atomic<std::uint32_t> inService{0}; ///< pushes
 
-    // Relaxed: neither carries data.
-    std::atomic<Clock::rep> heldUntil{0};   ///< 0: not held
-    std::atomic<std::size_t> sinceEmpty{0}; ///< pushes since the queue was last seen empty; kept for a crowd only
+    std::atomic<Clock::rep> heldUntil{0}; ///< 0: not held; relaxed: it carries no data
 };
 
 } // namespace msgbus_server

@@ -6,7 +6,6 @@
 namespace msgbus_server {
 
 using cor::ResultCode;
-using message_bus::InboundState;
 
 namespace {
 
@@ -59,19 +58,9 @@ bool Intake::IsHeld() noexcept {
     return false;
 }
 
-bool Intake::HasRoom() noexcept {
+bool Intake::HasRoom() const {
     const std::size_t count = subscribers();
-    if (count <= LeastCrowd) {
-        return true;
-    }
-    if (bus.Inbound() == InboundState::Empty) {
-        sinceEmpty.store(0, std::memory_order_relaxed);
-    }
-    if (sinceEmpty.load(std::memory_order_relaxed) >= std::max(MostLooks / count, LeastBacklog)) {
-        return false;
-    }
-    sinceEmpty.fetch_add(1, std::memory_order_relaxed);
-    return true;
+    return count <= LeastCrowd || bus.InboundSize() < std::max(MostLooks / count, LeastBacklog);
 }
 
 } // namespace msgbus_server

@@ -341,6 +341,7 @@ TEST_F(PushTest, EventsThread_DrainsAFullQueueAndMakesRoom) {
     const auto prepared = std::make_shared<MessageBus>();
     const long publisher = Publisher(*prepared, "heat");
     EXPECT_EQ(Fill(*prepared, publisher), InboundRoom);
+    EXPECT_EQ(prepared->InboundSize(), static_cast<std::size_t>(InboundRoom));
     RunningBus running(prepared);
     const long reader = Subscriber(running, {"heat"});
     for (long value = 0; value < InboundRoom; ++value) {
