@@ -22,8 +22,8 @@ struct Limits {
     std::size_t nameBytes = 64U << 20;
     std::size_t queuedValuesPerSubscriber = 500'000;
     std::size_t queuedBytesPerSubscriber = 64U << 20;
-    std::size_t queuedBytesPerProcess = 128U << 20;
-    std::size_t queuedBytes = 256U << 20;
+    std::size_t queuedBytesPerProcess = 512U << 20;
+    std::size_t queuedBytes = 768U << 20;
 };
 
 /// A limit as operators see it.

@@ -12,7 +12,7 @@ CUT = 9
 SUBSCRIBERS = 10
 FLOOD_SECONDS = max(SECONDS, 3.0)
 MOST_SECONDS_TO_CUT_ALL = 60.0
-MOST_MEMORY_KIB = 160 * 1024  # what one process may leave unread takes 128 MiB at most
+MOST_MEMORY_KIB = 544 * 1024  # what one process may leave unread takes 512 MiB at most
 
 
 class DeafSubscribers(Attack):
