@@ -1,7 +1,7 @@
 // How long one client waits for its turns: `turn_times push|register RATE SECONDS` makes so many calls a second and
 // prints their number and the median, the 99th percentile and the longest of their times in microseconds. With RATE 0
-// it makes as many as it can until it is killed. register: a subscriber with one topic, and its unregistration; the
-// time is that of each of the two.
+// it makes as many as it can. register: a subscriber with one topic, and its unregistration; the time is that of each
+// of the two.
 
 #include "br_MessageBus_client.h"
 #include "kn/connection_manager.h"
@@ -69,14 +69,12 @@ private:
 };
 
 std::vector<double> Times(const std::function<void()>& call, int rate, int seconds) {
-    while (rate == 0) {
-        call();
-    }
+    const std::chrono::nanoseconds period(rate == 0 ? 0 : 1'000'000'000 / rate);
     std::vector<double> times;
     auto next = Clock::now();
     const auto end = next + std::chrono::seconds(seconds);
     while (Clock::now() < end) {
-        next += std::chrono::nanoseconds(1'000'000'000 / rate);
+        next += period;
         std::this_thread::sleep_until(next);
         const auto before = Clock::now();
         call();
