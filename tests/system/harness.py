@@ -14,11 +14,11 @@ import threading
 import time
 import unittest
 
-PATIENCE = float(os.environ.get("BORVEN_TEST_PATIENCE", "60"))  # seconds; a deadline for hangs only
 BIN = os.environ["BORVEN_BIN"]
 MODE = os.environ["BORVEN_TEST_MODE"]
 SERVER_OPTIONS = os.environ.get("BORVEN_TEST_SERVER_OPTIONS", "").split()
 SANITIZED = os.environ.get("BORVEN_TEST_SLOWNESS", "1") != "1"
+PATIENCE = float(os.environ.get("BORVEN_TEST_PATIENCE", "180" if SANITIZED else "60"))  # seconds; a deadline for hangs only
 STOP_LIMIT = 6.0 * float(os.environ.get("BORVEN_TEST_SLOWNESS", "1"))  # seconds: the bus polls every 5
 
 DONE, FAILED, USAGE, REFUSED, NO_SERVER, TIMED_OUT = 0, 1, 2, 3, 4, 124
