@@ -10,39 +10,24 @@
 // `repeat N CALL` makes a call N times and prints how many had each result. A result below 0 is a platform status.
 
 #include "br_MessageBus_client.h"
-#include "kn/connection_manager.h"
+#include "connect.h"
 #include "nk/loss.h"
 #include "nk/transport.h"
-#include "service_locator.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <iostream>
 #include <list>
 #include <map>
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <thread>
 
 namespace {
 
-constexpr std::uint32_t TimeoutMs = 60000;
-constexpr std::int32_t Full = br_MessageBus_ErrorResult(2);
+using test_support::Connect;
 
-NkBosTransport Connect(const char* service) {
-    const std::string_view mode = std::getenv("BORVEN_BUS");
-    KnHandle handle = KnInvalidHandle;
-    const std::int32_t status = mode == "static" ? ServiceLocatorConnect(br_MessageBus_connection, TimeoutMs, &handle)
-                                                 : KnCmConnect(service, TimeoutMs, &handle);
-    if (status != 0) {
-        throw std::runtime_error("cannot connect: " + std::to_string(status));
-    }
-    NkBosTransport transport{};
-    NkBosTransport_Init(&transport, handle, nullptr, 0);
-    return transport;
-}
+constexpr std::int32_t Full = br_MessageBus_ErrorResult(2);
 
 class Client final {
 public:

@@ -3,9 +3,8 @@
 // no client failed by itself.
 
 #include "br_MessageBus_client.h"
-#include "kn/connection_manager.h"
+#include "connect.h"
 #include "nk/transport.h"
-#include "service_locator.h"
 
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -15,7 +14,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <random>
@@ -26,7 +24,8 @@
 
 namespace {
 
-constexpr std::uint32_t TimeoutMs = 60000;
+using test_support::Connect;
+
 constexpr std::size_t SubscriberCount = 3;
 constexpr std::size_t AliveCount = 6; // so that dead and living clients wait with the same id
 constexpr unsigned LongestPauseUs = 1500;
@@ -37,17 +36,6 @@ void Require(bool condition, const std::string& what) {
     if (!condition) {
         throw std::runtime_error(what);
     }
-}
-
-NkBosTransport Connect(const char* service) {
-    const std::string_view mode = std::getenv("BORVEN_BUS");
-    KnHandle handle = KnInvalidHandle;
-    const std::int32_t status = mode == "static" ? ServiceLocatorConnect(br_MessageBus_connection, TimeoutMs, &handle)
-                                                 : KnCmConnect(service, TimeoutMs, &handle);
-    Require(status == 0, "cannot connect: " + std::to_string(status));
-    NkBosTransport transport{};
-    NkBosTransport_Init(&transport, handle, nullptr, 0);
-    return transport;
 }
 
 /// Runs `body` in a process of its own: the parent has no connection that its children could inherit.

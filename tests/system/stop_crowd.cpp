@@ -3,23 +3,20 @@
 // prints "ready" when all are at work, and ends when the server is gone. Exit status 0 if it told every client so.
 
 #include "br_MessageBus_client.h"
-#include "kn/connection_manager.h"
-#include "kn/status.h"
+#include "connect.h"
+#include "kn/handle.h"
 #include "msgbus/error.h"
 #include "msgbus/publisher.h"
 #include "msgbus/subscriber.h"
-#include "service_locator.h"
 
 #include <sys/resource.h>
 
 #include <atomic>
 #include <cstdint>
-#include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -54,17 +51,7 @@ void PushUntilTheEnd(int number) {
 
 /// Registers subscribers of a topic without values, over one connection.
 void Register(int count) {
-    constexpr std::uint32_t timeoutMs = 60000;
-    KnHandle handle = KnInvalidHandle;
-    const char* const mode = std::getenv("BORVEN_BUS");
-    const std::int32_t status = mode != nullptr && std::string_view(mode) == "static"
-                                    ? ServiceLocatorConnect(br_MessageBus_connection, timeoutMs, &handle)
-                                    : KnCmConnect(br_MessageBusComponent_ctl_service, timeoutMs, &handle);
-    if (status != KnStatusOk) {
-        throw std::runtime_error("cannot connect");
-    }
-    NkBosTransport ctl{};
-    NkBosTransport_Init(&ctl, handle, nullptr, 0);
+    auto ctl = test_support::Connect(br_MessageBusComponent_ctl_service);
     for (int number = 0; number < count; ++number) {
         std::int64_t registration = -1;
         std::int64_t subscriber = -1;
@@ -74,7 +61,7 @@ void Register(int count) {
             throw std::runtime_error("cannot register");
         }
     }
-    KnHandleClose(handle);
+    KnHandleClose(ctl.handle);
 }
 
 /// Runs `body`, which ends with the server.

@@ -2,48 +2,29 @@
 // prints the name of the step when it has reached it.
 
 #include "br_MessageBus_client.h"
-#include "kn/connection_manager.h"
+#include "connect.h"
 #include "nk/transport.h"
-#include "service_locator.h"
 
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
 namespace {
 
-constexpr std::uint32_t TimeoutMs = 60000;
-
-NkBosTransport Connect(const char* service) {
-    const std::string_view mode = std::getenv("BORVEN_BUS");
-    KnHandle handle = KnInvalidHandle;
-    const std::int32_t status = mode == "static" ? ServiceLocatorConnect(br_MessageBus_connection, TimeoutMs, &handle)
-                                                 : KnCmConnect(service, TimeoutMs, &handle);
-    if (status != 0) {
-        std::cerr << "stopping_client: cannot connect: " << status << '\n';
-        std::exit(1);
-    }
-    NkBosTransport transport{};
-    NkBosTransport_Init(&transport, handle, nullptr, 0);
-    return transport;
-}
+using test_support::Connect;
 
 void Expect(std::int32_t status) {
     if (status != 0) {
-        std::cerr << "stopping_client: refused: " << status << '\n';
-        std::exit(1);
+        throw std::runtime_error("refused: " + std::to_string(status));
     }
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
-    const std::string_view last = argc > 1 ? argv[1] : "";
-    const std::string ownTopic = argc > 2 ? argv[2] : "victims";
+/// Returns when no step has that name.
+void Live(std::string_view last, const std::string& ownTopic) {
     const auto stopAt = [last](std::string_view step) {
         if (step == last) {
             std::cout << step << std::endl;
@@ -79,6 +60,18 @@ int main(int argc, char** argv) {
         std::cout << last << std::endl;
         Expect(br_MessageBusSubs_Wait_call(&subs, subscriber, topic, value));
     }
-    std::cerr << "stopping_client: no step is named '" << last << "'\n";
-    return 2;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const std::string_view last = argc > 1 ? argv[1] : "";
+    try {
+        Live(last, argc > 2 ? argv[2] : "victims");
+        std::cerr << "stopping_client: no step is named '" << last << "'\n";
+        return 2;
+    } catch (const std::exception& error) {
+        std::cerr << "stopping_client: " << error.what() << '\n';
+        return 1;
+    }
 }

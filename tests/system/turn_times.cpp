@@ -4,17 +4,15 @@
 // of the two.
 
 #include "br_MessageBus_client.h"
-#include "kn/connection_manager.h"
+#include "connect.h"
 #include "msgbus/publisher.h"
 #include "nk/transport.h"
-#include "service_locator.h"
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -27,21 +25,9 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using test_support::Connect;
 
-NkBosTransport Connect(const char* service) {
-    constexpr std::uint32_t timeoutMs = 60000;
-    const std::string_view mode = std::getenv("BORVEN_BUS");
-    KnHandle handle = KnInvalidHandle;
-    const std::int32_t status = mode == "static" ? ServiceLocatorConnect(br_MessageBus_connection, timeoutMs, &handle)
-                                                 : KnCmConnect(service, timeoutMs, &handle);
-    if (status != 0) {
-        throw std::runtime_error("cannot connect: " + std::to_string(status));
-    }
-    NkBosTransport transport{};
-    NkBosTransport_Init(&transport, handle, nullptr, 0);
-    return transport;
-}
+using Clock = std::chrono::steady_clock;
 
 /// Registers and unregisters in turns.
 class Registrations final {

@@ -8,7 +8,6 @@ from attack import BIN, LIMIT_OF_HANGS, SECONDS, Attack, main
 
 class ScribbledPages(Attack):
     log_level = "off"
-    memory_allowance_kib = 16 * 1024  # requests by accident register topics, which stay
 
     def attack(self):
         scribbler = self.start(f"{BIN}/scribbling_client", str(int(SECONDS * 1000)))

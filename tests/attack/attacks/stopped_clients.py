@@ -14,8 +14,6 @@ STEPS = ("connected", "started", "named-a-topic", "subscribed", "connected-to-wa
 
 
 class StoppedClients(Attack):
-    memory_allowance_kib = 16 * 1024  # what dead clients have registered may stay
-
     def attack(self):
         stops = 0
         for number in self.rounds():
