@@ -197,11 +197,13 @@ class SlowSubscriberPolicies(BusTest):
         slow = Calls(self)
         subscriber = slow.subscriber("slow", "t")
         client = Calls(self)
+        watch = client.subscriber("other", "t")  # what it has received has been delivered to both
         publisher = client.publisher("t")
         for value in range(10):
             client.call(f"push {publisher} {value}")
+        for value in range(10):
+            self.assertEqual(client.call(f"wait {watch}"), ["0", "t", str(value)])
         self.assertEqual(slow.call(f"wait {subscriber}"), ["0", "t", "0"])  # the others are offered
-        watch = client.subscriber("other", "t")
         for value in range(10, 30):
             client.call(f"push {publisher} {value}")
         for value in range(10, 30):
