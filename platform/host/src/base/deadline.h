@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 
@@ -20,8 +21,12 @@ inline int PollTimeout(Deadline deadline) {
     if (deadline == Deadline::max()) {
         return -1;
     }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-    return static_cast<int>(left < 0 ? 0 : left > 0x3FFFFFFF ? 0x3FFFFFFF : left);
+    const auto now = std::chrono::steady_clock::now();
+    if (deadline <= now) { // before subtracting: Deadline::min() is so long ago that the difference would overflow
+        return 0;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count();
+    return static_cast<int>(std::min<decltype(left)>(left, 0x3FFFFFFF));
 }
 
 } // namespace borven_host
