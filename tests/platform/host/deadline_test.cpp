@@ -19,10 +19,13 @@ TEST(PollTimeoutTest, OfADeadlineThatIsOver_IsZero) {
 }
 
 TEST(PollTimeoutTest, OfADeadlineToCome_IsTheTimeLeftRoundedUp) {
-    constexpr int hour = 3'600'000;
-    const int left = PollTimeout(DeadlineIn(hour));
-    EXPECT_GT(left, 0);
-    EXPECT_LE(left, hour);
+    constexpr std::chrono::hours hour(1);
+    for (int i = 0; i < 100; ++i) {
+        const Deadline deadline = std::chrono::steady_clock::now() + hour + std::chrono::microseconds(10 * i);
+        const std::chrono::milliseconds left(PollTimeout(deadline));
+        EXPECT_GE(std::chrono::steady_clock::now() + left, deadline);
+        EXPECT_LE(left, hour + std::chrono::milliseconds(1));
+    }
 }
 
 TEST(PollTimeoutTest, WithoutLimit_IsMinusOne) {
