@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <new>
 
@@ -66,8 +67,13 @@ std::int32_t SharedMemoryRegion::Map(const UniqueFd& file, SharedMemoryRegion& r
     }
     ::madvise(memory, RegionSize, MADV_DONTFORK);
     // A fresh file is zeros, and zeros are a slot that has never been used.
-    region.slot = std::shared_ptr<SharedSlot>(static_cast<SharedSlot*>(memory),
-                                              [](SharedSlot* mapped) { ::munmap(mapped, RegionSize); });
+    // What a child made by fork has in its place is another mapping of its own.
+    region.slot =
+        std::shared_ptr<SharedSlot>(static_cast<SharedSlot*>(memory), [owner = ::getpid()](SharedSlot* mapped) {
+            if (::getpid() == owner) {
+                ::munmap(mapped, RegionSize);
+            }
+        });
     return KnStatusOk;
 }
 
