@@ -12,6 +12,8 @@ TEMPLATES = {
     "{}_dispatch.cpp": "dispatch.cpp.j2",
     "{}_client.h": "client.h.j2",
     "{}_client.cpp": "client.cpp.j2",
+    "{}_begun.h": "begun.h.j2",
+    "{}_begun.cpp": "begun.cpp.j2",
 }
 
 
@@ -48,6 +50,19 @@ def parameters(method):
     return wrapped(["NkBosTransport* transport", *map(parameter, method.fields)], ") {")
 
 
+def step_parameters(fields):
+    """The parameters of one step of a begun call. The underscore keeps the last one apart from every field."""
+    return wrapped(["NkBosTransport* transport", *map(parameter, fields), "std::uint32_t timeout_ms"], ") {")
+
+
+def begin_parameters(method):
+    return step_parameters(method.request.fields)
+
+
+def finish_parameters(method):
+    return step_parameters(method.response.fields)
+
+
 def reply_parameters(method):
     """The parameters of the function that writes a reply."""
     values = map(value_parameter, method.response.fields)
@@ -62,7 +77,8 @@ ENVIRONMENT = jinja2.Environment(
     keep_trailing_newline=True,
     autoescape=False,
 )
-ENVIRONMENT.filters.update(declarations=declarations, parameters=parameters, reply_parameters=reply_parameters)
+ENVIRONMENT.filters.update(declarations=declarations, parameters=parameters, reply_parameters=reply_parameters,
+                           begin_parameters=begin_parameters, finish_parameters=finish_parameters)
 
 
 def render(entity, files):

@@ -1,8 +1,10 @@
 #include "support/in_process_channel.h"
 
 #include "kn/status.h"
+#include "nk/begun_call.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <optional>
@@ -59,6 +61,17 @@ const nk_message& AsMessage(const RecordBytes& record) {
 }
 
 thread_local OwedReplies owed;
+
+/// Returns: whether the condition came true in time.
+template <typename Condition>
+bool WaitFor(std::condition_variable& changed, std::unique_lock<std::mutex>& lock, std::uint32_t timeoutMs,
+             const Condition& condition) {
+    if (timeoutMs == NkForever) {
+        changed.wait(lock, condition);
+        return true;
+    }
+    return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), condition);
+}
 
 std::int32_t CheckRequest(const ConnectionLimits& limits, const nk_message& request) {
     if ((request.size & (NkErrorFlag | NkSizeMask)) != NkRecordSize) {
@@ -227,7 +240,17 @@ std::int32_t InProcessChannel::Find(const NkDeferredReply& deferred,
 void InProcessChannel::Finish(Exchange& exchange, const nk_message& response) {
     const std::size_t size = std::clamp<std::size_t>(NkGetSize(response), sizeof(nk_message), NkRecordSize);
     std::memcpy(exchange.response.data(), &response, size); // zeros behind it
+    End(exchange);
+}
+
+void InProcessChannel::End(Exchange& exchange) {
     exchange.isFinished = true;
+    if (const auto found = connections.find(exchange.client); found != connections.end()) {
+        const ConnectionState& caller = *found->second;
+        if (caller.isBegun && caller.current.get() == &exchange && caller.descriptor) {
+            caller.descriptor->Signal();
+        }
+    }
     changed.notify_all();
 }
 
@@ -242,9 +265,8 @@ std::shared_ptr<ConnectionState> InProcessChannel::AddConnection() {
 
 void InProcessChannel::Abandon(Exchange& exchange) {
     const std::lock_guard lock(mutex);
-    exchange.isFinished = true;
     exchange.status = isClosed ? KnStatusClosed : KnStatusAbandoned;
-    changed.notify_all();
+    End(exchange);
 }
 
 void InProcessChannel::StopReceiving() {
@@ -259,6 +281,9 @@ void InProcessChannel::Close() {
     waiting.clear();
     for (const auto& [id, connection] : connections) {
         InProcessCallers::Instance().Leave(*std::exchange(connection->caller, nullptr));
+        if (connection->descriptor) {
+            connection->descriptor->Signal();
+        }
     }
     connections.clear();
     changed.notify_all();
@@ -266,30 +291,153 @@ void InProcessChannel::Close() {
 
 std::int32_t InProcessConnection::Call(const nk_message* request, nk_message* response) {
     std::unique_lock lock(channel->mutex);
-    const auto isOver = [this] { return state->isClosed || channel->isClosed; };
-    if (isOver()) {
+    if (IsOver()) {
         return KnStatusClosed;
     }
     if (const auto status = CheckRequest(limits, *request); status != KnStatusOk) {
         return status;
     }
-    channel->changed.wait(lock, [&] { return isOver() || state->current == nullptr; });
-    if (isOver()) {
-        return KnStatusClosed;
+    if (const auto status = AwaitTurn(lock, NkForever); status != KnStatusOk) {
+        return status;
     }
     if (TakeOffer(request, response)) {
         return KnStatusOk;
     }
-    const auto exchange = std::make_shared<Exchange>();
+    const auto exchange = ExchangeFor(request);
+    state->current = exchange;
+    Send(exchange);
+    channel->changed.wait(lock, [&] { return IsOver() || exchange->isFinished; });
+    return EndTurn(response);
+}
+
+std::int32_t InProcessConnection::Begin(const nk_message* request, std::uint32_t timeoutMs) {
+    std::unique_lock lock(channel->mutex);
+    if (const auto status = AwaitTurn(lock, timeoutMs); status != KnStatusOk) {
+        return status;
+    }
+    const auto exchange = ExchangeFor(request);
+    state->current = exchange;
+    state->isBegun = true;
+    exchange->status = CheckRequest(limits, *request);
+    if (exchange->status != KnStatusOk) {
+        channel->End(*exchange);
+    } else if (!HasOffer(request)) {
+        Send(exchange);
+    } else if (state->descriptor) {
+        state->descriptor->Signal();
+    }
+    return KnStatusOk;
+}
+
+std::int32_t InProcessConnection::Finish(nk_message* response, std::uint32_t timeoutMs) {
+    std::unique_lock lock(channel->mutex);
+    if (!state->isBegun) {
+        return KnStatusInvalidArgument;
+    }
+    const auto exchange = state->current;
+    if (!IsOver() && !exchange->isFinished && !exchange->isSent) {
+        if (TakeOffer(&AsMessage(exchange->request), response)) {
+            static_cast<void>(EndTurn(response)); // an exchange that was not sent has no outcome
+            return KnStatusOk;
+        }
+        Send(exchange); // the server has taken the offer back
+    }
+    if (!WaitFor(channel->changed, lock, timeoutMs, [&] { return IsOver() || exchange->isFinished; })) {
+        if (state->descriptor) {
+            state->descriptor->Clear();
+        }
+        return KnStatusTimedOut;
+    }
+    return EndTurn(response);
+}
+
+std::int32_t InProcessConnection::Abandon() {
+    const std::lock_guard lock(channel->mutex);
+    if (!state->isBegun) {
+        return KnStatusInvalidArgument;
+    }
+    state->isBegun = false;
+    state->current->isDropped = true;
+    state->current->isFinished |= !state->current->isSent;
+    channel->changed.notify_all();
+    return IsOver() ? KnStatusClosed : KnStatusOk;
+}
+
+std::int32_t InProcessConnection::Descriptor(int& descriptor) {
+    const std::lock_guard lock(channel->mutex);
+    if (!state->descriptor) {
+        auto opened = std::make_shared<InProcessDescriptor>();
+        if (!opened->IsOpen()) {
+            return KnStatusNoResources;
+        }
+        state->descriptor = std::move(opened);
+        if (IsOver() || state->isBegun) { // a finish that finds nothing ends that
+            state->descriptor->Signal();
+        }
+    }
+    descriptor = state->descriptor->Number();
+    return KnStatusOk;
+}
+
+std::int32_t InProcessConnection::MoveDescriptorFrom(InProcessConnection& former) {
+    if (this == &former) {
+        return KnStatusInvalidArgument;
+    }
+    // Both mutexes are the same when both are clients of one channel.
+    {
+        const std::lock_guard lock(channel->mutex);
+        if (state->descriptor) {
+            return KnStatusInvalidArgument;
+        }
+    }
+    std::shared_ptr<InProcessDescriptor> moved;
+    {
+        const std::lock_guard lock(former.channel->mutex);
+        moved = std::move(former.state->descriptor);
+    }
+    if (!moved) {
+        return KnStatusInvalidArgument;
+    }
+    const std::lock_guard lock(channel->mutex);
+    moved->Signal();
+    state->descriptor = std::move(moved);
+    return KnStatusOk;
+}
+
+std::int32_t InProcessConnection::WakeDescriptor(std::uint32_t afterMs) {
+    const std::lock_guard lock(channel->mutex);
+    if (!state->descriptor || !IsOver()) {
+        return KnStatusInvalidArgument;
+    }
+    state->descriptor->SignalIn(afterMs);
+    return KnStatusOk;
+}
+
+std::int32_t InProcessConnection::AwaitTurn(std::unique_lock<std::mutex>& lock, std::uint32_t timeoutMs) {
+    if (!WaitFor(channel->changed, lock, timeoutMs, [this] { return IsOver() || IsFree(); })) {
+        return KnStatusTimedOut;
+    }
+    return IsOver() ? KnStatusClosed : KnStatusOk;
+}
+
+std::shared_ptr<Exchange> InProcessConnection::ExchangeFor(const nk_message* request) const {
+    auto exchange = std::make_shared<Exchange>();
     exchange->client = state->id;
     exchange->caller = state->caller;
     std::memcpy(exchange->request.data(), request, NkRecordSize);
+    return exchange;
+}
+
+void InProcessConnection::Send(const std::shared_ptr<Exchange>& exchange) {
+    exchange->isSent = true;
     ++state->lastCall;
-    state->current = exchange;
     channel->waiting.push_back(exchange);
     channel->changed.notify_all();
-    channel->changed.wait(lock, [&] { return isOver() || exchange->isFinished; });
-    state->current = nullptr;
+}
+
+std::int32_t InProcessConnection::EndTurn(nk_message* response) {
+    const auto exchange = std::exchange(state->current, nullptr);
+    state->isBegun = false;
     channel->changed.notify_all();
     if (!exchange->isFinished) {
         return KnStatusClosed;
@@ -300,15 +448,17 @@ std::int32_t InProcessConnection::Call(const nk_message* request, nk_message* re
     return exchange->status;
 }
 
+bool InProcessConnection::HasOffer(const nk_message* request) const {
+    const auto& offers = state->offers;
+    return offers && offers->call == state->lastCall && offers->next != offers->values.size() &&
+           std::memcmp(request, offers->request.data(), NkRecordSize) == 0;
+}
+
 bool InProcessConnection::TakeOffer(const nk_message* request, nk_message* response) {
-    if (!state->offers) {
+    if (!HasOffer(request)) {
         return false;
     }
     Offers& offers = *state->offers;
-    if (offers.call != state->lastCall || offers.next == offers.values.size() ||
-        std::memcmp(request, offers.request.data(), NkRecordSize) != 0) {
-        return false;
-    }
     std::memcpy(static_cast<void*>(response), offers.reply.data(), NkRecordSize);
     const std::int64_t value = offers.values[offers.next++];
     std::memcpy(reinterpret_cast<std::uint8_t*>(response) + offers.offset, &value, sizeof value);
@@ -320,7 +470,7 @@ NkLoss InProcessConnection::Loss() const {
     return state->loss;
 }
 
-void InProcessConnection::Close() {
+void InProcessConnection::End() {
     const std::lock_guard lock(channel->mutex);
     state->isClosed = true;
     if (state->current && !state->current->isFinished) {
@@ -328,10 +478,19 @@ void InProcessConnection::Close() {
         std::erase(channel->waiting, state->current);
     }
     state->deferred = nullptr;
+    if (state->descriptor) {
+        state->descriptor->Signal();
+    }
     if (channel->connections.erase(state->id) != 0) {
         InProcessCallers::Instance().Leave(*std::exchange(state->caller, nullptr));
     }
     channel->changed.notify_all();
+}
+
+void InProcessConnection::Close() {
+    End();
+    const std::lock_guard lock(channel->mutex);
+    state->descriptor = nullptr;
 }
 
 } // namespace test_support

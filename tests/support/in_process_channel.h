@@ -4,6 +4,7 @@
 #include "nk/loss.h"
 #include "nk/message.h"
 #include "support/in_process_callers.h"
+#include "support/in_process_descriptor.h"
 
 #include <array>
 #include <condition_variable>
@@ -25,8 +26,10 @@ struct Exchange {
     std::shared_ptr<InProcessCaller> caller;
     RecordBytes request{}; ///< as it was sent; once observed, as it is received
     RecordBytes response{};
+    bool isSent = false;
     bool isObserved = false;
     bool isFinished = false;
+    bool isDropped = false; ///< its caller has abandoned it
     bool isCallerGone = false;
     std::int32_t status = 0;
 };
@@ -47,8 +50,10 @@ struct ConnectionState {
     std::shared_ptr<InProcessCaller> caller; ///< null once the connection has left it
     bool isClosed = false;
     std::uint32_t lastCall = 0;         ///< numbers the requests that were sent
-    std::shared_ptr<Exchange> current;  ///< of the call that is under way
-    std::shared_ptr<Exchange> deferred; ///< the same, while its reply is deferred
+    std::shared_ptr<Exchange> current;  ///< of the call that has the turn
+    bool isBegun = false;               ///< whether that call was begun, and neither finished nor abandoned
+    std::shared_ptr<Exchange> deferred; ///< the same exchange, while its reply is deferred
+    std::shared_ptr<InProcessDescriptor> descriptor; ///< null until it is asked for, and after it was moved
     std::optional<Offers> offers;
     NkLoss loss;
 };
@@ -91,6 +96,8 @@ private:
     std::int32_t Find(const NkDeferredReply& deferred, std::shared_ptr<ConnectionState>& connection) const;
     /// Ends an exchange with a reply. Requires: the mutex is locked.
     void Finish(Exchange& exchange, const nk_message& response);
+    /// Tells the caller that its exchange is over. Requires: the mutex is locked.
+    void End(Exchange& exchange);
 
     const DeadClient deadClient;
     std::mutex mutex; // guards all below, and the connections of this channel
@@ -109,10 +116,27 @@ public:
         : channel(std::move(serverEnd)), limits(connectionLimits), state(channel->AddConnection()) {}
 
     std::int32_t Call(const nk_message* request, nk_message* response);
+    std::int32_t Begin(const nk_message* request, std::uint32_t timeoutMs);
+    std::int32_t Finish(nk_message* response, std::uint32_t timeoutMs);
+    std::int32_t Abandon();
+    std::int32_t Descriptor(int& descriptor);
+    std::int32_t MoveDescriptorFrom(InProcessConnection& former);
+    std::int32_t WakeDescriptor(std::uint32_t afterMs);
+    void End();
     void Close();
     NkLoss Loss() const;
 
 private:
+    // Of these, each requires that the channel's mutex is locked.
+    bool IsOver() const { return state->isClosed || channel->isClosed; }
+    bool IsFree() const { return !state->current || (state->current->isDropped && state->current->isFinished); }
+    /// Waits for the turn. Returns: 0; KnStatusTimedOut; KnStatusClosed.
+    std::int32_t AwaitTurn(std::unique_lock<std::mutex>& lock, std::uint32_t timeoutMs);
+    std::shared_ptr<Exchange> ExchangeFor(const nk_message* request) const;
+    void Send(const std::shared_ptr<Exchange>& exchange);
+    /// Gives the turn back. Returns: the outcome of the call that had it.
+    std::int32_t EndTurn(nk_message* response);
+    bool HasOffer(const nk_message* request) const;
     /// Takes the next offer in place of the reply to `request`, if there is one. Returns: whether there was.
     bool TakeOffer(const nk_message* request, nk_message* response);
 

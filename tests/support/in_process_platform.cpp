@@ -3,6 +3,8 @@
 #include "kn/status.h"
 #include "support/in_process_channel.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -31,7 +33,7 @@ void PutName(char* buffer, const std::string& name) {
 
 } // namespace
 
-InProcessPlatform::InProcessPlatform() = default;
+InProcessPlatform::InProcessPlatform() : owner(::getpid()) {}
 InProcessPlatform::~InProcessPlatform() = default;
 
 KnHandle InProcessPlatform::RegisterStatic(const char* connection, const ServiceLocatorDescriptor* descriptors,
@@ -284,6 +286,26 @@ std::shared_ptr<InProcessChannel> InProcessPlatform::FindChannel(KnHandle handle
     return nullptr;
 }
 
+std::shared_ptr<InProcessConnection> InProcessPlatform::FindConnection(KnHandle handle, std::int32_t& status) const {
+    const std::lock_guard lock(mutex);
+    const auto found = connections.find(handle);
+    if (found != connections.end()) {
+        status = KnStatusOk;
+        return found->second;
+    }
+    const bool wasClient = handle != 0 && handle <= lastHandle && !channels.contains(handle);
+    status = wasClient ? KnStatusClosed : KnStatusInvalidArgument;
+    return nullptr;
+}
+
+std::shared_ptr<InProcessConnection> InProcessPlatform::FindOwnConnection(KnHandle handle, std::int32_t& status) const {
+    if (owner != ::getpid()) { // no lock: a thread that the child does not have may hold it
+        status = KnStatusClosed;
+        return nullptr;
+    }
+    return FindConnection(handle, status);
+}
+
 KnHandle InProcessPlatform::AddConnection(std::shared_ptr<InProcessConnection> connection) {
     connections[++lastHandle] = std::move(connection);
     return lastHandle;
@@ -313,18 +335,68 @@ std::int32_t InProcessPlatform::Call(const NkBosTransport* transport, const nk_m
     if (transport == nullptr || transport->initialised == 0 || request == nullptr || response == nullptr) {
         return KnStatusInvalidArgument;
     }
-    std::shared_ptr<InProcessConnection> connection;
-    {
-        const std::lock_guard lock(mutex);
-        const auto found = connections.find(transport->handle);
-        if (found == connections.end()) {
-            const bool wasClient =
-                transport->handle != 0 && transport->handle <= lastHandle && !channels.contains(transport->handle);
-            return wasClient ? KnStatusClosed : KnStatusInvalidArgument;
-        }
-        connection = found->second;
+    std::int32_t status = 0;
+    const auto connection = FindConnection(transport->handle, status);
+    return connection ? connection->Call(request, response) : status;
+}
+
+std::int32_t InProcessPlatform::BeginCall(const NkBosTransport* transport, const nk_message* request,
+                                          std::uint32_t timeoutMs) {
+    if (transport == nullptr || transport->initialised == 0 || request == nullptr) {
+        return KnStatusInvalidArgument;
     }
-    return connection->Call(request, response);
+    std::int32_t status = 0;
+    const auto connection = FindOwnConnection(transport->handle, status);
+    return connection ? connection->Begin(request, timeoutMs) : status;
+}
+
+std::int32_t InProcessPlatform::FinishCall(const NkBosTransport* transport, nk_message* response,
+                                           std::uint32_t timeoutMs) {
+    if (transport == nullptr || transport->initialised == 0 || response == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    std::int32_t status = 0;
+    const auto connection = FindOwnConnection(transport->handle, status);
+    return connection ? connection->Finish(response, timeoutMs) : status;
+}
+
+std::int32_t InProcessPlatform::AbandonCall(const NkBosTransport* transport) {
+    if (transport == nullptr || transport->initialised == 0) {
+        return KnStatusInvalidArgument;
+    }
+    std::int32_t status = 0;
+    const auto connection = FindOwnConnection(transport->handle, status);
+    return connection ? connection->Abandon() : status;
+}
+
+std::int32_t InProcessPlatform::EndCalls(KnHandle handle) {
+    std::int32_t status = KnStatusOk;
+    if (const auto connection = FindOwnConnection(handle, status)) {
+        connection->End();
+    }
+    return status;
+}
+
+std::int32_t InProcessPlatform::CallDescriptor(KnHandle handle, int* descriptor) {
+    if (descriptor == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    std::int32_t status = 0;
+    const auto connection = FindOwnConnection(handle, status);
+    return connection ? connection->Descriptor(*descriptor) : status;
+}
+
+std::int32_t InProcessPlatform::MoveCallDescriptor(KnHandle handle, KnHandle formerHandle) {
+    std::int32_t status = 0;
+    const auto connection = FindOwnConnection(handle, status);
+    const auto former = FindOwnConnection(formerHandle, status);
+    return connection && former ? connection->MoveDescriptorFrom(*former) : std::int32_t{KnStatusInvalidArgument};
+}
+
+std::int32_t InProcessPlatform::WakeCallDescriptor(KnHandle handle, std::uint32_t afterMs) {
+    std::int32_t status = 0;
+    const auto connection = FindOwnConnection(handle, status);
+    return connection ? connection->WakeDescriptor(afterMs) : std::int32_t{KnStatusInvalidArgument};
 }
 
 std::int32_t InProcessPlatform::DeferReply(NkDeferredReply* deferred) {
@@ -371,17 +443,15 @@ std::int32_t InProcessPlatform::NoteLoss(const NkDeferredReply& deferred, const 
 }
 
 std::int32_t InProcessPlatform::ReadLoss(KnHandle connection, NkLoss* loss) const {
-    const std::lock_guard lock(mutex);
-    const auto found = connections.find(connection);
     if (loss == nullptr) {
         return KnStatusInvalidArgument;
     }
-    if (found == connections.end()) {
-        const bool wasClient = connection != 0 && connection <= lastHandle && !channels.contains(connection);
-        return wasClient ? KnStatusClosed : KnStatusInvalidArgument;
+    std::int32_t status = 0;
+    const auto found = FindConnection(connection, status);
+    if (found) {
+        *loss = found->Loss();
     }
-    *loss = found->second->Loss();
-    return KnStatusOk;
+    return status;
 }
 
 } // namespace test_support

@@ -10,6 +10,8 @@
 #include "ns/name_server.h"
 #include "service_locator.h"
 
+#include <sys/types.h>
+
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -24,7 +26,8 @@ namespace test_support {
 class InProcessChannel;
 class InProcessConnection;
 
-/// The contract of platform/include among the threads of one process: no sockets, no descriptors, no other users.
+/// The contract of platform/include among the threads of one process: no sockets, no descriptors but those of
+/// connections, no other users.
 ///
 /// A channel is a queue of exchanges. An exchange is waiting (in the queue), owned (by the thread that received it),
 /// deferred (any thread may reply) or finished (by a reply, or by the loss of either side); only the owner and a thread
@@ -68,6 +71,14 @@ public:
     std::int32_t Reply(const NkBosTransport* transport, const nk_message* response);
     std::int32_t Call(const NkBosTransport* transport, const nk_message* request, nk_message* response);
 
+    std::int32_t BeginCall(const NkBosTransport* transport, const nk_message* request, std::uint32_t timeoutMs);
+    std::int32_t FinishCall(const NkBosTransport* transport, nk_message* response, std::uint32_t timeoutMs);
+    std::int32_t AbandonCall(const NkBosTransport* transport);
+    std::int32_t EndCalls(KnHandle connection);
+    std::int32_t CallDescriptor(KnHandle connection, int* descriptor);
+    std::int32_t MoveCallDescriptor(KnHandle connection, KnHandle former);
+    std::int32_t WakeCallDescriptor(KnHandle connection, std::uint32_t afterMs);
+
     std::int32_t DeferReply(NkDeferredReply* deferred);
     std::int32_t ReplyDeferred(const NkDeferredReply& deferred, const nk_message* response, const NkOffers& offers,
                                std::size_t* offered);
@@ -88,8 +99,12 @@ private:
     };
 
     std::shared_ptr<InProcessChannel> FindChannel(KnHandle handle, std::int32_t& status) const;
+    std::shared_ptr<InProcessConnection> FindConnection(KnHandle handle, std::int32_t& status) const;
+    /// The same for begun calls, of which a child made by fork has none.
+    std::shared_ptr<InProcessConnection> FindOwnConnection(KnHandle handle, std::int32_t& status) const;
     KnHandle AddConnection(std::shared_ptr<InProcessConnection> connection);
 
+    const pid_t owner;
     mutable std::mutex mutex; // guards all below
     std::condition_variable changed;
     KnHandle lastHandle = 0; // a closed handle is never given out again

@@ -3,6 +3,7 @@
 #include "bos/logger.h"
 #include "kn/policy.h"
 #include "kn/task.h"
+#include "nk/begun_call.h"
 #include "support/in_process_callers.h"
 #include "support/journal.h"
 
@@ -250,6 +251,34 @@ std::int32_t NkBosTransport_Call(NkBosTransport* transport, const nk_message* re
         return KnStatusInvalidArgument;
     }
     return Platform().InProcess().Call(transport, request, response);
+}
+
+std::int32_t NkBeginCall(NkBosTransport* transport, const nk_message* request, std::uint32_t timeoutMs) noexcept {
+    return Platform().InProcess().BeginCall(transport, request, timeoutMs);
+}
+
+std::int32_t NkFinishCall(NkBosTransport* transport, nk_message* response, std::uint32_t timeoutMs) noexcept {
+    return Platform().InProcess().FinishCall(transport, response, timeoutMs);
+}
+
+std::int32_t NkAbandonCall(NkBosTransport* transport) noexcept {
+    return Platform().InProcess().AbandonCall(transport);
+}
+
+std::int32_t NkEndCalls(KnHandle connection) noexcept {
+    return Platform().InProcess().EndCalls(connection);
+}
+
+std::int32_t NkCallDescriptor(KnHandle connection, int* descriptor) noexcept {
+    return Platform().InProcess().CallDescriptor(connection, descriptor);
+}
+
+std::int32_t NkMoveCallDescriptor(KnHandle connection, KnHandle former) noexcept {
+    return Platform().InProcess().MoveCallDescriptor(connection, former);
+}
+
+std::int32_t NkWakeCallDescriptor(KnHandle connection, std::uint32_t afterMs) noexcept {
+    return Platform().InProcess().WakeCallDescriptor(connection, afterMs);
 }
 
 std::int32_t NkDeferReply(NkDeferredReply* deferred) noexcept {

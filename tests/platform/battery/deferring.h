@@ -167,6 +167,39 @@ private:
     }};
 };
 
+/// A server that answers each request with the next number, and offers some of those that follow.
+class Counting final {
+public:
+    /// Answers a request that was deferred, with up to `most` offers.
+    void Answer(const NkDeferredReply& deferred, std::size_t most) {
+        TakeBack();
+        std::size_t put = 0;
+        EXPECT_EQ(KnStatusOk, platform_test::Answer(deferred, next, Values(next + 1, most), &put));
+        EXPECT_EQ(most, put);
+        ++next;
+        if (put > 0) {
+            offering = deferred;
+        }
+    }
+
+    /// Returns: how many of the offers were taken; nothing when none are outstanding.
+    std::optional<std::size_t> TakeBack() {
+        if (!offering) {
+            return std::nullopt;
+        }
+        std::size_t taken = 0;
+        EXPECT_EQ(KnStatusOk, NkTakeBackOffers(*std::exchange(offering, std::nullopt), &taken));
+        next += static_cast<std::int64_t>(taken);
+        return taken;
+    }
+
+    std::int64_t Next() const { return next; }
+
+private:
+    std::int64_t next = 0;
+    std::optional<NkDeferredReply> offering;
+};
+
 inline Returned OkWith(std::int64_t value) {
     return {KnStatusOk, value};
 }

@@ -36,8 +36,8 @@ inline Client JoinOverOneMapping(borven_host::Channel& channel, const borven_hos
     ends.doorbell = borven_host::MakeBell();
     borven_host::SharedMemoryEnds other{ends.region, Duplicate(ends.bell), Duplicate(ends.doorbell)};
     Client joined;
-    joined.connection = std::make_shared<borven_host::Connection>(borven_host::UniqueFd(pair[1]),
-                                                                  borven_host::UniqueFd(), std::move(other));
+    joined.connection = std::make_shared<borven_host::Connection>(
+        borven_host::UniqueFd(pair[1]), std::make_shared<const borven_host::UniqueFd>(), std::move(other));
     EXPECT_EQ(KnStatusOk, channel.AddClient(std::move(serverSocket), std::move(ends), filter, &joined.id));
     return joined;
 }

@@ -47,7 +47,8 @@ protected:
         ends.bell = MakeBell();
         ends.doorbell = MakeBell();
         SharedMemoryEnds clients{ends.region, Duplicate(ends.bell), Duplicate(ends.doorbell)};
-        connection = std::make_shared<Connection>(UniqueFd(pair[1]), UniqueFd(), std::move(clients));
+        connection =
+            std::make_shared<Connection>(UniqueFd(pair[1]), std::make_shared<const UniqueFd>(), std::move(clients));
     }
 
     static UniqueFd Duplicate(const UniqueFd& fd) { return UniqueFd(::fcntl(fd.Get(), F_DUPFD_CLOEXEC, 3)); }

@@ -1,5 +1,5 @@
 """Defends the compiler with generated texts: right ones compile, with every record laid out as docs/idl.md says and a
-reply function for every method; those that break one rule give the error at its place.
+reply function and a begun call for every method; those that break one rule give the error at its place.
 
 IDLC_SEED repeats a run, which prints it; IDLC_GENERATED sets how many texts are tried."""
 
@@ -33,6 +33,7 @@ class Source:
         self.files = {}  # name to lines
         self.sizes = {}  # record to bytes
         self.outputs = {}  # method to the parameters of its reply function between the first and the last
+        self.steps = {}  # function of a begun call to its parameters between the first and the last
         interfaces = [self.interface(number) for number in range(dice.randrange(1, 5))]
         names = [f"File{number}.idl" for number in range(len(interfaces))]
         for number, (name, lines) in enumerate(zip(names, interfaces)):
@@ -53,6 +54,8 @@ class Source:
             alignment = {"in": 4, "out": 4}
             fields = []
             outputs = []
+            inputs = []
+            references = []
             for name in self.dice.sample(SMALL, self.dice.randrange(0, 8)):
                 direction = self.dice.choice(("in", "out"))
                 if self.dice.randrange(3) == 0:
@@ -70,10 +73,16 @@ class Source:
                 end[direction] = place + size
                 alignment[direction] = max(alignment[direction], aligned)
                 fields.append(f"{direction} {name}: {kind}")
+                value = f"std::{'string_view' if 'string' in kind else kind + '_t'} {name}"
                 if direction == "out":
-                    outputs.append(f"std::{'string_view' if 'string' in kind else kind + '_t'} {name}")
+                    outputs.append(value)
+                    references.append(f"std::{'string' if 'string' in kind else kind + '_t'}& {name}")
+                else:
+                    inputs.append(value)
             lines.append(f"    M{method}({', '.join(fields)});")
             self.outputs[f"gen_I{number}_M{method}"] = outputs
+            self.steps[f"gen_I{number}_M{method}_begin"] = inputs
+            self.steps[f"gen_I{number}_M{method}_finish"] = references
             for direction, suffix in (("in", "req"), ("out", "res")):
                 self.sizes[f"gen_I{number}_M{method}_{suffix}"] = round_up(end[direction], alignment[direction])
         return lines + ["}"]
@@ -135,6 +144,12 @@ class Generated(unittest.TestCase):
                      for method, outputs in source.outputs.items()},
                     {method: re.split(r",\s+", parameters) for method, parameters
                      in re.findall(r"^void (gen_I\d_M\d)_reply\(\s*([^)]*)\) noexcept;", records, re.MULTILINE)})
+                begun = (folder / "output" / "gen_E_begun.h").read_text()
+                self.assertEqual(
+                    {step: ["NkBosTransport* transport", *parameters, "std::uint32_t timeout_ms"]
+                     for step, parameters in source.steps.items()},
+                    {step: re.split(r",\s+", parameters) for step, parameters
+                     in re.findall(r"int32_t (gen_I\d_M\d_(?:begin|finish))\(\s*([^)]*)\);", begun)})
                 self.assertEqual([source.connection] if source.connection else [],
                                  re.findall(r'gen_E_connection = "(\w+)";', records))
 

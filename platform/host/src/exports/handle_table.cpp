@@ -1,7 +1,9 @@
 #include "exports/handle_table.h"
 
+#include "common/confined_thread.h"
 #include "common/mutex.h"
 #include "kn/status.h"
+#include "records/adaptive_spin.h"
 
 #include <pthread.h>
 
@@ -12,7 +14,12 @@ namespace borven_host {
 
 struct HandleTable::Entries {
     // The lock is held from the first of these functions to the second or third, which the analysis cannot follow.
-    void BeforeFork() NO_THREAD_SAFETY_ANALYSIS { mutex.Lock(); }
+    void BeforeFork() NO_THREAD_SAFETY_ANALYSIS {
+        // No other thread is in the middle of their first call then, which the child would wait for.
+        static_cast<void>(HasOneCpu());
+        static_cast<void>(common::MayConfineThreads());
+        mutex.Lock();
+    }
     void AfterForkInParent() NO_THREAD_SAFETY_ANALYSIS { mutex.Unlock(); }
     void AfterForkInChild() NO_THREAD_SAFETY_ANALYSIS {
         // The ends stay in the table for good: closing them would end the parent's.
@@ -38,6 +45,9 @@ struct LastFound {
 };
 
 thread_local LastFound lastFound;
+
+// Made before any thread, which another one could fork in the middle of.
+[[maybe_unused]] const HandleTable& MadeEarly = HandleTable::Instance();
 
 bool IsServerEnd(const End& end) {
     return end.channel && !end.isInherited.load(std::memory_order_relaxed);
@@ -83,6 +93,9 @@ std::int32_t HandleTable::Find(KnHandle handle, End*& end) noexcept {
 }
 
 std::shared_ptr<End> HandleTable::Remove(KnHandle handle) noexcept {
+    if (lastFound.handle == handle) {
+        lastFound = {}; // its descriptors close with it
+    }
     const common::MutexLock lock(entries->mutex);
     const auto found = entries->open.find(handle);
     if (found == entries->open.end() || found->second->isInherited.load(std::memory_order_relaxed)) {

@@ -5,6 +5,7 @@
 #include "base/thread_name.h"
 #include "exports/handle_table.h"
 #include "kn/status.h"
+#include "nk/begun_call.h"
 #include "nk/deferred_reply.h"
 #include "nk/loss.h"
 
@@ -28,6 +29,24 @@ std::int32_t ChannelOf(KnHandle handle, borven_host::Channel*& channel) noexcept
     }
     channel = end->channel.get();
     return channel != nullptr ? KnStatusOk : KnStatusInvalidArgument;
+}
+
+/// Returns: 0 and the connection whose client end `handle` names.
+std::int32_t ConnectionOf(KnHandle handle, borven_host::Connection*& connection) noexcept {
+    End* end = nullptr;
+    if (const auto status = HandleTable::Instance().Find(handle, end); status != KnStatusOk) {
+        return status;
+    }
+    connection = end->connection.get();
+    return connection != nullptr ? KnStatusOk : KnStatusInvalidArgument;
+}
+
+/// Returns: 0 and the connection that `transport` is bound to.
+std::int32_t ConnectionOf(const NkBosTransport* transport, borven_host::Connection*& connection) noexcept {
+    if (transport == nullptr || transport->initialised == 0) {
+        return KnStatusInvalidArgument;
+    }
+    return ConnectionOf(transport->handle, connection);
 }
 
 /// Returns: 0 and the end that `transport` is bound to.
@@ -138,17 +157,74 @@ std::int32_t NkNoteLoss(const NkDeferredReply& deferred, const NkLoss& loss) noe
     return channel->NoteLoss(deferred, loss);
 }
 
-std::int32_t NkReadLoss(KnHandle connection, NkLoss* loss) noexcept {
-    End* end = nullptr;
+std::int32_t NkReadLoss(KnHandle handle, NkLoss* loss) noexcept {
+    borven_host::Connection* connection = nullptr;
     if (loss == nullptr) {
         return KnStatusInvalidArgument;
     }
-    if (const auto status = HandleTable::Instance().Find(connection, end); status != KnStatusOk) {
-        return status;
+    const auto status = ConnectionOf(handle, connection);
+    if (status == KnStatusOk) {
+        *loss = connection->Loss();
     }
-    if (!end->connection) {
+    return status;
+}
+
+std::int32_t NkBeginCall(NkBosTransport* transport, const nk_message* request, std::uint32_t timeoutMs) noexcept {
+    borven_host::Connection* connection = nullptr;
+    if (request == nullptr) {
         return KnStatusInvalidArgument;
     }
-    *loss = end->connection->Loss();
-    return KnStatusOk;
+    const auto status = ConnectionOf(transport, connection);
+    return status == KnStatusOk ? connection->Begin(request, timeoutMs) : status;
+}
+
+std::int32_t NkFinishCall(NkBosTransport* transport, nk_message* response, std::uint32_t timeoutMs) noexcept {
+    borven_host::Connection* connection = nullptr;
+    if (response == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    const auto status = ConnectionOf(transport, connection);
+    return status == KnStatusOk ? connection->Finish(response, timeoutMs) : status;
+}
+
+std::int32_t NkAbandonCall(NkBosTransport* transport) noexcept {
+    borven_host::Connection* connection = nullptr;
+    const auto status = ConnectionOf(transport, connection);
+    return status == KnStatusOk ? connection->Abandon() : status;
+}
+
+std::int32_t NkEndCalls(KnHandle handle) noexcept {
+    borven_host::Connection* connection = nullptr;
+    const auto status = ConnectionOf(handle, connection);
+    if (status == KnStatusOk) {
+        connection->Close();
+    }
+    return status;
+}
+
+std::int32_t NkCallDescriptor(KnHandle handle, int* descriptor) noexcept {
+    borven_host::Connection* connection = nullptr;
+    if (descriptor == nullptr) {
+        return KnStatusInvalidArgument;
+    }
+    const auto status = ConnectionOf(handle, connection);
+    return status == KnStatusOk ? connection->Descriptor(*descriptor) : status;
+}
+
+std::int32_t NkMoveCallDescriptor(KnHandle handle, KnHandle former) noexcept {
+    // The look-up of one handle may end the other's.
+    std::shared_ptr<borven_host::Connection> source;
+    borven_host::Connection* connection = nullptr;
+    if (ConnectionOf(former, connection) != KnStatusOk) {
+        return KnStatusInvalidArgument;
+    }
+    source = connection->shared_from_this();
+    const auto status = ConnectionOf(handle, connection);
+    return status == KnStatusOk ? connection->MoveDescriptorOf(*source) : status;
+}
+
+std::int32_t NkWakeCallDescriptor(KnHandle handle, std::uint32_t afterMs) noexcept {
+    borven_host::Connection* connection = nullptr;
+    const auto status = ConnectionOf(handle, connection);
+    return status == KnStatusOk ? connection->WakeDescriptor(afterMs) : status;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/deadline.h"
 #include "base/unique_fd.h"
 
 #include <linux/magic.h>
@@ -41,16 +42,19 @@ inline bool Watch(const UniqueFd& epoll, int fd, std::uint32_t events, std::uint
 
 constexpr int LongestSleepMs = 1000; ///< of a thread that a sleep keeps from something else
 
-/// epoll_wait without a limit. Calls `release` when the sleep takes long, or a signal comes.
-/// Returns: as epoll_wait; 0 never.
+/// epoll_wait until `deadline`. Calls `release` when the sleep takes long, or a signal comes.
+/// Returns: as epoll_wait; 0 only at the deadline.
 template <typename Release>
-int SleepUntilEvent(const UniqueFd& epoll, epoll_event* events, int count, const Release& release) noexcept {
-    const int happened = ::epoll_wait(epoll.Get(), events, count, LongestSleepMs);
-    if (happened > 0) {
+int SleepUntilEvent(const UniqueFd& epoll, epoll_event* events, int count, const Release& release,
+                    Deadline deadline = Deadline::max()) noexcept {
+    const int limit = PollTimeout(deadline);
+    const bool isShort = limit >= 0 && limit <= LongestSleepMs;
+    const int happened = ::epoll_wait(epoll.Get(), events, count, isShort ? limit : LongestSleepMs);
+    if (happened > 0 || (happened == 0 && isShort)) {
         return happened;
     }
     release();
-    return happened < 0 ? happened : ::epoll_wait(epoll.Get(), events, count, -1);
+    return happened < 0 ? happened : ::epoll_wait(epoll.Get(), events, count, PollTimeout(deadline));
 }
 
 } // namespace borven_host

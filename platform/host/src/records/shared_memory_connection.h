@@ -2,10 +2,10 @@
 
 #include "base/deadline.h"
 #include "base/unique_fd.h"
-#include "common/mutex.h"
 #include "nk/loss.h"
 #include "nk/message.h"
 #include "records/adaptive_spin.h"
+#include "records/call_turn.h"
 #include "records/shared_memory_ends.h"
 #include "records/shared_memory_slot.h"
 #include "records/sleep_place.h"
@@ -50,7 +50,9 @@ private:
 };
 
 /// Client end of a channel (see shared_memory_slot.h).
-class Connection final {
+///
+/// Descriptors: three, the socket, the bell and the epoll instance. The doorbell is a fourth one until the first call.
+class Connection final : public std::enable_shared_from_this<Connection> {
 public:
     /// Waits for the server's answer on `socket`, which is connected to a server whose credentials were checked.
     ///
@@ -60,10 +62,18 @@ public:
     static std::int32_t Join(UniqueFd socket, Deadline deadline, std::shared_ptr<Connection>& connection);
 
     /// `process`: the server's, or empty. Throws std::system_error for want of descriptors.
-    Connection(UniqueFd connected, UniqueFd process, SharedMemoryEnds ends);
+    Connection(UniqueFd connected, std::shared_ptr<const UniqueFd> process, SharedMemoryEnds ends);
 
     /// See nk/transport.h.
-    std::int32_t Call(const nk_message* request, nk_message* response) noexcept EXCLUDES(callMutex);
+    std::int32_t Call(const nk_message* request, nk_message* response) noexcept;
+
+    /// See nk/begun_call.h.
+    std::int32_t Begin(const nk_message* request, std::uint32_t timeoutMs) noexcept;
+    std::int32_t Finish(nk_message* response, std::uint32_t timeoutMs) noexcept;
+    std::int32_t Abandon() noexcept;
+    std::int32_t Descriptor(int& descriptor) noexcept;
+    std::int32_t MoveDescriptorOf(Connection& former) noexcept;
+    std::int32_t WakeDescriptor(std::uint32_t afterMs) noexcept;
 
     /// See nk/loss.h.
     NkLoss Loss() const noexcept;
@@ -82,27 +92,56 @@ private:
         std::array<std::byte, NkRecordSize> reply;
     };
 
-    /// Takes the next offer in place of the reply to `request`, if there is one. Returns: whether there was.
-    bool TakeOffer(const nk_message* request, nk_message* response) noexcept REQUIRES(callMutex);
-    /// Remembers a call whose reply came with offers.
-    void NoteOffers(const nk_message* request, const nk_message* response) noexcept REQUIRES(callMutex);
+    /// The call that was begun. It has the turn, unless it was abandoned: then the next call finishes it first.
+    enum class Begun : std::uint8_t { None, Sent, ByOffer, Abandoned };
 
-    bool HasReply(std::uint32_t sequence, SlotWord& reply) const noexcept;
-    bool Sleep(std::uint32_t sequence, CallUnderWay& counted, SlotWord& reply) noexcept REQUIRES(callMutex);
-    void RingBell() const noexcept;
+    enum class Found : std::uint8_t { Reply, Nothing, EndOfServer };
+
+    std::int32_t Enter(std::uint32_t timeoutMs) noexcept;
+    std::int32_t EnterSlowly(bool hasTurn, Deadline deadline) noexcept;
+
+    /// Whether `request` may be answered by the next offer.
+    bool IsOffered(const nk_message* request) noexcept;
+    /// Takes the next offer, if there is one. Returns: whether there was.
+    bool TakeOffer(nk_message* response) noexcept;
+    /// Remembers a call whose reply came with offers.
+    void NoteOffers(const nk_message* response) noexcept;
+
+    void Send(const nk_message* request) noexcept;
+    /// Takes the reply to what was sent last. Returns: as Finish.
+    std::int32_t TakeReply(nk_message* response, CallUnderWay& counted, Deadline deadline, bool mayWait) noexcept;
+    bool HasReply(SlotWord& reply) const noexcept;
+    Found LookOnce(SlotWord& reply) noexcept;
+    Found Sleep(CallUnderWay& counted, SlotWord& reply, Deadline deadline) noexcept;
+    void RingBell() noexcept;
+
+    void KeepReadable(bool ringIsCertain) noexcept;
+    void Mark() noexcept;
+    void Unmark() noexcept;
+    void UnwatchServer() noexcept;
+    void CloseDoorbell() noexcept { shared.doorbell.Reset(); }
 
     const UniqueFd socket;
-    const UniqueFd serverProcess;
-    const SharedMemoryEnds shared;
-    const UniqueFd epoll; ///< what a call sleeps on: the doorbell, the socket, the server's process
+    const std::shared_ptr<const UniqueFd> serverProcess;
     std::atomic<bool> isClosed{false};
-
-    common::Mutex callMutex; ///< held for the length of a call: calls take turns
-    std::uint32_t lastSequence GUARDED_BY(callMutex) = 0;
-    Repeatable repeatable GUARDED_BY(callMutex);
-    SleepPlace place GUARDED_BY(callMutex){SleepPlace::Sleeper::Caller};
+    CallTurn turn; ///< has all below
+    SharedMemoryEnds shared;
+    UniqueFd epoll; ///< what a call sleeps on: the doorbell, the socket, the server's process
+    std::atomic<Begun> begun{Begun::None};
+    std::uint32_t lastSequence = 0;
+    std::uint32_t lastPieces = 0;
+    bool hasRung = false;           ///< for the last request
+    std::uint32_t lookedInVain = 0; ///< the call whose reply rings for certain: its hint was set before
+    SpinLearner* learner = nullptr; ///< of the last request
+    Repeatable repeatable;
+    SleepPlace place{SleepPlace::Sleeper::Caller};
     /// By method, because some methods answer at once and others after minutes.
-    std::array<SpinLearner, LearnerCount> learners GUARDED_BY(callMutex);
+    std::array<SpinLearner, LearnerCount> learners;
+
+    bool isPolled = false;   ///< a descriptor was given out
+    bool isReadable = false; ///< it is, for certain
+    bool hasTimer = false;   ///< in place of the bell
+    bool isMarked = false;   ///< because of the socket's room for writing
 };
 
 } // namespace borven_host
