@@ -6,6 +6,6 @@ enum class ExitStatus : int {
     Failed = 1,
     Usage = 2,
     Refused = 3,    ///< by the bus
-    NoServer = 4,   ///< no server was found, or the server is gone
+    NoServer = 4,   ///< no server was found, or the server is gone or does not answer
     TimedOut = 124, ///< as timeout(1)
 };

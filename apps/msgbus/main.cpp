@@ -57,7 +57,7 @@ public:
             options.reconnectFor =
                 *reconnectTime == "0" ? std::chrono::milliseconds::zero() : ParseDuration(*reconnectTime);
         }
-        options.onNotice = [](const std::string& sentence) { Say(sentence); };
+        options.onNotice = [](msgbus::Notice, const std::string& sentence) { Say(sentence); };
         return options;
     }
 
@@ -86,6 +86,9 @@ ExitStatus RunCommand(const std::function<ExitStatus()>& command) {
         Say(error.what() + Hint());
         return ExitStatus::NoServer;
     } catch (const msgbus::ServerGoneError& error) {
+        Say(error.what());
+        return ExitStatus::NoServer;
+    } catch (const msgbus::TimedOutError& error) {
         Say(error.what());
         return ExitStatus::NoServer;
     } catch (const std::invalid_argument& error) {

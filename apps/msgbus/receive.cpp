@@ -92,7 +92,7 @@ ExitStatus Receive(const ReceiveArguments& arguments) {
     watch.OnEnd([&subscriber] { subscriber->Cancel(); });
 
     const ExitStatus status = Print(*subscriber, watch, arguments);
-    if (const auto lost = subscriber->Lost(); lost != 0) {
+    if (const auto lost = subscriber->Lost().values; lost != 0) {
         Say("lost " + std::to_string(lost) + " values, which the server dropped because they were not read in time");
     }
     subscriber->Cancel(); // not left to the destructor: a server that does not answer is then handled by the watch

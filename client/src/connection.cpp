@@ -6,6 +6,8 @@
 #include "msgbus/error.h"
 #include "service_locator.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
@@ -15,8 +17,6 @@
 namespace msgbus {
 
 namespace {
-
-constexpr std::size_t LongestText = sizeof(br_MessageBusCtl_RegisterPublisher_req::topic) - 1; // its NUL travels too
 
 const char* ServiceName(Service service) {
     switch (service) {
@@ -40,6 +40,14 @@ std::string Where(Route route) {
         break;
     }
     return "";
+}
+
+/// Returns: how many descriptors this process may have, as the end of a sentence.
+std::string Limit() {
+    rlimit limit{};
+    return ::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY
+               ? ""
+               : " (this process may have " + std::to_string(limit.rlim_cur) + " descriptors open: ulimit -n)";
 }
 
 } // namespace
@@ -83,6 +91,8 @@ Connection::Connection(Service service, Route& route, std::chrono::milliseconds 
     case KnStatusTimedOut:
         throw NoServerError(status, "the message bus server did not accept the connection within " +
                                         std::to_string(timeoutMs) + " ms");
+    case KnStatusNoResources:
+        throw PlatformError(status, "cannot connect to the message bus: memory or descriptors ran out" + Limit());
     case KnStatusDenied:
         throw PlatformError(status,
                             "cannot connect to the message bus: its runtime directory cannot be used; the log has "
@@ -94,37 +104,8 @@ Connection::Connection(Service service, Route& route, std::chrono::milliseconds 
     NkBosTransport_Init(&transport, handle, nullptr, 0);
 }
 
-std::int32_t ResultCodeOf(std::int32_t status) noexcept {
-    if (status == 0) {
-        return 0;
-    }
-    return br_MessageBus_IsErrorResult(status) ? br_MessageBus_ErrorValue(status) : -1;
-}
-
-void ThrowUnlessOk(std::int32_t status, const std::string& sentence) {
-    if (status == 0) {
-        return;
-    }
-    if (const std::int32_t code = ResultCodeOf(status); code >= 0) {
-        throw RefusedError(code, sentence.empty() ? DescribeResult(code) : sentence);
-    }
-    if (status == KnStatusClosed) {
-        throw ServerGoneError(status, "the message bus server is gone");
-    }
-    throw PlatformError(status, std::string("the request to the message bus failed: ") + KnStatusText(status));
-}
-
-void CheckText(const std::string& text, const char* what) {
-    if (text.empty()) {
-        throw std::invalid_argument(std::string("the ") + what + " is empty");
-    }
-    if (text.size() > LongestText) {
-        throw std::invalid_argument(std::string("the ") + what + " has " + std::to_string(text.size()) +
-                                    " bytes; at most " + std::to_string(LongestText) + " can be sent");
-    }
-    if (text.find('\0') != std::string::npos) {
-        throw std::invalid_argument(std::string("the ") + what + " contains a NUL byte");
-    }
+std::int32_t StatusOf(std::int32_t stubResult) noexcept {
+    return br_MessageBus_IsErrorResult(stubResult) ? br_MessageBus_ErrorValue(stubResult) : stubResult;
 }
 
 } // namespace msgbus

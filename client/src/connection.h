@@ -4,8 +4,8 @@
 #include "msgbus/options.h"
 #include "nk/transport.h"
 
+#include <chrono>
 #include <cstdint>
-#include <string>
 
 namespace msgbus {
 
@@ -26,25 +26,16 @@ public:
     Connection(Service service, Route& route, std::chrono::milliseconds timeout);
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
-    ~Connection() { Close(); }
+    ~Connection() { KnHandleClose(transport.handle); }
 
     NkBosTransport* Transport() noexcept { return &transport; }
-
-    /// Makes a call in progress on another thread, and every later call, return KnStatusClosed. Threads: any.
-    void Close() noexcept { KnHandleClose(transport.handle); }
+    KnHandle Handle() const noexcept { return transport.handle; }
 
 private:
     NkBosTransport transport{};
 };
 
-/// Throws the exception for `status`, the result of a client stub, unless it is 0. For a result code of the bus that is
-/// a RefusedError with `sentence`, or with DescribeResult if `sentence` is empty.
-void ThrowUnlessOk(std::int32_t status, const std::string& sentence = {});
-
-/// Returns: the bus's result code in `status`; 0 for success; -1 for a status of the platform.
-std::int32_t ResultCodeOf(std::int32_t status) noexcept;
-
-/// Throws: std::invalid_argument, which names `what` (such as "topic"), unless `text` fits into a request.
-void CheckText(const std::string& text, const char* what);
+/// Returns: the status (backend.h) for the result of a client stub.
+std::int32_t StatusOf(std::int32_t stubResult) noexcept;
 
 } // namespace msgbus

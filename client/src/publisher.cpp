@@ -1,12 +1,17 @@
 #include "msgbus/publisher.h"
 
-#include "br_MessageBus_client.h"
-#include "connection.h"
+#include "backend.h"
 #include "cor/result_code.h"
+#include "failure.h"
 #include "kn/status.h"
 #include "recovery.h"
+#include "registrar.h"
+#include "server_backend.h"
+#include "time_limit.h"
 
 #include <algorithm>
+#include <exception>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -22,105 +27,208 @@ constexpr std::chrono::microseconds LongestPause{10000};
 
 } // namespace
 
-class Publisher::State final {
+class __attribute__((visibility("hidden"))) Publisher::State final {
 public:
     State(std::string publisherTopic, Options publisherOptions)
-        : topic(std::move(publisherTopic)), options(std::move(publisherOptions)), route(ResolveRoute(options.route)) {
+        : topic(std::move(publisherTopic)), options(std::move(publisherOptions)),
+          backend(options.backend ? options.backend : std::make_shared<ServerBackend>(options.route)),
+          callTimeoutMs(Milliseconds(options.callTimeout)) {
         CheckText(topic, "topic");
-        Register();
+        RegisterPatiently();
     }
 
-    ~State() {
-        try {
-            Unregister();
-        } catch (const Error&) { // a destructor cannot report it
-        }
-    }
+    ~State() { static_cast<void>(Unregister()); }
 
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
-    bool TryPush(std::int64_t value) {
-        std::int32_t status = PushOnce(value);
-        while (status == KnStatusClosed) {
-            RegisterAnew(value);
-            status = PushOnce(value);
+    /// Returns: whether the value is queued. `deadline`: in place of the times of the options.
+    bool TryPush(std::int64_t value, std::optional<Deadline> deadline = {}) {
+        CheckUsable();
+        while (true) {
+            const std::int32_t status =
+                links.pusher->Push(id, value, deadline ? MillisecondsUntil(*deadline) : callTimeoutMs);
+            if (status == 0) {
+                return true;
+            }
+            if (status == Full) {
+                return false;
+            }
+            if (status == KnStatusClosed) {
+                RegisterAgain(value, deadline);
+                continue;
+            }
+            const std::string what = "value " + std::to_string(value);
+            if (deadline) {
+                ThrowIfTimedOut(status, "by the deadline", what + " was published", what);
+            }
+            ThrowIfTimedOut(status, options.callTimeout, what + " was published", what);
+            ThrowUnlessOk(status);
         }
-        if (ResultCodeOf(status) == Full) {
+    }
+
+    void Push(std::int64_t value, std::optional<Deadline> deadline = {}) {
+        if (TryPush(value, deadline)) {
+            return;
+        }
+        const Deadline end = deadline ? *deadline : DeadlineIn(options.fullQueueTimeout);
+        auto pause = FirstPause;
+        do {
+            if (std::chrono::steady_clock::now() >= end) {
+                throw RefusedError(Full,
+                                   "the bus stayed full " +
+                                       (deadline ? std::string("until the deadline")
+                                                 : "for " + std::to_string(options.fullQueueTimeout.count()) + " ms") +
+                                       "; the value was not published");
+            }
+            std::this_thread::sleep_until(std::min(std::chrono::steady_clock::now() + Deadline::duration(pause), end));
+            pause = std::min(2 * pause, LongestPause);
+        } while (!TryPush(value, deadline));
+    }
+
+    std::size_t PushAll(const std::int64_t* values, std::size_t count, std::optional<Deadline> deadline) {
+        std::size_t pushed = 0;
+        try {
+            for (; pushed < count; ++pushed) {
+                Push(values[pushed], deadline);
+            }
+        } catch (const RefusedError& refusal) {
+            if (refusal.Code() != Full) {
+                KeepFailure(pushed);
+            }
+        } catch (const Error&) {
+            KeepFailure(pushed);
+        }
+        return pushed;
+    }
+
+    bool Drain(Deadline deadline) {
+        CheckUsable();
+        const std::int32_t status = links.pusher->Drain(MillisecondsUntil(deadline));
+        if (status == KnStatusTimedOut) {
             return false;
         }
-        ThrowUnlessOk(status);
-        return true;
+        if (status == KnStatusClosed) {
+            throw ServerGoneError(status, "the message bus server is gone; whether the last value was published is "
+                                          "unknown");
+        }
+        return true; // whether the value was queued or refused: its push is answered
     }
 
-    void Push(std::int64_t value) {
-        const auto deadline = std::chrono::steady_clock::now() + options.fullQueueTimeout;
-        auto pause = FirstPause;
-        while (!TryPush(value)) {
-            if (std::chrono::steady_clock::now() >= deadline) {
-                throw RefusedError(Full, "the bus stayed full for " + std::to_string(options.fullQueueTimeout.count()) +
-                                             " ms; the value was not published");
-            }
-            std::this_thread::sleep_for(pause);
-            pause = std::min(2 * pause, LongestPause);
+    void Close() {
+        CheckProcess(forks);
+        if (std::exchange(isClosed, true)) {
+            return;
         }
-    }
-
-    void Unregister() {
-        provider.reset();
-        if (const std::int64_t registered = std::exchange(id, -1); registered != -1) {
-            const std::int32_t status = br_MessageBusCtl_UnregisterPublisher_call(ctl->Transport(), registered);
-            ThrowUnlessOk(status, ResultCodeOf(status) == Conflict
-                                      ? "another client has unregistered the publisher of topic '" + topic + "'"
-                                      : "");
-        }
+        const std::int32_t status = Unregister();
+        ThrowIfTimedOut(status, options.callTimeout, "the publisher of topic '" + topic + "' is still registered",
+                        "the request to unregister the publisher of topic '" + topic + "'");
+        ThrowUnlessOk(
+            status, status == Conflict ? "another client has unregistered the publisher of topic '" + topic + "'" : "");
     }
 
     const std::string& Topic() const noexcept { return topic; }
     std::int64_t Id() const noexcept { return id; }
 
 private:
-    std::int32_t PushOnce(std::int64_t value) {
-        if (!provider) { // the bus would answer a push of an unknown publisher with success
-            return KnStatusInvalidArgument;
+    void CheckUsable() {
+        CheckProcess(forks);
+        if (isClosed) {
+            throw PlatformError(KnStatusInvalidArgument, "the publisher of topic '" + topic + "' was closed");
         }
-        return br_MessageBusProvider_Push_call(provider->Transport(), id, value);
+        if (kept) {
+            std::rethrow_exception(std::exchange(kept, nullptr));
+        }
     }
 
-    void Register() {
-        Route found = route;
-        auto newCtl = std::make_unique<Connection>(Service::Ctl, found, options.connectTimeout);
-        auto newProvider = std::make_unique<Connection>(Service::Provider, found, options.connectTimeout);
+    /// Throws the current exception, now or, after some values were pushed, with the next call.
+    void KeepFailure(std::size_t pushed) {
+        if (pushed == 0) {
+            throw;
+        }
+        kept = std::current_exception();
+    }
+
+    std::int32_t Unregister() noexcept {
+        const std::int64_t registered = std::exchange(id, -1);
+        return registered == -1 ? 0 : links.control->UnregisterPublisher(registered, options.callTimeout);
+    }
+
+    /// `longest`: of what the options allow for one request.
+    void Register(std::chrono::milliseconds longest = std::chrono::milliseconds::max()) {
+        const auto timeout = std::min(options.callTimeout, longest);
         std::int64_t newId = -1;
-        const std::int32_t status = br_MessageBusCtl_RegisterPublisher_call(newCtl->Transport(), topic, newId);
-        ThrowUnlessOk(status, ResultCodeOf(status) == Conflict ? "topic '" + topic + "' already has a publisher" : "");
-        ctl = std::move(newCtl);
-        provider = std::move(newProvider);
+        std::int32_t status = KnStatusClosed;
+        PublisherLinks fresh;
+        // The first attempt may be over a connection of this process whose server is gone.
+        for (int attempt = 0; attempt < 2 && status == KnStatusClosed; ++attempt) {
+            fresh = backend->ConnectPublisher(std::min(options.connectTimeout, longest));
+            status = fresh.control->RegisterPublisher(topic, timeout, newId);
+        }
+        ThrowIfTimedOut(status, timeout, "the publisher of topic '" + topic + "' is registered",
+                        "the registration of topic '" + topic + "'");
+        ThrowUnlessOk(status, status == Conflict ? "topic '" + topic + "' already has a publisher" : "");
+        links = std::move(fresh);
         id = newId;
     }
 
-    void RegisterAnew(std::int64_t value) {
+    void RegisterPatiently() {
+        const auto topicDeadline = DeadlineIn(options.waitForTopic);
+        bool isNoted = false;
+        AwaitServer(options, [&] {
+            while (true) {
+                try {
+                    return Register();
+                } catch (const RefusedError& refusal) {
+                    if (refusal.Code() != Conflict || std::chrono::steady_clock::now() >= topicDeadline) {
+                        throw;
+                    }
+                    if (!std::exchange(isNoted, true)) {
+                        Notify(options, Notice::WaitingForTopic,
+                               "topic '" + topic + "' has another publisher; waiting for it to end");
+                    }
+                }
+                std::this_thread::sleep_for(TimeBetweenAttempts);
+            }
+        });
+    }
+
+    void RegisterAgain(std::int64_t value, std::optional<Deadline> deadline) {
         id = -1;
-        const ServerGoneError loss(KnStatusClosed, "the message bus server is gone; value " + std::to_string(value) +
-                                                       " was not acknowledged");
-        Recover(
-            options, loss, [this] { Register(); },
-            [](std::chrono::milliseconds duration) {
-                std::this_thread::sleep_for(duration);
-                return true;
-            });
-        Notify(options, "registered topic '" + topic + "' again with a restarted server (id " + std::to_string(id) +
-                            "); value " + std::to_string(value) +
-                            " is published again and may arrive twice; earlier values that were not read are lost");
+        Recovery recovery(options,
+                          ServerGoneError(KnStatusClosed, "the message bus server is gone; value " +
+                                                              std::to_string(value) + " was not acknowledged"),
+                          deadline);
+        const auto lost = links.control;
+        const Deadline end = deadline.value_or(Deadline::max());
+        while (!recovery.Try([&] {
+            Registrar::RegisterAllOf(lost, end);
+            Register(LongestAttempt(end));
+        })) {
+            if (deadline && std::chrono::steady_clock::now() >= *deadline) {
+                throw TimedOutError(KnStatusTimedOut, "no restarted message bus server was found by the deadline; "
+                                                      "whether value " +
+                                                          std::to_string(value) + " was published is unknown");
+            }
+            std::this_thread::sleep_until(
+                std::min<Deadline>(std::chrono::steady_clock::now() + TimeBetweenAttempts, end));
+        }
+        Notify(options, Notice::RegisteredAgain,
+               "registered topic '" + topic + "' again with a restarted server (id " + std::to_string(id) +
+                   "); value " + std::to_string(value) +
+                   " is published again and may arrive twice; earlier values that were not read are lost");
     }
 
     const std::string topic;
     const Options options;
-    const Route route;
+    const std::shared_ptr<Backend> backend;
+    const std::uint32_t callTimeoutMs;
+    const unsigned forks = ForkCount();
 
-    std::unique_ptr<Connection> ctl;
-    std::unique_ptr<Connection> provider;
+    PublisherLinks links;
     std::int64_t id = -1; // -1: not registered
+    bool isClosed = false;
+    std::exception_ptr kept; ///< a failure that PushAll has met after the first value
 };
 
 Publisher::Publisher(std::string topic, Options options)
@@ -133,12 +241,28 @@ void Publisher::Push(std::int64_t value) {
     state->Push(value);
 }
 
+void Publisher::Push(std::int64_t value, Deadline deadline) {
+    state->Push(value, deadline);
+}
+
 bool Publisher::TryPush(std::int64_t value) {
     return state->TryPush(value);
 }
 
+std::size_t Publisher::PushAll(const std::int64_t* values, std::size_t count) {
+    return state->PushAll(values, count, std::nullopt);
+}
+
+std::size_t Publisher::PushAll(const std::int64_t* values, std::size_t count, Deadline deadline) {
+    return state->PushAll(values, count, deadline);
+}
+
+bool Publisher::Drain(Deadline deadline) {
+    return state->Drain(deadline);
+}
+
 void Publisher::Close() {
-    state->Unregister();
+    state->Close();
 }
 
 const std::string& Publisher::Topic() const noexcept {

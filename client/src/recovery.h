@@ -5,19 +5,42 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace msgbus {
 
-/// Passes `sentence` to `options.onNotice`, if that is set.
-void Notify(const Options& options, const std::string& sentence);
+inline constexpr std::chrono::milliseconds TimeBetweenAttempts{50};
 
-/// Looks for a restarted server: calls `attempt` again while it throws NoServerError, ServerGoneError or RefusedError
-/// with the code of a server that stops, with a call of `pause` in between, which waits for the given time.
-/// Returns: true when `attempt` succeeded, false when `pause` returned false.
-/// Throws: `loss` after Options::reconnectFor, at once if that is zero; what else `attempt` throws.
-/// Blocks: for about Options::reconnectFor, and for the attempt that is then in progress.
-bool Recover(const Options& options, const ServerGoneError& loss, const std::function<void()>& attempt,
-             const std::function<bool(std::chrono::milliseconds)>& pause);
+/// How long one request of an attempt may take in a call that must not wait.
+inline constexpr std::chrono::milliseconds ShortestAttempt{50};
+
+/// Returns: how long one request of an attempt may take in a call that ends at `deadline`.
+std::chrono::milliseconds LongestAttempt(Deadline deadline) noexcept;
+
+/// Passes `notice` to `options.onNotice`, if that is set.
+void Notify(const Options& options, Notice notice, const std::string& sentence);
+
+/// Calls `attempt`. Returns: false when it throws NoServerError, ServerGoneError, TimedOutError or RefusedError with
+/// the code of a server that stops: another server may follow. Throws: what else `attempt` throws.
+bool SucceedsWithServer(const std::function<void()>& attempt);
+
+/// Calls `attempt` until there is a server, up to Options::waitForServer. Throws: what the last attempt throws.
+void AwaitServer(const Options& options, const std::function<void()>& attempt);
+
+/// The search for a restarted server.
+class Recovery final {
+public:
+    /// `end`: in place of Options::reconnectFor. Throws: `loss` when that is zero.
+    Recovery(const Options& options, const ServerGoneError& loss, std::optional<Deadline> end = {});
+
+    /// Calls `attempt`. Returns: as SucceedsWithServer. Throws: the loss after Options::reconnectFor, unless there is
+    /// an end in its place; what `attempt` throws.
+    bool Try(const std::function<void()>& attempt);
+
+private:
+    ServerGoneError loss;
+    Deadline deadline;
+};
 
 } // namespace msgbus

@@ -1,16 +1,19 @@
 #include "msgbus/subscriber.h"
 
-#include "br_MessageBus_client.h"
+#include "backend.h"
 #include "common/mutex.h"
 #include "common/thread_annotations.h"
-#include "connection.h"
 #include "cor/result_code.h"
+#include "failure.h"
 #include "kn/status.h"
-#include "nk/loss.h"
 #include "recovery.h"
+#include "registrar.h"
+#include "server_backend.h"
+#include "time_limit.h"
 
+#include <algorithm>
 #include <chrono>
-#include <stdexcept>
+#include <optional>
 #include <utility>
 
 namespace msgbus {
@@ -21,119 +24,120 @@ constexpr auto NotRegistered = static_cast<std::int32_t>(cor::ResultCode::NotReg
 constexpr auto TooManyValues = static_cast<std::int32_t>(cor::ResultCode::TooManyValues);
 constexpr auto Conflict = static_cast<std::int32_t>(cor::ResultCode::Conflict);
 
-/// One registration with one server. A wait occupies its connection until the reply, so ctl has a separate one.
-/// Threads: Wait on one thread; the caller serializes the others.
-class Registration final {
-public:
-    Registration(const std::string& name, const std::vector<std::string>& topics, Route route,
-                 std::chrono::milliseconds timeout)
-        : ctl(Service::Ctl, route, timeout), subs(Service::Subs, route, timeout) {
-        std::int64_t handshake = -1;
-        ThrowUnlessOk(br_MessageBusCtl_StartSubs_call(ctl.Transport(), name, handshake));
-        for (const auto& topic : topics) {
-            const std::int32_t status = br_MessageBusCtl_Subscribe_call(ctl.Transport(), handshake, topic);
-            if (status != 0) {
-                // The server keeps a registration that is neither committed nor canceled.
-                std::int64_t none = -1;
-                static_cast<void>(br_MessageBusCtl_FinishSubs_call(ctl.Transport(), handshake, 0, none));
-            }
-            ThrowUnlessOk(status, ResultCodeOf(status) == Conflict ? "topic '" + topic + "' is named twice" : "");
-        }
-        ThrowUnlessOk(br_MessageBusCtl_FinishSubs_call(ctl.Transport(), handshake, 1, id));
+std::shared_ptr<Registrar> MakeRegistrar(std::string name, std::vector<std::string> topics, const Options& options) {
+    CheckText(name, "name");
+    for (const auto& topic : topics) {
+        CheckText(topic, "topic");
     }
-    Registration(const Registration&) = delete;
-    Registration& operator=(const Registration&) = delete;
-    ~Registration() { Unregister(); }
-
-    /// Returns: the status of the call; 0 when not registered.
-    std::int32_t Unregister() noexcept {
-        const std::int64_t registered = std::exchange(id, -1);
-        return registered == -1 ? 0 : br_MessageBusCtl_UnregisterSubscriber_call(ctl.Transport(), registered);
-    }
-
-    std::int32_t Wait(std::int64_t subscriberId, Message& message) {
-        return br_MessageBusSubs_Wait_call(subs.Transport(), subscriberId, message.topic, message.value);
-    }
-
-    /// Returns: how many values the server has dropped so far, or had when the wait ended.
-    std::uint64_t Lost() noexcept {
-        if (NkLoss loss; NkReadLoss(subs.Transport()->handle, &loss) == KnStatusOk) {
-            lost = loss.lost;
-        }
-        return lost;
-    }
-
-    void EndWait() noexcept {
-        Lost();
-        subs.Close();
-    }
-    std::int64_t Id() const noexcept { return id; }
-
-private:
-    Connection ctl;
-    Connection subs;
-    std::int64_t id = -1; // -1: not registered
-    std::uint64_t lost = 0;
-};
+    auto backend = options.backend ? options.backend : std::make_shared<ServerBackend>(options.route);
+    return Registrar::Make(std::move(name), std::move(topics), options, std::move(backend));
+}
 
 } // namespace
 
-class Subscriber::State final {
+class __attribute__((visibility("hidden"))) Subscriber::State final {
 public:
-    State(std::string subscriberName, std::vector<std::string> subscriberTopics, Options subscriberOptions)
-        : name(std::move(subscriberName)), topics(std::move(subscriberTopics)), options(std::move(subscriberOptions)),
-          route(ResolveRoute(options.route)) {
-        CheckText(name, "name");
-        for (const auto& topic : topics) {
-            CheckText(topic, "topic");
-        }
-        registration = Register();
+    State(std::string subscriberName, std::vector<std::string> topics, Options subscriberOptions)
+        : name(subscriberName), options(std::move(subscriberOptions)),
+          registrar(MakeRegistrar(std::move(subscriberName), std::move(topics), options)) {
+        std::shared_ptr<Registration> first;
+        AwaitServer(options, [&] { first = registrar->Register(); });
+        registrar->SetCurrent(first);
+        const common::MutexLock lock(mutex);
+        registration = std::move(first);
     }
 
-    std::optional<Message> Next() EXCLUDES(mutex) {
-        Message message;
+    ~State() { registrar->SetCurrent(nullptr); }
+
+    /// Whether this process is a child of the one that made it.
+    bool IsInherited() const noexcept { return ForkCount() != forks; }
+
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+
+    /// Waits until `deadline`: Deadline::max() for ever, Deadline::min() not at all.
+    Outcome Receive(Deadline deadline, Message& message) EXCLUDES(mutex) {
+        CheckProcess(forks);
         while (true) {
             const auto [current, id] = Current();
             if (!current) {
-                return std::nullopt;
+                return Outcome::Canceled;
             }
-            const std::int32_t status = current->Wait(id, message);
+            if (recovery) {
+                if (Recover(deadline)) {
+                    continue;
+                }
+                return IsCanceled() ? Outcome::Canceled : Outcome::TimedOut;
+            }
+            const std::int32_t status = current->Links().receiver->Receive(id, TimeoutFor(deadline), message);
             if (status == 0) {
-                return message;
+                return Outcome::Value;
             }
-            if (!HandleFailure(status)) {
-                return std::nullopt;
+            if (status != KnStatusTimedOut) {
+                HandleFailure(*current, status);
+            } else if (deadline == Deadline::min() || std::chrono::steady_clock::now() >= deadline) {
+                return IsCanceled() ? Outcome::Canceled : Outcome::TimedOut;
             }
         }
+    }
+
+    int Descriptor() EXCLUDES(mutex) {
+        CheckProcess(forks);
+        const auto [current, id] = Current();
+        if (lastDescriptor >= 0) {
+            return lastDescriptor;
+        }
+        if (!current) {
+            throw PlatformError(KnStatusInvalidArgument, "subscriber '" + name + "' was canceled");
+        }
+        const std::int32_t status = current->Links().receiver->Descriptor(lastDescriptor);
+        ThrowUnlessOk(status);
+        return lastDescriptor;
     }
 
     void Cancel() noexcept EXCLUDES(mutex) {
-        const common::MutexLock lock(mutex);
-        if (std::exchange(canceled, true)) {
+        if (IsInherited()) {
             return;
         }
-        pauseEnded.NotifyAll();
-        // A server that did not unregister the subscriber does not end the wait either.
-        if (registration && registration->Unregister() != 0) {
-            registration->EndWait();
+        std::shared_ptr<Registration> last;
+        {
+            const common::MutexLock lock(mutex);
+            if (std::exchange(canceled, true)) {
+                return;
+            }
+            last = registration; // for good
+            pauseEnded.NotifyAll();
         }
+        // A server that did not unregister the subscriber does not end the wait either.
+        if (last->Unregister() != 0) {
+            last->EndWait();
+        }
+        registrar->SetCurrent(nullptr);
     }
 
-    std::uint64_t Lost() const EXCLUDES(mutex) {
+    Loss Lost() const EXCLUDES(mutex) {
+        CheckProcess(forks);
         const common::MutexLock lock(mutex);
-        return lostBefore + registration->Lost();
+        Loss loss = registration->Links().receiver->Lost();
+        loss.values += before.values;
+        loss.reconnections = before.reconnections;
+        return loss;
     }
 
     const std::string& Name() const noexcept { return name; }
 
     std::int64_t Id() const EXCLUDES(mutex) {
+        CheckProcess(forks);
         const common::MutexLock lock(mutex);
-        return registration->Id();
+        return canceled ? -1 : registration->Id();
     }
 
 private:
-    std::shared_ptr<Registration> Register() const {
-        return std::make_shared<Registration>(name, topics, route, options.connectTimeout);
+    static std::uint32_t TimeoutFor(Deadline deadline) noexcept {
+        if (deadline == Deadline::max()) {
+            return Forever;
+        }
+        return deadline == Deadline::min() ? 0 : MillisecondsUntil(deadline);
     }
 
     /// Returns: the registration and its id; an empty pointer once canceled.
@@ -145,56 +149,111 @@ private:
         return {registration, registration->Id()};
     }
 
-    /// Returns: true when registered with a restarted server; false once canceled. Throws otherwise.
-    bool HandleFailure(std::int32_t status) EXCLUDES(mutex) {
+    bool IsCanceled() const EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
+        return canceled;
+    }
+
+    /// Begins the recovery if the server is gone. Throws otherwise, and unless canceled.
+    void HandleFailure(Registration& failed, std::int32_t status) EXCLUDES(mutex) {
+        CheckProcess(forks);
+        if (IsCanceled()) {
+            return;
+        }
+        if (isUnregistered && status > 0) {
+            status = NotRegistered; // for want of an id the bus says something else
+        }
+        if (status == NotRegistered) {
+            // Another client has unregistered this id, or the server has, which does so when it stops. Only a running
+            // server answers the next call with "no such id".
+            isUnregistered = isUnregistered || failed.Unregister() == Conflict;
+            if (IsCanceled()) {
+                return;
+            }
+            if (isUnregistered) {
+                throw RefusedError(NotRegistered, "another client has unregistered subscriber '" + name + "'");
+            }
+            failed.EndWait(); // as if the server were gone already
+            status = KnStatusClosed;
+        }
+        if (status == TooManyValues) {
+            throw RefusedError(TooManyValues, "subscriber '" + name + "' left too many values unread, and the server " +
+                                                  "has cut it; " + std::to_string(Lost().values) + " values are lost");
+        }
+        if (status != KnStatusClosed) {
+            ThrowUnlessOk(status);
+        }
+        recovery.emplace(options, ServerGoneError(KnStatusClosed, "the message bus server is gone"));
+    }
+
+    /// Looks for a restarted server, with pauses until `deadline`. Returns: whether the subscriber is registered again.
+    /// Throws: after Options::reconnectFor.
+    bool Recover(Deadline deadline) EXCLUDES(mutex) {
+        while (true) {
+            std::shared_ptr<Registration> next;
+            bool hasServer = false;
+            try {
+                hasServer = recovery->Try([&] { next = registrar->RegisterAgain(LongestAttempt(deadline)); });
+            } catch (...) {
+                recovery.reset();
+                if (IsCanceled()) {
+                    return false;
+                }
+                throw;
+            }
+            if (hasServer && next) {
+                return Replace(std::move(next));
+            }
+            const auto now = std::chrono::steady_clock::now();
+            if (now >= deadline) {
+                WakeDescriptor();
+                return false;
+            }
+            if (!Pause(std::min<Deadline>(now + TimeBetweenAttempts, deadline))) {
+                return false;
+            }
+        }
+    }
+
+    /// Returns: false once canceled.
+    bool Replace(std::shared_ptr<Registration> next) EXCLUDES(mutex) {
+        recovery.reset();
+        const auto replacement = next;
         {
             const common::MutexLock lock(mutex);
             if (canceled) {
                 return false;
             }
-            if (ResultCodeOf(status) == NotRegistered) {
-                // Another client has unregistered this id, or the server has, which does so when it stops. Only a
-                // running server answers the next call with "no such id".
-                const std::int32_t answer = registration->Unregister();
-                if (ResultCodeOf(answer) == Conflict) {
-                    throw RefusedError(NotRegistered, "another client has unregistered subscriber '" + name + "'");
-                }
-                status = KnStatusClosed;
+            if (lastDescriptor >= 0) {
+                ThrowUnlessOk(next->Links().receiver->TakeDescriptorOf(*registration->Links().receiver));
             }
-        }
-        if (ResultCodeOf(status) == TooManyValues) {
-            throw RefusedError(TooManyValues, "subscriber '" + name + "' left too many values unread, and the server " +
-                                                  "has cut it; " + std::to_string(Lost()) + " values are lost");
-        }
-        if (status != KnStatusClosed) {
-            ThrowUnlessOk(status);
-        }
-        return RegisterAnew();
-    }
-
-    bool RegisterAnew() EXCLUDES(mutex) {
-        std::shared_ptr<Registration> next;
-        const ServerGoneError loss(KnStatusClosed, "the message bus server is gone");
-        const bool found = Recover(
-            options, loss, [&] { next = Register(); },
-            [this](std::chrono::milliseconds duration) { return Pause(duration); });
-        {
-            const common::MutexLock lock(mutex);
-            if (!found || canceled) {
-                return false;
-            }
-            lostBefore += registration->Lost();
+            before.values += registration->Links().receiver->Lost().values;
+            before.reconnections += next->Restarts();
             registration.swap(next);
         }
-        Notify(options, "subscribed as '" + name + "' again with a restarted server (id " + std::to_string(Id()) +
-                            "); unread values, and values published in between, are lost");
+        registrar->SetCurrent(replacement);
+        if (IsCanceled()) { // meanwhile, and then after SetCurrent or before it
+            registrar->SetCurrent(nullptr);
+            return false;
+        }
+        Notify(options, Notice::RegisteredAgain,
+               "subscribed as '" + name + "' again with a restarted server (id " + std::to_string(Id()) +
+                   "); unread values, and values published in between, are lost");
         return true;
     }
 
-    /// Waits for `duration`, or until Cancel is called.
+    /// To try again when the descriptor is polled.
+    void WakeDescriptor() EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
+        if (lastDescriptor >= 0) {
+            ThrowUnlessOk(registration->Links().receiver->WakeDescriptor(
+                static_cast<std::uint32_t>(TimeBetweenAttempts.count())));
+        }
+    }
+
+    /// Waits until `deadline`, or until Cancel is called.
     /// Returns: false once canceled.
-    bool Pause(std::chrono::milliseconds duration) EXCLUDES(mutex) {
-        const auto deadline = std::chrono::steady_clock::now() + duration;
+    bool Pause(Deadline deadline) EXCLUDES(mutex) {
         common::MutexLock lock(mutex);
         while (!canceled && pauseEnded.WaitUntil(lock, deadline) == std::cv_status::no_timeout) {
         }
@@ -202,33 +261,69 @@ private:
     }
 
     const std::string name;
-    const std::vector<std::string> topics;
     const Options options;
-    const Route route;
+    const std::shared_ptr<Registrar> registrar;
+    const unsigned forks = ForkCount();
+
+    // Of the thread that receives.
+    std::optional<Recovery> recovery;
+    int lastDescriptor = -1;
+    bool isUnregistered = false; ///< by another client
 
     mutable common::Mutex mutex;
     common::ConditionVariable pauseEnded; ///< of `canceled`
     bool canceled GUARDED_BY(mutex) = false;
-    /// Replaced by Next only. Its Unregister and Id are called under `mutex`, its Wait without.
+    /// Replaced by the thread that receives only, and not any more once canceled.
     std::shared_ptr<Registration> registration GUARDED_BY(mutex);
-    std::uint64_t lostBefore GUARDED_BY(mutex) = 0; ///< with earlier servers
+    Loss before GUARDED_BY(mutex); ///< with earlier servers
 };
 
 Subscriber::Subscriber(std::string name, std::vector<std::string> topics, Options options)
     : state(std::make_unique<State>(std::move(name), std::move(topics), std::move(options))) {}
 Subscriber::Subscriber(Subscriber&&) noexcept = default;
-Subscriber& Subscriber::operator=(Subscriber&&) noexcept = default;
-Subscriber::~Subscriber() = default;
+Subscriber& Subscriber::operator=(Subscriber&& other) noexcept {
+    Subscriber taken(std::move(other));
+    state.swap(taken.state);
+    return *this;
+}
+Subscriber::~Subscriber() {
+    if (state && state->IsInherited()) {
+        // Another thread of the parent may have had its locks, or wait in it: then its destructor would wait for ever.
+        static_cast<void>(state.release());
+    }
+}
 
 std::optional<Message> Subscriber::Next() {
-    return state->Next();
+    std::optional<Message> message(std::in_place);
+    if (state->Receive(Deadline::max(), *message) == Outcome::Canceled) {
+        message.reset();
+    }
+    return message;
+}
+
+Received Subscriber::NextFor(std::chrono::nanoseconds duration) {
+    return NextUntil(DeadlineIn(duration));
+}
+
+Received Subscriber::NextUntil(Deadline deadline) {
+    Received received;
+    received.outcome = state->Receive(deadline, received.message);
+    return received;
+}
+
+Received Subscriber::TryNext() {
+    return NextUntil(Deadline::min());
+}
+
+int Subscriber::Descriptor() {
+    return state->Descriptor();
 }
 
 void Subscriber::Cancel() noexcept {
     state->Cancel();
 }
 
-std::uint64_t Subscriber::Lost() const {
+Loss Subscriber::Lost() const {
     return state->Lost();
 }
 

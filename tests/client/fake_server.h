@@ -32,6 +32,7 @@ public:
     }
     ~FakeServer() {
         Release();
+        LetGo();
         KnHandleClose(transport.handle);
         for (auto& thread : threads) {
             thread.join();
@@ -43,7 +44,26 @@ public:
     /// Answers the next `times` requests of `method` with result code `code` of the bus.
     void Answer(const std::string& method, std::int32_t code, int times = 1) EXCLUDES(mutex) {
         const common::MutexLock lock(mutex);
-        answers[method] = {code, times};
+        answers[method] = {code, times, 0};
+    }
+
+    /// Answers the requests of `method` after the next `times` ones with result code `code`.
+    void AnswerAfter(int times, const std::string& method, std::int32_t code) EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
+        answers[method] = {code, 1, times};
+    }
+
+    /// Does not answer requests of `method` until LetGo.
+    void Hold(const std::string& method) EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
+        held = method;
+    }
+    void LetGo() EXCLUDES(mutex) {
+        {
+            const common::MutexLock lock(mutex);
+            held.clear();
+        }
+        released.NotifyAll();
     }
 
     /// Answers blocked and later Waits with "not registered".
@@ -83,6 +103,11 @@ private:
         br_MessageBusComponent_component component;
         br_MessageBus_component entity;
     };
+    struct Planned {
+        std::int32_t code;
+        int times;  ///< how often still
+        int before; ///< how many requests are answered as always first
+    };
     struct Provider : br_MessageBusProvider {
         FakeServer* server;
     };
@@ -107,15 +132,22 @@ private:
     /// Records a request.
     /// Returns: the status to answer it with.
     std::int32_t Note(const std::string& method, const std::string& arguments) EXCLUDES(mutex) {
-        const common::MutexLock lock(mutex);
+        common::MutexLock lock(mutex);
         asked.push_back(method + "(" + arguments + ")");
         wasAsked.NotifyAll();
+        while (held == method) {
+            released.Wait(lock);
+        }
         const auto answer = answers.find(method);
-        if (answer == answers.end() || answer->second.second == 0) {
+        if (answer == answers.end() || answer->second.times == 0) {
             return 0;
         }
-        --answer->second.second;
-        return Result(answer->second.first);
+        if (answer->second.before > 0) {
+            --answer->second.before;
+            return 0;
+        }
+        --answer->second.times;
+        return Result(answer->second.code);
     }
 
     std::int32_t Wait(const br_MessageBusSubs_Wait_req& request, br_MessageBusSubs_Wait_res& response) EXCLUDES(mutex) {
@@ -165,10 +197,11 @@ private:
 
     mutable common::Mutex mutex;
     common::ConditionVariable wasAsked; ///< `asked` has grown
-    common::ConditionVariable released; ///< `isReleased` is set
+    common::ConditionVariable released; ///< `isReleased` is set, or `held` has changed
     bool isReleased GUARDED_BY(mutex) = false;
     std::vector<std::string> asked GUARDED_BY(mutex);
-    std::map<std::string, std::pair<std::int32_t, int>> answers GUARDED_BY(mutex); ///< by method: code, times left
+    std::map<std::string, Planned> answers GUARDED_BY(mutex); ///< by method
+    std::string held GUARDED_BY(mutex);                       ///< a method, or empty
     std::vector<std::pair<std::string, std::int64_t>> messages GUARDED_BY(mutex);
 };
 

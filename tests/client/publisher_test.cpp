@@ -146,7 +146,7 @@ TEST_F(PublisherTest, Push_ToARestartedServer_RegistersAndPushesAgainAndTellsWha
     Options options = OnStatic;
     options.reconnectFor = std::chrono::hours(1);
     std::vector<std::string> notices;
-    options.onNotice = [&](const std::string& sentence) { notices.push_back(sentence); };
+    options.onNotice = [&](msgbus::Notice, const std::string& sentence) { notices.push_back(sentence); };
     Publisher publisher("heat", options);
     server.reset();
     server.emplace();
@@ -169,6 +169,52 @@ TEST_F(PublisherTest, Push_AfterClose_IsNoSuccess) {
     Publisher publisher("heat", OnStatic);
     publisher.Close();
     EXPECT_THROW(publisher.Push(1), msgbus::PlatformError);
+}
+
+TEST_F(PublisherTest, ARegistrationThatIsAnsweredTooLate_IsUndoneBeforeTheNextRequest) {
+    FakeServer server;
+    const Publisher other("other", OnStatic); // keeps the connection
+    Options impatient = OnStatic;
+    impatient.callTimeout = std::chrono::milliseconds(20);
+    server.Hold("RegisterPublisher");
+    const auto error = Thrown<msgbus::TimedOutError>([&] { Publisher("late", impatient); });
+    ASSERT_TRUE(error);
+    EXPECT_STREQ(error->what(), "the message bus server did not answer within 20 ms; whether the publisher of topic "
+                                "'late' is registered is unknown");
+    const auto unsent = Thrown<msgbus::TimedOutError>([&] { Publisher("later", impatient); });
+    ASSERT_TRUE(unsent);
+    EXPECT_THAT(unsent->what(), HasSubstr("the registration of topic 'later' was not sent"));
+    server.LetGo();
+    const Publisher next("next", OnStatic);
+    EXPECT_THAT(server.Asked(), ElementsAre("RegisterPublisher(other)", "RegisterPublisher(late)",
+                                            "UnregisterPublisher(11)", "RegisterPublisher(next)"));
+}
+
+TEST_F(PublisherTest, PushAll_ReturnsHowManyWereTaken_AndTheNextCallThrowsWhy) {
+    FakeServer server;
+    Publisher publisher("heat", OnStatic);
+    const std::vector<std::int64_t> values{1, 2, 3, 4};
+    server.AnswerAfter(2, "Push", 10);
+    EXPECT_EQ(publisher.PushAll(values), 2U);
+    const auto failure = Thrown<RefusedError>([&] { publisher.Push(5); });
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->Code(), 10);
+    EXPECT_EQ(publisher.PushAll(values), 4U);
+    server.Answer("Push", 10);
+    EXPECT_TRUE(Thrown<RefusedError>([&] { static_cast<void>(publisher.PushAll(values)); }));
+    EXPECT_THAT(server.Asked(), ElementsAre("RegisterPublisher(heat)", "Push(11, 1)", "Push(11, 2)", "Push(11, 3)",
+                                            "Push(11, 1)", "Push(11, 2)", "Push(11, 3)", "Push(11, 4)", "Push(11, 1)"));
+}
+
+TEST_F(PublisherTest, PushAll_ToABusThatStaysFull_ReturnsThePrefix) {
+    FakeServer server;
+    Options options = OnStatic;
+    options.fullQueueTimeout = std::chrono::milliseconds(1);
+    Publisher publisher("heat", options);
+    server.Answer("Push", 2, 1000);
+    EXPECT_EQ(publisher.PushAll(std::vector<std::int64_t>{1, 2}), 0U);
+    server.AnswerAfter(1, "Push", 0);
+    EXPECT_EQ(publisher.PushAll(std::vector<std::int64_t>{1, 2}), 2U);
 }
 
 } // namespace

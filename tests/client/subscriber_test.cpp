@@ -102,12 +102,15 @@ TEST_F(SubscriberTest, Next_OfASubscriberThatSomebodyElseUnregistered_SaysSo) {
     Subscriber subscriber("reader", {"heat"}, OnStatic);
     server.Answer("Wait", 1);
     server.Answer("UnregisterSubscriber", 8);
-    try {
-        subscriber.Next();
-        FAIL() << "nothing was thrown";
-    } catch (const RefusedError& error) {
-        EXPECT_EQ(error.Code(), 1);
-        EXPECT_STREQ(error.what(), "another client has unregistered subscriber 'reader'");
+    for (int call = 0; call < 2; ++call) {
+        try {
+            subscriber.Next();
+            FAIL() << "nothing was thrown";
+        } catch (const RefusedError& error) {
+            EXPECT_EQ(error.Code(), 1);
+            EXPECT_STREQ(error.what(), "another client has unregistered subscriber 'reader'");
+        }
+        server.Answer("Wait", 2); // to a wait without an id
     }
 }
 
@@ -131,7 +134,7 @@ TEST_F(SubscriberTest, Next_OfARestartedServer_RegistersAgainAndTellsWhatMayBeLo
     Options options = OnStatic;
     options.reconnectFor = std::chrono::hours(1);
     std::vector<std::string> notices;
-    options.onNotice = [&](const std::string& sentence) { notices.push_back(sentence); };
+    options.onNotice = [&](msgbus::Notice, const std::string& sentence) { notices.push_back(sentence); };
     Subscriber subscriber("reader", {"heat"}, options);
     server.reset();
     server.emplace();
@@ -163,7 +166,7 @@ TEST_F(SubscriberTest, Cancel_EndsTheSearchForARestartedServer) {
     Options options = OnStatic;
     options.reconnectFor = std::chrono::hours(1);
     std::promise<void> searching;
-    options.onNotice = [&](const std::string&) { searching.set_value(); };
+    options.onNotice = [&](msgbus::Notice, const std::string&) { searching.set_value(); };
     Subscriber subscriber("reader", {"heat"}, options);
     server.reset();
     auto next = std::async(std::launch::async, [&] { return subscriber.Next(); });
@@ -184,6 +187,27 @@ TEST_F(SubscriberTest, Next_WithARefusalOfTheBus_ThrowsItsNumber) {
             EXPECT_EQ(error.Code(), code);
         }
     }
+}
+
+TEST_F(SubscriberTest, ARegistrationThatIsAnsweredTooLate_IsUndoneBeforeTheNextRequest) {
+    FakeServer server;
+    const Subscriber other("other", {}, OnStatic); // keeps the connection
+    for (const char* const method : {"StartSubs", "Subscribe", "FinishSubs"}) {
+        Options impatient = OnStatic;
+        impatient.callTimeout = std::chrono::milliseconds(20);
+        server.Hold(method);
+        EXPECT_THROW(Subscriber("late", {"heat"}, impatient), msgbus::TimedOutError);
+        server.LetGo();
+        const Subscriber next("next", {}, OnStatic);
+    }
+    EXPECT_THAT(server.Asked(),
+                ElementsAre("StartSubs(other)", "FinishSubs(7, 1)", //
+                            "StartSubs(late)", "FinishSubs(7, 0)", "StartSubs(next)", "FinishSubs(7, 1)",
+                            "UnregisterSubscriber(12)", //
+                            "StartSubs(late)", "Subscribe(7, heat)", "FinishSubs(7, 0)", "StartSubs(next)",
+                            "FinishSubs(7, 1)", "UnregisterSubscriber(12)", //
+                            "StartSubs(late)", "Subscribe(7, heat)", "FinishSubs(7, 1)", "UnregisterSubscriber(12)",
+                            "StartSubs(next)", "FinishSubs(7, 1)", "UnregisterSubscriber(12)"));
 }
 
 } // namespace
