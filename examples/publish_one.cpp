@@ -1,5 +1,5 @@
 // A publisher: publishes one value to topic "temperature".
-#include <msgbus/publisher.h>
+#include <msgbus/msgbus.h>
 
 #include <iostream>
 

@@ -1,12 +1,13 @@
-// A subscriber: prints the values of topic "temperature" until the server is gone.
-#include <msgbus/subscriber.h>
+// A subscriber: prints the values of topic "temperature" until the server is gone, or SIGINT or SIGTERM comes.
+#include <msgbus/msgbus.h>
 
 #include <iostream>
 
 int main() try {
     msgbus::Subscriber subscriber("example", {"temperature"});
-    while (const auto message = subscriber.Next()) {
-        std::cout << message->topic << ' ' << message->value << std::endl;
+    const msgbus::StopSignals stop([&] { subscriber.Cancel(); }); // unregisters, and ends the loop
+    for (const auto& [topic, value] : subscriber) {
+        std::cout << topic << ' ' << value << std::endl;
     }
     return 0;
 } catch (const std::exception& error) {
