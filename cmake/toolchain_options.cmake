@@ -16,6 +16,7 @@ endif()
 find_program(BORVEN_CCACHE ccache)
 if(BORVEN_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     set(CMAKE_CXX_COMPILER_LAUNCHER ${BORVEN_CCACHE})
+    set(CMAKE_C_COMPILER_LAUNCHER ${BORVEN_CCACHE})
 endif()
 
 # __FILE__ and its kin give paths relative to the source tree, so that log lines do not depend on where the tree was

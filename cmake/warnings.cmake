@@ -8,5 +8,5 @@ option(BORVEN_WARNINGS_AS_ERRORS "Treat compiler warnings as errors; the default
 add_library(borven_warnings INTERFACE)
 target_compile_options(borven_warnings INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion
-    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+    $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>
     $<$<BOOL:${BORVEN_WARNINGS_AS_ERRORS}>:-Werror>)
