@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -43,6 +44,7 @@ struct msgbus_subscriber {
     msgbus::Subscriber subscriber;
     std::vector<msgbus::Message> taken; ///< what the last receiving call has handed out
     std::exception_ptr failure;         ///< that followed a value, for the next receiving call
+    std::atomic<bool> canceled{false};
 };
 
 struct msgbus_stop_signals {
@@ -120,6 +122,10 @@ int FailOnNull(const char* what) noexcept {
 
 int FailClosedPublisher() noexcept {
     return Fail(MSGBUS_CLOSED, "the publisher is closed");
+}
+
+int FailCanceledSubscriber() noexcept {
+    return Fail(MSGBUS_CLOSED, "the subscriber is canceled");
 }
 
 std::chrono::milliseconds TimeOf(std::int64_t timeMs) noexcept {
@@ -240,7 +246,7 @@ int Take(msgbus_subscriber& handle, std::size_t max, std::int64_t timeoutMs) {
     case msgbus::Outcome::TimedOut:
         return Fail(MSGBUS_TIMED_OUT, "no value has come in time");
     case msgbus::Outcome::Canceled:
-        return Fail(MSGBUS_CLOSED, "the subscriber is canceled");
+        return FailCanceledSubscriber();
     }
     handle.taken.push_back(std::move(received.message));
     try {
@@ -345,8 +351,10 @@ int msgbus_options_init(msgbus_options* options, std::size_t size) {
         return FailOnNull("options");
     }
     if (!IsKnownSize(size)) {
-        return Fail(MSGBUS_INVALID,
-                    "the library does not know options of this size; the program needs a later version");
+        return Fail(MSGBUS_INVALID, size < SmallestOptions
+                                        ? "the size is less than that of msgbus_options"
+                                        : "the program was compiled for a later version of the library: it has "
+                                          "options that this one does not know");
     }
     return Guarded([=] {
         msgbus_options defaults = DefaultOptions();
@@ -509,14 +517,22 @@ int msgbus_subscriber_descriptor(msgbus_subscriber* subscriber, int* descriptor)
         return FailOnNull("the subscriber");
     }
     return Guarded([=] {
-        *descriptor = subscriber->subscriber.Descriptor();
-        return MSGBUS_OK;
+        try {
+            *descriptor = subscriber->subscriber.Descriptor();
+            return static_cast<int>(MSGBUS_OK);
+        } catch (const msgbus::PlatformError&) {
+            if (!subscriber->canceled) {
+                throw;
+            }
+            return FailCanceledSubscriber();
+        }
     });
 }
 
 void msgbus_subscriber_cancel(msgbus_subscriber* subscriber) {
     const NoCancelation shield;
     if (subscriber != nullptr) {
+        subscriber->canceled = true;
         subscriber->subscriber.Cancel();
     }
 }

@@ -152,6 +152,12 @@ struct Waiter {
     std::shared_ptr<Readiness> readiness{};
 };
 
+/// How the next requests of a kind fail.
+struct Failure {
+    std::int32_t code;
+    int times; ///< more than 0
+};
+
 struct Subscription {
     std::set<std::string> topics;
     std::deque<Message> unread{};
@@ -327,8 +333,7 @@ public:
                                         std::to_string(times) + " times");
         }
         const common::MutexLock lock(mutex);
-        auto& codes = failures[request];
-        codes.insert(codes.end(), static_cast<std::size_t>(times), code);
+        failures[request].push_back({code, times});
         Announce();
     }
 
@@ -365,12 +370,14 @@ private:
 
     /// Returns: the next failure that the test has ordered for this request.
     std::optional<std::int32_t> TakeFailure(Request request) REQUIRES(mutex) {
-        auto& codes = failures[request];
-        if (codes.empty()) {
+        auto& ordered = failures[request];
+        if (ordered.empty()) {
             return std::nullopt;
         }
-        const std::int32_t code = codes.front();
-        codes.pop_front();
+        const std::int32_t code = ordered.front().code;
+        if (--ordered.front().times == 0) {
+            ordered.pop_front();
+        }
         return code;
     }
 
@@ -481,7 +488,7 @@ private:
     std::map<std::int64_t, std::string> publishers GUARDED_BY(mutex);
     std::map<std::int64_t, Subscription> subscriptions GUARDED_BY(mutex);
     std::vector<std::int64_t> unanswered GUARDED_BY(mutex); ///< to be unregistered before the next request
-    std::map<Request, std::deque<std::int32_t>> failures GUARDED_BY(mutex);
+    std::map<Request, std::deque<Failure>> failures GUARDED_BY(mutex);
     std::map<std::string, std::vector<std::int64_t>> pushed GUARDED_BY(mutex);
     std::map<Waiter*, const Link*> waiters GUARDED_BY(mutex);
     Alarms alarms;

@@ -91,6 +91,7 @@ static void TestArguments(void) {
     EXPECT_CODE(msgbus_options_init(NULL, sizeof options), MSGBUS_INVALID);
     EXPECT(strcmp(msgbus_last_error(), "options is a null pointer") == 0);
     EXPECT_CODE(msgbus_options_init(&options, 0), MSGBUS_INVALID);
+    EXPECT(strcmp(msgbus_last_error(), "the size is less than that of msgbus_options") == 0);
     EXPECT_CODE(msgbus_options_init(&options, sizeof options + 8), MSGBUS_INVALID);
 
     EXPECT_CODE(msgbus_publisher_create(NULL, "t", NULL), MSGBUS_INVALID);
@@ -315,6 +316,9 @@ static void TestCancel(void) {
         EXPECT(pthread_join(thread, NULL) == 0);
         EXPECT_CODE(waiter.code, MSGBUS_CLOSED);
         EXPECT(msgbus_subscriber_id(waiter.subscriber) == -1);
+        int descriptor = 7;
+        EXPECT_CODE(msgbus_subscriber_descriptor(waiter.subscriber, &descriptor), MSGBUS_CLOSED);
+        EXPECT(descriptor == -1);
         msgbus_subscriber_cancel(waiter.subscriber);
         msgbus_subscriber_destroy(waiter.subscriber);
     }

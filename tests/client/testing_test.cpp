@@ -13,6 +13,7 @@
 #include <poll.h>
 
 #include <future>
+#include <limits>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -215,6 +216,15 @@ TEST(TestingBusTest, FailNext_FailsSoManyRequestsInTheirOrder) {
     EXPECT_EQ(publisher.links.pusher->Drain(0), 0);
     EXPECT_EQ(publisher.Push(1), 0);
     EXPECT_THAT(bus.Pushed("heat"), ElementsAre(1));
+}
+
+TEST(TestingBusTest, FailNext_MayOrderAFailureForAsGoodAsEver) {
+    Bus bus;
+    PublisherSide publisher(bus, "heat");
+    EXPECT_NO_THROW(bus.FailNext(Request::Push, Full, std::numeric_limits<int>::max()));
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_EQ(publisher.Push(i), Full);
+    }
 }
 
 TEST(TestingBusTest, FailNext_OfARegistration_LeavesNothingRegistered) {
