@@ -45,6 +45,7 @@ public:
     /// Returns: whether the value is queued. `deadline`: in place of the times of the options.
     bool TryPush(std::int64_t value, std::optional<Deadline> deadline = {}) {
         CheckUsable();
+        std::optional<Deadline> patience; // once the server was gone
         while (true) {
             const std::int32_t status =
                 links.pusher->Push(id, value, deadline ? MillisecondsUntil(*deadline) : callTimeoutMs);
@@ -55,6 +56,12 @@ public:
                 return false;
             }
             if (status == KnStatusClosed) {
+                // A server may end with the value, and so may those that follow it.
+                if (patience && !PauseBetweenAttempts(*patience)) {
+                    id = -1;
+                    throw ServerGoneError(status, NotAcknowledged(value));
+                }
+                patience = patience ? patience : deadline ? deadline : DeadlineIn(options.reconnectFor);
                 RegisterAgain(value, deadline);
                 continue;
             }
@@ -193,25 +200,31 @@ private:
         });
     }
 
+    static std::string NotAcknowledged(std::int64_t value) {
+        return "the message bus server is gone; value " + std::to_string(value) + " was not acknowledged";
+    }
+
+    /// Waits between two attempts. Returns: false at `end`.
+    static bool PauseBetweenAttempts(Deadline end) {
+        const auto now = std::chrono::steady_clock::now();
+        std::this_thread::sleep_until(std::min<Deadline>(now + TimeBetweenAttempts, end));
+        return now < end;
+    }
+
     void RegisterAgain(std::int64_t value, std::optional<Deadline> deadline) {
         id = -1;
-        Recovery recovery(options,
-                          ServerGoneError(KnStatusClosed, "the message bus server is gone; value " +
-                                                              std::to_string(value) + " was not acknowledged"),
-                          deadline);
+        Recovery recovery(options, ServerGoneError(KnStatusClosed, NotAcknowledged(value)), deadline);
         const auto lost = links.control;
         const Deadline end = deadline.value_or(Deadline::max());
         while (!recovery.Try([&] {
             Registrar::RegisterAllOf(lost, end);
             Register(LongestAttempt(end));
         })) {
-            if (deadline && std::chrono::steady_clock::now() >= *deadline) {
+            if (!PauseBetweenAttempts(end)) {
                 throw TimedOutError(KnStatusTimedOut, "no restarted message bus server was found by the deadline; "
                                                       "whether value " +
                                                           std::to_string(value) + " was published is unknown");
             }
-            std::this_thread::sleep_until(
-                std::min<Deadline>(std::chrono::steady_clock::now() + TimeBetweenAttempts, end));
         }
         Notify(options, Notice::RegisteredAgain,
                "registered topic '" + topic + "' again with a restarted server (id " + std::to_string(id) +

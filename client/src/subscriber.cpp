@@ -58,13 +58,16 @@ public:
     /// Waits until `deadline`: Deadline::max() for ever, Deadline::min() not at all.
     Outcome Receive(Deadline deadline, Message& message) EXCLUDES(mutex) {
         CheckProcess(forks);
+        bool hasRecovered = false;
         while (true) {
             const auto [current, id] = Current();
             if (!current) {
                 return Outcome::Canceled;
             }
             if (recovery) {
-                if (Recover(deadline)) {
+                // A server may end as soon as it has the subscriber, and so may those that follow it.
+                if ((!hasRecovered || PauseBetweenAttempts(deadline)) && Recover(deadline)) {
+                    hasRecovered = true;
                     continue;
                 }
                 return IsCanceled() ? Outcome::Canceled : Outcome::TimedOut;
@@ -204,15 +207,20 @@ private:
             if (hasServer && next) {
                 return Replace(std::move(next));
             }
-            const auto now = std::chrono::steady_clock::now();
-            if (now >= deadline) {
-                WakeDescriptor();
-                return false;
-            }
-            if (!Pause(std::min<Deadline>(now + TimeBetweenAttempts, deadline))) {
+            if (!PauseBetweenAttempts(deadline)) {
                 return false;
             }
         }
+    }
+
+    /// Returns: false at the deadline, and once canceled.
+    bool PauseBetweenAttempts(Deadline deadline) EXCLUDES(mutex) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline) {
+            WakeDescriptor();
+            return false;
+        }
+        return Pause(std::min<Deadline>(now + TimeBetweenAttempts, deadline));
     }
 
     /// Returns: false once canceled.

@@ -2,6 +2,7 @@
 
 #include "live/server_process.h"
 #include "msgbus/msgbus.h"
+#include "msgbus/testing.h"
 
 #include <sys/epoll.h>
 #include <sys/wait.h>
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <functional>
 #include <future>
+#include <limits>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -23,6 +25,7 @@ using test_support::PatienceMs;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto Far = 60s;
+constexpr std::int32_t ServerGone = -3; // as a platform status
 
 class RestartTest : public LiveTest {
 protected:
@@ -162,6 +165,37 @@ TEST_F(RestartTest, NextFor_TimesOutWhileThereIsNoServer) {
     while (subscriber.Lost().reconnections == 0) {
         EXPECT_EQ(msgbus::Outcome::TimedOut, subscriber.NextFor(10ms).outcome);
     }
+}
+
+TEST(RestartsTest, ReceivesEndInTime_ThoughEveryServerEndsWithTheFirst) {
+    msgbus::testing::Bus bus;
+    msgbus::Options options;
+    options.reconnectFor = Far;
+    msgbus::Subscriber subscriber("s", {"t"}, bus.MakeOptions(options));
+    const int descriptor = subscriber.Descriptor();
+    bus.FailNext(msgbus::testing::Request::Receive, ServerGone, std::numeric_limits<int>::max());
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(msgbus::Outcome::TimedOut, subscriber.NextFor(20ms).outcome);
+        EXPECT_TRUE(IsReadable(descriptor, PatienceMs));
+        EXPECT_EQ(msgbus::Outcome::TimedOut, subscriber.TryNext().outcome);
+        EXPECT_TRUE(IsReadable(descriptor, PatienceMs));
+    }
+    auto next = std::async(std::launch::async, [&] { return subscriber.Next(); });
+    subscriber.Cancel();
+    EXPECT_FALSE(next.get());
+}
+
+TEST(RestartsTest, PushesEndInTime_ThoughEveryServerEndsWithTheFirst) {
+    msgbus::testing::Bus bus;
+    msgbus::Options options;
+    options.reconnectFor = 20ms;
+    msgbus::Publisher publisher("t", bus.MakeOptions(options));
+    bus.FailNext(msgbus::testing::Request::Push, ServerGone, std::numeric_limits<int>::max());
+    EXPECT_THROW(publisher.Push(1, Clock::now() + 20ms), msgbus::ServerGoneError);
+    EXPECT_EQ(-1, publisher.Id());
+    EXPECT_THROW(publisher.Push(2, Clock::time_point::min()), msgbus::ServerGoneError);
+    EXPECT_THROW(publisher.Push(3), msgbus::ServerGoneError);
+    EXPECT_THROW(static_cast<void>(publisher.TryPush(4)), msgbus::ServerGoneError);
 }
 
 TEST_F(RestartTest, WaitForServer_FindsOneThatStartsLater) {
