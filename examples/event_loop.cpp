@@ -13,6 +13,10 @@
 #include <vector>
 
 int main(int argc, char** argv) try {
+    if (argc < 2) {
+        std::cerr << "usage: " << argv[0] << " TOPIC...\n";
+        return 2;
+    }
     std::vector<msgbus::Subscriber> subscribers;
     for (int i = 1; i < argc; ++i) {
         subscribers.emplace_back("event-loop", std::vector<std::string>{argv[i]});

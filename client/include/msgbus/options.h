@@ -60,7 +60,8 @@ struct Options {
     std::chrono::milliseconds fullQueueTimeout{10000};
 
     /// Called with what happens, and with a sentence for people. May be empty.
-    /// Threads: called inside a constructor or a call, on its thread. Must not call the publisher or subscriber.
+    /// Threads: called inside a constructor or a call, on its thread. Must not call the publisher or subscriber. What
+    /// it throws ends that call, which may be repeated.
     std::function<void(Notice notice, const std::string& sentence)> onNotice{};
 
     /// Where requests go; empty: to the server that `route` finds. Set by msgbus/testing.h.

@@ -260,6 +260,21 @@ TEST_F(ReceivingTest, ThreeHundredSubscribersAndAPublisher_FitIntoTheUsualLimit)
     ::setrlimit(RLIMIT_NOFILE, &before);
 }
 
+TEST(ServerLimitsTest, BeyondTheConnectionsOfAProcess_TheErrorSaysSo) {
+    const test_support::ServerProcess server({"--limit", "connections-per-process=4"});
+    std::vector<msgbus::Subscriber> subscribers;
+    try {
+        for (int i = 0; i < 5; ++i) {
+            subscribers.emplace_back("s", std::vector<std::string>{"t"});
+        }
+        FAIL() << "nothing was thrown";
+    } catch (const msgbus::PlatformError& error) {
+        EXPECT_STREQ("cannot connect to the message bus: its server takes no more connections of this process, or of "
+                     "all of them ('msgbusd --limits' lists how many)",
+                     error.what());
+    }
+}
+
 TEST_F(ReceivingTest, WithoutDescriptors_TheErrorNamesTheLimit) {
     rlimit before{};
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
