@@ -64,8 +64,9 @@ std::int32_t NkEndCalls(KnHandle connection) noexcept;
 /// NkFinishCall.
 std::int32_t NkCallDescriptor(KnHandle connection, int* descriptor) noexcept;
 
-/// Client: gives `connection`, on which no call was made yet, the descriptor of `former`, which has lost its server and
-/// is not closed yet. It is readable then. What polls it need not be changed.
+/// Client: gives `connection`, on which no call was made yet, the descriptor of `former`, which was in use before
+/// `connection` was opened, has lost its server and is not closed yet. It is readable then. What polls it need not be
+/// changed.
 ///
 /// Returns: 0; KnStatusInvalidArgument when `connection` has a descriptor of its own already, or `former` has none;
 /// KnStatusNoResources: `former` has lost its descriptor too.

@@ -96,7 +96,11 @@ std::int32_t Connection::Join(UniqueFd socket, Deadline deadline, std::shared_pt
 
 Connection::Connection(UniqueFd connected, std::shared_ptr<const UniqueFd> process, SharedMemoryEnds ends)
     : socket(std::move(connected)), serverProcess(std::move(process)), shared(std::move(ends)),
-      epoll(MakeEpoll(shared.doorbell, socket, *serverProcess)) {}
+      epoll(MakeEpoll(shared.doorbell, socket, *serverProcess)) {
+    if (polledCount.load(std::memory_order_relaxed) == 0) {
+        CloseDoorbell();
+    }
+}
 
 std::int32_t Connection::Call(const nk_message* request, nk_message* response) noexcept {
     if (const auto status = Enter(WithoutLimit); status != KnStatusOk) {
@@ -372,7 +376,7 @@ void Connection::RingBell() noexcept {
 std::int32_t Connection::Descriptor(int& descriptor) noexcept {
     CloseDoorbell();
     if (!isPolled) {
-        isPolled = true;
+        SetPolled(true);
         KeepReadable(false);
     }
     if (SlotWord reply; begun.load(std::memory_order_relaxed) == Begun::Sent) {
@@ -396,12 +400,12 @@ std::int32_t Connection::MoveDescriptorOf(Connection& former) noexcept {
         Unwatch(former.epoll, former.shared.bell);
     }
     former.shared.bell.Reset();
-    former.isPolled = false;
+    former.SetPolled(false);
     epoll = std::move(former.epoll);
     if (!WatchAll(epoll, shared.doorbell, socket, *serverProcess)) {
         return KnStatusNoResources;
     }
-    isPolled = true;
+    SetPolled(true);
     isReadable = true; // a bell begins with an edge
     CloseDoorbell();
     return KnStatusOk;

@@ -51,7 +51,8 @@ private:
 
 /// Client end of a channel (see shared_memory_slot.h).
 ///
-/// Descriptors: three, the socket, the bell and the epoll instance. The doorbell is a fourth one until the first call.
+/// Descriptors: three, the socket, the bell and the epoll instance. Where another connection's descriptor is in use,
+/// which this one may take over, the doorbell is a fourth one until the first call.
 class Connection final : public std::enable_shared_from_this<Connection> {
 public:
     /// Waits for the server's answer on `socket`, which is connected to a server whose credentials were checked.
@@ -63,6 +64,9 @@ public:
 
     /// `process`: the server's, or empty. Throws std::system_error for want of descriptors.
     Connection(UniqueFd connected, std::shared_ptr<const UniqueFd> process, SharedMemoryEnds ends);
+    ~Connection() { SetPolled(false); }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
 
     /// See nk/transport.h.
     std::int32_t Call(const nk_message* request, nk_message* response) noexcept;
@@ -120,6 +124,12 @@ private:
     void Unmark() noexcept;
     void UnwatchServer() noexcept;
     void CloseDoorbell() noexcept { shared.doorbell.Reset(); }
+    void SetPolled(bool isInUse) noexcept {
+        polledCount.fetch_add(static_cast<int>(isInUse) - static_cast<int>(isPolled), std::memory_order_relaxed);
+        isPolled = isInUse;
+    }
+
+    static inline std::atomic<int> polledCount{0}; ///< connections of this process whose descriptor is in use
 
     const UniqueFd socket;
     const std::shared_ptr<const UniqueFd> serverProcess;
