@@ -22,3 +22,8 @@ endif()
 # __FILE__ and its kin give paths relative to the source tree, so that log lines do not depend on where the tree was
 # built. Only there: debuggers and coverage need the real paths.
 add_compile_options(-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+# The sanitizers' run-time library for C lacks what a sanitized library in C++ needs.
+if(BORVEN_SANITIZER_FLAGS)
+    set(CMAKE_C_LINK_EXECUTABLE "${CMAKE_CXX_LINK_EXECUTABLE}")
+endif()

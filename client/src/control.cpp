@@ -107,7 +107,7 @@ private:
 };
 
 // Made before any thread, which another one could fork in the middle of.
-[[maybe_unused]] const Controls& MadeEarly = Controls::Instance();
+[[maybe_unused]] const Controls& madeEarly = Controls::Instance();
 
 } // namespace
 

@@ -60,7 +60,7 @@ private:
 };
 
 // Made before any thread, which another one could fork in the middle of.
-[[maybe_unused]] const Subscribers& MadeEarly = Subscribers::Instance();
+[[maybe_unused]] const Subscribers& madeEarly = Subscribers::Instance();
 
 } // namespace
 

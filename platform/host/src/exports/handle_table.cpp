@@ -47,7 +47,7 @@ struct LastFound {
 thread_local LastFound lastFound;
 
 // Made before any thread, which another one could fork in the middle of.
-[[maybe_unused]] const HandleTable& MadeEarly = HandleTable::Instance();
+[[maybe_unused]] const HandleTable& madeEarly = HandleTable::Instance();
 
 bool IsServerEnd(const End& end) {
     return end.channel && !end.isInherited.load(std::memory_order_relaxed);

@@ -48,7 +48,7 @@ private:
 };
 
 // Made before any thread, which another one could fork in the middle of.
-[[maybe_unused]] const Servers& MadeEarly = Servers::Instance();
+[[maybe_unused]] const Servers& madeEarly = Servers::Instance();
 
 } // namespace
 
