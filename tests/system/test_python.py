@@ -23,6 +23,7 @@ os.environ.setdefault("MSGBUS_LIBRARY", LIBRARY)
 os.environ.setdefault("PYTHONDONTWRITEBYTECODE", "1")
 
 import msgbus  # noqa: E402
+from msgbus._library import library  # noqa: E402
 
 
 class PythonTest(BusTest):
@@ -170,7 +171,6 @@ class PythonModule(PythonTest):
     def test_a_loop_that_meets_the_close_of_another_thread_ends(self):
         self.server()
         subscriber = self.subscriber("t")
-        library = msgbus._library.library
         destroy = library.msgbus_subscriber_destroy
         received = []
 
@@ -277,7 +277,7 @@ class PythonModule(PythonTest):
             os.makedirs(home, exist_ok=True)
             copy = shutil.copy(LIBRARY, home)
             beneath = shutil.copy(os.path.join(os.path.dirname(LIBRARY), "libborven_host.so.0"), home)
-            program = self.python("print(os.path.realpath(msgbus._library.library._name))")
+            program = self.python("from msgbus._library import library; print(os.path.realpath(library._name))")
             program.expect(os.path.realpath(copy))
             program.expect_exit(DONE)
             os.unlink(copy)
@@ -542,7 +542,6 @@ print(*subscriber.next())
         self.server()
         subscriber = self.subscriber("t")
         self.publisher("t").push_all(range(1000))
-        library = msgbus._library.library
         take = library.msgbus_subscriber_take
         received = []
 
@@ -563,7 +562,7 @@ print(*subscriber.next())
         subscriber = self.subscriber("t")
         self.publisher("t").push_all([1, 2])
         self.assertEqual([subscriber.next(PATIENCE).value for _ in range(2)], [1, 2])
-        with unittest.mock.patch.object(msgbus._library.library, "msgbus_subscriber_take",
+        with unittest.mock.patch.object(library, "msgbus_subscriber_take",
                                         unittest.mock.Mock(side_effect=KeyboardInterrupt)):
             self.assertRaises(KeyboardInterrupt, subscriber.next)
         self.assert_raises(msgbus.TimedOut, -104, subscriber.next, 0)
