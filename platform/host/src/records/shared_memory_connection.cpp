@@ -66,7 +66,7 @@ void Unwatch(const UniqueFd& epoll, const UniqueFd& watched) noexcept {
 }
 
 /// Whether one of the events says that the server is gone. The mark is an event of the socket too.
-bool TellEndOfServer(const std::array<epoll_event, 3>& events, int count) noexcept {
+bool HasEndOfServer(const std::array<epoll_event, 3>& events, int count) noexcept {
     return std::any_of(events.begin(), events.begin() + std::max(count, 0), [](const epoll_event& event) {
         return event.data.u64 == ServerData && (event.events & ~std::uint32_t{EPOLLOUT}) != 0;
     });
@@ -311,36 +311,40 @@ bool Connection::HasReply(SlotWord& reply) const noexcept {
     return reply.Sequence() == lastSequence;
 }
 
-/// Looks without sleeping. When it finds nothing, the reply rings, and nothing else makes the descriptor readable.
-Connection::Found Connection::LookOnce(SlotWord& reply) noexcept {
-    shared.region.Slot().request.hint.store(lastSequence, std::memory_order_seq_cst);
-    if (HasReply(reply)) {
-        KeepReadable(lookedInVain == lastSequence);
-        return Found::Reply;
-    }
-    lookedInVain = lastSequence;
-    Unmark();
-    std::array<epoll_event, 3> events{};
-    const int count = ::epoll_wait(epoll.Get(), events.data(), events.size(), 0);
-    isReadable = false;
-    if (HasReply(reply)) {
-        KeepReadable(false); // its ring may have been among the events
-        return Found::Reply;
-    }
-    return TellEndOfServer(events, count) ? Found::EndOfServer : Found::Nothing;
-}
-
-Connection::Found Connection::Sleep(CallUnderWay& counted, SlotWord& reply, Deadline deadline) noexcept {
+/// Looks for the reply. Returns: whether it is there; else it rings, and nothing but rings, and the end of the server,
+/// makes the descriptor readable.
+bool Connection::LookOrAskForRing(SlotWord& reply) noexcept {
     // Set the hint, then look for the reply; the server replies, then reads the hint. A hint for an earlier call has no
     // effect, so it is never cleared.
     shared.region.Slot().request.hint.store(lastSequence, std::memory_order_seq_cst);
     if (HasReply(reply)) {
         KeepReadable(lookedInVain == lastSequence);
-        return Found::Reply;
+        return true;
     }
     lookedInVain = lastSequence;
     Unmark();
     isReadable = false;
+    return false;
+}
+
+/// Looks without sleeping, and reads off the rings that came before.
+Connection::Found Connection::LookOnce(SlotWord& reply) noexcept {
+    if (LookOrAskForRing(reply)) {
+        return Found::Reply;
+    }
+    std::array<epoll_event, 3> events{};
+    const int count = ::epoll_wait(epoll.Get(), events.data(), events.size(), 0);
+    if (HasReply(reply)) {
+        KeepReadable(false); // its ring may have been among the events
+        return Found::Reply;
+    }
+    return HasEndOfServer(events, count) ? Found::EndOfServer : Found::Nothing;
+}
+
+Connection::Found Connection::Sleep(CallUnderWay& counted, SlotWord& reply, Deadline deadline) noexcept {
+    if (LookOrAskForRing(reply)) {
+        return Found::Reply;
+    }
     common::ConfinedThread self;
     place.Enter(self);
     do {
@@ -352,7 +356,7 @@ Connection::Found Connection::Sleep(CallUnderWay& counted, SlotWord& reply, Dead
                 counted.End();
             },
             deadline);
-        if (TellEndOfServer(events, count)) {
+        if (HasEndOfServer(events, count)) {
             if (!HasReply(reply)) {
                 return Found::EndOfServer;
             }

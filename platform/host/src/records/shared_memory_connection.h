@@ -115,6 +115,7 @@ private:
     /// Takes the reply to what was sent last. Returns: as Finish.
     std::int32_t TakeReply(nk_message* response, CallUnderWay& counted, Deadline deadline, bool mayWait) noexcept;
     bool HasReply(SlotWord& reply) const noexcept;
+    bool LookOrAskForRing(SlotWord& reply) noexcept;
     Found LookOnce(SlotWord& reply) noexcept;
     Found Sleep(CallUnderWay& counted, SlotWord& reply, Deadline deadline) noexcept;
     void RingBell() noexcept;
