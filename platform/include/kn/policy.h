@@ -17,3 +17,8 @@ std::int32_t KnPolicySetMethodCount(const char* type, std::uint32_t methodCount)
 ///
 /// Returns: 0; KnStatusInvalidArgument for a limit of 0, or `perChannel` beyond 2048. Threads: any.
 std::int32_t KnPolicySetConnectionLimits(std::uint32_t perCaller, std::uint32_t perChannel) noexcept;
+
+/// Returns: how many connections this process has refused because of a limit, which is the answer KnStatusBusy: those
+/// above, and the platform's own on clients that are not yet accepted. It has counted a refusal before the client can
+/// see it, and counts each attempt of a client that repeats one. It never goes back. Threads: any. Blocks: never.
+std::uint64_t KnPolicyRefusedConnections() noexcept;

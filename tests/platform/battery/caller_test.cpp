@@ -268,6 +268,36 @@ TEST_F(ConnectionLimitsTest, AConnectionBeyondThatOfTheChannel_IsBusy) {
     EXPECT_EQ(KnStatusBusy, ServiceLocatorConnect("line", PatienceMs, &refused));
 }
 
+TEST_F(ConnectionLimitsTest, EachRefusedConnection_IsCounted_AndNoOther) {
+    const std::uint64_t before = KnPolicyRefusedConnections();
+    ASSERT_EQ(KnStatusOk, KnPolicySetConnectionLimits(1, 100));
+    const Handle server = RegisterStatic();
+    const Handle first = ConnectStatic();
+    EXPECT_EQ(before, KnPolicyRefusedConnections());
+    KnHandle refused = KnInvalidHandle;
+    EXPECT_EQ(KnStatusBusy, ServiceLocatorConnect("line", PatienceMs, &refused));
+    EXPECT_EQ(before + 1, KnPolicyRefusedConnections()) << "beyond the limit of a process";
+    ASSERT_EQ(KnStatusOk, KnPolicySetConnectionLimits(10, 1));
+    EXPECT_EQ(KnStatusBusy, ServiceLocatorConnect("line", PatienceMs, &refused));
+    EXPECT_EQ(before + 2, KnPolicyRefusedConnections()) << "beyond the limit of the channel";
+    EXPECT_EQ(KnStatusNotFound, ServiceLocatorConnect("another", PatienceMs, &refused));
+    EXPECT_EQ(before + 2, KnPolicyRefusedConnections()) << "refused for another reason";
+}
+
+TEST_F(ConnectionLimitsTest, ARefusalOnAccept_IsCounted) {
+    ASSERT_EQ(KnStatusOk, Publish("service"));
+    const Joined joined = Join("service");
+    ASSERT_EQ(KnStatusOk, KnPolicySetConnectionLimits(1, 100));
+    const std::uint64_t before = KnPolicyRefusedConnections();
+    Asking asking("service");
+    const Request request = Listen();
+    ASSERT_EQ(KnStatusOk, request.status);
+    KnHandle channel = KnInvalidHandle;
+    EXPECT_EQ(KnStatusBusy, KnCmAccept(request.client.c_str(), request.service.c_str(), 0, joined.channel, &channel));
+    EXPECT_EQ(KnStatusBusy, asking.status.Get());
+    EXPECT_EQ(before + 1, KnPolicyRefusedConnections());
+}
+
 TEST_F(ConnectionLimitsTest, LimitsThatCannotBe_AreRefused) {
     EXPECT_EQ(KnStatusInvalidArgument, KnPolicySetConnectionLimits(0, 1));
     EXPECT_EQ(KnStatusInvalidArgument, KnPolicySetConnectionLimits(1, 0));

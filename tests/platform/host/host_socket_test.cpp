@@ -1,6 +1,7 @@
 // Defends the platform on Linux against peers that do not use the library: what they send, or do not send, reaches no
 // server code and costs no other client anything.
 #include "joining/admission.h"
+#include "kn/policy.h"
 #include "log_recorder.h"
 #include "process.h"
 #include "raw_slot.h"
@@ -123,7 +124,9 @@ TEST_F(RudeClient, ThatAsksTooOften_IsBusy_AndOthersAreServed) {
     ASSERT_EQ(KnStatusOk, Publish("service"));
     const Joined joined = Join("service");
     const Echoers echoers(joined.channel);
-    std::vector<RawSocket> asking(Visitors::MaxAskingPerProcess + 20);
+    constexpr std::size_t tooMany = 20;
+    const std::uint64_t refusedBefore = KnPolicyRefusedConnections();
+    std::vector<RawSocket> asking(Visitors::MaxAskingPerProcess + tooMany);
     for (const RawSocket& client : asking) {
         ASSERT_EQ(0, client.Connect("services/service"));
         ASSERT_TRUE(client.Greet());
@@ -131,6 +134,7 @@ TEST_F(RudeClient, ThatAsksTooOften_IsBusy_AndOthersAreServed) {
     for (std::size_t i = Visitors::MaxAskingPerProcess; i < asking.size(); ++i) {
         EXPECT_EQ(KnStatusBusy, asking[i].Answer());
     }
+    EXPECT_EQ(refusedBefore + tooMany, KnPolicyRefusedConnections());
     EXPECT_EQ(KnStatusOk, CallWith(joined.client.Get(), 1));
     Process other({"ask", "service", "call", "1"});
     std::size_t accepted = 0;

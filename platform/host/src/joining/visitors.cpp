@@ -3,6 +3,7 @@
 #include "base/log.h"
 #include "kn/status.h"
 #include "names/handshake.h"
+#include "records/connection_limits.h"
 
 #include <poll.h>
 
@@ -172,6 +173,9 @@ void Visitors::Leave(Visitor& visitor) {
 }
 
 void Visitors::Refuse(Visitor& visitor, std::int32_t status) {
+    if (status == KnStatusBusy) {
+        ConnectionLimits::CountRefusal();
+    }
     if (visitor.socket) {
         SendAnswer(visitor.socket.Get(), status);
     }

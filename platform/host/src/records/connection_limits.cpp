@@ -12,11 +12,16 @@ namespace {
 
 std::atomic<std::uint32_t> mostPerCaller{Channel::MaxClients};
 std::atomic<std::uint32_t> mostPerChannel{Channel::MaxClients};
+std::atomic<std::uint64_t> refusals{0};
 
 } // namespace
 
 ConnectionLimits ConnectionLimits::Current() noexcept {
     return {mostPerCaller.load(std::memory_order_relaxed), mostPerChannel.load(std::memory_order_relaxed)};
+}
+
+void ConnectionLimits::CountRefusal() noexcept {
+    refusals.fetch_add(1, std::memory_order_relaxed);
 }
 
 } // namespace borven_host
@@ -28,4 +33,8 @@ std::int32_t KnPolicySetConnectionLimits(std::uint32_t perCaller, std::uint32_t 
     borven_host::mostPerCaller.store(perCaller, std::memory_order_relaxed);
     borven_host::mostPerChannel.store(perChannel, std::memory_order_relaxed);
     return KnStatusOk;
+}
+
+std::uint64_t KnPolicyRefusedConnections() noexcept {
+    return borven_host::refusals.load(std::memory_order_relaxed);
 }

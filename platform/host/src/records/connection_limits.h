@@ -11,6 +11,9 @@ struct ConnectionLimits {
 
     /// Threads: any.
     static ConnectionLimits Current() noexcept;
+
+    /// Counts a connection that is refused because of a limit, for KnPolicyRefusedConnections. Threads: any.
+    static void CountRefusal() noexcept;
 };
 
 } // namespace borven_host
