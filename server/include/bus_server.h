@@ -1,19 +1,24 @@
 #pragma once
 
+#include "account_keeper.h"
+#include "accounted_bus.h"
 #include "caller_accounts.h"
 #include "channel_deadline.h"
 #include "clean_up.h"
 #include "closing_log_filter.h"
+#include "error_tally.h"
 #include "flush_wake.h"
 #include "forwarding_connector.h"
 #include "handshake_watch.h"
 #include "inherited_thread_name.h"
 #include "intake.h"
 #include "ipc_server.h"
+#include "loop_watch.h"
 #include "message_bus.h"
 #include "ownership.h"
 #include "parked_waits.h"
 #include "placement.h"
+#include "push_turn.h"
 #include "queue_budget.h"
 #include "queue_limit.h"
 #include "registration_gate.h"
@@ -41,6 +46,13 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/// Where the account of the bus is kept, and what it says about the server.
+struct AccountOptions {
+    std::optional<std::string> directory; ///< of the file; none: in memory only
+    std::string version;                  ///< of the program
+    std::string options;                  ///< those that differ from the defaults, as on the command line
+};
+
 /// What the server adds around the bus. Everything is on by default; a member set to false leaves that part out.
 struct BusServerOptions {
     message_bus::ConnectionType connectionType = message_bus::ConnectionType::Dynamic;
@@ -49,9 +61,12 @@ struct BusServerOptions {
     bool placement = true;   ///< Placement, where threads may be confined; it needs ParkedWaits to see deliveries
     bool ownership = true;   ///< Ownership, and the end of registrations with the process that made them
     std::optional<Limits> limits = Limits{};
-    std::vector<QueueRule> queueRules{}; ///< only with `limits`
-    bool registrationGate = true;        ///< RegistrationGate
-    bool intake = true;                  ///< Intake; without it a drain is a stop
+    std::vector<QueueRule> queueRules{};                      ///< only with `limits`
+    bool registrationGate = true;                             ///< RegistrationGate
+    bool intake = true;                                       ///< Intake; without it a drain is a stop
+    std::optional<AccountOptions> account = AccountOptions{}; ///< AccountKeeper
+    bool notices = true;                                      ///< TopicNotices; only with `account`, as the next one
+    std::vector<std::string> retain{}; ///< patterns of topics whose last value a new subscriber gets; with `notices`
 
     std::chrono::milliseconds holdPushes{0}; ///< pushes are refused until so long after the bus is served; see Intake
     /// A drain gives the subscribers so much time. Less than the ten seconds for which clients repeat a push.
@@ -98,38 +113,59 @@ public:
     /// The bus itself, behind the decorators. Lifetime: this object's.
     message_bus::MessageBus& Bus() noexcept { return bus; }
 
+    /// Returns: the account; null without one. Lifetime: this object's.
+    AccountKeeper* Account() noexcept { return keeper ? &*keeper : nullptr; }
+
+    /// Replaces the description of a topic, when the process `pid` owns its publisher. Requires: there is an account.
+    /// Threads: any.
+    Described Describe(const std::string& topic, std::int32_t pid, std::string_view text) {
+        return accounted->Describe(topic, pid, text);
+    }
+
 private:
+    void MakeAccount();
     message_bus::IWorker& MakeWorker();
+    void MakePushes();
+    FlushWake::Actions WakeActions();
+    void Follow(long subscriberId, SubscriberWaits::Account account);
+    std::optional<TopicNotices> MakeNotices();
     void CutSubscriber(long id);
     void OwnRegistrations();
     message_bus::IProvider& Provider() noexcept;
     void Offer();
     void CloseServerEnds();
     void HoldPushes(std::chrono::milliseconds duration);
+    void SetState(instruments::ServerState state) noexcept;
     void NoteDelivery() noexcept;
     void OnServing();
     void DrainSubscribers();
     void Stop();
 
     const BusServerOptions options;
-    ClosingLogFilter logFilter;
     std::function<void()> reportServing;
     std::string startFailure;                            ///< a sentence; empty: served
     std::optional<InheritedThreadName> eventsThreadName; ///< from the start of Run until the bus has started the thread
 
     // Each is used by those below it. The connector's workers use them all.
     message_bus::MessageBus bus;
+    std::optional<AccountKeeper> keeper;
+    std::optional<ErrorTally> errors;
+    std::optional<ClosingLogFilter> logFilter; ///< in front of the tally: what it leaves out is no error
     std::optional<FlushWake> flushWake;
     std::optional<Placement> placement;
     std::optional<QueueBudget> queueBudget;
     std::optional<ParkedWaits> parkedWaits;
-    SubscriberLedger ledger;
+    common::Mutex pushTurn; ///< PushTurn's
+    std::optional<AccountedBus> accounted;
+    std::optional<Intake> intake;
+    std::optional<PushTurn> turn;
+    std::optional<SubscriberLedger> ledger;
     std::optional<RegistrationGate> gate;
     CallerAccounts accounts;
     std::optional<CleanUp> cleanUp;
     std::optional<HandshakeWatch> handshakeWatch;
     std::optional<Ownership> ownership;
-    std::optional<Intake> intake;
+    std::optional<LoopWatch> loopWatch;
     std::shared_ptr<bos_ipc::IpcServer> server; ///< null once stopped
     std::unique_ptr<message_bus::BosConnector> connector;
     std::shared_ptr<ForwardingConnector> forwarding; ///< the bus keeps a share of it until it is destroyed

@@ -5,7 +5,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string_view>
 #include <thread>
 
@@ -31,8 +33,15 @@ class FlushWake final : public message_bus::IProvider {
 public:
     static constexpr std::string_view Topic{"~flush-wake\0", 12};
 
+    /// What is done beside: `push` pushes a value of the publisher that it is given, in place of the bus; `noteRescued`
+    /// is called with the number of values that were left behind.
+    struct Actions {
+        std::function<cor::ResultCode(long publisherId)> push;
+        std::function<void(std::size_t count)> noteRescued;
+    };
+
     /// Lifetime: `observed` must outlive this object, and its wakes must be able to run until this object is gone.
-    explicit FlushWake(message_bus::MessageBus& observed);
+    explicit FlushWake(message_bus::MessageBus& observed, Actions wakeActions = {});
     FlushWake(const FlushWake&) = delete;
     FlushWake& operator=(const FlushWake&) = delete;
     ~FlushWake() override;
@@ -48,6 +57,7 @@ private:
     void Wake();
 
     message_bus::MessageBus& bus;
+    const Actions actions;
 
     // A push counts in the bus, then reads isDue; a look clears isDue, then reads the count. All are sequentially
     // consistent, so one of the two always sees the other.

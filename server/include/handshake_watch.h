@@ -4,6 +4,8 @@
 #include "kn/caller.h"
 
 #include <functional>
+#include <string_view>
+#include <utility>
 
 namespace msgbus_server {
 
@@ -12,10 +14,13 @@ namespace msgbus_server {
 /// Threads: any.
 class HandshakeWatch final : public KnIRequestObserver {
 public:
-    /// What is done about a caller that is gone, and when a handshake has begun. Must return at once.
+    /// What is done about a caller that is gone, when a handshake has begun, and when one is refused. Must return at
+    /// once.
     struct Actions {
         std::function<void(const KnCaller&)> endAllOf;
         std::function<void()> noteHandshake;
+        /// A step of a handshake was refused. May be empty.
+        std::function<void(const KnCaller&, cor::ResultCode, std::string_view name)> noteRefusal{};
     };
 
     /// `checksOwners`: false: every process may use every handshake. Lifetime: `kept` must outlive this object.
@@ -27,6 +32,8 @@ public:
     void OnCallerGone(const KnCaller& caller) noexcept override { actions.endAllOf(caller); }
 
 private:
+    void NoteRefusal(const KnCaller& caller, cor::ResultCode code, std::string_view name) const;
+
     CallerAccounts& accounts;
     const bool isOwned;
     const Actions actions;

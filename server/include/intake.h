@@ -1,6 +1,7 @@
 #pragma once
 
 #include "bus_interfaces.h"
+#include "common/mutex.h"
 #include "message_bus.h"
 
 #include <atomic>
@@ -21,7 +22,7 @@ namespace msgbus_server {
 ///   for each value, and neither a registration nor a stop can interrupt it, so a queue of 1,025 values for 100,000
 ///   subscribers would keep a stop waiting for seconds. Up to 240 subscribers the limit is that of the bus.
 ///
-/// Threads: any.
+/// Threads: any; Push with the turn of the pushes (PushTurn).
 class Intake final : public message_bus::IProvider {
 public:
     using Clock = std::chrono::steady_clock;
@@ -33,12 +34,14 @@ public:
     /// Values that may be queued whatever the number of subscribers.
     static constexpr std::size_t LeastBacklog = 8;
 
-    /// `subscriberCount`: of the moment. Lifetime: both objects must outlive this one.
-    Intake(message_bus::IProvider& publisher, const message_bus::MessageBus& observed,
+    /// `pushTurn`: the mutex of the turn. `subscriberCount`: of the moment. Lifetime: the first three must outlive this
+    /// object.
+    Intake(common::Mutex& pushTurn, message_bus::IProvider& publisher, const message_bus::MessageBus& observed,
            std::function<std::size_t()> subscriberCount, std::function<Clock::time_point()> time = Clock::now);
     Intake(const Intake&) = delete;
     Intake& operator=(const Intake&) = delete;
 
+    /// Requires: the turn is held.
     cor::ResultCode Push(long publisherId, long message) override;
 
     /// Refuses pushes from now on. Blocks: until those under way are over.
@@ -51,15 +54,13 @@ private:
     bool IsHeld() noexcept;
     bool HasRoom() const;
 
+    common::Mutex& turn;
     message_bus::IProvider& provider;
     const message_bus::MessageBus& bus;
     const std::function<std::size_t()> subscribers;
     const std::function<Clock::time_point()> now;
 
-    // Close writes isClosed, then reads inService; a push counts, then reads isClosed. All are sequentially consistent,
-    // so a push that Close does not wait for is refused.
-    std::atomic<bool> isClosed{false};
-    std::atomic<std::uint32_t> inService{0}; ///< pushes
+    std::atomic<bool> isClosed{false}; ///< turns true with the turn; relaxed: the turn orders it
 
     std::atomic<Clock::rep> heldUntil{0}; ///< 0: not held; relaxed: it carries no data
 };

@@ -23,10 +23,12 @@ namespace msgbus_server {
 
 /// What limits the values that subscribers leave unread. Each function must return at once and must not throw.
 struct QueueControl {
-    std::function<QueueLimit(const message_bus::Subscriber&)> limitOf;
+    std::function<QueueLimit(const message_bus::Subscriber&)> limitOf{};
     QueueBudget* budget = nullptr;
-    std::function<void(long subscriber)> cut;                                  ///< it has to be unregistered
-    std::function<void(QueueBudget::Exceeded, std::uint64_t caller)> exceeded; ///< CutLargest is due
+    std::function<void(long subscriber)> cut{};                                  ///< it has to be unregistered
+    std::function<void(QueueBudget::Exceeded, std::uint64_t caller)> exceeded{}; ///< CutLargest is due
+    std::function<void(long subscriber)> discrepancy{}; ///< its account and its queue do not agree
+    std::function<void()> unknownWait{};                ///< a wait was refused: no subscriber has its id
 };
 
 /// Receiving without a thread for each waiting subscriber. A wait in the bus blocks the thread that serves it, which
@@ -65,7 +67,7 @@ public:
     cor::ResultCode Wait(long subscriberId, std::string& topic, long& message) override;
 
     /// Follows the queue of a new subscriber, before its first wait; `caller` registered it.
-    void Follow(long subscriberId, std::uint64_t caller);
+    void Follow(long subscriberId, std::uint64_t caller, SubscriberWaits::Account account = nullptr);
 
     /// Returns: the subscriber's part; null when it is not followed. Who keeps it keeps the unread values.
     std::shared_ptr<SubscriberWaits> Find(long subscriberId);
@@ -84,8 +86,10 @@ private:
     void OnDelivery() noexcept override;
     void OnCut(long subscriberId) noexcept override;
     void OnExceeded(QueueBudget::Exceeded what, std::uint64_t caller) noexcept override;
+    void OnDiscrepancy(long subscriberId) noexcept override;
 
-    std::shared_ptr<SubscriberWaits> FindOrAdd(long subscriberId, std::uint64_t caller);
+    std::shared_ptr<SubscriberWaits> FindOrAdd(long subscriberId, std::uint64_t caller,
+                                               SubscriberWaits::Account account = nullptr);
     void Forget(long subscriberId);
     std::vector<std::shared_ptr<SubscriberWaits>> All();
     std::optional<std::uint64_t> LostOfCut(long subscriberId);

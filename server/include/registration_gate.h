@@ -18,8 +18,8 @@ namespace msgbus_server {
 /// Threads: any.
 class RegistrationGate final : public message_bus::IProvider, public message_bus::IProviderControl {
 public:
-    /// `isOpen`: nothing is held back. `registeredAction` is called with the id of each new subscriber, before any
-    /// push goes on. Lifetime: both must outlive this object.
+    /// `isOpen`: nothing is held back. `registeredAction` (may be empty) is called with the id of each new subscriber,
+    /// before any push goes on. Lifetime: both must outlive this object.
     RegistrationGate(message_bus::IProvider& publisher, message_bus::IProviderControl& registry, bool isOpen,
                      std::function<void(long)> registeredAction)
         : provider(publisher), control(registry), holdsBack(!isOpen), onRegistered(std::move(registeredAction)) {}

@@ -16,6 +16,9 @@ public:
     ServiceManager& operator=(const ServiceManager&) = delete;
     ~ServiceManager();
 
+    /// Returns: whether there is one to report to.
+    bool IsPresent() const noexcept { return socket >= 0; }
+
     /// Sends assignments, one a line: "READY=1\nSTATUS=...". A failure is logged as a warning.
     /// Blocks: for a second at most, if the manager does not read.
     void Report(std::string_view assignments) const;

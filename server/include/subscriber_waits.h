@@ -5,6 +5,7 @@
 #include "nk/deferred_reply.h"
 #include "queue_budget.h"
 #include "queue_limit.h"
+#include "subscriber_entry.h"
 
 #include <atomic>
 #include <cstddef>
@@ -53,6 +54,9 @@ public:
         virtual void OnCut(long subscriberId) noexcept = 0;
         /// The budget is exceeded, which is to be acknowledged. With the mutex.
         virtual void OnExceeded(QueueBudget::Exceeded what, std::uint64_t caller) noexcept = 0;
+        /// The account of the subscriber, which ends, has another number of unread values than there are. With the
+        /// mutex.
+        virtual void OnDiscrepancy(long subscriberId) noexcept = 0;
     };
 
     /// How much may be unread, and whose it is. `budget`: null: without one. Lifetime: the budget's.
@@ -61,9 +65,24 @@ public:
         QueueBudget* budget = nullptr;
         std::uint64_t caller = 0;
     };
+    using Account = std::shared_ptr<SubscriberEntry>;
+
+    /// A wait blocks in the bus, for a scope.
+    class Blocking final {
+    public:
+        explicit Blocking(SubscriberWaits& blockedWaits) : waits(blockedWaits) { waits.AddBlocking(1); }
+        Blocking(const Blocking&) = delete;
+        Blocking& operator=(const Blocking&) = delete;
+        ~Blocking() { waits.AddBlocking(-1); }
+
+    private:
+        SubscriberWaits& waits;
+    };
 
     /// Lifetime: `informed` must outlive this object.
-    SubscriberWaits(std::shared_ptr<message_bus::Subscriber> waitingSubscriber, IEvents& informed, Allowance allowed);
+    /// `account`: null: none is kept.
+    SubscriberWaits(std::shared_ptr<message_bus::Subscriber> waitingSubscriber, IEvents& informed, Allowance allowed,
+                    Account account = nullptr);
     SubscriberWaits(const SubscriberWaits&) = delete;
     SubscriberWaits& operator=(const SubscriberWaits&) = delete;
     ~SubscriberWaits() override;
@@ -78,8 +97,14 @@ public:
     /// Throws: std::bad_alloc, with the wait not answered. Requires: the queue is followed.
     bool Park(const NkDeferredReply& wait);
 
+    /// Puts a value into the queue that no publisher has pushed: what OnDelivery is called for stays what was pushed.
+    /// Requires: the events thread has no value, and the queue stays as it is but for clients that take values.
+    void Put(std::shared_ptr<message_bus::Message> value);
+
     /// For a wait whose reply cannot be deferred. Returns: the first value that has left the queue; null: none has.
     std::shared_ptr<message_bus::Message> TakeKept();
+    /// Such a wait has taken a value in the bus.
+    void NoteTakenInTheBus();
 
     /// Takes back what is offered. Returns: how many values no client has taken yet.
     std::size_t Unread();
@@ -111,6 +136,7 @@ public:
     static constexpr std::size_t MostParked = 2048;
 
 private:
+    void Continue(bool isSample) noexcept;
     void Serve() noexcept REQUIRES(mutex);
     std::optional<cor::ResultCode> TakeFirst() noexcept REQUIRES(mutex);
     void Answer(const NkDeferredReply& wait) noexcept REQUIRES(mutex);
@@ -124,6 +150,11 @@ private:
     void CutNow() noexcept REQUIRES(mutex);
     void DropFirst() noexcept REQUIRES(mutex);
     void SetCharge(std::size_t valueCount) noexcept REQUIRES(mutex);
+    void AddBlocking(int count) noexcept;
+    void NoteWaits() noexcept REQUIRES(mutex);
+    void NoteTaken() noexcept REQUIRES(mutex);
+    void NoteDropped(instruments::layout::Drop reason) noexcept REQUIRES(mutex);
+    void NoteEnd() noexcept REQUIRES(mutex);
 
     // What the events thread touches for each value comes first, in one cache line.
     IEvents& events;
@@ -132,6 +163,7 @@ private:
     std::atomic<bool> isParked{false};
     std::size_t unchecked = 0;       ///< values since the last check; of the thread that puts values into the queue
     const std::size_t checkInterval; ///< in values
+    const Account account;           ///< null: none is kept
 
     const std::shared_ptr<message_bus::Subscriber> subscriber;
     const Allowance allowance;
@@ -142,7 +174,9 @@ private:
     std::size_t mostOffers GUARDED_BY(mutex) = NkMaxOffers; ///< of the next reply
     std::size_t offered GUARDED_BY(mutex) = 0;              ///< so many of the first values are offered
     NkDeferredReply offerOf GUARDED_BY(mutex){};            ///< the wait whose reply they came with
+    int blocking GUARDED_BY(mutex) = 0;                     ///< waits that block in the bus
     bool isCut GUARDED_BY(mutex) = false;
+    bool hasEnded GUARDED_BY(mutex) = false;  ///< and its account with it
     std::uint64_t lost GUARDED_BY(mutex) = 0; ///< dropped
     std::size_t charge GUARDED_BY(mutex) = 0; ///< of the budget, in bytes
 };

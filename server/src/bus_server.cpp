@@ -11,10 +11,12 @@
 #include "kn/status.h"
 #include "name_loss_watch.h"
 #include "ns/name_server.h"
+#include "request_time.h"
 #include "service_locator.h"
 #include "stop_events_thread.h"
 #include "subscribe_helper.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <iterator>
@@ -36,6 +38,11 @@ constexpr std::chrono::seconds StopLimit{5};
 
 /// After this, a start that does not receive on every channel is given up.
 constexpr std::chrono::seconds StartLimit{30};
+
+/// Most slots of an account for publishers, and for subscribers; and those beside the limit, which does not count the
+/// server's own.
+constexpr std::size_t MostSlots = 65536;
+constexpr std::size_t SpareSlots = 64;
 
 /// Threads of the bus that end in an orderly stop, each of which needs a remover then: the worker of the static
 /// channel; the accept worker and the dispatcher of the subscriber service.
@@ -112,35 +119,106 @@ void StartingThreads(const Start& start) {
 } // namespace
 
 BusServer::BusServer(const BusServerOptions& chosen)
-    : options(chosen), ledger(bus, MakeWorker()), accounts(options.limits),
-      server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
+    : options(chosen), accounts(options.limits), server(std::make_shared<bos_ipc::IpcServer>(options.connectionType)),
       connector(std::make_unique<message_bus::BosConnector>(server)),
       forwarding(std::make_shared<ForwardingConnector>(
           *connector, [this] { eventsThreadName.reset(); }, [this] { OnServing(); }, [this] { DrainSubscribers(); })) {
     StartingThreads([&] {
         deadline.emplace();
-        if (options.flushWake) {
-            flushWake.emplace(bus);
-        }
-        if (options.placement && common::MayConfineThreads()) {
-            placement.emplace(Provider());
-        }
-        if (options.intake) {
-            // Without FlushWake a value may be left in the queue until the next push, which must get there.
-            intake.emplace(Provider(), bus, [this] { return flushWake ? ledger.Count() : 0; });
-        }
+        MakeAccount();
+        logFilter.emplace();
+        MakePushes();
+        message_bus::IProviderControl& registry =
+            accounted ? static_cast<message_bus::IProviderControl&>(*accounted) : bus;
+        ledger.emplace(registry, MakeWorker());
         if (options.ownership || options.limits || options.registrationGate) {
             OwnRegistrations();
+        }
+        if (keeper) {
+            loopWatch.emplace(ownership ? LoopWatch::Bus{*ownership, *ownership, *ownership}
+                                        : LoopWatch::Bus{Provider(), *ledger, *ledger},
+                              *keeper, !options.parkedWaits);
         }
     });
 }
 
+/// Makes the account, in memory if there can be no file.
+void BusServer::MakeAccount() {
+    if (!options.account) {
+        return;
+    }
+    instruments::AccountCapacities capacities;
+    if (options.limits) {
+        capacities.publishers = std::min(options.limits->publishers + AccountKeeper::MostRemembered, MostSlots);
+        capacities.subscribers = std::min(options.limits->subscribers + SpareSlots, MostSlots);
+    }
+    const ServerIdentity identity{options.account->version, options.account->options,
+                                  options.connectionType == ConnectionType::Static};
+    try {
+        keeper.emplace(options.account->directory, capacities, identity);
+    } catch (const instruments::AccountFileError& error) {
+        Log(LogLevel::Warning, "{}; the account is kept in memory only", error.what());
+        keeper.emplace(std::nullopt, capacities, identity);
+    }
+    errors.emplace(*keeper);
+}
+
+/// Makes the decorators of pushes that do not know the callers, the last one first.
+void BusServer::MakePushes() {
+    if (options.flushWake) {
+        flushWake.emplace(bus, WakeActions());
+    }
+    if (options.placement && common::MayConfineThreads()) {
+        placement.emplace(Provider(), RequestTime::Now);
+    }
+    if (keeper) {
+        accounted.emplace(
+            pushTurn, bus, Provider(), *keeper,
+            [this](long id, SubscriberWaits::Account account) { Follow(id, std::move(account)); }, MakeNotices());
+    }
+    if (options.intake) {
+        // Without FlushWake a value may be left in the queue until the next push, which must get there.
+        intake.emplace(pushTurn, Provider(), bus, [this] { return flushWake ? ledger->Count() : 0; });
+    }
+    if (accounted || intake) {
+        turn.emplace(pushTurn, Provider());
+    }
+}
+
+FlushWake::Actions BusServer::WakeActions() {
+    if (!keeper) {
+        return {};
+    }
+    return {[this](long publisherId) { return accounted->PushForNobody(publisherId); },
+            [this](std::size_t count) { keeper->Bus().rescued.fetch_add(count, std::memory_order_relaxed); }};
+}
+
+void BusServer::Follow(long subscriberId, SubscriberWaits::Account account) {
+    parkedWaits->Follow(subscriberId, KnCallerId(), std::move(account));
+}
+
+std::optional<TopicNotices> BusServer::MakeNotices() {
+    if (!options.notices) {
+        return std::nullopt;
+    }
+    const auto put = [this](long id, const std::shared_ptr<message_bus::Message>& value) {
+        if (const auto subscriber = parkedWaits->Find(id)) {
+            subscriber->Put(value);
+        }
+    };
+    return TopicNotices(put, options.retain);
+}
+
 /// Makes the worker behind the ledger. Returns: it; the bus itself where nothing is added to waits.
 message_bus::IWorker& BusServer::MakeWorker() {
-    if (!options.parkedWaits && !options.limits) {
+    if (!options.parkedWaits && !options.limits && !keeper) {
         return bus;
     }
     QueueControl control;
+    if (keeper) {
+        control.unknownWait = [this] { keeper->NoteUnknownWait(); };
+        control.discrepancy = [this](long id) { keeper->NoteDiscrepancy(fmt::format("subscriber {}", id)); };
+    }
     if (options.limits) {
         queueBudget.emplace(options.limits->queuedBytesPerProcess, options.limits->queuedBytes);
         control.limitOf = [this](const message_bus::Subscriber& subscriber) {
@@ -179,11 +257,10 @@ void BusServer::CutSubscriber(long id) {
 
 /// Puts the decorators that know the callers before all others.
 void BusServer::OwnRegistrations() {
-    gate.emplace(Provider(), ledger, !options.registrationGate, [this](long id) {
-        if (options.limits) {
-            parkedWaits->Follow(id, KnCallerId());
-        }
-    });
+    // AccountedBus lets a new subscriber be followed already before any value comes.
+    const auto follow = [this](long id) { Follow(id, nullptr); };
+    gate.emplace(Provider(), *ledger, !options.registrationGate,
+                 options.limits && !accounted ? std::function<void(long)>(follow) : nullptr);
     cleanUp.emplace(accounts, *gate, [this](long handshake) {
         long none = -1;
         connector->GetSubscribeHelper()->FinishSubscribing(handshake, false, none);
@@ -192,15 +269,25 @@ void BusServer::OwnRegistrations() {
         if (options.ownership) {
             cleanUp->EndAllOf(caller);
         }
+        if (keeper) {
+            keeper->EndClient(caller);
+        }
     };
-    handshakeWatch.emplace(accounts, options.ownership,
-                           HandshakeWatch::Actions{endAllOf, [this] { cleanUp->NoteHandshake(); }});
-    ownership.emplace(Ownership::Bus{*gate, *gate, ledger}, accounts, options.ownership, endAllOf);
+    HandshakeWatch::Actions actions{endAllOf, [this] { cleanUp->NoteHandshake(); }};
+    if (keeper) {
+        actions.noteRefusal = [this](const KnCaller& caller, cor::ResultCode code, std::string_view name) {
+            keeper->NoteRefusal(caller, code, name);
+        };
+    }
+    handshakeWatch.emplace(accounts, options.ownership, std::move(actions));
+    ownership.emplace(Ownership::Bus{*gate, *gate, *ledger}, accounts, options.ownership, endAllOf);
 }
 
 /// Returns: the first of the decorators of pushes that exist and do not know the callers; the bus itself without any.
 message_bus::IProvider& BusServer::Provider() noexcept {
-    return intake      ? static_cast<message_bus::IProvider&>(*intake)
+    return turn        ? static_cast<message_bus::IProvider&>(*turn)
+           : intake    ? static_cast<message_bus::IProvider&>(*intake)
+           : accounted ? static_cast<message_bus::IProvider&>(*accounted)
            : placement ? static_cast<message_bus::IProvider&>(*placement)
            : flushWake ? static_cast<message_bus::IProvider&>(*flushWake)
                        : bus;
@@ -218,11 +305,14 @@ void BusServer::Offer() {
     if (handshakeWatch) {
         KnObserveRequests(&*handshakeWatch, br_MessageBusComponent_ctl_iid);
     }
-    const bool isOffered =
-        ownership ? connector->Init(Lend<message_bus::IProviderControl>(*ownership),
-                                    Lend<message_bus::IProvider>(*ownership), Lend<message_bus::IWorker>(*ownership))
-                  : connector->Init(Lend<message_bus::IProviderControl>(ledger), Lend(Provider()),
-                                    Lend<message_bus::IWorker>(ledger));
+    const auto offer = [this](auto& all) {
+        return connector->Init(Lend<message_bus::IProviderControl>(all), Lend<message_bus::IProvider>(all),
+                               Lend<message_bus::IWorker>(all));
+    };
+    const bool isOffered = loopWatch   ? offer(*loopWatch)
+                           : ownership ? offer(*ownership)
+                                       : connector->Init(Lend<message_bus::IProviderControl>(*ledger), Lend(Provider()),
+                                                         Lend<message_bus::IWorker>(*ledger));
     if (!isOffered) {
         CloseServerEnds();
         reserve.reset();
@@ -272,7 +362,16 @@ void BusServer::RequestDrain() {
     }
 }
 
+void BusServer::SetState(instruments::ServerState state) noexcept {
+    if (keeper) {
+        keeper->SetState(state);
+    }
+}
+
 void BusServer::NoteDelivery() noexcept {
+    if (accounted) {
+        accounted->NoteCopy();
+    }
     if (placement) {
         placement->NoteDelivery();
     }
@@ -289,6 +388,7 @@ void BusServer::OnServing() {
         return;
     }
     HoldPushes(options.holdPushes);
+    SetState(instruments::ServerState::Serving);
     Log(LogLevel::Info, "Serving in {} mode", ModeName(options.connectionType));
     if (reportServing) {
         reportServing();
@@ -301,8 +401,9 @@ void BusServer::CloseServerEnds() {
 }
 
 void BusServer::DrainSubscribers() {
+    SetState(instruments::ServerState::Draining);
     Log(LogLevel::Info, "Draining: registrations and pushes are refused");
-    auto subscribers = ledger.RefuseNew();
+    auto subscribers = ledger->RefuseNew();
     intake->Close();
     const Unread left = Drain(bus, parkedWaits ? &*parkedWaits : nullptr, std::move(subscribers))
                             .Run(options.drainLimit, [this](auto duration) { return forwarding->AwaitStop(duration); });
@@ -315,12 +416,16 @@ void BusServer::DrainSubscribers() {
 }
 
 void BusServer::Stop() {
+    SetState(instruments::ServerState::Stopping);
+    if (accounted) {
+        accounted->NoteStop();
+    }
     Log(LogLevel::Info, "Stopping");
     reserve.reset(); // first: every worker that ends from now on needs a thread
     server->SetStopSignal();
-    logFilter.SetClosing(true);
+    logFilter->SetClosing(true);
     KnHandleStopReceiving(); // first: publishers that go on pushing could keep the next step waiting
-    Log(LogLevel::Info, "Released subscribers: {}", ledger.StopAndUnregisterAll());
+    Log(LogLevel::Info, "Released subscribers: {}", ledger->StopAndUnregisterAll());
     deadline->Arm(StopLimit, "A thread does not end");
     if (cleanUp) {
         cleanUp->Stop(); // it uses the connector
@@ -329,12 +434,13 @@ void BusServer::Stop() {
     server.reset();
     connector.reset(); // the last owner of the server, which joins its other threads
     deadline->Disarm();
-    logFilter.SetClosing(false);
+    logFilter->SetClosing(false);
     CloseServerEnds();
     if (placement) {
         placement->End();
     }
     StopEventsThread(bus);
+    SetState(instruments::ServerState::Stopped);
     Log(LogLevel::Info, "Stopped");
 }
 

@@ -2,6 +2,7 @@
 
 #include "message_bus.h"
 #include "parked_waits.h"
+#include "wake_events_thread.h"
 
 #include <utility>
 
@@ -13,15 +14,6 @@ using message_bus::InboundState;
 
 constexpr std::chrono::milliseconds TimeBetweenLooks{10};
 constexpr long NoId = -1;
-
-/// A lost wake-up may have left values in the inbound queue. A registration wakes the events thread; without the lock
-/// under which that sleeps, so this wake-up may be lost as well, and is repeated.
-void Wake(message_bus::MessageBus& bus) {
-    long id = NoId;
-    if (bus.RegisterSubscriber("drain", {}, id) == cor::ResultCode::Success) {
-        bus.UnregisterSubscriber(id);
-    }
-}
 
 } // namespace
 
@@ -36,7 +28,7 @@ Unread Drain::Run(std::chrono::steady_clock::duration limit,
     Unread left = Count();
     while (!left.IsNothing() && std::chrono::steady_clock::now() < deadline && !isCanceled(TimeBetweenLooks)) {
         if (!left.isInboundEmpty) {
-            Wake(bus);
+            WakeEventsThread(bus);
         }
         left = Count();
     }

@@ -18,7 +18,8 @@ constexpr std::chrono::milliseconds LongestPause{1000}; // reached when the even
 
 } // namespace
 
-FlushWake::FlushWake(message_bus::MessageBus& observed) : bus(observed), thread([this] { Run(); }) {
+FlushWake::FlushWake(message_bus::MessageBus& observed, Actions wakeActions)
+    : bus(observed), actions(std::move(wakeActions)), thread([this] { Run(); }) {
     ::pthread_setname_np(thread.native_handle(), "flush-wake");
 }
 
@@ -73,6 +74,9 @@ void FlushWake::Look() {
     const std::uint64_t counted = bus.DoubtfulPushes(); // first: the values of these pushes are queued by now, or taken
     const auto inbound = bus.Inbound();
     if (inbound == InboundState::LeftBehind) {
+        if (actions.noteRescued) {
+            actions.noteRescued(bus.InboundSize());
+        }
         Wake();
     }
     pause = inbound == InboundState::Empty ? pause.zero() : std::clamp(2 * pause, LookAfter, LongestPause);
@@ -91,7 +95,7 @@ void FlushWake::Wake() {
     if (publisherId == -1 && bus.RegisterPublisher(std::string(Topic), publisherId) != ResultCode::Success) {
         return;
     }
-    if (bus.Push(publisherId, 0) != ResultCode::Success) {
+    if ((actions.push ? actions.push(publisherId) : bus.Push(publisherId, 0)) != ResultCode::Success) {
         // The queue is full, so no push can wake the events thread. Unregistering wakes it too.
         bus.UnregisterPublisher(std::exchange(publisherId, -1));
     }

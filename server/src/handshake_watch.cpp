@@ -13,10 +13,15 @@ namespace {
 
 constexpr std::int64_t NoHandshake = -1; // the bus counts from 0
 
-/// The bytes of a text in a request, which may lack its terminator.
+/// A text in a request, which may lack its terminator.
+template <std::size_t Size>
+std::string_view TextOf(const char (&text)[Size]) {
+    return {text, ::strnlen(text, Size)};
+}
+
 template <std::size_t Size>
 std::size_t BytesOf(const char (&text)[Size]) {
-    return ::strnlen(text, Size);
+    return TextOf(text).size();
 }
 
 template <typename Request>
@@ -51,6 +56,7 @@ bool HandshakeWatch::OnRequest(const KnCaller& caller, nk_message& request, nk_m
         result = accounts.Charge(caller, Kind::Handshake, BytesOf(As<br_MessageBusCtl_StartSubs_req>(request).name));
         if (result != ResultCode::Success) {
             br_MessageBusCtl_StartSubs_reply(ErrorResult(result), NoHandshake, &reply);
+            NoteRefusal(caller, result, TextOf(As<br_MessageBusCtl_StartSubs_req>(request).name));
         }
         break;
     case br_MessageBusCtl_Subscribe_mid: {
@@ -59,6 +65,7 @@ bool HandshakeWatch::OnRequest(const KnCaller& caller, nk_message& request, nk_m
         result = accounts.ChargeTopic(step.registrationId, ChargeFor(step));
         if (result != ResultCode::Success) {
             br_MessageBusCtl_Subscribe_reply(ErrorResult(result), &reply);
+            NoteRefusal(caller, result, TextOf(step.topic));
         }
         break;
     }
@@ -73,6 +80,12 @@ bool HandshakeWatch::OnRequest(const KnCaller& caller, nk_message& request, nk_m
         break;
     }
     return result == ResultCode::Success;
+}
+
+void HandshakeWatch::NoteRefusal(const KnCaller& caller, ResultCode code, std::string_view name) const {
+    if (actions.noteRefusal) {
+        actions.noteRefusal(caller, code, name);
+    }
 }
 
 void HandshakeWatch::OnReply(const KnCaller& caller, const nk_message& request, const nk_message& reply) noexcept {

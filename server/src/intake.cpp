@@ -14,32 +14,21 @@ constexpr std::size_t LeastCrowd = Intake::MostLooks / 1025;
 
 } // namespace
 
-Intake::Intake(message_bus::IProvider& publisher, const message_bus::MessageBus& observed,
+Intake::Intake(common::Mutex& pushTurn, message_bus::IProvider& publisher, const message_bus::MessageBus& observed,
                std::function<std::size_t()> subscriberCount, std::function<Clock::time_point()> time)
-    : provider(publisher), bus(observed), subscribers(std::move(subscriberCount)), now(std::move(time)) {}
+    : turn(pushTurn), provider(publisher), bus(observed), subscribers(std::move(subscriberCount)),
+      now(std::move(time)) {}
 
 ResultCode Intake::Push(long publisherId, long message) {
-    struct Service {
-        explicit Service(std::atomic<std::uint32_t>& services) : count(services) { ++count; }
-        ~Service() {
-            if (--count == 0) {
-                count.notify_all();
-            }
-        }
-        std::atomic<std::uint32_t>& count;
-    };
-    const Service service(inService);
-    if (isClosed || IsHeld() || !HasRoom()) {
+    if (isClosed.load(std::memory_order_relaxed) || IsHeld() || !HasRoom()) {
         return ResultCode::Exhausted;
     }
     return provider.Push(publisherId, message);
 }
 
 void Intake::Close() noexcept {
-    isClosed = true;
-    while (const std::uint32_t count = inService) {
-        inService.wait(count);
-    }
+    const common::MutexLock lock(turn);
+    isClosed.store(true, std::memory_order_relaxed);
 }
 
 void Intake::HoldFor(Clock::duration duration) noexcept {

@@ -49,6 +49,9 @@ ResultCode ParkedWaits::Wait(long subscriberId, std::string& topic, long& messag
             SubscriberWaits::RefuseCut(reply, *lost);
             return ResultCode::Success;
         }
+        if (control.unknownWait) {
+            control.unknownWait();
+        }
         return bus.Wait(subscriberId, topic, message); // which refuses it
     }
     if (!defers || NkDeferReply(&reply) != KnStatusOk) {
@@ -69,8 +72,8 @@ ResultCode ParkedWaits::Wait(long subscriberId, std::string& topic, long& messag
     return ResultCode::Success;
 }
 
-void ParkedWaits::Follow(long subscriberId, std::uint64_t caller) {
-    FindOrAdd(subscriberId, caller);
+void ParkedWaits::Follow(long subscriberId, std::uint64_t caller, SubscriberWaits::Account account) {
+    FindOrAdd(subscriberId, caller, std::move(account));
 }
 
 std::shared_ptr<SubscriberWaits> ParkedWaits::Find(long subscriberId) {
@@ -85,7 +88,8 @@ std::optional<std::size_t> ParkedWaits::Unread(long subscriberId) {
 }
 
 /// Returns: null when the bus does not know the subscriber.
-std::shared_ptr<SubscriberWaits> ParkedWaits::FindOrAdd(long subscriberId, std::uint64_t caller) {
+std::shared_ptr<SubscriberWaits> ParkedWaits::FindOrAdd(long subscriberId, std::uint64_t caller,
+                                                        SubscriberWaits::Account account) {
     if (auto found = Find(subscriberId)) {
         return found;
     }
@@ -98,7 +102,7 @@ std::shared_ptr<SubscriberWaits> ParkedWaits::FindOrAdd(long subscriberId, std::
         allowance = {control.limitOf(*subscriber), control.budget, caller};
     }
     auto added = std::make_shared<SubscriberWaits>(std::move(subscriber), static_cast<SubscriberWaits::IEvents&>(*this),
-                                                   allowance);
+                                                   allowance, std::move(account));
     const common::MutexLock lock(mutex);
     const auto [place, isNew] = waiting.try_emplace(subscriberId, std::move(added));
     if (isNew) {
@@ -123,6 +127,10 @@ void ParkedWaits::OnCut(long subscriberId) noexcept {
 
 void ParkedWaits::OnExceeded(QueueBudget::Exceeded what, std::uint64_t caller) noexcept {
     control.exceeded(what, caller);
+}
+
+void ParkedWaits::OnDiscrepancy(long subscriberId) noexcept {
+    control.discrepancy(subscriberId);
 }
 
 void ParkedWaits::Forget(long subscriberId) {
@@ -189,7 +197,12 @@ void ParkedWaits::CutLargest(std::optional<std::uint64_t> caller, std::size_t mo
 ResultCode ParkedWaits::WaitInTheBus(SubscriberWaits& waits, long subscriberId, std::string& topic, long& message) {
     const auto next = waits.TakeKept();
     if (!next) {
-        return bus.Wait(subscriberId, topic, message);
+        const SubscriberWaits::Blocking blocking(waits);
+        const ResultCode result = bus.Wait(subscriberId, topic, message);
+        if (result == ResultCode::Success) {
+            waits.NoteTakenInTheBus();
+        }
+        return result;
     }
     MessageBus::BeginWait(subscriberId);
     try {

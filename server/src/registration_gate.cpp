@@ -41,7 +41,7 @@ ResultCode RegistrationGate::RegisterSubscriber(const std::string& name, const s
                                                 long& subscriberId) {
     const Change change(*this);
     const ResultCode result = control.RegisterSubscriber(name, topics, subscriberId);
-    if (result == ResultCode::Success) {
+    if (result == ResultCode::Success && onRegistered) {
         onRegistered(subscriberId);
     }
     return result;

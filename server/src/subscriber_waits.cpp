@@ -15,6 +15,7 @@ namespace msgbus_server {
 namespace {
 
 using cor::ResultCode;
+using instruments::layout::Drop;
 using message_bus::Message;
 using message_bus::MessageBus;
 using message_bus::Subscriber;
@@ -43,9 +44,10 @@ std::size_t CheckInterval(const QueueLimit& limit) {
 
 } // namespace
 
-SubscriberWaits::SubscriberWaits(std::shared_ptr<Subscriber> waitingSubscriber, IEvents& informed, Allowance allowed)
-    : events(informed), checkInterval(CheckInterval(allowed.limit)), subscriber(std::move(waitingSubscriber)),
-      allowance(allowed) {}
+SubscriberWaits::SubscriberWaits(std::shared_ptr<Subscriber> waitingSubscriber, IEvents& informed, Allowance allowed,
+                                 Account keptAccount)
+    : events(informed), checkInterval(CheckInterval(allowed.limit)), account(std::move(keptAccount)),
+      subscriber(std::move(waitingSubscriber)), allowance(allowed) {}
 
 SubscriberWaits::~SubscriberWaits() {
     const common::MutexLock lock(mutex);
@@ -66,6 +68,7 @@ bool SubscriberWaits::Park(const NkDeferredReply& wait) {
     parked.push_back(wait);
     isParked.store(true, std::memory_order_relaxed);
     Serve();
+    NoteWaits();
     return !subscriber->queue.IsCanceled();
 }
 
@@ -77,7 +80,19 @@ std::shared_ptr<Message> SubscriberWaits::TakeKept() {
     }
     auto first = std::move(values.front());
     values.pop_front();
+    NoteTaken();
     return first;
+}
+
+void SubscriberWaits::NoteTakenInTheBus() {
+    const common::MutexLock lock(mutex);
+    NoteTaken();
+}
+
+void SubscriberWaits::AddBlocking(int count) noexcept {
+    const common::MutexLock lock(mutex);
+    blocking += count;
+    NoteWaits();
 }
 
 std::size_t SubscriberWaits::Unread() {
@@ -103,11 +118,39 @@ void SubscriberWaits::Fail(const NkDeferredReply& wait, const std::exception& er
 }
 
 void SubscriberWaits::OnEnqueue() noexcept {
+    const bool isSample = account && account->NoteDue();
     events.OnDelivery();
+    Continue(isSample);
+}
+
+void SubscriberWaits::Put(std::shared_ptr<Message> value) {
+    Unfollow();
+    try {
+        subscriber->queue.Enqueue(std::move(value));
+    } catch (...) {
+        Follow();
+        throw;
+    }
+    Follow();
+    Continue(account && account->NotePut());
+}
+
+/// The queue has got one more value.
+void SubscriberWaits::Continue(bool isSample) noexcept {
     if (isParked.load(std::memory_order_relaxed)) {
         const common::MutexLock lock(mutex);
+        if (isSample) {
+            account->AddSample();
+        }
         Serve();
-    } else if (++unchecked >= checkInterval) { // the next wait takes the value
+        NoteWaits();
+        return;
+    }
+    if (isSample) {
+        const common::MutexLock lock(mutex);
+        account->AddSample();
+    }
+    if (++unchecked >= checkInterval) { // the next wait takes the value
         unchecked = 0;
         CheckBacklog();
     }
@@ -119,6 +162,7 @@ void SubscriberWaits::OnCancel() noexcept {
         const common::MutexLock lock(mutex);
         Serve();
         TakeBack(); // so that no later wait of the client takes one; what is left goes with this object
+        NoteEnd();
     }
     events.OnEnd(subscriber->id);
 }
@@ -128,6 +172,9 @@ void SubscriberWaits::CheckBacklog() noexcept {
     if (isCut) {
         unchecked = checkInterval; // what comes from now on is dropped at once
         DropFirst();
+        if (account) {
+            account->DropAll(Drop::Cut);
+        }
         return;
     }
     if (Backlog() > allowance.limit.values) {
@@ -154,6 +201,7 @@ void SubscriberWaits::ApplyPolicy(std::size_t backlog) noexcept {
     case SlowSubscriber::DropOldest:
         for (; backlog > allowance.limit.values; --backlog) {
             DropFirst();
+            NoteDropped(Drop::Oldest);
         }
         break;
     case SlowSubscriber::DropNewest:
@@ -161,6 +209,7 @@ void SubscriberWaits::ApplyPolicy(std::size_t backlog) noexcept {
         }
         for (; values.size() > allowance.limit.values; ++lost) {
             values.pop_back();
+            NoteDropped(Drop::Newest);
         }
         break;
     }
@@ -170,6 +219,10 @@ void SubscriberWaits::CutNow() noexcept {
     assert(offered == 0);
     isCut = true;
     SetCharge(0);
+    if (account && !hasEnded) {
+        account->SetCut();
+        account->DropAll(Drop::Cut);
+    }
     events.OnCut(subscriber->id);
 }
 
@@ -223,6 +276,40 @@ std::size_t SubscriberWaits::Recount() noexcept {
         SetCharge(std::min(Backlog(), allowance.limit.values));
     }
     return charge;
+}
+
+void SubscriberWaits::NoteWaits() noexcept {
+    if (account && !hasEnded) {
+        account->SetWaiting(parked.size() + static_cast<std::size_t>(blocking));
+    }
+}
+
+/// One value was taken by a wait whose reply is not deferred.
+void SubscriberWaits::NoteTaken() noexcept {
+    if (account && !hasEnded) {
+        account->BeginHandOver(1);
+        account->EndHandOver(1, 0);
+    }
+}
+
+/// One unread value was dropped.
+void SubscriberWaits::NoteDropped(Drop reason) noexcept {
+    if (account) {
+        account->NoteDropped(reason, 1);
+    }
+}
+
+/// The subscriber is unregistered: what it has not read is dropped with it.
+void SubscriberWaits::NoteEnd() noexcept {
+    if (!account || hasEnded) {
+        return;
+    }
+    if (!isCut && blocking == 0 && account->Queued() != Backlog()) {
+        events.OnDiscrepancy(subscriber->id);
+    }
+    account->SetWaiting(0);
+    account->DropAll(isCut ? Drop::Cut : Drop::Unregistered);
+    hasEnded = true;
 }
 
 /// Answers parked waits, the oldest first, while there are values, or all of them once the queue is canceled.
@@ -286,7 +373,15 @@ void SubscriberWaits::Answer(const NkDeferredReply& wait) noexcept {
         NkNoteLoss(wait, {0, lost});
     }
     std::size_t put = 0;
-    if (NkReplyDeferred(wait, &record.header, {ValueOffset, following.data(), count}, &put) == KnStatusOk) {
+    if (account) {
+        account->BeginHandOver(1 + count);
+    }
+    const bool isSent =
+        NkReplyDeferred(wait, &record.header, {ValueOffset, following.data(), count}, &put) == KnStatusOk;
+    if (account) {
+        account->EndHandOver(isSent ? 1 : 0, isSent ? put : 0);
+    }
+    if (isSent) {
         assert(put <= count);
         values.pop_front();
         if (put < count) {
@@ -318,8 +413,13 @@ void SubscriberWaits::TakeBack() noexcept {
         return;
     }
     std::size_t taken = 0;
-    if (NkTakeBackOffers(offerOf, &taken) != KnStatusOk) {
-        taken = offered; // lost with the client or the channel
+    const bool isLost = NkTakeBackOffers(offerOf, &taken) != KnStatusOk; // with the client or the channel
+    if (isLost) {
+        taken = offered;
+    }
+    if (account) {
+        const std::size_t gone = std::min(taken, offered);
+        account->EndOffer(isLost ? 0 : gone, isLost ? gone : 0);
     }
     // A client that takes few each time, because it waits for others in between, is not worth many.
     mostOffers = std::clamp<std::size_t>(taken < offered ? 2 * taken : 2 * mostOffers, 1, NkMaxOffers);

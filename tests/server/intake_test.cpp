@@ -35,7 +35,8 @@ protected:
     Recorder recorder;
     std::size_t subscribers = 0;
     Intake::Clock::time_point time{std::chrono::hours(1)};
-    Intake intake{recorder, bus, [this] { return subscribers; }, [this] { return time; }};
+    common::Mutex turn;
+    Intake intake{turn, recorder, bus, [this] { return subscribers; }, [this] { return time; }};
 
     std::size_t AcceptedOf(std::size_t pushes) {
         const std::size_t before = recorder.count;
@@ -70,12 +71,21 @@ TEST_F(IntakeTest, Push_AfterClose_IsAnsweredTwoAndNotPassedOn) {
 
 TEST_F(IntakeTest, Close_WaitsForThePushesUnderWay) {
     std::thread closing;
+    std::atomic<bool> isClosed{false};
     recorder.onPush = [&] {
-        closing = std::thread([this] { intake.Close(); });
-        EXPECT_TRUE(fault_points::AwaitSleepingOnAtomic(closing.get_id()));
+        closing = std::thread([&] {
+            intake.Close();
+            isClosed = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // it may not end, however long this lasts
+        EXPECT_FALSE(isClosed);
     };
-    EXPECT_EQ(intake.Push(1, 5), ResultCode::Success);
+    {
+        const common::MutexLock lock(turn);
+        EXPECT_EQ(intake.Push(1, 5), ResultCode::Success);
+    }
     closing.join();
+    EXPECT_TRUE(isClosed);
     EXPECT_EQ(recorder.count, 1U);
 }
 

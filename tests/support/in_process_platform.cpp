@@ -61,6 +61,7 @@ std::int32_t InProcessPlatform::ConnectStatic(const char* connection, KnHandle* 
         return KnStatusNotFound;
     }
     if (!channels.at(found->second)->HasRoom(connectionsPerCaller, connectionsPerChannel)) {
+        ++refusedConnections;
         return KnStatusBusy;
     }
     *handle = AddConnection(std::make_shared<InProcessConnection>(channels.at(found->second), ConnectionLimits{}));
@@ -161,6 +162,7 @@ std::int32_t InProcessPlatform::Accept(const char* clientName, const char* servi
     }
     const ActingAs theClient(client->process);
     if (!serverEnd->HasRoom(connectionsPerCaller, connectionsPerChannel)) {
+        ++refusedConnections;
         client->status = KnStatusBusy;
         client->isAnswered = true;
         changed.notify_all();
@@ -219,6 +221,11 @@ std::int32_t InProcessPlatform::SetConnectionLimits(std::uint32_t perCaller, std
     connectionsPerCaller = perCaller;
     connectionsPerChannel = perChannel;
     return KnStatusOk;
+}
+
+std::uint64_t InProcessPlatform::RefusedConnections() const {
+    const std::lock_guard lock(mutex);
+    return refusedConnections;
 }
 
 std::int32_t InProcessPlatform::CallerOfRequest(KnCaller* caller) const {

@@ -60,6 +60,7 @@ public:
 
     std::int32_t SetMethodCount(const char* type, std::uint32_t methodCount);
     std::int32_t SetConnectionLimits(std::uint32_t perCaller, std::uint32_t perChannel);
+    std::uint64_t RefusedConnections() const;
 
     std::int32_t CallerOfRequest(KnCaller* caller) const;
 
@@ -115,6 +116,7 @@ private:
     std::map<std::string, std::uint32_t> methodCounts;
     std::uint32_t connectionsPerCaller = MostConnections;
     std::uint32_t connectionsPerChannel = MostConnections;
+    std::uint64_t refusedConnections = 0;
     std::list<std::shared_ptr<PendingClient>> pending;
     std::uint64_t clientCount = 0;
     NsNameLostHandler nameLostHandler = nullptr;

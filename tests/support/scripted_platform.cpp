@@ -185,6 +185,10 @@ std::int32_t KnPolicySetConnectionLimits(std::uint32_t perCaller, std::uint32_t 
     return Platform().InProcess().SetConnectionLimits(perCaller, perChannel);
 }
 
+std::uint64_t KnPolicyRefusedConnections() noexcept {
+    return Platform().InProcess().RefusedConnections();
+}
+
 std::int32_t KnCallerOfRequest(KnCaller* caller) noexcept {
     return Platform().InProcess().CallerOfRequest(caller);
 }

@@ -38,7 +38,8 @@ public:
                                                     .ownership = false,
                                                     .limits = std::nullopt,
                                                     .registrationGate = false,
-                                                    .intake = false}) {}
+                                                    .intake = false,
+                                                    .account = std::nullopt}) {}
 
     explicit ServedBus(const msgbus_server::BusServerOptions& options) : server(options) {
         std::promise<bool> started;
@@ -77,6 +78,7 @@ private:
 
 public:
     message_bus::MessageBus* const bus = &server.Bus();
+    msgbus_server::AccountKeeper* const account = server.Account(); ///< null: none is kept
     bool isServing = false;
 };
 
@@ -122,6 +124,9 @@ public:
     }
     std::int32_t Push(long publisher, long value) {
         return br_MessageBusProvider_Push_call(&transport, publisher, value);
+    }
+    std::int32_t UnregisterPublisher(long publisher) {
+        return br_MessageBusCtl_UnregisterPublisher_call(&transport, publisher);
     }
     std::int32_t Unregister(long subscriber) {
         return br_MessageBusCtl_UnregisterSubscriber_call(&transport, subscriber);

@@ -1,0 +1,93 @@
+#pragma once
+
+#include "fan_out_ring.h"
+#include "instruments/account_layout.h"
+#include "rate_history.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+
+namespace msgbus_server {
+
+/// Keeps times that values took, in histograms of the account. Threads: any.
+class ILatencySink {
+public:
+    virtual ~ILatencySink() = default;
+
+    virtual void Note(instruments::layout::Subscriber& slot, std::uint64_t nanoseconds) noexcept = 0;
+};
+
+/// Writes the account of one subscriber: each value that is due to it, and each step that a value makes from its queue
+/// to its client.
+///
+/// A value is noted as due by the events thread, right after that has put it into the queue. Another thread may take it
+/// from the queue a moment earlier, and waits for that moment before it notes a step. So at every moment the terms add
+/// up.
+///
+/// Threads: NoteDue on the events thread; NotePut instead of it; all others one at a time, with the lock on the
+/// subscriber's waits.
+class SubscriberEntry final {
+public:
+    /// One value in so many is followed with a clock.
+    static constexpr std::uint64_t SampleInterval = 64;
+
+    /// Lifetime: all references must outlive this object.
+    SubscriberEntry(long subscriberId, instruments::layout::Subscriber& written, const FanOutRing& fanOut,
+                    ILatencySink& latencySink);
+    SubscriberEntry(const SubscriberEntry&) = delete;
+    SubscriberEntry& operator=(const SubscriberEntry&) = delete;
+
+    /// The queue has got one more value. Returns: whether AddSample is to be called for it.
+    bool NoteDue() noexcept;
+    /// The value that was noted last is followed.
+    void AddSample() noexcept;
+    /// The same for a value that no publisher has pushed, while the events thread has none.
+    bool NotePut() noexcept;
+
+    /// The first `count` unread values are about to be handed over.
+    void BeginHandOver(std::size_t count) noexcept;
+    /// Of those, so many were taken, and so many offered. The rest is unread again.
+    void EndHandOver(std::size_t taken, std::size_t offered) noexcept;
+    /// What was offered was taken, or went nowhere with its client, or is unread again.
+    void EndOffer(std::size_t taken, std::size_t undelivered) noexcept;
+    /// So many unread values are dropped.
+    void NoteDropped(instruments::layout::Drop reason, std::size_t count) noexcept;
+    /// Every unread value is dropped. Returns: how many there were.
+    std::size_t DropAll(instruments::layout::Drop reason) noexcept;
+
+    void SetWaiting(std::size_t waits) noexcept;
+    void SetCut() noexcept;
+
+    /// Returns: how many values are unread. What is being put into the queue at this moment may be missing.
+    std::size_t Queued() const noexcept { return slot.due.load(std::memory_order_acquire) - flow.left; }
+
+    const instruments::layout::SubscriberFlow& Flow() const noexcept { return flow; }
+    instruments::layout::Subscriber& Slot() noexcept { return slot; }
+
+private:
+    struct Sample {
+        std::uint64_t index; ///< of the value, as `due` counts
+        std::int64_t at;
+    };
+
+    bool NoteDueSince(std::int64_t time) noexcept;
+    void AwaitDue(std::uint64_t count) const noexcept;
+    void Leave(std::size_t count) noexcept;
+    void Write() noexcept;
+
+    const long id;
+    instruments::layout::Subscriber& slot;
+    const FanOutRing& ring;
+    ILatencySink& sink;
+
+    std::atomic<std::uint64_t> leftSeen; ///< flow.left, for the events thread; relaxed: it decides about a time only
+
+    // With the lock on the subscriber's waits.
+    instruments::layout::SubscriberFlow flow;
+    RateHistory rates;
+    std::deque<Sample> samples;
+};
+
+} // namespace msgbus_server

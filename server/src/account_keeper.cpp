@@ -1,0 +1,459 @@
+#include "account_keeper.h"
+
+#include "diagnostics.h"
+#include "kn/policy.h"
+#include "kn/status.h"
+#include "probes.h"
+#include "text_heap.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <utility>
+
+namespace msgbus_server {
+
+using namespace instruments::layout;
+using instruments::EventKind;
+using instruments::LatencyBuckets;
+using instruments::Twin;
+
+namespace {
+
+std::atomic<std::uint64_t> instances{0};
+
+constexpr std::int64_t Second = 1'000'000'000;
+
+std::int64_t TimeOf(clockid_t clock) {
+    timespec now{};
+    ::clock_gettime(clock, &now);
+    return now.tv_sec * Second + now.tv_nsec;
+}
+
+template <std::size_t Size>
+void CopyText(std::array<char, Size>& target, std::string_view text) {
+    target = {};
+    const std::size_t size = std::min(text.size(), Size - 1);
+    std::copy_n(text.data(), size, target.data());
+}
+
+/// Returns: when this process started, in clock ticks since the system did.
+std::uint64_t OwnStartTime() {
+    std::ifstream file("/proc/self/stat");
+    std::string line;
+    std::getline(file, line);
+    const auto nameEnd = line.rfind(')');
+    std::istringstream fields(nameEnd == std::string::npos ? "" : line.substr(nameEnd + 1));
+    constexpr int fieldsBefore = 19;
+    std::string skipped;
+    for (int i = 0; i < fieldsBefore; ++i) {
+        fields >> skipped;
+    }
+    std::uint64_t startTime = 0;
+    fields >> startTime;
+    return startTime;
+}
+
+Program OwnProgram() {
+    Program program;
+    program.pid = ::getpid();
+    CopyText(program.name, program_invocation_short_name);
+    return program;
+}
+
+Program ProgramOf(const KnCaller& caller) {
+    Program program;
+    program.startTime = caller.startTime;
+    program.pid = caller.pid;
+    CopyText(program.name, static_cast<const char*>(caller.program));
+    return program;
+}
+
+/// Returns: the process of the request that the calling thread serves; without one, this process.
+Program ProgramOfRequest() {
+    KnCaller caller;
+    return KnCallerOfRequest(&caller) == KnStatusInvalidArgument ? OwnProgram() : ProgramOf(caller);
+}
+
+std::string Join(const std::string& name, const std::set<std::string>& topics) {
+    std::string text;
+    const auto append = [&text](const std::string& part) {
+        const auto size = static_cast<std::uint32_t>(part.size());
+        text.append(reinterpret_cast<const char*>(&size), sizeof size);
+        text += part;
+    };
+    append(name);
+    for (const auto& topic : topics) {
+        append(topic);
+    }
+    return text;
+}
+
+} // namespace
+
+AccountKeeper::AccountKeeper(const std::optional<std::string>& directory,
+                             const instruments::AccountCapacities& capacities, const ServerIdentity& server)
+    : file(directory, capacities), instance(++instances), texts(std::make_unique<TextHeap>(file)),
+      gauges([this] { RefreshGauges(); }) {
+    Header& header = file.Head();
+    header.pid = ::getpid();
+    header.startTime = OwnStartTime();
+    header.startedAt = TimeOf(CLOCK_MONOTONIC);
+    header.clockOffset = TimeOf(CLOCK_REALTIME) - header.startedAt;
+    header.isStatic = server.isStatic ? 1 : 0;
+    CopyText(header.programVersion, server.version);
+    CopyText(header.options, server.options);
+    file.Publish();
+}
+
+AccountKeeper::~AccountKeeper() = default;
+
+void AccountKeeper::SetState(instruments::ServerState state) noexcept {
+    file.Head().state.store(static_cast<std::uint64_t>(state), std::memory_order_release);
+    const auto kind = state == instruments::ServerState::Serving    ? EventKind::Serving
+                      : state == instruments::ServerState::Draining ? EventKind::Draining
+                      : state == instruments::ServerState::Stopping ? EventKind::Stopping
+                                                                    : EventKind{};
+    if (kind != EventKind{}) {
+        NoteEvent(kind, 0, OwnProgram(), "");
+    }
+}
+
+void AccountKeeper::RefreshGauges() {
+    file.Head().gauges.Write(ReadGauges());
+    Bus().refusedConnections.store(KnPolicyRefusedConnections(), std::memory_order_release);
+}
+
+/// Returns: the slot that remembers the topic, else a free one, else the one that was left longest ago; none: no room.
+std::optional<AccountKeeper::PublisherPlace> AccountKeeper::PublisherSlotFor(const std::string& topic) {
+    const auto take = [this](std::map<std::string, std::size_t>::iterator place) {
+        const std::size_t slot = place->second;
+        remembered.erase(place);
+        return slot;
+    };
+    if (const auto found = remembered.find(topic); found != remembered.end()) {
+        return PublisherPlace{take(found), true};
+    }
+    const std::size_t used = publishers.size();
+    if (remembered.size() < MostRemembered && file.Commit(file.Head().regions.publishers, used + 1)) {
+        auto* const slot = new (&file.At<Publisher>(file.Head().regions.publishers, used)) Publisher;
+        publishers.push_back(std::make_unique<PublisherEntry>(*slot));
+        file.Head().publishersUsed.store(used + 1, std::memory_order_release);
+        return PublisherPlace{used, false};
+    }
+    while (!rememberedOrder.empty()) {
+        const auto found = remembered.find(rememberedOrder.front());
+        rememberedOrder.pop_front();
+        if (found != remembered.end()) {
+            return PublisherPlace{take(found), false};
+        }
+    }
+    return std::nullopt;
+}
+
+PublisherEntry* AccountKeeper::AddPublisher(long id, const std::string& topic) {
+    const auto place = PublisherSlotFor(topic);
+    if (!place) {
+        Bus().unlisted.fetch_add(1, std::memory_order_relaxed);
+        return nullptr;
+    }
+    PublisherEntry& entry = *publishers[place->slot];
+    Publisher& slot = entry.Slot();
+    const PublisherIdentity last = slot.identity.Read();
+    slot.identity.Write({}); // free for a moment: the numbers of the one must not be read as those of the other
+    texts->Remove(last.topic);
+    texts->Remove(last.description);
+    PublisherIdentity identity;
+    identity.id = id;
+    identity.topic = texts->Add(topic).value_or(Text{});
+    identity.program = ProgramOfRequest();
+    identity.since = TimeOf(CLOCK_MONOTONIC);
+    if (place->isOfTopic) {
+        identity.acceptedBefore = last.acceptedBefore + entry.Flow().accepted - last.acceptedBase;
+    }
+    entry.Begin(identity.since, place->isOfTopic);
+    identity.acceptedBase = entry.Flow().accepted;
+    identity.withoutBase = entry.Flow().withoutSubscriber;
+    identity.refusedBase = slot.refusedFull.load(std::memory_order_relaxed);
+    slot.identity.Write(identity);
+    probes::Registered("publisher", id, static_cast<std::int32_t>(identity.program.pid));
+    NoteEvent(EventKind::PublisherRegistered, id, identity.program, topic);
+    return &entry;
+}
+
+void AccountKeeper::EndPublisher(PublisherEntry& ended, const std::string& topic, bool hasDied) {
+    Publisher& slot = ended.Slot();
+    PublisherIdentity identity = slot.identity.Read();
+    identity.leftAt = TimeOf(CLOCK_MONOTONIC);
+    const Text description = std::exchange(identity.description, Text{});
+    slot.identity.Write(identity);
+    texts->Remove(description);
+    const auto index = static_cast<std::size_t>(&slot - &file.At<Publisher>(file.Head().regions.publishers, 0));
+    remembered[topic] = index;
+    rememberedOrder.push_back(topic);
+    if (rememberedOrder.size() > 2 * MostRemembered) {
+        std::erase_if(rememberedOrder, [this](const auto& name) { return !remembered.contains(name); });
+    }
+    NoteEvent(hasDied ? EventKind::PublisherDied : EventKind::PublisherGone, identity.id, identity.program, topic);
+}
+
+bool AccountKeeper::Describe(PublisherEntry& publisher, std::string_view text) {
+    const auto added = texts->Add(text);
+    if (!added) {
+        return false;
+    }
+    PublisherIdentity identity = publisher.Slot().identity.Read();
+    const Text old = std::exchange(identity.description, *added);
+    publisher.Slot().identity.Write(identity);
+    texts->Remove(old);
+    return true;
+}
+
+std::shared_ptr<SubscriberEntry> AccountKeeper::AddSubscriber(long id, const std::string& name,
+                                                              const std::set<std::string>& topics,
+                                                              const FanOutRing& ring) {
+    const Region& region = file.Head().regions.subscribers;
+    std::size_t index = file.Head().subscribersUsed.load(std::memory_order_relaxed);
+    if (!freeSubscribers.empty()) {
+        index = freeSubscribers.back();
+        freeSubscribers.pop_back();
+    } else if (file.Commit(region, index + 1)) {
+        new (&file.At<Subscriber>(region, index)) Subscriber;
+        file.Head().subscribersUsed.store(index + 1, std::memory_order_release);
+    } else {
+        Bus().unlisted.fetch_add(1, std::memory_order_relaxed);
+        return nullptr;
+    }
+    auto& slot = file.At<Subscriber>(region, index);
+    auto entry = std::make_shared<SubscriberEntry>(id, slot, ring, *this);
+    ClearLatency(slot);
+    SubscriberIdentity identity;
+    identity.id = id;
+    identity.text = texts->Add(Join(name, topics)).value_or(Text{});
+    identity.program = ProgramOfRequest();
+    identity.since = TimeOf(CLOCK_MONOTONIC);
+    identity.dueBase = slot.due.load(std::memory_order_relaxed);
+    identity.takenBase = entry->Flow().taken;
+    identity.droppedBase = entry->Flow().dropped;
+    slot.identity.Write(identity);
+    probes::Registered("subscriber", id, static_cast<std::int32_t>(identity.program.pid));
+    NoteEvent(EventKind::SubscriberRegistered, id, identity.program, name);
+    return entry;
+}
+
+void AccountKeeper::EndSubscriber(SubscriberEntry& ended, const std::string& name, std::optional<EventKind> kind,
+                                  std::uint64_t lost) {
+    Subscriber& slot = ended.Slot();
+    const SubscriberIdentity identity = slot.identity.Read();
+    slot.identity.Write({});
+    texts->Remove(identity.text);
+    freeSubscribers.push_back(
+        static_cast<std::size_t>(&slot - &file.At<Subscriber>(file.Head().regions.subscribers, 0)));
+    if (kind) {
+        NoteEvent(*kind, identity.id, identity.program, name, 0, lost);
+    }
+}
+
+void AccountKeeper::NoteEvent(EventKind kind, std::int64_t id, const Program& program, std::string_view name,
+                              std::int32_t code, std::uint64_t lost) noexcept {
+    Event event;
+    event.at = TimeOf(CLOCK_MONOTONIC);
+    event.kind = static_cast<std::uint32_t>(kind);
+    event.code = code;
+    event.id = id;
+    event.lost = lost;
+    event.program = program;
+    event.nameSize = std::min(name.size(), event.name.size());
+    std::copy_n(name.data(), event.nameSize, event.name.data());
+    const common::MutexLock lock(eventsMutex);
+    event.number = Bus().lastEvent.load(std::memory_order_relaxed) + 1;
+    file.At<Twin<Event>>(file.Head().regions.events, (event.number - 1) % EventCapacityInFile).Write(event);
+    Bus().lastEvent.store(event.number, std::memory_order_release);
+    gauges.Note();
+}
+
+void AccountKeeper::NoteDiscrepancy(std::string_view what) noexcept {
+    Bus().discrepancies.fetch_add(1, std::memory_order_relaxed);
+    try {
+        diagnostics::Log(diagnostics::LogLevel::Error, "The account does not add up: {}", what);
+    } catch (...) {
+        // The count says it.
+    }
+}
+
+// -- clients
+
+/// Returns: the record of a process, a new one if there is none yet; null when there is no room.
+AccountKeeper::ClientRecord* AccountKeeper::RecordOf(const KnCaller& caller) noexcept {
+    if (const auto found = clients.find(caller.id); found != clients.end()) {
+        return &found->second;
+    }
+    try {
+        const Region& region = file.Head().regions.clients;
+        std::size_t index = file.Head().clientsUsed.load(std::memory_order_relaxed);
+        if (!freeClients.empty()) {
+            index = freeClients.back();
+            freeClients.pop_back();
+        } else if (file.Commit(region, index + 1)) {
+            new (&file.At<Client>(region, index)) Client;
+            file.Head().clientsUsed.store(index + 1, std::memory_order_release);
+        } else {
+            return nullptr;
+        }
+        auto& slot = file.At<Client>(region, index);
+        ClientIdentity identity;
+        identity.caller = caller.id;
+        identity.program = ProgramOf(caller);
+        identity.since = TimeOf(CLOCK_MONOTONIC);
+        identity.unknownPushesBase = slot.unknownPushes.load(std::memory_order_relaxed);
+        identity.unknownWaitsBase = slot.unknownWaits.load(std::memory_order_relaxed);
+        identity.refusedRegistrationsBase = slot.refusedRegistrations.load(std::memory_order_relaxed);
+        slot.identity.Write(identity);
+        return &clients.emplace(caller.id, ClientRecord{index}).first->second;
+    } catch (...) {
+        return nullptr; // there is no memory
+    }
+}
+
+void AccountKeeper::CountForRequest(Counter Client::*counter) noexcept {
+    KnCaller caller;
+    if (KnCallerOfRequest(&caller) != KnStatusOk) {
+        return; // no request, or one of a process whose end was reported: a record would stay for ever
+    }
+    const common::MutexLock lock(clientsMutex);
+    if (const auto* const record = RecordOf(caller)) {
+        (file.At<Client>(file.Head().regions.clients, record->slot).*counter).fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+void AccountKeeper::NoteUnknownPush() noexcept {
+    CountForRequest(&Client::unknownPushes);
+}
+
+void AccountKeeper::NoteUnknownWait() noexcept {
+    CountForRequest(&Client::unknownWaits);
+}
+
+void AccountKeeper::NoteRefusal(const KnCaller& caller, cor::ResultCode code, std::string_view name) noexcept {
+    {
+        const common::MutexLock lock(clientsMutex);
+        auto* const record = RecordOf(caller);
+        if (record == nullptr) {
+            return;
+        }
+        auto& slot = file.At<Client>(file.Head().regions.clients, record->slot);
+        slot.refusedRegistrations.fetch_add(1, std::memory_order_relaxed);
+        const std::int64_t now = TimeOf(CLOCK_MONOTONIC);
+        // One a second: a client that goes on must not push the other events out.
+        if (now < record->nextRefusalEvent) {
+            return;
+        }
+        record->nextRefusalEvent = now + Second;
+    }
+    NoteEvent(EventKind::Refused, 0, ProgramOf(caller), name, static_cast<std::int32_t>(code));
+}
+
+void AccountKeeper::EndClient(const KnCaller& caller) noexcept {
+    const common::MutexLock lock(clientsMutex);
+    const auto found = clients.find(caller.id);
+    if (found == clients.end()) {
+        return;
+    }
+    file.At<Client>(file.Head().regions.clients, found->second.slot).identity.Write({});
+    try {
+        freeClients.push_back(found->second.slot);
+    } catch (...) {
+        // The slot is lost.
+    }
+    clients.erase(found);
+}
+
+// -- threads and times
+
+Thread* AccountKeeper::ThisThread() noexcept {
+    struct Known {
+        std::uint64_t instance = 0;
+        Thread* slot = nullptr;
+    };
+    static constinit thread_local Known known;
+    if (known.instance == instance) {
+        return known.slot;
+    }
+    std::array<char, sizeof(Thread::name)> name{};
+    ::pthread_getname_np(::pthread_self(), name.data(), name.size());
+    std::array<std::uint64_t, 2> words{};
+    std::memcpy(words.data(), name.data(), name.size());
+    known = {instance, nullptr};
+    const common::MutexLock lock(threadsMutex);
+    for (std::size_t i = 0; i < ThreadCapacity; ++i) {
+        auto& slot = file.At<Thread>(file.Head().regions.threads, i);
+        const bool isFree = slot.name[0].load(std::memory_order_relaxed) == 0;
+        if (isFree) {
+            slot.name[1].store(words[1], std::memory_order_release);
+            slot.name[0].store(words[0], std::memory_order_release);
+        }
+        if (isFree || (slot.name[0].load(std::memory_order_relaxed) == words[0] &&
+                       slot.name[1].load(std::memory_order_relaxed) == words[1])) {
+            known.slot = &slot;
+            break;
+        }
+    }
+    return known.slot;
+}
+
+/// Returns: the place in which such a duration is counted; null when there is no room for it.
+std::atomic<std::uint32_t>* AccountKeeper::BucketOf(OctavePages& pages, std::uint64_t nanoseconds) {
+    const std::size_t bucket = LatencyBuckets::Of(nanoseconds);
+    auto& page = pages[bucket / LatencyBuckets::PerPage];
+    std::uint32_t number = page.load(std::memory_order_relaxed);
+    const Region& region = file.Head().regions.latencyPages;
+    if (number == 0) {
+        if (!file.Commit(region, std::size_t{pagesUsed} + 1)) {
+            return nullptr;
+        }
+        new (&file.At<LatencyPage>(region, pagesUsed)) LatencyPage{};
+        number = ++pagesUsed;
+        page.store(number, std::memory_order_release);
+    }
+    return &file.At<LatencyPage>(region, number - 1)[bucket % LatencyBuckets::PerPage];
+}
+
+void AccountKeeper::ClearLatency(Subscriber& slot) {
+    const common::MutexLock lock(pagesMutex);
+    for (const auto& page : slot.latency) {
+        if (const std::uint32_t number = page.load(std::memory_order_relaxed); number != 0) {
+            for (auto& count : file.At<LatencyPage>(file.Head().regions.latencyPages, number - 1)) {
+                count.store(0, std::memory_order_relaxed);
+            }
+        }
+    }
+}
+
+void AccountKeeper::Note(Subscriber& slot, std::uint64_t nanoseconds) noexcept {
+    const common::MutexLock lock(pagesMutex);
+    for (auto* const pages : {&slot.latency, &Bus().latency}) {
+        if (auto* const bucket = BucketOf(*pages, nanoseconds)) {
+            bucket->fetch_add(1, std::memory_order_relaxed);
+        }
+    }
+}
+
+void AccountKeeper::Put(std::size_t index, const instruments::ErrorAccount& entry) noexcept {
+    Error error;
+    error.isError = entry.isError ? 1 : 0;
+    error.count = entry.count;
+    error.firstAt = entry.firstAt;
+    error.lastAt = entry.lastAt;
+    CopyText(error.place, entry.place);
+    CopyText(error.text, entry.text);
+    file.At<Twin<Error>>(file.Head().regions.errors, index).Write(error);
+    gauges.Note();
+}
+
+} // namespace msgbus_server
