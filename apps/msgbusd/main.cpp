@@ -5,11 +5,16 @@
 #include "fail_stop.h"
 #include "health_beat.h"
 #include "help_and_errors.h"
+#include "instruments/read_account.h"
+#include "kn/runtime_directory.h"
+#include "kn/status.h"
 #include "log_threshold.h"
 #include "msgbusd/arena_mappings.h"
+#include "msgbusd/monitoring.h"
 #include "service_manager.h"
 #include "signal_watch.h"
 #include "standard_descriptors.h"
+#include "status_reports.h"
 
 #include <CLI/CLI.hpp>
 
@@ -19,8 +24,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -78,6 +85,8 @@ struct Settings {
     bool failStop = true;
     int logLevel = static_cast<int>(LogLevel::Info);
     std::optional<int> readyDescriptor;
+    bool account = true;
+    msgbusd::MonitorSettings monitor;
 };
 
 int Fail(std::string_view sentence) {
@@ -115,6 +124,13 @@ void LogSignal(int number) {
         msgbus_server::SignalWatch::SameRequest.count());
 }
 
+/// Returns: the directory for the account; nothing when there is none, which the offer of the bus then reports.
+std::optional<std::string> AccountDirectory() {
+    std::array<char, PATH_MAX> path{};
+    const auto status = KnRuntimeDirectory(KnMissingDirectory::IsCreated, path.data(), path.size());
+    return status == KnStatusOk ? std::optional<std::string>(path.data()) : std::nullopt;
+}
+
 int Serve(const Settings& settings) {
     const msgbus_server::LogThreshold logThreshold(settings.logLevel);
     std::optional<msgbus_server::FaultWatch> faultWatch;
@@ -124,13 +140,31 @@ int Serve(const Settings& settings) {
     const msgbus_server::ServiceManager manager;
     msgbus_server::BusServer server(settings.server);
     msgbus_server::HealthBeat health(settings.server.connectionType, [&] { manager.Report("WATCHDOG=1"); });
+    std::optional<instruments::AccountReader> account;
+    std::optional<msgbus_server::StatusReports> status;
+    if (server.Account() != nullptr) {
+        account.emplace(server.Account()->File().Memory());
+        status.emplace(manager, [&] { return account->Read(instruments::AccountReader::Depth::WithoutLatency); });
+    }
+    // Its threads start here, since none is to start while the bus serves.
+    std::optional<msgbusd::Monitoring> monitoring;
+    if (settings.monitor.isOn && server.Account() != nullptr) {
+        monitoring.emplace(server, settings.monitor, settings.server.account->directory);
+    }
+    const auto stopStatus = [&] {
+        if (status) {
+            status->Stop();
+        }
+    };
     const msgbus_server::SignalWatch signals(
         [&](int number) {
             LogSignal(number);
+            stopStatus();
             manager.Report("STOPPING=1\nSTATUS=Stopping");
             server.RequestStop();
         },
         [&] {
+            stopStatus();
             manager.Report("STATUS=Draining, then stopping");
             health.Relax();
             server.RequestDrain();
@@ -140,6 +174,9 @@ int Serve(const Settings& settings) {
             health.Start(*period / BeatsInAWatchdogPeriod);
         }
         manager.Report("READY=1\nSTATUS=Serving");
+        if (status) {
+            status->Start();
+        }
         if (settings.readyDescriptor) {
             ReportReady(*settings.readyDescriptor);
         }
@@ -180,34 +217,59 @@ std::string SetLimit(msgbus_server::Limits& limits, const std::string& text) {
     return {};
 }
 
+int RefuseOptions(std::string_view sentence) {
+    std::cerr << "msgbusd: " << sentence << "\nSee 'msgbusd --help'.\n";
+    return ExitUsage;
+}
+
+/// Returns: empty, or what is wrong.
+std::string CheckMonitorAddress(const std::string& text) {
+    try {
+        msgbus_monitor::LoopbackAddress::Parse(text);
+        return {};
+    } catch (const std::invalid_argument& error) {
+        return error.what();
+    }
+}
+
+/// Refuses options of the monitor that exclude each other. Returns: empty, or what is wrong.
+std::string CheckMonitor(const Settings& settings) {
+    if (settings.monitor.address && !(settings.monitor.isOn && settings.account)) {
+        return "--monitor needs what --no-monitor, --no-account or --bare switches off";
+    }
+    if (!settings.monitor.tokenFile.empty() && !settings.monitor.address) {
+        return "--monitor-token-file needs --monitor";
+    }
+    return {};
+}
+
 /// Sets the limits and rules that the options name, and refuses options that exclude each other. Returns: nothing, or
 /// the exit status.
 std::optional<int> CompleteOptions(const std::vector<std::string>& limits, const std::vector<std::string>& queueRules,
                                    msgbus_server::BusServerOptions& server) {
-    const auto refuse = [](std::string_view sentence) {
-        std::cerr << "msgbusd: " << sentence << "\nSee 'msgbusd --help'.\n";
-        return ExitUsage;
-    };
     if (!server.limits && !(limits.empty() && queueRules.empty())) {
-        return refuse("--limit and --slow-subscriber need the limits, which --no-limits or --bare switches off");
+        return RefuseOptions("--limit and --slow-subscriber need the limits, which --no-limits or --bare switches off");
     }
     if (!server.intake && server.holdPushes.count() != 0) {
-        return refuse("--hold-pushes needs what --no-intake or --bare switches off");
+        return RefuseOptions("--hold-pushes needs what --no-intake or --bare switches off");
+    }
+    if (!server.notices && !server.retain.empty()) {
+        return RefuseOptions("--retain needs what --no-notices, --no-account or --bare switches off");
     }
     for (const auto& text : limits) {
         if (const std::string wrong = SetLimit(*server.limits, text); !wrong.empty()) {
-            return refuse("--limit: " + wrong);
+            return RefuseOptions("--limit: " + wrong);
         }
     }
     for (const auto& text : queueRules) {
         auto rule = msgbus_server::QueueRule::Parse(text);
         if (!rule) {
-            return refuse("--slow-subscriber: '" + text +
-                          "' is not PATTERN=POLICY or PATTERN=POLICY:VALUES with the policy cut, drop-oldest or "
-                          "drop-newest");
+            return RefuseOptions("--slow-subscriber: '" + text +
+                                 "' is not PATTERN=POLICY or PATTERN=POLICY:VALUES with the policy cut, drop-oldest or "
+                                 "drop-newest");
         }
         if (!server.parkedWaits && rule->policy != msgbus_server::SlowSubscriber::Cut) {
-            return refuse("--slow-subscriber: with --no-parked-waits a subscriber can only be cut");
+            return RefuseOptions("--slow-subscriber: with --no-parked-waits a subscriber can only be cut");
         }
         server.queueRules.push_back(std::move(*rule));
     }
@@ -253,6 +315,25 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
                           "map new arenas for every request instead of pooling them");
     app.add_flag_callback("--no-ownership", switchOff(settings.server.ownership),
                           "let every process use the ids of others, and keep what a process that is gone registered");
+    app.add_flag_callback("--no-account", switchOff(settings.account),
+                          "do not keep the account of the bus, which 'msgbus top' and others read");
+    app.add_flag_callback("--no-monitor", switchOff(settings.monitor.isOn),
+                          "do not serve the account over HTTP, on 'monitor.sock' in the runtime directory");
+    app.add_option_function<std::string>(
+           "--monitor",
+           [&](const std::string& text) { settings.monitor.address = msgbus_monitor::LoopbackAddress::Parse(text); },
+           "serve the account on this address of this machine, too, to requests with a token")
+        ->check(CLI::Validator(CheckMonitorAddress, ""))
+        ->type_name("127.0.0.1:PORT");
+    app.add_option("--monitor-token-file", settings.monitor.tokenFile,
+                   "file with that token; without it one is made, and the log names its file")
+        ->type_name("FILE");
+    app.add_flag_callback("--no-notices", switchOff(settings.server.notices),
+                          "do not report to programs which publishers come and go, and how many subscribers there are");
+    app.add_option("--retain", settings.server.retain,
+                   "give each new subscriber of a topic that matches its last value first (repeatable)")
+        ->type_name("PATTERN")
+        ->allow_extra_args(false);
     app.add_flag_callback("--no-registration-gate", switchOff(settings.server.registrationGate),
                           "let publishers keep registrations waiting");
     app.add_flag_callback(
@@ -265,12 +346,13 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
             settings.server.registrationGate = false;
             settings.server.limits.reset();
             settings.server.intake = false;
+            settings.account = false;
             settings.failStop = false;
             settings.nameWatch = false;
             settings.logLimit = false;
         },
-        "the bus alone: --no-ownership --no-registration-gate --no-limits --no-intake --no-fail-stop --no-name-watch "
-        "--no-log-limit");
+        "the bus alone: --no-ownership --no-registration-gate --no-limits --no-intake --no-account --no-fail-stop "
+        "--no-name-watch --no-log-limit");
     std::vector<std::string> limits;
     app.add_option("--limit", limits, "set a limit; 'msgbusd --limits' lists them (repeatable)")
         ->type_name("NAME=NUMBER")
@@ -313,7 +395,20 @@ std::optional<int> Parse(int argc, char** argv, Settings& settings) {
         PrintLimits();
         return 0;
     }
+    if (const std::string wrong = CheckMonitor(settings); !wrong.empty()) {
+        return RefuseOptions(wrong);
+    }
+    settings.server.notices = settings.server.notices && settings.account;
     return CompleteOptions(limits, queueRules, settings.server);
+}
+
+/// Returns: the options as they were given.
+std::string CommandLine(int argc, char** argv) {
+    std::string line;
+    for (int i = 1; i < argc; ++i) {
+        line += (i == 1 ? "" : " ") + std::string(argv[i]);
+    }
+    return line;
 }
 
 } // namespace
@@ -348,6 +443,11 @@ int main(int argc, char** argv) {
         msgbusd::PoolArenaMappings();
     }
     try {
+        settings.server.account.reset();
+        if (settings.account) {
+            settings.server.account =
+                msgbus_server::AccountOptions{AccountDirectory(), BORVEN_VERSION, CommandLine(argc, argv)};
+        }
         return Serve(settings);
     } catch (const std::system_error& error) {
         return Fail(std::string("cannot start: ") + error.what());

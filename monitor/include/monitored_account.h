@@ -1,0 +1,37 @@
+#pragma once
+
+#include "instruments/read_account.h"
+#include "monitored.h"
+
+#include <cstddef>
+#include <functional>
+#include <span>
+
+namespace msgbus_monitor {
+
+/// The account of the calling server itself, and what only the server knows.
+class MonitoredAccount final : public IMonitored {
+public:
+    using HealthFunction = std::function<std::optional<std::string>()>;
+    using DescribeFunction =
+        std::function<DescribeOutcome(const Peer& peer, std::string_view topic, std::string_view text)>;
+
+    /// `memory`: of the account; it must outlive this object. The functions do what the operations of IMonitored with
+    /// their names do. Throws: instruments::AccountError.
+    MonitoredAccount(std::span<const std::byte> memory, HealthFunction whyUnhealthy, DescribeFunction describe);
+
+    instruments::Snapshot Read() override;
+    std::vector<instruments::Event> EventsAfter(std::uint64_t after) override;
+    std::int64_t ClockOffset() const noexcept override;
+    std::optional<std::string> WhyUnhealthy() override;
+    DescribeOutcome Describe(const Peer& peer, std::string_view topic, std::string_view text) override;
+
+private:
+    const instruments::AccountReader account; ///< of Read
+    const instruments::AccountReader events;  ///< of EventsAfter, because a reader serves one thread at a time
+    const std::int64_t clockOffset;
+    const HealthFunction health;
+    const DescribeFunction describeTopic;
+};
+
+} // namespace msgbus_monitor

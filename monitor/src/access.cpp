@@ -1,0 +1,50 @@
+#include "access.h"
+
+#include "loopback_address.h"
+
+#include <algorithm>
+#include <cctype>
+#include <stdexcept>
+#include <string>
+
+namespace msgbus_monitor {
+
+namespace {
+
+bool AreEqualIgnoringCase(std::string_view one, std::string_view other) {
+    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                      [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); });
+}
+
+} // namespace
+
+bool IsAuthorized(std::string_view authorization, std::string_view token) {
+    constexpr std::string_view scheme = "Bearer ";
+    if (token.empty() || !AreEqualIgnoringCase(authorization.substr(0, scheme.size()), scheme)) {
+        return false;
+    }
+    const std::string_view given = authorization.substr(scheme.size());
+    if (given.size() != token.size()) {
+        return false;
+    }
+    unsigned difference = 0;
+    for (std::size_t i = 0; i < token.size(); ++i) {
+        difference |= static_cast<unsigned char>(given[i]) ^ static_cast<unsigned char>(token[i]);
+    }
+    return difference == 0;
+}
+
+bool IsLoopbackHost(std::string_view host) {
+    const bool hasPort = !host.ends_with(']') && host.find(':') != std::string_view::npos;
+    if (AreEqualIgnoringCase(hasPort ? host.substr(0, host.rfind(':')) : host, "localhost")) {
+        return true;
+    }
+    try {
+        LoopbackAddress::Parse(hasPort ? std::string(host) : std::string(host) + ":0");
+        return true;
+    } catch (const std::invalid_argument&) {
+        return false;
+    }
+}
+
+} // namespace msgbus_monitor
