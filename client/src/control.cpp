@@ -292,7 +292,7 @@ std::int32_t Control::TakeLateReply(Deadline deadline) {
     return 0;
 }
 
-/// Takes the reply that is still to come, and unregisters what nobody wants.
+/// Takes the reply that is still to come, and unregisters what is not wanted any more.
 /// Returns: 0; KnStatusBusy when the server does not answer; KnStatusClosed. Requires: the turn.
 std::int32_t Control::Settle(Deadline deadline) {
     if (const std::int32_t status = TakeLateReply(deadline); status != 0) {

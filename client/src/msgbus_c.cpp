@@ -38,9 +38,12 @@ struct msgbus_publisher {
 };
 
 struct msgbus_subscriber {
-    msgbus_subscriber(const char* name, std::vector<std::string> topics, msgbus::Options options)
-        : subscriber(name, std::move(topics), std::move(options)) {}
+    msgbus_subscriber(const char* name, std::vector<std::string> topics, const msgbus::Options& options)
+        : mostTaken(options.onPublisher ? 1 : LargestBatch), subscriber(name, std::move(topics), options) {}
 
+    static constexpr std::size_t LargestBatch = 1024;
+
+    const std::size_t mostTaken; ///< in one call
     msgbus::Subscriber subscriber;
     std::vector<msgbus::Message> taken; ///< what the last receiving call has handed out
     std::exception_ptr failure;         ///< that followed a value, for the next receiving call
@@ -54,8 +57,6 @@ struct msgbus_stop_signals {
 };
 
 namespace {
-
-constexpr std::size_t LargestBatch = 1024;
 
 /// Longer times are as good as none, and a clock can be moved by this one without an overflow.
 constexpr std::chrono::milliseconds LongestTime = std::chrono::hours(24 * 36500);
@@ -151,7 +152,7 @@ msgbus_options DefaultOptions() {
 }
 
 /// Of the first version of the record, to which later ones append.
-constexpr std::size_t SmallestOptions = sizeof(msgbus_options);
+constexpr std::size_t SmallestOptions = offsetof(msgbus_options, on_publisher);
 
 bool IsKnownSize(std::size_t size) noexcept {
     return size >= SmallestOptions && size <= sizeof(msgbus_options);
@@ -184,11 +185,46 @@ int NumberOf(msgbus::Notice notice) noexcept {
     return -1;
 }
 
+int NumberOf(msgbus::PublisherState state) noexcept {
+    switch (state) {
+    case msgbus::PublisherState::None:
+        return MSGBUS_PUBLISHER_NONE;
+    case msgbus::PublisherState::Came:
+        return MSGBUS_PUBLISHER_CAME;
+    case msgbus::PublisherState::Left:
+        return MSGBUS_PUBLISHER_LEFT;
+    case msgbus::PublisherState::Died:
+        return MSGBUS_PUBLISHER_DIED;
+    case msgbus::PublisherState::Silent:
+        return MSGBUS_PUBLISHER_SILENT;
+    }
+    return -1;
+}
+
 std::chrono::milliseconds OptionOf(std::int64_t timeMs, const char* name) {
     if (timeMs < 0) {
         throw std::invalid_argument(std::string(name) + " is negative");
     }
     return TimeOf(timeMs);
+}
+
+/// Sets the functions that `options` name.
+void SetCallbacks(const msgbus_options& options, msgbus::Options& result) {
+    if (const auto callback = options.on_notice; callback != nullptr) {
+        result.onNotice = [callback, user = options.notice_user](msgbus::Notice notice, const std::string& sentence) {
+            callback(NumberOf(notice), sentence.c_str(), user);
+        };
+    }
+    if (const auto callback = options.on_publisher; callback != nullptr) {
+        result.onPublisher = [callback, user = options.publisher_user](const msgbus::PublisherNotice& notice) {
+            callback(notice.topic.c_str(), NumberOf(notice.state), notice.id, user);
+        };
+    }
+    if (const auto callback = options.on_subscribers; callback != nullptr) {
+        result.onSubscribers = [callback, user = options.subscribers_user](std::size_t count) {
+            callback(count, user);
+        };
+    }
 }
 
 msgbus::Options OptionsOf(const msgbus_options* given) {
@@ -208,11 +244,9 @@ msgbus::Options OptionsOf(const msgbus_options* given) {
     result.waitForTopic = OptionOf(options.wait_for_topic_ms, "wait_for_topic_ms");
     result.reconnectFor = OptionOf(options.reconnect_for_ms, "reconnect_for_ms");
     result.fullQueueTimeout = OptionOf(options.full_queue_timeout_ms, "full_queue_timeout_ms");
-    if (const auto callback = options.on_notice; callback != nullptr) {
-        result.onNotice = [callback, user = options.notice_user](msgbus::Notice notice, const std::string& sentence) {
-            callback(NumberOf(notice), sentence.c_str(), user);
-        };
-    }
+    result.staleAfter = OptionOf(options.stale_after_ms, "stale_after_ms");
+    result.startWithLast = options.start_with_last != 0;
+    SetCallbacks(options, result);
     return result;
 }
 
@@ -237,7 +271,7 @@ int Take(msgbus_subscriber& handle, std::size_t max, std::int64_t timeoutMs) {
         std::rethrow_exception(std::exchange(handle.failure, nullptr));
     }
     // Before the first value: afterwards there is no place for one that cannot be stored.
-    max = std::min(max, LargestBatch);
+    max = std::min(max, handle.mostTaken);
     handle.taken.reserve(max);
     msgbus::Received received = Receive(handle.subscriber, timeoutMs);
     switch (received.outcome) {
@@ -426,6 +460,17 @@ int msgbus_publisher_drain(msgbus_publisher* publisher, std::int64_t timeout_ms)
         return publisher->publisher.Drain(std::chrono::steady_clock::now() + limit)
                    ? MSGBUS_OK
                    : Fail(MSGBUS_TIMED_OUT, "a push of the publisher is still unanswered");
+    });
+}
+
+int msgbus_publisher_subscribers(msgbus_publisher* publisher, std::size_t* count) {
+    if (count == nullptr) {
+        return FailOnNull("count");
+    }
+    *count = 0;
+    return WithOpen(publisher, [=] {
+        *count = publisher->publisher.Subscribers();
+        return MSGBUS_OK;
     });
 }
 

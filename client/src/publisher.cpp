@@ -1,5 +1,6 @@
 #include "msgbus/publisher.h"
 
+#include "audience.h"
 #include "backend.h"
 #include "cor/result_code.h"
 #include "failure.h"
@@ -35,6 +36,14 @@ public:
           callTimeoutMs(Milliseconds(options.callTimeout)) {
         CheckText(topic, "topic");
         RegisterPatiently();
+        if (options.onSubscribers) {
+            try {
+                static_cast<void>(Subscribers());
+            } catch (...) {
+                static_cast<void>(Unregister());
+                throw;
+            }
+        }
     }
 
     ~State() { static_cast<void>(Unregister()); }
@@ -50,6 +59,9 @@ public:
             const std::int32_t status =
                 links.pusher->Push(id, value, deadline ? MillisecondsUntil(*deadline) : callTimeoutMs);
             if (status == 0) {
+                if (options.onSubscribers) {
+                    ReportSubscribers();
+                }
                 return true;
             }
             if (status == Full) {
@@ -122,11 +134,22 @@ public:
         return true; // whether the value was queued or refused: its push is answered
     }
 
+    std::size_t Subscribers() {
+        CheckUsable();
+        if (!audience) {
+            audience.emplace(topic, AudienceOptions());
+        }
+        audience->Update();
+        ReportChanges();
+        return audience->Count();
+    }
+
     void Close() {
         CheckProcess(forks);
         if (std::exchange(isClosed, true)) {
             return;
         }
+        audience.reset();
         const std::int32_t status = Unregister();
         ThrowIfTimedOut(status, options.callTimeout, "the publisher of topic '" + topic + "' is still registered",
                         "the request to unregister the publisher of topic '" + topic + "'");
@@ -154,6 +177,29 @@ private:
             throw;
         }
         kept = std::current_exception();
+    }
+
+    Options AudienceOptions() const {
+        Options chosen = options;
+        chosen.backend = backend;
+        return chosen;
+    }
+
+    /// Reports what has changed, behind a push. A failure is none of the push: the next one tries again.
+    void ReportSubscribers() {
+        try {
+            audience->Update();
+        } catch (const Error&) {
+        }
+        ReportChanges();
+    }
+
+    void ReportChanges() {
+        while (const auto count = audience->TakeChange()) {
+            if (options.onSubscribers) {
+                options.onSubscribers(*count);
+            }
+        }
     }
 
     std::int32_t Unregister() noexcept {
@@ -242,6 +288,7 @@ private:
     std::int64_t id = -1; // -1: not registered
     bool isClosed = false;
     std::exception_ptr kept; ///< a failure that PushAll has met after the first value
+    std::optional<Audience> audience;
 };
 
 Publisher::Publisher(std::string topic, Options options)
@@ -272,6 +319,10 @@ std::size_t Publisher::PushAll(const std::int64_t* values, std::size_t count, De
 
 bool Publisher::Drain(Deadline deadline) {
     return state->Drain(deadline);
+}
+
+std::size_t Publisher::Subscribers() {
+    return state->Subscribers();
 }
 
 void Publisher::Close() {

@@ -16,6 +16,9 @@ namespace {
 
 constexpr auto Conflict = static_cast<std::int32_t>(cor::ResultCode::Conflict);
 
+/// A deadline may be too far away for a clock.
+constexpr std::chrono::seconds LongestLook{1};
+
 /// The subscribers of this process. Never destroyed: they may be used until the process has exited.
 class Subscribers final {
 public:
@@ -115,12 +118,20 @@ std::shared_ptr<Registration> Registrar::RegisterAgain(std::chrono::milliseconds
         made = Register(longest);
     } catch (...) {
         const common::MutexLock lock(mutex);
-        isRegistering = false;
+        EndRegistering();
         throw;
     }
     const common::MutexLock lock(mutex);
-    isRegistering = false;
+    EndRegistering();
+    if (current) {
+        current = made->Links().control; // a publisher that goes on now needs no other one
+    }
     return made;
+}
+
+void Registrar::EndRegistering() {
+    isRegistering = false;
+    registeringEnded.NotifyAll();
 }
 
 void Registrar::SetCurrent(const std::shared_ptr<Registration>& registration) {
@@ -143,7 +154,10 @@ bool Registrar::IsRegisteredOver(const std::shared_ptr<IControl>& lost) const {
 
 void Registrar::Prepare(const std::shared_ptr<IControl>& lost, Deadline deadline) {
     {
-        const common::MutexLock lock(mutex);
+        common::MutexLock lock(mutex);
+        while (isRegistering && std::chrono::steady_clock::now() < deadline) { // on its way, or about to fail
+            registeringEnded.WaitUntil(lock, std::min(deadline, std::chrono::steady_clock::now() + LongestLook));
+        }
         if (!reconnects || !IsRegisteredOver(lost) || isRegistering) {
             return;
         }
@@ -153,7 +167,7 @@ void Registrar::Prepare(const std::shared_ptr<IControl>& lost, Deadline deadline
     try {
         const bool hasServer = SucceedsWithServer([&] { made = Register(LongestAttempt(deadline)); });
         const common::MutexLock lock(mutex);
-        isRegistering = false;
+        EndRegistering();
         if (hasServer && IsRegisteredOver(lost)) {
             if (prepared) {
                 made->Follow(*prepared);
@@ -167,7 +181,7 @@ void Registrar::Prepare(const std::shared_ptr<IControl>& lost, Deadline deadline
         throw;
     } catch (const std::exception&) { // the subscriber meets the failure itself
         const common::MutexLock lock(mutex);
-        isRegistering = false;
+        EndRegistering();
     }
 }
 

@@ -70,6 +70,7 @@ private:
               std::shared_ptr<Backend> bus);
 
     void Prepare(const std::shared_ptr<IControl>& lost, Deadline deadline) EXCLUDES(mutex);
+    void EndRegistering() REQUIRES(mutex);
     bool IsRegisteredOver(const std::shared_ptr<IControl>& lost) const REQUIRES(mutex);
 
     const std::string name;
@@ -80,6 +81,7 @@ private:
     const std::shared_ptr<Backend> backend;
 
     common::Mutex mutex;
+    common::ConditionVariable registeringEnded;
     bool isRegistering GUARDED_BY(mutex) = false;        ///< a thread makes a registration
     std::shared_ptr<IControl> current GUARDED_BY(mutex); ///< of the registration in use; null: none
     std::shared_ptr<Registration> prepared GUARDED_BY(mutex);

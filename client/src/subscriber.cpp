@@ -6,10 +6,12 @@
 #include "cor/result_code.h"
 #include "failure.h"
 #include "kn/status.h"
+#include "publisher_watch.h"
 #include "recovery.h"
 #include "registrar.h"
 #include "server_backend.h"
 #include "time_limit.h"
+#include "timed_descriptor.h"
 
 #include <algorithm>
 #include <chrono>
@@ -24,13 +26,14 @@ constexpr auto NotRegistered = static_cast<std::int32_t>(cor::ResultCode::NotReg
 constexpr auto TooManyValues = static_cast<std::int32_t>(cor::ResultCode::TooManyValues);
 constexpr auto Conflict = static_cast<std::int32_t>(cor::ResultCode::Conflict);
 
-std::shared_ptr<Registrar> MakeRegistrar(std::string name, std::vector<std::string> topics, const Options& options) {
+std::shared_ptr<Registrar> MakeRegistrar(std::string name, const std::vector<std::string>& topics,
+                                         const Options& options) {
     CheckText(name, "name");
     for (const auto& topic : topics) {
         CheckText(topic, "topic");
     }
     auto backend = options.backend ? options.backend : std::make_shared<ServerBackend>(options.route);
-    return Registrar::Make(std::move(name), std::move(topics), options, std::move(backend));
+    return Registrar::Make(std::move(name), PublisherWatch::TopicsFor(topics, options), options, std::move(backend));
 }
 
 } // namespace
@@ -39,9 +42,12 @@ class __attribute__((visibility("hidden"))) Subscriber::State final {
 public:
     State(std::string subscriberName, std::vector<std::string> topics, Options subscriberOptions)
         : name(subscriberName), options(std::move(subscriberOptions)),
-          registrar(MakeRegistrar(std::move(subscriberName), std::move(topics), options)) {
+          registrar(MakeRegistrar(std::move(subscriberName), topics, options)) {
         std::shared_ptr<Registration> first;
         AwaitServer(options, [&] { first = registrar->Register(); });
+        if (options.onPublisher) {
+            watch.emplace(std::move(topics), options);
+        }
         registrar->SetCurrent(first);
         const common::MutexLock lock(mutex);
         registration = std::move(first);
@@ -72,13 +78,20 @@ public:
                 }
                 return IsCanceled() ? Outcome::Canceled : Outcome::TimedOut;
             }
-            const std::int32_t status = current->Links().receiver->Receive(id, TimeoutFor(deadline), message);
+            const Deadline end = watch ? std::min(deadline, watch->NoteWait()) : deadline;
+            const std::int32_t status = current->Links().receiver->Receive(id, TimeoutFor(end), message);
             if (status == 0) {
+                if (watch && watch->Take(message)) {
+                    continue;
+                }
                 return Outcome::Value;
             }
             if (status != KnStatusTimedOut) {
                 HandleFailure(*current, status);
-            } else if (deadline == Deadline::min() || std::chrono::steady_clock::now() >= deadline) {
+                continue;
+            }
+            ReportDue();
+            if (deadline == Deadline::min() || std::chrono::steady_clock::now() >= deadline) {
                 return IsCanceled() ? Outcome::Canceled : Outcome::TimedOut;
             }
         }
@@ -87,15 +100,21 @@ public:
     int Descriptor() EXCLUDES(mutex) {
         CheckProcess(forks);
         const auto [current, id] = Current();
-        if (lastDescriptor >= 0) {
+        if (lastDescriptor < 0) {
+            if (!current) {
+                throw PlatformError(KnStatusInvalidArgument, "subscriber '" + name + "' was canceled");
+            }
+            const std::int32_t status = current->Links().receiver->Descriptor(lastDescriptor);
+            ThrowUnlessOk(status);
+        }
+        if (!watch || !watch->HasDueTimes()) {
             return lastDescriptor;
         }
-        if (!current) {
-            throw PlatformError(KnStatusInvalidArgument, "subscriber '" + name + "' was canceled");
+        if (!timedDescriptor) {
+            timedDescriptor.emplace(lastDescriptor);
+            timedDescriptor->WakeAt(watch->NoteWait());
         }
-        const std::int32_t status = current->Links().receiver->Descriptor(lastDescriptor);
-        ThrowUnlessOk(status);
-        return lastDescriptor;
+        return timedDescriptor->Number();
     }
 
     void Cancel() noexcept EXCLUDES(mutex) {
@@ -155,6 +174,17 @@ private:
     bool IsCanceled() const EXCLUDES(mutex) {
         const common::MutexLock lock(mutex);
         return canceled;
+    }
+
+    /// Reports what is due although nothing has come.
+    void ReportDue() {
+        if (!watch) {
+            return;
+        }
+        watch->ReportDue();
+        if (timedDescriptor) {
+            timedDescriptor->WakeAt(watch->NoteWait());
+        }
     }
 
     /// Begins the recovery if the server is gone. Throws otherwise, and unless canceled.
@@ -239,6 +269,9 @@ private:
             before.reconnections += next->Restarts();
             registration.swap(next);
         }
+        if (watch) {
+            watch->NoteRestart();
+        }
         registrar->SetCurrent(replacement);
         if (IsCanceled()) { // meanwhile, and then after SetCurrent or before it
             registrar->SetCurrent(nullptr);
@@ -277,6 +310,8 @@ private:
     std::optional<Recovery> recovery;
     int lastDescriptor = -1;
     bool isUnregistered = false; ///< by another client
+    std::optional<PublisherWatch> watch;
+    std::optional<TimedDescriptor> timedDescriptor; ///< around `lastDescriptor`
 
     mutable common::Mutex mutex;
     common::ConditionVariable pauseEnded; ///< of `canceled`

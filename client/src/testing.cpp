@@ -2,6 +2,7 @@
 
 #include "backend.h"
 #include "common/mutex.h"
+#include "common/reserved_topics.h"
 #include "common/thread_annotations.h"
 #include "cor/result_code.h"
 #include "kn/status.h"
@@ -161,6 +162,10 @@ struct Failure {
 struct Subscription {
     std::set<std::string> topics;
     std::deque<Message> unread{};
+
+    bool IsForNoticesOnly() const {
+        return !topics.empty() && std::all_of(topics.begin(), topics.end(), common::IsReserved);
+    }
 };
 
 std::chrono::milliseconds Milliseconds(std::uint32_t count) {
@@ -182,12 +187,13 @@ public:
         }
         const bool isTaken = std::any_of(publishers.begin(), publishers.end(),
                                          [&](const auto& publisher) { return publisher.second == topic; });
-        if (isTaken) {
+        if (isTaken || common::IsReserved(topic)) {
             return Conflict;
         }
         id = ++lastId;
         publishers.emplace(id, topic);
         link.registered.insert(id);
+        ReportPresence(topic, {common::Presence::Came, id});
         return 0;
     }
 
@@ -205,8 +211,10 @@ public:
             }
         }
         id = ++lastId;
-        subscriptions.emplace(id, std::move(subscription));
+        auto& added = subscriptions.emplace(id, std::move(subscription)).first->second;
         link.registered.insert(id);
+        ReportCounts(added);
+        PutFirst(added);
         return 0;
     }
 
@@ -327,6 +335,13 @@ public:
         }
     }
 
+    void KillPublisher(const std::string& topic) EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
+        if (const auto publisher = FindPublisher(topic); publisher != publishers.end()) {
+            Remove(publisher->first, common::Presence::Died);
+        }
+    }
+
     void FailNext(Request request, std::int32_t code, int times) EXCLUDES(mutex) {
         if (times < 1 || code == 0 || code > GreatestCode || (code > 0 && request == Request::Connect)) {
             throw std::invalid_argument("a request cannot fail with code " + std::to_string(code) + ", " +
@@ -341,6 +356,7 @@ public:
         const common::MutexLock lock(mutex);
         ++server;
         isRunning = isRestarted;
+        lastValues.clear();
         publishers.clear();
         subscriptions.clear();
         unanswered.clear();
@@ -360,7 +376,9 @@ public:
 
     std::size_t RegisteredCount() const EXCLUDES(mutex) {
         const common::MutexLock lock(mutex);
-        return publishers.size() + subscriptions.size();
+        const auto watching = std::count_if(subscriptions.begin(), subscriptions.end(),
+                                            [](const auto& entry) { return entry.second.IsForNoticesOnly(); });
+        return publishers.size() + subscriptions.size() - static_cast<std::size_t>(watching);
     }
 
 private:
@@ -399,22 +417,80 @@ private:
     void Lose(Link& link) REQUIRES(mutex) {
         link.server = 0;
         for (const std::int64_t id : std::exchange(link.registered, {})) {
-            Remove(id);
+            Remove(id, common::Presence::Died);
         }
         Announce();
     }
 
-    /// Returns: whether the id was registered.
-    bool Remove(std::int64_t id) REQUIRES(mutex) {
-        if (publishers.erase(id) + subscriptions.erase(id) == 0) {
+    /// Returns: whether the id was registered. `end`: of a publisher.
+    bool Remove(std::int64_t id, common::Presence end = common::Presence::Left) REQUIRES(mutex) {
+        if (const auto publisher = publishers.find(id); publisher != publishers.end()) {
+            const std::string topic = publisher->second;
+            publishers.erase(publisher);
+            ReportPresence(topic, {end, id});
+        } else if (const auto subscription = subscriptions.find(id); subscription != subscriptions.end()) {
+            const Subscription removed = std::move(subscription->second);
+            subscriptions.erase(subscription);
+            ReportCounts(removed);
+        } else {
             return false;
         }
         Announce();
         return true;
     }
 
+    std::map<std::int64_t, std::string>::const_iterator FindPublisher(std::string_view topic) const REQUIRES(mutex) {
+        return std::find_if(publishers.begin(), publishers.end(),
+                            [topic](const auto& publisher) { return publisher.second == topic; });
+    }
+
+    std::int64_t CountSubscribers(std::string_view topic) const REQUIRES(mutex) {
+        return std::count_if(subscriptions.begin(), subscriptions.end(),
+                             [topic](const auto& entry) { return entry.second.topics.contains(std::string(topic)); });
+    }
+
+    void ReportPresence(const std::string& topic, common::PresenceValue value) REQUIRES(mutex) {
+        Put(common::MakeReserved(common::ReservedTopic::Presence, topic), value.Encode());
+    }
+
+    /// A subscriber of these topics has come or gone.
+    void ReportCounts(const Subscription& concerned) REQUIRES(mutex) {
+        for (const auto& topic : concerned.topics) {
+            Put(common::MakeReserved(common::ReservedTopic::SubscriberCount, topic), CountSubscribers(topic));
+        }
+    }
+
+    /// Gives a new subscriber what it asks for with reserved topics.
+    void PutFirst(Subscription& added) REQUIRES(mutex) {
+        added.unread.clear(); // it is itself not news to it
+        for (const auto& topic : added.topics) {
+            const auto reserved = common::ParseReserved(topic);
+            if (!reserved) {
+                continue;
+            }
+            const auto publisher = FindPublisher(reserved->topic);
+            const auto last = lastValues.find(std::string(reserved->topic));
+            if (reserved->kind == common::ReservedTopic::SubscriberCount) {
+                added.unread.push_back({topic, CountSubscribers(reserved->topic)});
+            } else if (reserved->kind == common::ReservedTopic::Presence) {
+                const auto value = publisher == publishers.end()
+                                       ? common::PresenceValue{}
+                                       : common::PresenceValue{common::Presence::Came, publisher->first};
+                added.unread.push_back({topic, value.Encode()});
+            } else if (last != lastValues.end()) {
+                added.unread.push_back({last->first, last->second});
+            }
+        }
+    }
+
     void Deliver(const std::string& topic, std::int64_t value) REQUIRES(mutex) {
         pushed[topic].push_back(value);
+        lastValues[topic] = value;
+        Put(topic, value);
+    }
+
+    /// Puts a value into the queues of those who have subscribed to the topic.
+    void Put(const std::string& topic, std::int64_t value) REQUIRES(mutex) {
         for (auto& [id, subscription] : subscriptions) {
             if (subscription.topics.count(topic) != 0) {
                 subscription.unread.push_back({topic.substr(0, LongestReceivedTopic), value});
@@ -490,6 +566,7 @@ private:
     std::vector<std::int64_t> unanswered GUARDED_BY(mutex); ///< to be unregistered before the next request
     std::map<Request, std::deque<Failure>> failures GUARDED_BY(mutex);
     std::map<std::string, std::vector<std::int64_t>> pushed GUARDED_BY(mutex);
+    std::map<std::string, std::int64_t> lastValues GUARDED_BY(mutex); ///< since the server has started
     std::map<Waiter*, const Link*> waiters GUARDED_BY(mutex);
     Alarms alarms;
 };
@@ -630,6 +707,10 @@ Options Bus::MakeOptions(Options options) const {
 
 void Bus::Push(const std::string& topic, std::int64_t value) {
     state->Publish(topic, value);
+}
+
+void Bus::KillPublisher(const std::string& topic) {
+    state->KillPublisher(topic);
 }
 
 void Bus::FailNext(Request request, std::int32_t code, int times) {

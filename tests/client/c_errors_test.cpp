@@ -10,6 +10,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstddef>
+#include <cstring>
 #include <deque>
 #include <functional>
 #include <optional>
@@ -92,6 +95,10 @@ std::size_t Publisher::PushAll(const std::int64_t*, std::size_t count, Deadline)
 bool Publisher::Drain(Deadline deadline) {
     Ask("drain");
     return deadline > std::chrono::steady_clock::now();
+}
+std::size_t Publisher::Subscribers() {
+    Ask("subscribers");
+    return 3;
 }
 void Publisher::Close() {
     Ask("close");
@@ -232,6 +239,9 @@ TEST_F(CErrorsTest, EveryException_BecomesItsCodeAndSentence) {
         expect(msgbus_publisher_push(publisher, 1, 10));
         expect(msgbus_publisher_try_push(publisher, 1));
         expect(msgbus_publisher_drain(publisher, 10));
+        std::size_t subscribers = 77;
+        expect(msgbus_publisher_subscribers(publisher, &subscribers));
+        EXPECT_EQ(subscribers, 0u);
         std::size_t pushed = 77;
         expect(msgbus_publisher_push_all(publisher, values, 2, &pushed, -1));
         EXPECT_EQ(pushed, 0u);
@@ -328,7 +338,67 @@ TEST_F(CErrorsTest, AClosedPublisher_IsNotAskedAgain) {
     EXPECT_EQ(pushed, 0u);
     EXPECT_EQ(msgbus_publisher_try_push(publisher, 1), MSGBUS_CLOSED);
     EXPECT_EQ(msgbus_publisher_drain(publisher, 1), MSGBUS_CLOSED);
+    EXPECT_EQ(msgbus_publisher_subscribers(publisher, &pushed), MSGBUS_CLOSED);
     EXPECT_THAT(script.asked, ElementsAre("close"));
+}
+
+TEST_F(CErrorsTest, Subscribers_AreCounted) {
+    std::size_t count = 0;
+    EXPECT_EQ(msgbus_publisher_subscribers(publisher, &count), MSGBUS_OK);
+    EXPECT_EQ(count, 3u);
+    EXPECT_EQ(msgbus_publisher_subscribers(publisher, nullptr), MSGBUS_INVALID);
+}
+
+TEST_F(CErrorsTest, Reports_ReachTheFunctionsOfTheOptions) {
+    msgbus_options options;
+    ASSERT_EQ(msgbus_options_init(&options, sizeof options), MSGBUS_OK);
+    EXPECT_EQ(options.stale_after_ms, 0);
+    EXPECT_EQ(options.start_with_last, 0);
+    std::vector<std::string> reports;
+    options.publisher_user = options.subscribers_user = &reports;
+    options.on_publisher = [](const char* topic, int state, std::int64_t id, void* user) {
+        static_cast<std::vector<std::string>*>(user)->push_back(topic + std::to_string(state) + std::to_string(id));
+    };
+    options.on_subscribers = [](std::size_t count, void* user) {
+        static_cast<std::vector<std::string>*>(user)->push_back(std::to_string(count));
+    };
+    options.stale_after_ms = 7;
+    options.start_with_last = 1;
+    msgbus_publisher* other = nullptr;
+    ASSERT_EQ(msgbus_publisher_create(&other, "heat", &options), MSGBUS_OK);
+    EXPECT_EQ(script.options.staleAfter, std::chrono::milliseconds(7));
+    EXPECT_TRUE(script.options.startWithLast);
+    using State = msgbus::PublisherState;
+    for (const auto state : {State::None, State::Came, State::Left, State::Died, State::Silent}) {
+        script.options.onPublisher({"heat", state, 5});
+    }
+    script.options.onSubscribers(2);
+    EXPECT_THAT(reports, ElementsAre("heat05", "heat15", "heat25", "heat35", "heat45", "2"));
+    msgbus_publisher_destroy(other);
+}
+
+TEST_F(CErrorsTest, Take_OfASubscriberWithReports_TakesOneByOne) {
+    msgbus_options options;
+    ASSERT_EQ(msgbus_options_init(&options, sizeof options), MSGBUS_OK);
+    options.on_publisher = [](const char*, int, std::int64_t, void*) {};
+    msgbus_subscriber_destroy(std::exchange(subscriber, nullptr));
+    const char* const topics[] = {"heat"};
+    ASSERT_EQ(msgbus_subscriber_create(&subscriber, "reader", topics, 1, &options), MSGBUS_OK);
+    script.receives = {Value(1), Value(2)};
+    EXPECT_THAT(Take(2), ElementsAre(1));
+    EXPECT_THAT(Take(2), ElementsAre(2));
+}
+
+TEST_F(CErrorsTest, OptionsOfAnEarlierVersion_AreTaken) {
+    constexpr std::size_t earlier = offsetof(msgbus_options, on_publisher);
+    msgbus_options options;
+    std::memset(&options, 0x55, sizeof options); // what lies behind the record of such a program
+    ASSERT_EQ(msgbus_options_init(&options, earlier), MSGBUS_OK);
+    msgbus_publisher* other = nullptr;
+    EXPECT_EQ(msgbus_publisher_create(&other, "heat", &options), MSGBUS_OK);
+    EXPECT_FALSE(script.options.onPublisher || script.options.onSubscribers || script.options.startWithLast);
+    msgbus_publisher_destroy(other);
+    EXPECT_EQ(msgbus_options_init(&options, earlier - 1), MSGBUS_INVALID);
 }
 
 TEST_F(CErrorsTest, Options_ReachTheClasses) {

@@ -74,6 +74,24 @@ enum msgbus_notice {
 /// call the publisher or subscriber, nor throw or jump out.
 typedef void (*msgbus_notice_callback)(int notice, const char* sentence, void* user);
 
+/// How it stands with the publisher of a topic.
+enum msgbus_publisher_state {
+    MSGBUS_PUBLISHER_NONE = 0,  ///< there is none: at first, or since the server was restarted
+    MSGBUS_PUBLISHER_CAME = 1,  ///< there is one, from now on or since before
+    MSGBUS_PUBLISHER_LEFT = 2,  ///< it was unregistered, by its program
+    MSGBUS_PUBLISHER_DIED = 3,  ///< its process has ended, or closed its connections, without that
+    MSGBUS_PUBLISHER_SILENT = 4 ///< there is one, and no value of it was received for stale_after_ms
+};
+
+/// Called within a receiving call, on its thread, in order with the values. `state`: of enum msgbus_publisher_state;
+/// `id`: of the publisher, 0 when there is none. `topic` ends with a NUL and is valid during the call. May call
+/// msgbus_subscriber_cancel, must not call the subscriber otherwise, nor throw or jump out.
+typedef void (*msgbus_publisher_callback)(const char* topic, int state, int64_t id, void* user);
+
+/// Called within a call on a publisher, on its thread, with the number of its topic's subscribers. Must not call the
+/// publisher, nor throw or jump out.
+typedef void (*msgbus_subscribers_callback)(size_t count, void* user);
+
 /// Settings of one publisher or subscriber, to be set by msgbus_options_init and then changed.
 typedef struct msgbus_options {
     size_t size; ///< of the record that the program was compiled with
@@ -97,6 +115,20 @@ typedef struct msgbus_options {
 
     msgbus_notice_callback on_notice; ///< may be null
     void* notice_user;                ///< passed to on_notice
+
+    /// Of a subscriber: reports each change of a topic's publisher, and first how it stands. A publisher that registers
+    /// again within two seconds of the subscriber after a restart of the server is not reported. May be null.
+    msgbus_publisher_callback on_publisher;
+    void* publisher_user; ///< passed to on_publisher
+    /// Of a subscriber with on_publisher: after how long without a value a publisher is reported as silent, once until
+    /// the next value. Default: 0, never.
+    int64_t stale_after_ms;
+    /// Of a subscriber: not 0: it gets the last value of each topic first, if the server remembers one. Default: 0.
+    int32_t start_with_last;
+    /// Of a publisher: reports the number of subscribers first when it is created, then, behind a push, whenever it has
+    /// become 0 or 1. May be null.
+    msgbus_subscribers_callback on_subscribers;
+    void* subscribers_user; ///< passed to on_subscribers
 } msgbus_options;
 
 /// Sets every member to its default: `msgbus_options_init(&options, sizeof options)`. `size` lets a program work with a
@@ -149,6 +181,13 @@ MSGBUS_API int msgbus_publisher_try_push(msgbus_publisher* publisher, int64_t va
 /// Returns: 0; MSGBUS_TIMED_OUT; MSGBUS_SERVER_GONE, and then the outcome is not known; MSGBUS_CLOSED; MSGBUS_INVALID;
 /// MSGBUS_PLATFORM.
 MSGBUS_API int msgbus_publisher_drain(msgbus_publisher* publisher, int64_t timeout_ms);
+
+/// Asks how many subscribers the topic has. The first call, without on_subscribers, makes a connection and a
+/// registration for this; later ones take what has arrived meanwhile.
+/// Returns: 0 and `*count`; else 0 there, and what msgbus_publisher_create returns, MSGBUS_PLATFORM also when the
+/// server does not count subscribers; MSGBUS_CLOSED. Blocks: the first call as msgbus_publisher_create; later ones
+/// while reconnect_for_ms looks for a restarted server, up to 0.1 s.
+MSGBUS_API int msgbus_publisher_subscribers(msgbus_publisher* publisher, size_t* count);
 
 /// Unregisters. Afterwards the other calls return MSGBUS_CLOSED; a second close does nothing. The handle remains, for
 /// msgbus_publisher_destroy.
@@ -203,10 +242,10 @@ MSGBUS_API void msgbus_subscriber_destroy(msgbus_subscriber* subscriber);
 MSGBUS_API int msgbus_subscriber_next(msgbus_subscriber* subscriber, msgbus_message* message, int64_t timeout_ms);
 
 /// Waits for a value as msgbus_subscriber_next does, and takes with it those that have arrived: together at most `max`,
-/// and at most 1,024. One call then costs as much as it does for a single value, which matters to interpreters.
-/// Returns: 0 and `*count`, at least 1. Else `*count` is 0, and it returns what msgbus_subscriber_next returns. After a
-/// failure behind the first value it returns 0 with the values; the next receiving call returns the failure.
-/// Blocks: for the first value, as msgbus_subscriber_next.
+/// and at most 1,024; with on_publisher one, so that each report comes between two values. One call then costs as much
+/// as it does for a single value, which matters to interpreters. Returns: 0 and `*count`, at least 1. Else `*count` is
+/// 0, and it returns what msgbus_subscriber_next returns. After a failure behind the first value it returns 0 with the
+/// values; the next receiving call returns the failure. Blocks: for the first value, as msgbus_subscriber_next.
 MSGBUS_API int msgbus_subscriber_take(msgbus_subscriber* subscriber, msgbus_message* messages, size_t max,
                                       size_t* count, int64_t timeout_ms);
 
@@ -215,10 +254,10 @@ MSGBUS_API int msgbus_subscriber_take(msgbus_subscriber* subscriber, msgbus_mess
 MSGBUS_API int msgbus_subscriber_try_next(msgbus_subscriber* subscriber, msgbus_message* message);
 
 /// Gives a descriptor for poll, epoll or an event loop. It is readable when msgbus_subscriber_try_next would return
-/// anything but MSGBUS_TIMED_OUT, and stays readable until it, or a msgbus_subscriber_take that found fewer than `max`,
-/// has come to the end of what had arrived. It may be readable without a reason. It stays the same over reconnections.
-/// It must not be read, written or closed, and lives as long as the subscriber.
-/// Returns: 0 and `*descriptor`; else -1 there, and what msgbus_subscriber_try_next returns.
+/// anything but MSGBUS_TIMED_OUT, and stays readable until it, or a msgbus_subscriber_take that found fewer than it
+/// may, has come to the end of what had arrived. It may be readable without a reason. It stays the same over
+/// reconnections. It must not be read, written or closed, and lives as long as the subscriber. Returns: 0 and
+/// `*descriptor`; else -1 there, and what msgbus_subscriber_try_next returns.
 MSGBUS_API int msgbus_subscriber_descriptor(msgbus_subscriber* subscriber, int* descriptor);
 
 /// Unregisters, drops the values that were not taken, and ends a blocked receiving call. Cannot be undone. The handle

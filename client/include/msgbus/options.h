@@ -1,6 +1,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -22,6 +24,22 @@ enum class Notice {
     RegisteredAgain,  ///< with a restarted server; the sentence names what may be lost
     WaitingForServer, ///< Options::waitForServer: there is none yet
     WaitingForTopic,  ///< Options::waitForTopic: the topic has another publisher
+};
+
+/// How it stands with the publisher of a topic.
+enum class PublisherState {
+    None,   ///< there is none: at first, or since the server was restarted
+    Came,   ///< there is one, from now on or since before
+    Left,   ///< it was unregistered, by its program
+    Died,   ///< its process has ended, or closed its connections, without that
+    Silent, ///< there is one, and no value of it was received for Options::staleAfter
+};
+
+/// A change that Options::onPublisher reports.
+struct PublisherNotice {
+    std::string topic;                           ///< as the constructor of the subscriber got it
+    PublisherState state = PublisherState::None; ///< from now on
+    std::int64_t id = 0;                         ///< of the publisher that came, left, died or is silent; else 0
 };
 
 /// When a call is to end at the latest.
@@ -63,6 +81,36 @@ struct Options {
     /// Threads: called inside a constructor or a call, on its thread. Must not call the publisher or subscriber. What
     /// it throws ends that call, which may be repeated.
     std::function<void(Notice notice, const std::string& sentence)> onNotice{};
+
+    /// Of a subscriber: called with each change of a topic's publisher, and first with how it stands. May be empty.
+    /// It is called within Next, NextFor, NextUntil and TryNext, in order with the values: when a publisher has left or
+    /// died, every value of it was received. A publisher whose process is gone is reported within 0.1 s, where the
+    /// server is not busier than that.
+    ///
+    /// A restarted server is no change: a publisher that registers with it again within two seconds of the subscriber
+    /// stays as it was, although with another id; else it is reported as None, and as Came when it does so later. What
+    /// changed while the server was gone is then reported by how it stands now. A server of an earlier version, or with
+    /// `--no-notices`, reports nothing.
+    ///
+    /// It needs topics of at most 1020 bytes, each of which counts twice for the server's limits.
+    /// Threads: as onNotice. Of the subscriber it may call Cancel, Lost, Name and Id.
+    std::function<void(const PublisherNotice& notice)> onPublisher{};
+
+    /// Of a subscriber with onPublisher: after how long without a value of a topic its publisher is reported as Silent,
+    /// once until the next value. Counted from the receipt of a value, from Came, or from construction; and only while
+    /// there is a publisher. Zero: never.
+    std::chrono::milliseconds staleAfter{0};
+
+    /// Of a subscriber: whether it gets the last value of each topic first, if the server remembers one; what is
+    /// published later follows without a gap. For topics of at most 1020 bytes. After a reconnection, a value may come
+    /// that was received before. `msgbusd --retain` does this for every subscriber of some topics.
+    bool startWithLast = false;
+
+    /// Of a publisher: called with the number of its topic's subscribers, first by the constructor, then whenever it
+    /// has become 0 or 1, within Push, TryPush and PushAll behind each value, and within Publisher::Subscribers. May be
+    /// empty. While a restarted server is looked for, these may take 0.1 s longer. Topics of at most 1021 bytes.
+    /// Threads: as onNotice. A value was published although the function throws.
+    std::function<void(std::size_t count)> onSubscribers{};
 
     /// Where requests go; empty: to the server that `route` finds. Set by msgbus/testing.h.
     std::shared_ptr<Backend> backend{};

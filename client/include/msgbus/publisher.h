@@ -80,6 +80,14 @@ public:
     /// Throws: ServerGoneError, and then does not know the outcome; PlatformError.
     [[nodiscard]] bool Drain(Deadline deadline);
 
+    /// Asks how many subscribers the topic has. The first call, if there is no Options::onSubscribers, makes a
+    /// connection and a registration for this, of which the server counts one as that of a subscriber; every later one
+    /// takes what has arrived meanwhile, and so may lag behind for as long as a value takes. Returns: the number.
+    /// Throws: as the constructor; std::invalid_argument for a topic of more than 1021 bytes; PlatformError when the
+    /// server does not count subscribers. Blocks: the first call as the constructor; later ones while
+    /// Options::reconnectFor looks for a restarted server, up to 0.1 s.
+    std::size_t Subscribers();
+
     /// Unregisters. Afterwards every other call throws PlatformError; a second Close does nothing.
     /// Throws: RefusedError with code 8 when another client has unregistered this publisher, or with another code of
     /// the bus; TimedOutError; ServerGoneError; PlatformError.

@@ -99,11 +99,11 @@ public:
     /// Blocks: not for a value; while Options::reconnectFor looks for a restarted server, up to 0.1 s per attempt.
     Received TryNext();
 
-    /// Gives a descriptor for poll, epoll or an event loop. It is readable when TryNext would return a value,
-    /// Outcome::Canceled or throw, and stays readable until TryNext has returned Outcome::TimedOut. It may be readable
-    /// without a reason: TryNext then returns Outcome::TimedOut. It stays the same over reconnections. It must not be
-    /// read, written or closed.
-    /// Returns: the descriptor, which lives as long as the subscriber. Throws: as TryNext.
+    /// Gives a descriptor for poll, epoll or an event loop. It is readable when TryNext would return a value or
+    /// Outcome::Canceled, throw, or report something (Options::onPublisher), and stays readable until TryNext has
+    /// returned Outcome::TimedOut. It may be readable without a reason: TryNext then returns Outcome::TimedOut. It
+    /// stays the same over reconnections. It must not be read, written or closed. Returns: the descriptor, which lives
+    /// as long as the subscriber. Throws: as TryNext.
     int Descriptor();
 
     /// Iterates over Next: `for (const auto& [topic, value] : subscriber)` ends after Cancel. One loop at a time.

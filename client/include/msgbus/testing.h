@@ -17,8 +17,8 @@ enum class Request { Connect, RegisterPublisher, RegisterSubscriber, Push, Recei
 
 /// A bus within the test program, without a server: `msgbus::Publisher` and `msgbus::Subscriber` that get its
 /// MakeOptions use it. It keeps to the rules of the real one: one publisher per topic, each value once and in order,
-/// nothing from before a subscription; its inbound queue is full when the test says so.
-/// Threads: any.
+/// nothing from before a subscription but what Options::startWithLast asks for; its inbound queue is full when the test
+/// says so. Threads: any.
 class __attribute__((visibility("default"))) Bus final {
 public:
     Bus();
@@ -33,6 +33,10 @@ public:
     /// Publishes a value as another program would. It need not be registered. While the bus is stopped, the value is
     /// lost.
     void Push(const std::string& topic, std::int64_t value);
+
+    /// The process of the topic's publisher dies, as far as its subscribers see: see Options::onPublisher. Does nothing
+    /// when the topic has no publisher.
+    void KillPublisher(const std::string& topic);
 
     /// Makes the next `times` requests of this kind fail: `code` 1 to 10 as the bus's answer, or a negative platform
     /// status such as -3 (the server is gone) or -6 (no answer in time); of Connect only the latter. A push that fails
@@ -53,7 +57,7 @@ public:
 
     /// Returns: every value that was accepted for `topic` since construction, in order.
     std::vector<std::int64_t> Pushed(const std::string& topic) const;
-    /// Returns: how many publishers and subscribers are registered.
+    /// Returns: how many publishers and subscribers are registered, but for those of Publisher::Subscribers.
     std::size_t RegisteredCount() const;
 
 private:

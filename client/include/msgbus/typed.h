@@ -93,6 +93,10 @@ public:
     [[nodiscard]] bool Drain(Deadline deadline) {
         return publisher.Drain(deadline);
     }
+    /// As Publisher::Subscribers.
+    std::size_t Subscribers() {
+        return publisher.Subscribers();
+    }
     /// As Publisher::Close.
     void Close() {
         publisher.Close();

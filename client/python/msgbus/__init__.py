@@ -21,11 +21,12 @@ alone; new objects work. A program that starts children with `multiprocessing` m
 
 from ._errors import (Closed, Error, InvalidArgument, NoAnswer, NoMemory, NoServer, PlatformError, Refused, ServerGone,
                       TimedOut)
-from ._library import Loss, Message, Notice, decode_double, encode_double
+from ._library import Loss, Message, Notice, PublisherNotice, PublisherState, decode_double, encode_double
 from ._publisher import Publisher
 from ._subscriber import Subscriber
 
 __all__ = [
     "Closed", "Error", "InvalidArgument", "Loss", "Message", "NoAnswer", "NoMemory", "NoServer", "Notice", "PlatformError",
-    "Publisher", "Refused", "ServerGone", "Subscriber", "TimedOut", "decode_double", "encode_double",
+    "Publisher", "PublisherNotice", "PublisherState", "Refused", "ServerGone", "Subscriber", "TimedOut", "decode_double",
+    "encode_double",
 ]

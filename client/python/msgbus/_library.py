@@ -1,5 +1,6 @@
 """libmsgbus through ctypes: finds the library and declares the functions of msgbus_c.h."""
 
+import collections
 import ctypes
 import enum
 import functools
@@ -8,7 +9,7 @@ import os
 import struct
 import sysconfig
 from pathlib import Path
-from typing import Callable, Generator, Iterator, NamedTuple, Optional
+from typing import Any, Callable, Deque, Generator, Iterator, NamedTuple, Optional
 
 from . import _errors
 
@@ -39,7 +40,27 @@ class Notice(enum.IntEnum):
     WAITING_FOR_TOPIC = 3  # the topic has another publisher
 
 
+class PublisherState(enum.IntEnum):
+    """How it stands with the publisher of a topic."""
+
+    NONE = 0  # there is none: at first, or since the server was restarted
+    CAME = 1  # there is one, from now on or since before
+    LEFT = 2  # it was unregistered, by its program
+    DIED = 3  # its process has ended, or closed its connections, without that
+    SILENT = 4  # there is one, and no value of it was received for `stale_after`
+
+
+class PublisherNotice(NamedTuple):
+    """A change that `on_publisher` is told."""
+
+    topic: str
+    state: PublisherState
+    id: int  # of the publisher that came, left, died or is silent; else 0
+
+
 OnNotice = Callable[[Notice, str], None]
+OnPublisher = Callable[[PublisherNotice], None]
+OnSubscribers = Callable[[int], None]
 
 
 def encode_double(number: float) -> int:
@@ -90,6 +111,12 @@ class OptionsRecord(ctypes.Structure):
         ("full_queue_timeout_ms", ctypes.c_int64),
         ("on_notice", ctypes.c_void_p),
         ("notice_user", ctypes.c_void_p),
+        ("on_publisher", ctypes.c_void_p),
+        ("publisher_user", ctypes.c_void_p),
+        ("stale_after_ms", ctypes.c_int64),
+        ("start_with_last", ctypes.c_int32),
+        ("on_subscribers", ctypes.c_void_p),
+        ("subscribers_user", ctypes.c_void_p),
     ]
 
 
@@ -100,6 +127,8 @@ class LossRecord(ctypes.Structure):
 MESSAGE = struct.Struct("@PNq")  # msgbus_message: address and length of the topic, value
 
 _NoticeFunction = ctypes.CFUNCTYPE(None, ctypes.c_int, ctypes.c_char_p, ctypes.c_void_p)
+_PublisherFunction = ctypes.CFUNCTYPE(None, ctypes.c_char_p, ctypes.c_int, ctypes.c_int64, ctypes.c_void_p)
+_SubscribersFunction = ctypes.CFUNCTYPE(None, ctypes.c_size_t, ctypes.c_void_p)
 
 _handle = ctypes.c_void_p
 _size = ctypes.c_size_t
@@ -117,6 +146,7 @@ def _declare(loaded: ctypes.CDLL) -> ctypes.CDLL:
          (_handle, ctypes.POINTER(_int64), _size, ctypes.POINTER(_size), _int64)),
         ("publisher_try_push", ctypes.c_int, (_handle, _int64)),
         ("publisher_drain", ctypes.c_int, (_handle, _int64)),
+        ("publisher_subscribers", ctypes.c_int, (_handle, ctypes.POINTER(_size))),
         ("publisher_close", ctypes.c_int, (_handle,)),
         ("publisher_id", _int64, (_handle,)),
         ("subscriber_create", ctypes.c_int,
@@ -198,7 +228,8 @@ class Options:
 
     def __init__(self, route: str, connect_timeout: float, call_timeout: float, wait_for_server: float,
                  wait_for_topic: float, reconnect_for: float, full_queue_timeout: float,
-                 on_notice: Optional[OnNotice]) -> None:
+                 on_notice: Optional[OnNotice], *, on_publisher: Optional[OnPublisher] = None, stale_after: float = 0.0,
+                 start_with_last: bool = False, on_subscribers: Optional[OnSubscribers] = None) -> None:
         routes = ("automatic", "dynamic", "static")
         if route not in routes:
             raise _errors.InvalidArgument(f"the route is {route!r}; it must be one of {', '.join(routes)}")
@@ -212,25 +243,48 @@ class Options:
         self.wait_for_topic = _option(wait_for_topic, "wait_for_topic") / 1000
         self.record.reconnect_for_ms = _option(reconnect_for, "reconnect_for")
         self.record.full_queue_timeout_ms = _option(full_queue_timeout, "full_queue_timeout")
+        self.record.stale_after_ms = _option(stale_after, "stale_after")
+        self.record.start_with_last = 1 if start_with_last else 0
         self._on_notice = on_notice
         self._raised: Optional[BaseException] = None
-        receiver = self._receive()
+        self._on_publisher = on_publisher
+        self._on_subscribers = on_subscribers
+        # What is to be reported behind the call of the library: what a report raises must not hide the next one.
+        self._publisher_notices: Deque[PublisherNotice] = collections.deque()
+        self._subscriber_counts: Deque[int] = collections.deque()
+        # Must live as long as the handle.
+        self._functions = [self._function(_NoticeFunction, self._receive()),
+                           self._function(_PublisherFunction, self._receive_publishers()),
+                           self._function(_SubscribersFunction, self._receive_subscribers())]
+        for name, function, callback in zip(("on_notice", "on_publisher", "on_subscribers"), self._functions,
+                                            (on_notice, on_publisher, on_subscribers)):
+            if callback is not None:
+                setattr(self.record, name, ctypes.cast(function, ctypes.c_void_p))
+
+    @staticmethod
+    def _function(kind: Callable[..., Any], receiver: Generator[int, object, None]) -> Any:
+        """Returns: a function that calls receiver.send for each of its arguments."""
         next(receiver)
-        # Calls receiver.send for each argument of a notice. Must live as long as the handle.
-        self._function = _NoticeFunction(functools.partial(max, key=receiver.send))
-        if on_notice is not None:
-            self.record.on_notice = ctypes.cast(self._function, ctypes.c_void_p)
+        return kind(functools.partial(max, key=receiver.send))
 
     def notify(self, notice: Notice, sentence: str) -> None:
         if self._on_notice is not None:
             self._on_notice(notice, sentence)
 
     def check(self, code: int) -> None:
-        """Raises what `on_notice` has raised within the call that returned `code`, or else the exception for that."""
+        """Raises what a callback raises about the call that returned `code`, or else the exception for that."""
         if self._raised is not None:
             raised, self._raised = self._raised, None
             raise raised
+        self.report()
         check(code)
+
+    def report(self) -> None:
+        """Calls `on_publisher` and `on_subscribers` with what has come. Raises what they raise; the rest comes later."""
+        while self._publisher_notices and self._on_publisher is not None:
+            self._on_publisher(self._publisher_notices.popleft())
+        while self._subscriber_counts and self._on_subscribers is not None:
+            self._on_subscribers(self._subscriber_counts.popleft())
 
     def _receive(self) -> Generator[int, object, None]:
         """Takes the arguments of the notices, one by one: number, sentence, None.
@@ -246,6 +300,36 @@ class Options:
                     number = argument
                 elif isinstance(argument, bytes) and self._raised is None:
                     self.notify(Notice(number), argument.decode(errors="replace"))
+            except GeneratorExit:
+                raise
+            except BaseException as error:  # cannot go through the library
+                self._raised = error
+
+    def _receive_publishers(self) -> Generator[int, object, None]:
+        """Takes the arguments of the reports, one by one, as `_receive` does: topic, state, id, None."""
+        topic = ""
+        state: Optional[int] = None
+        while True:
+            try:
+                argument = yield 0
+                if isinstance(argument, bytes):
+                    topic, state = decode_text(argument), None
+                elif isinstance(argument, int) and state is None:
+                    state = argument
+                elif isinstance(argument, int) and state is not None:
+                    self._publisher_notices.append(PublisherNotice(topic, PublisherState(state), argument))
+            except GeneratorExit:
+                raise
+            except BaseException as error:  # cannot go through the library
+                self._raised = error
+
+    def _receive_subscribers(self) -> Generator[int, object, None]:
+        """Takes the arguments of the reports, one by one, as `_receive` does: number, None."""
+        while True:
+            try:
+                argument = yield 0
+                if isinstance(argument, int):
+                    self._subscriber_counts.append(argument)
             except GeneratorExit:
                 raise
             except BaseException as error:  # cannot go through the library

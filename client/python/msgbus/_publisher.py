@@ -12,7 +12,7 @@ from typing import Any, Iterable, NoReturn, Optional, Sized, Type
 
 from . import _errors
 from ._creation import create
-from ._library import OnNotice, Options, check, check_time, encode_text, forks, library, milliseconds
+from ._library import OnNotice, OnSubscribers, Options, check, check_time, encode_text, forks, library, milliseconds
 
 _LEAST, _GREATEST = -2**63, 2**63 - 1
 _CHUNK = 4096
@@ -45,7 +45,9 @@ class Publisher:
     - `reconnect_for`: how long to look for a restarted server after the server is gone; a value may arrive twice then;
     - `full_queue_timeout`: how long a push retries while the bus is full;
     - `on_notice`: called with a `Notice` and a sentence within a call, on its thread. Must not call the publisher. What it
-      raises, the call raises.
+      raises, the call raises;
+    - `on_subscribers`: called with the number of the topic's subscribers, first by the constructor, then behind a push
+      whenever it has become 0 or 1. What it raises, the call raises, although the value was published.
 
     Raises `Refused` with code 8 when the topic has a publisher, and the other classes of `Error`.
     Signals: while the constructor waits, Ctrl-C ends that at once. In another call, it is noticed when the call ends.
@@ -53,10 +55,11 @@ class Publisher:
 
     def __init__(self, topic: str, *, route: str = "automatic", connect_timeout: float = 5.0, call_timeout: float = 5.0,
                  wait_for_server: float = 0.0, wait_for_topic: float = 0.0, reconnect_for: float = 0.0,
-                 full_queue_timeout: float = 10.0, on_notice: Optional[OnNotice] = None) -> None:
+                 full_queue_timeout: float = 10.0, on_notice: Optional[OnNotice] = None,
+                 on_subscribers: Optional[OnSubscribers] = None) -> None:
         name = encode_text(topic, "topic")
         options = Options(route, connect_timeout, call_timeout, wait_for_server, wait_for_topic, reconnect_for,
-                          full_queue_timeout, on_notice)
+                          full_queue_timeout, on_notice, on_subscribers=on_subscribers)
         handle = ctypes.c_void_p()
         self._topic = topic
         self._options = options
@@ -68,6 +71,7 @@ class Publisher:
         self._forks = forks[0]
         try:
             create(lambda: library.msgbus_publisher_create(ctypes.byref(handle), name, options.record), options)
+            options.report()
         except BaseException:
             self._end()
             raise
@@ -141,6 +145,16 @@ class Publisher:
         `timeout`: None for `call_timeout`. Raises `TimedOut`; `ServerGone`, and then the outcome is not known.
         """
         self._call(library.msgbus_publisher_drain, _limit(timeout))
+
+    def subscribers(self) -> int:
+        """Asks how many subscribers the topic has. Returns: the number, which may lag behind for as long as a value takes.
+
+        The first call, without `on_subscribers`, makes a connection for this. Raises `PlatformError` when the server does
+        not count subscribers, and what the constructor raises.
+        """
+        count = ctypes.c_size_t()
+        self._call(library.msgbus_publisher_subscribers, ctypes.byref(count))
+        return count.value
 
     def close(self) -> None:
         """Unregisters. A second call does nothing; every other call raises `Closed` then.

@@ -12,7 +12,7 @@ from typing import Any, Callable, Deque, Dict, Iterable, NoReturn, Optional, Typ
 
 from . import _errors
 from ._creation import create
-from ._library import (MESSAGE, Loss, LossRecord, Message, OnNotice, Options, check, check_time, decode_text,
+from ._library import (MESSAGE, Loss, LossRecord, Message, OnNotice, OnPublisher, Options, check, check_time, decode_text,
                        encode_text, forks, library)
 
 _BATCH = 512  # values that cross the boundary in one call
@@ -41,7 +41,12 @@ class Subscriber:
     - `wait_for_server`: how long to wait for a server;
     - `reconnect_for`: how long to look for a restarted server after the server is gone; values are lost then;
     - `on_notice`: called with a `Notice` and a sentence within a call, on its thread. Must not call the subscriber. What it
-      raises, the call raises.
+      raises, the call raises;
+    - `on_publisher`: called with a `PublisherNotice` within a receiving call, in order with the values, when a topic's
+      publisher comes, leaves, dies or is silent, and first with how it stands. May call `cancel`. What it raises, the call
+      raises. Values are then taken one by one, which costs some speed;
+    - `stale_after`: after how long without a value `on_publisher` is told that a publisher is silent; 0: never;
+    - `start_with_last`: whether the last value of each topic comes first, if the server remembers one.
 
     Raises `Refused` with code 8 when a topic is named twice, and the other classes of `Error`.
     Signals: while it waits, Ctrl-C raises KeyboardInterrupt at once, and a handler may call `cancel`.
@@ -49,13 +54,15 @@ class Subscriber:
 
     def __init__(self, name: str, topics: Iterable[str], *, route: str = "automatic", connect_timeout: float = 5.0,
                  call_timeout: float = 5.0, wait_for_server: float = 0.0, reconnect_for: float = 0.0,
-                 on_notice: Optional[OnNotice] = None) -> None:
+                 on_notice: Optional[OnNotice] = None, on_publisher: Optional[OnPublisher] = None,
+                 stale_after: float = 0.0, start_with_last: bool = False) -> None:
         if isinstance(topics, (str, bytes)):
             raise TypeError("topics is a string; it must be a list of them")
         encoded_name = encode_text(name, "name")
         encoded = [encode_text(topic, "topic") for topic in topics]
         places = (ctypes.c_char_p * len(encoded))(*encoded)
-        options = Options(route, connect_timeout, call_timeout, wait_for_server, 0.0, reconnect_for, 0.0, on_notice)
+        options = Options(route, connect_timeout, call_timeout, wait_for_server, 0.0, reconnect_for, 0.0, on_notice,
+                          on_publisher=on_publisher, stale_after=stale_after, start_with_last=start_with_last)
         handle = ctypes.c_void_p()
         self._name = name
         self._options = options
@@ -247,6 +254,7 @@ class Subscriber:
         """Takes what has arrived into `_ready`, which is empty. Returns: whether that is anything."""
         if self._handle is None or self._is_canceled:
             raise _errors.Closed("the subscriber is closed" if self._is_closed else "the subscriber is canceled")
+        self._options.report()
         # What the library has handed out before Ctrl-C is unpacked by the next take.
         if self._count.value == 0:
             code = library.msgbus_subscriber_take(self._handle, self._records, self._batch, ctypes.byref(self._count), 0)
