@@ -1,7 +1,10 @@
 // The command line of the bus: options, help, exit status.
 
 #include "arguments.h"
+#include "dashboard/dashboard.h"
 #include "help_and_errors.h"
+#include "instruments/read_account.h"
+#include "look/commands.h"
 #include "msgbus/error.h"
 #include "standard_descriptors.h"
 
@@ -76,7 +79,7 @@ std::string Hint() {
                : "";
 }
 
-ExitStatus RunCommand(const std::function<ExitStatus()>& command) {
+ExitStatus RunCommand(const Action& command) {
     try {
         return command();
     } catch (const msgbus::RefusedError& error) {
@@ -87,6 +90,9 @@ ExitStatus RunCommand(const std::function<ExitStatus()>& command) {
         return ExitStatus::NoServer;
     } catch (const msgbus::ServerGoneError& error) {
         Say(error.what());
+        return ExitStatus::NoServer;
+    } catch (const instruments::NoAccountError& error) {
+        Say(error.what() + Hint());
         return ExitStatus::NoServer;
     } catch (const msgbus::TimedOutError& error) {
         Say(error.what());
@@ -106,7 +112,7 @@ int main(int argc, char** argv) {
     OccupyStandardDescriptors();
     ::signal(SIGPIPE, SIG_IGN);
 
-    CLI::App app("Publish to the message bus, or receive from it.", "msgbus");
+    CLI::App app("Publish to the message bus, receive from it, or look into it.", "msgbus");
     app.formatter(std::make_shared<HelpFormatter>());
     app.footer(MainFooter);
     app.set_version_flag("--version", "msgbus " BORVEN_VERSION);
@@ -144,12 +150,30 @@ int main(int argc, char** argv) {
         ->type_name("DURATION");
     sub->add_flag("--json", receive.json, "print each message as a JSON object on one line");
 
+    auto* const dashboard =
+        app.add_subcommand("dashboard", "Serve a live page about the bus to this user's browser, until SIGINT.")
+            ->group("Commands");
+    DashboardArguments show;
+    std::optional<std::string> port;
+    dashboard->add_option("--port", port, "port of 127.0.0.1 (default: a free one)")->type_name("PORT");
+    dashboard->add_flag("--open", show.opensBrowser, "open the page in the browser, with xdg-open");
+
+    Action look;
+    AddLookCommands(app, look);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : static_cast<int>(ExitStatus::Usage);
+        return app.exit(error) == 0 ? 0 : UsageStatus(app);
     }
     return static_cast<int>(RunCommand([&] {
+        if (dashboard->parsed()) {
+            show.port = port ? ParsePort(*port) : show.port;
+            return ShowDashboard(show);
+        }
+        if (look) {
+            return look();
+        }
         if (pub->parsed()) {
             if (publish.values.empty() && !publish.fromInput) {
                 throw std::invalid_argument(

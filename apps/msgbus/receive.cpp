@@ -2,19 +2,12 @@
 #include "common/escape.h"
 #include "end_watch.h"
 #include "msgbus/subscriber.h"
+#include "terminal/write_out.h"
 
 #include <nlohmann/json.hpp>
 
-#include <poll.h>
-#include <unistd.h>
-
-#include <array>
-#include <cerrno>
-#include <cstdio>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <system_error>
 
 namespace {
 
@@ -22,46 +15,9 @@ std::string FormatPlain(const msgbus::Message& message) {
     return common::Escaped(message.topic) + ' ' + std::to_string(message.value) + '\n';
 }
 
-/// Replaces the control characters that JSON permits in a string, such as U+009B, by JSON's escapes: a terminal acts on
-/// them. The same value for a program that parses it.
-std::string WithoutControl(std::string_view json) {
-    std::string line;
-    while (!json.empty()) {
-        const utf8::Step step = utf8::Decode(json);
-        if (common::IsControl(step.point)) { // never outside a string, and never above U+FFFF
-            std::array<char, 7> escape{};
-            std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(step.point));
-            line += escape.data();
-        } else {
-            line += json.substr(0, step.length);
-        }
-        json.remove_prefix(step.length);
-    }
-    return line;
-}
-
 std::string FormatJson(const msgbus::Message& message, const std::string& subscriber) {
     const nlohmann::ordered_json object{{"topic", message.topic}, {"value", message.value}, {"subscriber", subscriber}};
-    return WithoutControl(object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)) + '\n';
-}
-
-/// Writes `text` to stdout.
-/// Returns: false when its reader has closed the pipe. Throws: std::system_error. Blocks: until all is written.
-bool WriteOut(std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = ::write(STDOUT_FILENO, text.data(), text.size());
-        if (count >= 0) {
-            text.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno == EPIPE) {
-            return false;
-        } else if (errno == EAGAIN) { // another process that shares stdout has made it non-blocking
-            pollfd output{STDOUT_FILENO, POLLOUT, 0};
-            ::poll(&output, 1, -1);
-        } else if (errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "cannot write to standard output");
-        }
-    }
-    return true;
+    return terminal::JsonLine(object);
 }
 
 ExitStatus Print(msgbus::Subscriber& subscriber, const EndWatch& watch, const ReceiveArguments& arguments) {
@@ -70,7 +26,7 @@ ExitStatus Print(msgbus::Subscriber& subscriber, const EndWatch& watch, const Re
         if (!message) {
             return watch.WhyEnded() == EndWatch::Cause::TimeLimit ? ExitStatus::TimedOut : ExitStatus::Done;
         }
-        if (!WriteOut(arguments.json ? FormatJson(*message, arguments.name) : FormatPlain(*message))) {
+        if (!terminal::WriteOut(arguments.json ? FormatJson(*message, arguments.name) : FormatPlain(*message))) {
             return ExitStatus::Done;
         }
     }
