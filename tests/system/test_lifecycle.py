@@ -189,7 +189,7 @@ class Stopping(BusTest):
         publisher.write("1\n")
         publisher.expect_exit(NO_SERVER)
         server.expect_exit(0)
-        self.assertEqual(os.listdir(self.runtime), [])
+        self.expect_clean_runtime()
 
     def test_a_stop_is_in_time_and_quiet(self):
         def attempt():

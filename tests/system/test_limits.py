@@ -107,7 +107,8 @@ class Limits(BusTest):
         for options in (("--limit", "publishers"), ("--limit", "cats=1"), ("--limit", "publishers=0"),
                         ("--limit", "publishers=1x"), ("--limit", "connections=2049"),
                         ("--limit", "connections-per-process=3"), ("--bare", "--hold-pushes", "1"),
-                        ("--limit", "publishers=-1"),
+                        ("--limit", "publishers=-1"), ("--no-notices", "--retain", "t"),
+                        ("--no-account", "--retain", "t"), ("--bare", "--retain", "t"),
                         ("--bare", "--limit", "publishers=1"), ("--slow-subscriber", "x"),
                         ("--slow-subscriber", "x=drop-all"), ("--slow-subscriber", "x=cut:0"),
                         ("--no-parked-waits", "--slow-subscriber", "x=drop-oldest")):

@@ -408,6 +408,67 @@ class PythonModule(PythonTest):
         self.assertRaises(LookupError, publisher.push, 1)
         self.assertRaises(LookupError, subscriber.next)
 
+    def test_publishers_that_come_leave_and_die_are_told_in_order_with_the_values(self):
+        self.server()
+        events = []
+        subscriber = self.subscriber("t", on_publisher=events.append)
+        with self.publisher("t") as publisher:
+            first = publisher.id
+            publisher.push_all([1, 2])
+        program = self.python("""
+publisher = msgbus.Publisher('t')
+publisher.push(3)
+print(publisher.id)
+time.sleep(1000)
+""")
+        second = int(program.next_line())
+        for _ in range(3):
+            events.append(subscriber.next(PATIENCE).value)
+        program.kill()
+        while len(events) < 8:
+            with self.assertRaises(msgbus.TimedOut):
+                subscriber.next(0.01)
+        state = msgbus.PublisherState
+        self.assertEqual(events, [("t", state.NONE, 0), ("t", state.CAME, first), 1, 2, ("t", state.LEFT, first),
+                                  ("t", state.CAME, second), 3, ("t", state.DIED, second)])
+
+    def test_what_a_report_raises_hides_no_other(self):
+        self.server()
+        events = []
+
+        def on_publisher(notice):
+            events.append(notice.state)
+            raise LookupError
+
+        subscriber = self.subscriber("t", on_publisher=on_publisher, stale_after=0.01)
+        publisher = self.publisher("t")
+        publisher.push(1)
+        for _ in range(2):
+            self.assertRaises(LookupError, subscriber.next, PATIENCE)
+        self.assertEqual(subscriber.next(PATIENCE), ("t", 1))
+        self.assertRaises(LookupError, subscriber.next, PATIENCE)
+        state = msgbus.PublisherState
+        self.assertEqual(events, [state.NONE, state.CAME, state.SILENT])
+
+    def test_a_publisher_learns_how_many_subscribers_there_are(self):
+        self.server()
+        counts = []
+        publisher = self.publisher("t", on_subscribers=counts.append)
+        other = self.publisher("u")
+        self.assertEqual((publisher.subscribers(), other.subscribers()), (0, 0))
+        with self.subscriber("t", "u"):
+            wait_until(self, lambda: (publisher.subscribers(), other.subscribers()) == (1, 1), "both know of the subscriber")
+        wait_until(self, lambda: publisher.subscribers() == 0, "the subscriber has gone")
+        self.assertEqual(counts, [0, 1, 0])
+
+    def test_a_subscriber_may_start_with_the_last_value(self):
+        self.server()
+        publisher = self.publisher("t")
+        publisher.push_all([1, 2])
+        subscriber = self.subscriber("t", start_with_last=True)
+        publisher.push(3)
+        self.assertEqual([subscriber.next(PATIENCE).value for _ in range(2)], [2, 3])
+
     def test_one_that_left_too_much_unread_is_told(self):
         self.server("--slow-subscriber", "reader=cut:100")
         subscriber = self.subscriber("t")
