@@ -3,16 +3,28 @@
 //
 // Input: the words of a command line, the program's name first, separated by NUL bytes.
 
+#include "arguments.h"
+#include "diagnosis/autopsy.h"
+#include "diagnosis/check.h"
+#include "diagnosis/report.h"
+#include "exit_status.h"
 #include "fuzzing.h"
-#include "msgbus/arguments.h"
-#include "msgbus/exit_status.h"
+#include "look/get.h"
+#include "look/hz.h"
+#include "look/info.h"
+#include "look/list.h"
+#include "look/watch.h"
+#include "top/top.h"
 
 #include <fcntl.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -32,6 +44,15 @@ int commandsRun = 0;
 void CheckOptions(const msgbus::Options& options) {
     Require(options.reconnectFor.count() >= 0, "a time is not negative");
     Require(static_cast<bool>(options.onNotice), "there is a handler of notices");
+}
+
+void CheckCount(const std::optional<std::uint64_t>& count) {
+    Require(!count || *count > 0, "a count is 1 or more");
+}
+
+void CheckTime(const std::optional<std::chrono::milliseconds>& time) {
+    constexpr std::chrono::milliseconds longest{1'000'000'000'000};
+    Require(!time || (time->count() >= 1 && *time <= longest), "a time is 1 ms or more");
 }
 
 /// Captures what is written to a stream during its lifetime.
@@ -73,12 +94,77 @@ ExitStatus Receive(const ReceiveArguments& arguments) {
     ++commandsRun;
     CheckOptions(arguments.options);
     Require(!arguments.topics.empty(), "there is a topic");
-    Require(!arguments.count || *arguments.count > 0, "a count is 1 or more");
-    constexpr std::chrono::milliseconds longest{1'000'000'000'000};
-    Require(!arguments.timeLimit || (arguments.timeLimit->count() >= 1 && *arguments.timeLimit <= longest),
-            "a time limit is 1 ms or more");
+    CheckCount(arguments.count);
+    CheckTime(arguments.timeLimit);
     return ExitStatus::Done;
 }
+
+namespace look {
+
+ExitStatus List(const ListArguments&) {
+    ++commandsRun;
+    return ExitStatus::Done;
+}
+
+ExitStatus Info(const InfoArguments&) {
+    ++commandsRun;
+    return ExitStatus::Done;
+}
+
+ExitStatus Get(const GetArguments& arguments) {
+    ++commandsRun;
+    CheckTime(arguments.timeLimit);
+    return ExitStatus::Done;
+}
+
+ExitStatus Hz(const HzArguments& arguments) {
+    ++commandsRun;
+    CheckCount(arguments.count);
+    CheckTime(arguments.timeLimit);
+    return ExitStatus::Done;
+}
+
+ExitStatus Watch(const WatchArguments& arguments) {
+    ++commandsRun;
+    CheckCount(arguments.count);
+    CheckTime(arguments.timeLimit);
+    return ExitStatus::Done;
+}
+
+} // namespace look
+
+namespace top {
+
+ExitStatus Top(const TopArguments& arguments) {
+    ++commandsRun;
+    CheckTime(arguments.interval);
+    Require(arguments.once || !arguments.json, "a page that refreshes itself is no JSON");
+    return ExitStatus::Done;
+}
+
+} // namespace top
+
+namespace diagnosis {
+
+ExitStatus Check(const CheckArguments& arguments) {
+    ++commandsRun;
+    Require(arguments.format == "nagios" || arguments.format == "json" || arguments.format == "prometheus",
+            "a format is known");
+    return ExitStatus::Done;
+}
+
+ExitStatus Report(const ReportArguments&) {
+    ++commandsRun;
+    return ExitStatus::Done;
+}
+
+ExitStatus Autopsy(const AutopsyArguments& arguments) {
+    ++commandsRun;
+    Require(!arguments.isPrevious || !arguments.account, "one account is chosen");
+    return ExitStatus::Done;
+}
+
+} // namespace diagnosis
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     // This directory cannot be created: msgbusd exits before it serves.
@@ -118,6 +204,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Require(isServer && errors.Text().starts_with(ownName), "the server reports why it cannot serve");
         break;
     case 2:
+    case 3: // msgbus check, for which 2 is a verdict
+        Require(status == 2 || std::find(words.begin(), words.end(), "check") != words.end(),
+                "only a check has a usage error of its own");
         Require(errors.Text().starts_with(ownName) || errors.Text().find('\n' + ownName) != std::string::npos,
                 "a usage error is a sentence that begins with the program's name");
         Require(output.Text().empty(), "a usage error goes to the standard error stream");
