@@ -15,6 +15,7 @@ struct PublishArguments {
     msgbus::Options options;
     std::string topic;
     std::vector<std::string> values;
+    std::string description; ///< Options::description
     bool fromInput = false;
     bool verbose = false;
 };

@@ -131,6 +131,9 @@ int main(int argc, char** argv) {
         pub->add_option("VALUE", publish.values, "values to publish, in this order")->type_name("VALUE");
     pub->add_flag("-l,--lines", publish.fromInput, "read the values from standard input, one per line (not with VALUE)")
         ->excludes(values);
+    pub->add_option("--description", publish.description,
+                    "what the values mean, for those who look at the bus, such as 'fixed;step=1/10;unit=V'")
+        ->type_name("TEXT");
     pub->add_flag("-v,--verbose", publish.verbose, "print the publisher's id on standard error");
 
     auto* const sub =
@@ -180,6 +183,7 @@ int main(int argc, char** argv) {
                     "nothing to publish: give values, or use --lines to read them from standard input");
             }
             publish.options = publishOptions.Resolve();
+            publish.options.description = publish.description;
             return Publish(publish);
         }
         if (count) {

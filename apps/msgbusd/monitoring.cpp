@@ -1,6 +1,7 @@
 #include "msgbusd/monitoring.h"
 
 #include "access_token.h"
+#include "common/monitor_socket.h"
 #include "diagnostics.h"
 
 #include <unistd.h>
@@ -43,7 +44,7 @@ Monitoring::Monitoring(msgbus_server::BusServer& server, const MonitorSettings& 
     msgbus_monitor::MonitorOptions options;
     options.warn = [](const std::string& sentence) { Log(LogLevel::Warning, "{}", sentence); };
     if (directory) {
-        options.socketPath = *directory + "/monitor.sock";
+        options.socketPath = *directory + '/' + common::MonitorSocketName;
     }
     const bool makesToken = settings.address && settings.tokenFile.empty();
     if (settings.address) {

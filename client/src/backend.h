@@ -89,6 +89,9 @@ public:
     /// Throws: NoServerError, ServerGoneError, PlatformError. Blocks: up to `timeout` for each of two connections.
     virtual PublisherLinks ConnectPublisher(std::chrono::milliseconds timeout) = 0;
     virtual SubscriberLinks ConnectSubscriber(std::chrono::milliseconds timeout) = 0;
+
+    /// A publisher of this process has been registered; `description`: see Options::description. Blocks: never.
+    virtual void Declare(const std::string& topic, const std::string& description) noexcept = 0;
 };
 
 } // namespace msgbus

@@ -246,6 +246,7 @@ msgbus::Options OptionsOf(const msgbus_options* given) {
     result.fullQueueTimeout = OptionOf(options.full_queue_timeout_ms, "full_queue_timeout_ms");
     result.staleAfter = OptionOf(options.stale_after_ms, "stale_after_ms");
     result.startWithLast = options.start_with_last != 0;
+    result.description = options.description == nullptr ? "" : options.description;
     SetCallbacks(options, result);
     return result;
 }

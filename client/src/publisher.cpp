@@ -5,6 +5,7 @@
 #include "cor/result_code.h"
 #include "failure.h"
 #include "kn/status.h"
+#include "msgbus/codec.h"
 #include "recovery.h"
 #include "registrar.h"
 #include "server_backend.h"
@@ -35,6 +36,9 @@ public:
           backend(options.backend ? options.backend : std::make_shared<ServerBackend>(options.route)),
           callTimeoutMs(Milliseconds(options.callTimeout)) {
         CheckText(topic, "topic");
+        if (!options.description.empty()) {
+            static_cast<void>(Description::FromText(options.description));
+        }
         RegisterPatiently();
         if (options.onSubscribers) {
             try {
@@ -223,6 +227,9 @@ private:
         ThrowUnlessOk(status, status == Conflict ? "topic '" + topic + "' already has a publisher" : "");
         links = std::move(fresh);
         id = newId;
+        if (!options.description.empty()) {
+            backend->Declare(topic, options.description);
+        }
     }
 
     void RegisterPatiently() {

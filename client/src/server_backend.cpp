@@ -3,6 +3,7 @@
 #include "br_MessageBus_begun.h"
 #include "connection.h"
 #include "control.h"
+#include "declaration.h"
 #include "kn/status.h"
 #include "nk/begun_call.h"
 #include "nk/loss.h"
@@ -109,6 +110,10 @@ SubscriberLinks ServerBackend::ConnectSubscriber(std::chrono::milliseconds timeo
     auto control = Control::Shared(found, timeout);
     auto receiver = std::make_unique<Receiver>(found, timeout);
     return {std::move(control), std::move(receiver)};
+}
+
+void ServerBackend::Declare(const std::string& topic, const std::string& description) noexcept {
+    DeclareDescription(topic, description);
 }
 
 } // namespace msgbus

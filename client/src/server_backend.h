@@ -12,6 +12,7 @@ public:
 
     PublisherLinks ConnectPublisher(std::chrono::milliseconds timeout) override;
     SubscriberLinks ConnectSubscriber(std::chrono::milliseconds timeout) override;
+    void Declare(const std::string& topic, const std::string& description) noexcept override;
 
 private:
     const Route route;

@@ -179,6 +179,12 @@ public:
 
     PublisherLinks ConnectPublisher(std::chrono::milliseconds timeout) override;
     SubscriberLinks ConnectSubscriber(std::chrono::milliseconds timeout) override;
+    void Declare(const std::string& topic, const std::string& description) noexcept override EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
+        if (FindPublisher(topic) != publishers.end()) {
+            descriptions[topic] = description;
+        }
+    }
 
     std::int32_t RegisterPublisher(Link& link, const std::string& topic, std::int64_t& id) EXCLUDES(mutex) {
         const common::MutexLock lock(mutex);
@@ -358,6 +364,7 @@ public:
         isRunning = isRestarted;
         lastValues.clear();
         publishers.clear();
+        descriptions.clear();
         subscriptions.clear();
         unanswered.clear();
         Announce();
@@ -366,6 +373,12 @@ public:
     void Start() EXCLUDES(mutex) {
         const common::MutexLock lock(mutex);
         isRunning = true;
+    }
+
+    std::string DescriptionOf(const std::string& topic) const EXCLUDES(mutex) {
+        const common::MutexLock lock(mutex);
+        const auto found = descriptions.find(topic);
+        return found == descriptions.end() ? "" : found->second;
     }
 
     std::vector<std::int64_t> Pushed(const std::string& topic) const EXCLUDES(mutex) {
@@ -427,6 +440,7 @@ private:
         if (const auto publisher = publishers.find(id); publisher != publishers.end()) {
             const std::string topic = publisher->second;
             publishers.erase(publisher);
+            descriptions.erase(topic);
             ReportPresence(topic, {end, id});
         } else if (const auto subscription = subscriptions.find(id); subscription != subscriptions.end()) {
             const Subscription removed = std::move(subscription->second);
@@ -562,6 +576,7 @@ private:
     bool isRunning GUARDED_BY(mutex) = true;
     std::int64_t lastId GUARDED_BY(mutex) = 0;
     std::map<std::int64_t, std::string> publishers GUARDED_BY(mutex);
+    std::map<std::string, std::string> descriptions GUARDED_BY(mutex); ///< of the publishers' topics
     std::map<std::int64_t, Subscription> subscriptions GUARDED_BY(mutex);
     std::vector<std::int64_t> unanswered GUARDED_BY(mutex); ///< to be unregistered before the next request
     std::map<Request, std::deque<Failure>> failures GUARDED_BY(mutex);
@@ -727,6 +742,10 @@ void Bus::Stop() {
 
 void Bus::Start() {
     state->Start();
+}
+
+std::string Bus::DescriptionOf(const std::string& topic) const {
+    return state->DescriptionOf(topic);
 }
 
 std::vector<std::int64_t> Bus::Pushed(const std::string& topic) const {

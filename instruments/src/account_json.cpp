@@ -1,6 +1,7 @@
 #include "instruments/account_json.h"
 
 #include "common/escape.h"
+#include "instruments/described_value.h"
 #include "msgbus/codec.h"
 
 #include <algorithm>
@@ -190,6 +191,7 @@ Json ToJson(const TopicView& view, const Snapshot& snapshot, const Clock& clock)
             {"publisher", view.publisher ? ToJson(publisher, clock) : Json()},
             {"last_value", OrNull(publisher.lastValue)},
             {"last_value_text", TextOrNull(publisher.lastValue)},
+            {"last_value_described", DescribedValueToJson(view.description, publisher.lastValue)},
             {"last_unix_ns", clock.Unix(publisher.lastAt)},
             {"last_age_ns", clock.Age(publisher.lastAt)},
             {"rates", ToJson(publisher.rates)},
@@ -293,6 +295,12 @@ Json EventToJson(const Event& event, std::int64_t clockOffset) {
             {"program", Escaped(event.process.program)},
             {"code", event.code},
             {"lost", event.lost}};
+}
+
+nlohmann::ordered_json DescribedValueToJson(std::string_view description,
+                                            const std::optional<std::int64_t>& lastValue) {
+    const std::string text = lastValue ? DescribedText(description, *lastValue) : "";
+    return text.empty() ? Json() : Json(Escaped(text));
 }
 
 } // namespace instruments

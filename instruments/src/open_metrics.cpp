@@ -1,7 +1,7 @@
 #include "instruments/open_metrics.h"
 
+#include "instruments/described_value.h"
 #include "common/escape.h"
-#include "described_value.h"
 #include "exposition.h"
 
 #include <algorithm>

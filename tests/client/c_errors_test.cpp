@@ -354,6 +354,7 @@ TEST_F(CErrorsTest, Reports_ReachTheFunctionsOfTheOptions) {
     ASSERT_EQ(msgbus_options_init(&options, sizeof options), MSGBUS_OK);
     EXPECT_EQ(options.stale_after_ms, 0);
     EXPECT_EQ(options.start_with_last, 0);
+    EXPECT_EQ(options.description, nullptr);
     std::vector<std::string> reports;
     options.publisher_user = options.subscribers_user = &reports;
     options.on_publisher = [](const char* topic, int state, std::int64_t id, void* user) {
@@ -364,10 +365,12 @@ TEST_F(CErrorsTest, Reports_ReachTheFunctionsOfTheOptions) {
     };
     options.stale_after_ms = 7;
     options.start_with_last = 1;
+    options.description = "bool";
     msgbus_publisher* other = nullptr;
     ASSERT_EQ(msgbus_publisher_create(&other, "heat", &options), MSGBUS_OK);
     EXPECT_EQ(script.options.staleAfter, std::chrono::milliseconds(7));
     EXPECT_TRUE(script.options.startWithLast);
+    EXPECT_EQ(script.options.description, "bool");
     using State = msgbus::PublisherState;
     for (const auto state : {State::None, State::Came, State::Left, State::Died, State::Silent}) {
         script.options.onPublisher({"heat", state, 5});

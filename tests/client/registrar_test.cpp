@@ -77,6 +77,7 @@ public:
         server->limits.push_back(timeout);
         return {server, std::make_unique<Receiver>(server)};
     }
+    void Declare(const std::string&, const std::string&) noexcept override {}
     void Restart() {
         server->isGone = true;
         server = std::make_shared<Server>();

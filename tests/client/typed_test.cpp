@@ -58,6 +58,48 @@ using msgbus::PublisherOf;
 using msgbus::SubscriberOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
+
+TEST(PublisherOfTest, ItsTopic_IsDescribedWhileItIsRegistered) {
+    msgbus::testing::Bus bus;
+    {
+        const PublisherOf<Mode> publisher("mode", bus.MakeOptions());
+        EXPECT_EQ(bus.DescriptionOf("mode"), PublisherOf<Mode>::Type().ToText());
+        EXPECT_EQ(bus.DescriptionOf("other"), "");
+    }
+    EXPECT_EQ(bus.DescriptionOf("mode"), "");
+}
+
+TEST(PublisherOfTest, ADescriptionOfTheOptions_IsKept) {
+    msgbus::testing::Bus bus;
+    msgbus::Options options = bus.MakeOptions();
+    options.description = "int64;unit=rpm";
+
+    const PublisherOf<std::int64_t> publisher("speed", options);
+
+    EXPECT_EQ(bus.DescriptionOf("speed"), "int64;unit=rpm");
+}
+
+TEST(PublisherOfTest, ItsTopic_IsDescribedToARestartedServerAgain) {
+    msgbus::testing::Bus bus;
+    msgbus::Options options = bus.MakeOptions();
+    options.reconnectFor = std::chrono::minutes(1);
+    PublisherOf<bool> publisher("door", options);
+
+    bus.Restart();
+    EXPECT_EQ(bus.DescriptionOf("door"), "");
+    publisher.Push(true);
+
+    EXPECT_EQ(bus.DescriptionOf("door"), "bool");
+}
+
+TEST(PublisherTest, ADescriptionThatIsNone_IsRefusedAndNothingIsRegistered) {
+    const msgbus::testing::Bus bus;
+    msgbus::Options options = bus.MakeOptions();
+    options.description = "no type";
+
+    EXPECT_THROW(msgbus::Publisher("t", options), std::invalid_argument);
+    EXPECT_EQ(bus.RegisteredCount(), 0U);
+}
 using namespace std::chrono_literals;
 
 class TypedTest : public testing::Test {

@@ -2,6 +2,7 @@
 
 #include "bos/logger.h"
 #include "kn/policy.h"
+#include "kn/runtime_directory.h"
 #include "kn/task.h"
 #include "nk/begun_call.h"
 #include "support/in_process_callers.h"
@@ -141,6 +142,10 @@ std::int32_t NsCreate(const char* name, std::uint32_t timeoutMs, NsHandle* nameS
             return KnStatusOk;
         },
         name, timeoutMs, nameServer);
+}
+
+std::int32_t KnRuntimeDirectory(KnMissingDirectory, char* path, std::size_t size) noexcept {
+    return Platform().runtimeDirectory.Run([](char*, std::size_t) { return KnStatusNotFound; }, path, size);
 }
 
 std::int32_t NsPublishService(NsHandle nameServer, const char* type, const char* serverName,

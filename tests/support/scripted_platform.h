@@ -95,6 +95,9 @@ public:
     Script<std::int32_t(const NkDeferredReply&, std::size_t*)> takeBackOffers;
     Script<std::int32_t(const NkDeferredReply&, const NkLoss&)> noteLoss;
 
+    /// Without a script there is no directory. Leaves no entry: it is no call of the bus.
+    Script<std::int32_t(char*, std::size_t)> runtimeDirectory;
+
     /// Without entries in the journal: for tests with much traffic.
     void SetQuiet(bool isQuiet);
     bool IsQuiet() const;

@@ -6,12 +6,14 @@
 #include "connect.h"
 #include "kn/handle.h"
 #include "msgbus/error.h"
+#include "msgbus/options.h"
 #include "msgbus/publisher.h"
 #include "msgbus/subscriber.h"
 
 #include <sys/resource.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <iostream>
@@ -34,15 +36,23 @@ void RaiseDescriptorLimit() {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+/// A thousand threads that all have something to do, with a sanitizer, keep a request waiting for seconds. What is tested
+/// is the stop.
+msgbus::Options Patient() {
+    msgbus::Options options;
+    options.callTimeout = std::chrono::minutes(1);
+    return options;
+}
+
 void WaitUntilTheEnd(int number) {
-    msgbus::Subscriber subscriber("waiting " + std::to_string(number), {FloodedTopic});
+    msgbus::Subscriber subscriber("waiting " + std::to_string(number), {FloodedTopic}, Patient());
     ++startedCount;
     while (subscriber.Next()) {
     }
 }
 
 void PushUntilTheEnd(int number) {
-    msgbus::Publisher publisher("flood-" + std::to_string(number));
+    msgbus::Publisher publisher("flood-" + std::to_string(number), Patient());
     ++startedCount;
     for (std::int64_t value = 0;; ++value) {
         static_cast<void>(publisher.TryPush(value));

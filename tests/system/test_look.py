@@ -74,7 +74,7 @@ class Look(LookTest):
         publisher.write("5\n")
         reader.expect("a 5")
         text = "\n".join(self.lines("info", "a"))
-        self.assertIn("last value    5 (", text)
+        self.assertIn("last value    5, ", text)
         self.assertIn(f"process {publisher.popen.pid} (msgbus)", text)
         found = self.json("info", "display")
         self.assertIsNone(found["topic"])
@@ -84,6 +84,39 @@ class Look(LookTest):
         self.assertEqual(self.json("info", str(self.json("info", "a")["topic"]["publisher"]["id"]))["topic"]["topic"], "a")
         lines, errors = self.run_msgbus("info", "nothing", status=FAILED)
         self.assertEqual((lines, errors), ([], "msgbus: there is no topic, subscriber or id 'nothing'\n"))
+
+    def test_values_are_shown_as_their_topic_is_described(self):
+        self.server()
+        publisher = self.pub("a", "--description", "fixed;step=1/10;unit=V")
+        publisher.write("215\n")
+        wait_until(self, lambda: self.json("list")["topics"][0]["last_value"] == 215, "the value to be accepted")
+        wait_until(self, lambda: self.json("list")["topics"][0]["last_value_described"] == "21.5 V", "the description")
+        self.assertRegex(self.lines("get", "a")[0], r"^215 \(21\.5 V\) [0-9.]+[a-z]+")
+        self.assertEqual(self.json("get", "a")["last_value_described"], "21.5 V")
+        text = "\n".join(self.lines("info", "a"))
+        self.assertIn("last value    215 (21.5 V), ", text)
+        self.assertIn("description   fixed;step=1/10;unit=V", text)
+        publisher.end_input()
+        publisher.expect_exit(DONE)
+        self.assertRegex(self.lines("get", "a")[0], r"^215 [0-9.]+[a-z]+")
+
+    def test_a_description_is_declared_to_a_restarted_server_again(self):
+        server = self.server()
+        publisher = self.pub("a", "--description", "int32;unit=rpm", "--reconnect", "10m")
+        server.kill()
+        self.server()
+        publisher.write("3\n")
+        wait_until(self, lambda: [topic["last_value_described"] for topic in self.json("list")["topics"]] == ["3 rpm"],
+                   "the description")
+
+    def test_a_description_that_is_not_taken_harms_nothing(self):
+        self.server("--no-monitor")
+        publisher = self.pub("a", "--description", "bool")
+        publisher.write("1\n")
+        wait_until(self, lambda: self.json("get", "a")["last_value"] == 1, "the value to be accepted")
+        self.assertIsNone(self.json("get", "a")["last_value_described"])
+        _, errors = self.run_msgbus("pub", "b", "1", "--description", "no type", status=USAGE)
+        self.assertIn("the description of a type is not valid", errors)
 
     def test_what_is_printed_of_a_name_can_be_given_back(self):
         self.server()

@@ -8,6 +8,7 @@ import pickle
 import select
 import shutil
 import signal
+import subprocess
 import sys
 import sysconfig
 import threading
@@ -56,6 +57,11 @@ class PythonTest(BusTest):
     def python(self, text):
         """Starts a program that has the module."""
         return self.start(sys.executable, "-u", "-c", "import msgbus, os, signal, sys, threading, time\n" + text)
+
+    def look(self, *arguments):
+        """Returns: what the command of msgbus prints."""
+        return subprocess.run([f"{BIN}/msgbus", *arguments], env=self.environment, timeout=PATIENCE, text=True,
+                              capture_output=True, check=True).stdout
 
     def assert_raises(self, kind, code, call, *arguments, **options):
         """Fails unless the call raises exactly this. Returns: the exception."""
@@ -468,6 +474,12 @@ time.sleep(1000)
         subscriber = self.subscriber("t", start_with_last=True)
         publisher.push(3)
         self.assertEqual([subscriber.next(PATIENCE).value for _ in range(2)], [2, 3])
+
+    def test_a_publisher_describes_its_values(self):
+        self.server()
+        self.publisher("t", description="fixed;step=1/10;unit=V").push(215)
+        wait_until(self, lambda: self.look("get", "t").startswith("215 (21.5 V) "), "the description")
+        self.assertRaises(msgbus.InvalidArgument, self.publisher, "u", description="no type")
 
     def test_one_that_left_too_much_unread_is_told(self):
         self.server("--slow-subscriber", "reader=cut:100")

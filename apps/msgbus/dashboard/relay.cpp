@@ -1,5 +1,6 @@
 #include "dashboard/relay.h"
 
+#include "common/monitor_socket.h"
 #include "dashboard/response.h"
 #include "instruments/read_account.h"
 
@@ -44,7 +45,7 @@ constexpr std::size_t PieceSize = 65536;
 
 Local::endpoint ServerEndpoint() {
     try {
-        return {std::filesystem::path(instruments::AccountPath()).replace_filename("monitor.sock").string()};
+        return {std::filesystem::path(instruments::AccountPath()).replace_filename(common::MonitorSocketName).string()};
     } catch (const std::runtime_error& error) { // no runtime directory, or none that can be trusted; too long a path
         throw ServerAwayError(error.what());
     }

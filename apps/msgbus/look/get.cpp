@@ -8,6 +8,7 @@
 #include "look_loop.h"
 #include "terminal/quantity.h"
 #include "terminal/write_out.h"
+#include "value_text.h"
 
 #include <nlohmann/json.hpp>
 
@@ -48,12 +49,14 @@ std::optional<std::string> LastValueLine(const Snapshot& snapshot, const std::st
     const auto& publisher = snapshot.publishers[*view->publisher];
     const std::string value = std::to_string(*publisher.lastValue);
     if (!json) {
-        return value + ' ' + terminal::Age(snapshot.readAt, publisher.lastAt) + '\n';
+        return ValueText(*publisher.lastValue, view->description) + ' ' +
+               terminal::Age(snapshot.readAt, publisher.lastAt) + '\n';
     }
     return terminal::JsonLine({{"version", instruments::JsonVersion},
                                {"topic", common::Escaped(view->topic)},
                                {"last_value", *publisher.lastValue},
                                {"last_value_text", value},
+                               {"last_value_described", instruments::DescribedValueToJson(view->description, publisher.lastValue)},
                                {"last_unix_ns", publisher.lastAt + snapshot.server.clockOffset},
                                {"last_age_ns", snapshot.readAt - publisher.lastAt}});
 }

@@ -8,6 +8,7 @@
 #include "terminal/quantity.h"
 #include "terminal/text_table.h"
 #include "terminal/write_out.h"
+#include "value_text.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -52,10 +53,11 @@ std::string SinceText(const Snapshot& snapshot, instruments::Nanoseconds at) {
                                  Age(snapshot.readAt, at));
 }
 
-void AddPublisher(Section& section, const Snapshot& snapshot, const instruments::PublisherAccount& publisher) {
-    section.Add("last value", publisher.lastValue
-                                  ? fmt::format("{} ({})", *publisher.lastValue, SinceText(snapshot, publisher.lastAt))
-                                  : "none");
+void AddPublisher(Section& section, const Snapshot& snapshot, const instruments::PublisherAccount& publisher,
+                  std::string_view description) {
+    section.Add("last value", publisher.lastValue ? fmt::format("{}, {}", ValueText(*publisher.lastValue, description),
+                                                                SinceText(snapshot, publisher.lastAt))
+                                                  : "none");
     if (publisher.leftAt != 0) {
         section.Add("publisher", fmt::format("none; the last one left: {}", SinceText(snapshot, publisher.leftAt)));
     } else {
@@ -77,7 +79,7 @@ std::string TopicText(const Snapshot& snapshot, const instruments::TopicView& vi
         section.Add("description", common::Escaped(view.description));
     }
     if (view.publisher) {
-        AddPublisher(section, snapshot, snapshot.publishers[*view.publisher]);
+        AddPublisher(section, snapshot, snapshot.publishers[*view.publisher], view.description);
     } else {
         section.Add("publisher", "none");
     }

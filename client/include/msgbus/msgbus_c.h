@@ -129,6 +129,10 @@ typedef struct msgbus_options {
     /// become 0 or 1. May be null.
     msgbus_subscribers_callback on_subscribers;
     void* subscribers_user; ///< passed to on_subscribers
+    /// Of a publisher: what the values of its topic mean, for those who look at the bus, as the text of a
+    /// msgbus::Description (msgbus/codec.h): for example "fixed;step=1/10;unit=V". Sent behind each registration, without
+    /// waiting for an answer; a server with `--no-monitor` does not take it. Null: nothing is known.
+    const char* description;
 } msgbus_options;
 
 /// Sets every member to its default: `msgbus_options_init(&options, sizeof options)`. `size` lets a program work with a

@@ -112,6 +112,12 @@ struct Options {
     /// Threads: as onNotice. A value was published although the function throws.
     std::function<void(std::size_t count)> onSubscribers{};
 
+    /// Of a publisher: what the values of its topic mean, for those who look at the bus: the Description::ToText of
+    /// msgbus/codec.h; anything else lets the constructor throw std::invalid_argument. PublisherOf sets it. It is sent
+    /// behind each registration, without waiting for an answer. A server with `--no-monitor` does not take it. Empty:
+    /// nothing is known.
+    std::string description{};
+
     /// Where requests go; empty: to the server that `route` finds. Set by msgbus/testing.h.
     std::shared_ptr<Backend> backend{};
 };

@@ -57,6 +57,8 @@ public:
 
     /// Returns: every value that was accepted for `topic` since construction, in order.
     std::vector<std::int64_t> Pushed(const std::string& topic) const;
+    /// Returns: the Options::description of the topic's publisher; empty without either.
+    std::string DescriptionOf(const std::string& topic) const;
     /// Returns: how many publishers and subscribers are registered, but for those of Publisher::Subscribers.
     std::size_t RegisteredCount() const;
 

@@ -55,8 +55,9 @@ struct ReceivedOf {
 template <typename T>
 class PublisherOf final {
 public:
-    /// As the constructor of Publisher.
-    explicit PublisherOf(std::string topic, Options options = {}) : publisher(std::move(topic), std::move(options)) {}
+    /// As the constructor of Publisher. Options::description, where it is empty, becomes that of Type.
+    explicit PublisherOf(std::string topic, Options options = {})
+        : publisher(std::move(topic), WithDescription(std::move(options))) {}
 
     /// Returns: what it publishes.
     static Description Type() { return Codec<T>::Describe(); }
@@ -111,6 +112,13 @@ public:
     }
 
 private:
+    static Options WithDescription(Options options) {
+        if (options.description.empty()) {
+            options.description = Type().ToText();
+        }
+        return options;
+    }
+
     static std::vector<std::int64_t> EncodeAll(const T* values, std::size_t count) {
         std::vector<std::int64_t> encoded;
         encoded.reserve(count);

@@ -117,6 +117,7 @@ class OptionsRecord(ctypes.Structure):
         ("start_with_last", ctypes.c_int32),
         ("on_subscribers", ctypes.c_void_p),
         ("subscribers_user", ctypes.c_void_p),
+        ("description", ctypes.c_char_p),
     ]
 
 
@@ -229,7 +230,8 @@ class Options:
     def __init__(self, route: str, connect_timeout: float, call_timeout: float, wait_for_server: float,
                  wait_for_topic: float, reconnect_for: float, full_queue_timeout: float,
                  on_notice: Optional[OnNotice], *, on_publisher: Optional[OnPublisher] = None, stale_after: float = 0.0,
-                 start_with_last: bool = False, on_subscribers: Optional[OnSubscribers] = None) -> None:
+                 start_with_last: bool = False, on_subscribers: Optional[OnSubscribers] = None,
+                 description: Optional[bytes] = None) -> None:
         routes = ("automatic", "dynamic", "static")
         if route not in routes:
             raise _errors.InvalidArgument(f"the route is {route!r}; it must be one of {', '.join(routes)}")
@@ -245,6 +247,7 @@ class Options:
         self.record.full_queue_timeout_ms = _option(full_queue_timeout, "full_queue_timeout")
         self.record.stale_after_ms = _option(stale_after, "stale_after")
         self.record.start_with_last = 1 if start_with_last else 0
+        self.record.description = description
         self._on_notice = on_notice
         self._raised: Optional[BaseException] = None
         self._on_publisher = on_publisher

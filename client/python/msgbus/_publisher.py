@@ -47,7 +47,9 @@ class Publisher:
     - `on_notice`: called with a `Notice` and a sentence within a call, on its thread. Must not call the publisher. What it
       raises, the call raises;
     - `on_subscribers`: called with the number of the topic's subscribers, first by the constructor, then behind a push
-      whenever it has become 0 or 1. What it raises, the call raises, although the value was published.
+      whenever it has become 0 or 1. What it raises, the call raises, although the value was published;
+    - `description`: what the values mean, for those who look at the bus, for example "fixed;step=1/10;unit=V": the text of
+      a description of the C++ library (msgbus/codec.h). Anything else raises `InvalidArgument`.
 
     Raises `Refused` with code 8 when the topic has a publisher, and the other classes of `Error`.
     Signals: while the constructor waits, Ctrl-C ends that at once. In another call, it is noticed when the call ends.
@@ -56,10 +58,11 @@ class Publisher:
     def __init__(self, topic: str, *, route: str = "automatic", connect_timeout: float = 5.0, call_timeout: float = 5.0,
                  wait_for_server: float = 0.0, wait_for_topic: float = 0.0, reconnect_for: float = 0.0,
                  full_queue_timeout: float = 10.0, on_notice: Optional[OnNotice] = None,
-                 on_subscribers: Optional[OnSubscribers] = None) -> None:
+                 on_subscribers: Optional[OnSubscribers] = None, description: Optional[str] = None) -> None:
         name = encode_text(topic, "topic")
         options = Options(route, connect_timeout, call_timeout, wait_for_server, wait_for_topic, reconnect_for,
-                          full_queue_timeout, on_notice, on_subscribers=on_subscribers)
+                          full_queue_timeout, on_notice, on_subscribers=on_subscribers,
+                          description=None if description is None else encode_text(description, "description"))
         handle = ctypes.c_void_p()
         self._topic = topic
         self._options = options

@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,6 +23,8 @@ nlohmann::ordered_json TopicsToJson(const Snapshot& snapshot);
 /// Returns: one topic; nothing when it is not known. `topic`: its raw bytes.
 std::optional<nlohmann::ordered_json> TopicToJson(const Snapshot& snapshot, std::string_view topic);
 nlohmann::ordered_json SubscribersToJson(const Snapshot& snapshot);
+/// Returns: what a topic's last value means, as text; null where that is not known.
+nlohmann::ordered_json DescribedValueToJson(std::string_view description, const std::optional<std::int64_t>& lastValue);
 nlohmann::ordered_json EventToJson(const Event& event, std::int64_t clockOffset);
 
 } // namespace instruments

@@ -35,7 +35,7 @@ TEST(InfoTest, Topic_WithAPublisher_ShowsWhatItDid) {
     account.subscribers = {hand_made::Behind(9, "slow", 5, 2)};
     EXPECT_EQ(InfoOf(account, "a"), "topic a\n"
                                     "  description   fixed;step=1/1000;unit=V\n"
-                                    "  last value    42 (2023-11-14T22:29:59.000Z, 1s ago)\n"
+                                    "  last value    42 (0.042 V), 2023-11-14T22:29:59.000Z, 1s ago\n"
                                     "  publisher     id 7, process 300 (sensor)\n"
                                     "  since         2023-11-14T22:29:00.000Z, 1m00s ago\n"
                                     "  rate          1.0/s in 1 s, 2.0/s in 10 s, 3.0/s in 60 s\n"
