@@ -1,6 +1,6 @@
 #pragma once
 
-#include "away_time.h"
+#include "account/away_time.h"
 #include "instruments/account_file.h"
 
 #include <chrono>

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "account/subscriber_entry.h"
 #include "common/mutex.h"
 #include "message_bus.h"
 #include "nk/deferred_reply.h"
 #include "queue_budget.h"
 #include "queue_limit.h"
-#include "subscriber_entry.h"
 
 #include <atomic>
 #include <cstddef>

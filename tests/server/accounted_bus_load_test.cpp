@@ -1,6 +1,6 @@
 // Defends the account under load: at every moment it adds up, with values in every stage and subscribers that come and
 // go.
-#include "accounted_bus.h"
+#include "account/accounted_bus.h"
 #include "instruments/read_account.h"
 #include "parked_waits.h"
 #include "push_turn.h"

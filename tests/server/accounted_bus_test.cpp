@@ -1,6 +1,6 @@
 // Defends the account of the bus: each value is counted where it goes, the terms add up at every moment, and clients
 // that are gone stay in the sums.
-#include "accounted_bus.h"
+#include "account/accounted_bus.h"
 
 #include "instruments/read_account.h"
 #include "parked_waits.h"

@@ -1,6 +1,6 @@
 // Defends that every warning and error of a server is counted under its place, whatever the log itself leaves out, and
 // that no flood of places or long text takes more than its room.
-#include "error_tally.h"
+#include "account/error_tally.h"
 
 #include "diagnostics.h"
 #include "support/bus_test.h"

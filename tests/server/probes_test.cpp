@@ -1,6 +1,6 @@
 // Defends the probes that tracing tools find in a program: that they are there under their names with their arguments
 // is probes_test.py's part; this is the program that has one of each, and goes on behind them.
-#include "probes.h"
+#include "account/probes.h"
 
 #include <gtest/gtest.h>
 

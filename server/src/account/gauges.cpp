@@ -1,4 +1,4 @@
-#include "gauges.h"
+#include "account/gauges.h"
 
 #include <pthread.h>
 #include <unistd.h>

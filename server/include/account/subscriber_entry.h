@@ -1,8 +1,8 @@
 #pragma once
 
-#include "fan_out_ring.h"
+#include "account/fan_out_ring.h"
+#include "account/rate_history.h"
 #include "instruments/account_layout.h"
-#include "rate_history.h"
 
 #include <atomic>
 #include <cstddef>

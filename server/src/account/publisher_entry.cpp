@@ -1,4 +1,4 @@
-#include "publisher_entry.h"
+#include "account/publisher_entry.h"
 
 #include <algorithm>
 

@@ -1,9 +1,9 @@
-#include "account_keeper.h"
+#include "account/account_keeper.h"
 
+#include "account/probes.h"
 #include "diagnostics.h"
 #include "kn/policy.h"
 #include "kn/status.h"
-#include "probes.h"
 #include "text_heap.h"
 
 #include <pthread.h>

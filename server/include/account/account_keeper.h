@@ -1,14 +1,14 @@
 #pragma once
 
+#include "account/error_tally.h"
+#include "account/gauges.h"
+#include "account/publisher_entry.h"
+#include "account/subscriber_entry.h"
 #include "common/mutex.h"
 #include "cor/result_code.h"
-#include "error_tally.h"
-#include "gauges.h"
 #include "instruments/account_file.h"
 #include "instruments/snapshot.h"
 #include "kn/caller.h"
-#include "publisher_entry.h"
-#include "subscriber_entry.h"
 
 #include <array>
 #include <atomic>

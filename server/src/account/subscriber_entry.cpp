@@ -1,7 +1,7 @@
-#include "subscriber_entry.h"
+#include "account/subscriber_entry.h"
 
-#include "away_time.h"
-#include "probes.h"
+#include "account/away_time.h"
+#include "account/probes.h"
 
 #include <array>
 #include <cassert>

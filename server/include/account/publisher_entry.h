@@ -1,7 +1,7 @@
 #pragma once
 
+#include "account/rate_history.h"
 #include "instruments/account_layout.h"
-#include "rate_history.h"
 
 #include <cstdint>
 

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "account_keeper.h"
+#include "account/account_keeper.h"
+#include "account/fan_out_ring.h"
+#include "account/publisher_entry.h"
+#include "account/subscriber_entry.h"
 #include "bus_interfaces.h"
 #include "common/mutex.h"
-#include "fan_out_ring.h"
 #include "message_bus.h"
-#include "publisher_entry.h"
-#include "subscriber_entry.h"
 #include "topic_notices.h"
 
 #include <atomic>

@@ -1,4 +1,4 @@
-#include "error_tally.h"
+#include "account/error_tally.h"
 
 #include <chrono>
 #include <exception>

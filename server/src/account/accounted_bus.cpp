@@ -1,10 +1,10 @@
-#include "accounted_bus.h"
+#include "account/accounted_bus.h"
 
-#include "away_time.h"
+#include "account/away_time.h"
+#include "account/probes.h"
 #include "common/escape.h"
 #include "diagnostics.h"
 #include "kn/caller.h"
-#include "probes.h"
 #include "request_time.h"
 #include "wake_events_thread.h"
 

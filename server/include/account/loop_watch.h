@@ -1,6 +1,6 @@
 #pragma once
 
-#include "account_keeper.h"
+#include "account/account_keeper.h"
 #include "bus_interfaces.h"
 
 #include <set>

@@ -1,6 +1,6 @@
-#include "loop_watch.h"
+#include "account/loop_watch.h"
 
-#include "away_time.h"
+#include "account/away_time.h"
 #include "kn/caller.h"
 #include "kn/status.h"
 #include "request_time.h"
