@@ -34,10 +34,14 @@ public:
     /// Values that may be queued whatever the number of subscribers.
     static constexpr std::size_t LeastBacklog = 8;
 
+    /// Called, with the turn, for a push that is refused here. May be empty.
+    using RefusalAction = std::function<void(long publisherId)>;
+
     /// `pushTurn`: the mutex of the turn. `subscriberCount`: of the moment. Lifetime: the first three must outlive this
     /// object.
     Intake(common::Mutex& pushTurn, message_bus::IProvider& publisher, const message_bus::MessageBus& observed,
-           std::function<std::size_t()> subscriberCount, std::function<Clock::time_point()> time = Clock::now);
+           std::function<std::size_t()> subscriberCount, RefusalAction refusalAction = {},
+           std::function<Clock::time_point()> time = Clock::now);
     Intake(const Intake&) = delete;
     Intake& operator=(const Intake&) = delete;
 
@@ -58,6 +62,7 @@ private:
     message_bus::IProvider& provider;
     const message_bus::MessageBus& bus;
     const std::function<std::size_t()> subscribers;
+    const RefusalAction noteRefusal;
     const std::function<Clock::time_point()> now;
 
     std::atomic<bool> isClosed{false}; ///< turns true with the turn; relaxed: the turn orders it

@@ -148,7 +148,7 @@ private:
     std::uint64_t LostSoFar() const noexcept REQUIRES(mutex);
     void ApplyPolicy(std::size_t backlog) noexcept REQUIRES(mutex);
     void CutNow() noexcept REQUIRES(mutex);
-    void DropFirst() noexcept REQUIRES(mutex);
+    bool DropFirst() noexcept REQUIRES(mutex);
     void SetCharge(std::size_t valueCount) noexcept REQUIRES(mutex);
     void AddBlocking(int count) noexcept;
     void NoteWaits() noexcept REQUIRES(mutex);
@@ -176,9 +176,10 @@ private:
     NkDeferredReply offerOf GUARDED_BY(mutex){};            ///< the wait whose reply they came with
     int blocking GUARDED_BY(mutex) = 0;                     ///< waits that block in the bus
     bool isCut GUARDED_BY(mutex) = false;
-    bool hasEnded GUARDED_BY(mutex) = false;  ///< and its account with it
-    std::uint64_t lost GUARDED_BY(mutex) = 0; ///< dropped
-    std::size_t charge GUARDED_BY(mutex) = 0; ///< of the budget, in bytes
+    bool hasEnded GUARDED_BY(mutex) = false;   ///< and its account with it
+    bool tookInVain GUARDED_BY(mutex) = false; ///< a wait, which ended without a value
+    std::uint64_t lost GUARDED_BY(mutex) = 0;  ///< dropped
+    std::size_t charge GUARDED_BY(mutex) = 0;  ///< of the budget, in bytes
 };
 
 } // namespace msgbus_server

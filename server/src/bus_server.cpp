@@ -36,6 +36,9 @@ using message_bus::ConnectionType;
 /// After this, the stop closes the channels although threads are left: their clients must not wait for ever.
 constexpr std::chrono::seconds StopLimit{5};
 
+/// After this likewise, although subscribers are registered: there may be very many.
+constexpr std::chrono::seconds ReleaseLimit{30};
+
 /// After this, a start that does not receive on every channel is given up.
 constexpr std::chrono::seconds StartLimit{30};
 
@@ -178,7 +181,10 @@ void BusServer::MakePushes() {
     }
     if (options.intake) {
         // Without FlushWake a value may be left in the queue until the next push, which must get there.
-        intake.emplace(pushTurn, Provider(), bus, [this] { return flushWake ? ledger->Count() : 0; });
+        intake.emplace(
+            pushTurn, Provider(), bus, [this] { return flushWake ? ledger->Count() : 0; },
+            accounted ? Intake::RefusalAction([this](long publisherId) { accounted->NoteRefused(publisherId); })
+                      : nullptr);
     }
     if (accounted || intake) {
         turn.emplace(pushTurn, Provider());
@@ -425,6 +431,7 @@ void BusServer::Stop() {
     server->SetStopSignal();
     logFilter->SetClosing(true);
     KnHandleStopReceiving(); // first: publishers that go on pushing could keep the next step waiting
+    deadline->Arm(ReleaseLimit, "The subscribers are not released");
     Log(LogLevel::Info, "Released subscribers: {}", ledger->StopAndUnregisterAll());
     deadline->Arm(StopLimit, "A thread does not end");
     if (cleanUp) {

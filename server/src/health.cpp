@@ -71,7 +71,11 @@ std::optional<std::string> Health::WhyNotDelivering(std::int64_t now) {
     auto& bus = file.Head().bus;
     const std::uint64_t left = bus.fanOut.Read().left; // first: what enters meanwhile does not count
     const std::uint64_t entered = bus.pushes.Read().entered;
-    if (leftSince == 0 || left != leftInbound || entered <= left) {
+    if (entered <= left) {
+        leftSince = layout::NoTime; // there may be a value for the first time when the next one asks
+        return std::nullopt;
+    }
+    if (leftSince == layout::NoTime || left != leftInbound) {
         leftInbound = left;
         leftSince = now;
         return std::nullopt;

@@ -15,12 +15,16 @@ constexpr std::size_t LeastCrowd = Intake::MostLooks / 1025;
 } // namespace
 
 Intake::Intake(common::Mutex& pushTurn, message_bus::IProvider& publisher, const message_bus::MessageBus& observed,
-               std::function<std::size_t()> subscriberCount, std::function<Clock::time_point()> time)
+               std::function<std::size_t()> subscriberCount, RefusalAction refusalAction,
+               std::function<Clock::time_point()> time)
     : turn(pushTurn), provider(publisher), bus(observed), subscribers(std::move(subscriberCount)),
-      now(std::move(time)) {}
+      noteRefusal(std::move(refusalAction)), now(std::move(time)) {}
 
 ResultCode Intake::Push(long publisherId, long message) {
     if (isClosed.load(std::memory_order_relaxed) || IsHeld() || !HasRoom()) {
+        if (noteRefusal) {
+            noteRefusal(publisherId);
+        }
         return ResultCode::Exhausted;
     }
     return provider.Push(publisherId, message);

@@ -171,9 +171,8 @@ void SubscriberWaits::CheckBacklog() noexcept {
     const common::MutexLock lock(mutex);
     if (isCut) {
         unchecked = checkInterval; // what comes from now on is dropped at once
-        DropFirst();
-        if (account) {
-            account->DropAll(Drop::Cut);
+        if (DropFirst() && account && account->Queued() != 0) {
+            account->NoteDropped(Drop::Cut, 1);
         }
         return;
     }
@@ -200,8 +199,9 @@ void SubscriberWaits::ApplyPolicy(std::size_t backlog) noexcept {
         break;
     case SlowSubscriber::DropOldest:
         for (; backlog > allowance.limit.values; --backlog) {
-            DropFirst();
-            NoteDropped(Drop::Oldest);
+            if (DropFirst()) { // else a wait in the bus was faster
+                NoteDropped(Drop::Oldest);
+            }
         }
         break;
     case SlowSubscriber::DropNewest:
@@ -221,18 +221,20 @@ void SubscriberWaits::CutNow() noexcept {
     SetCharge(0);
     if (account && !hasEnded) {
         account->SetCut();
-        account->DropAll(Drop::Cut);
+        account->DropAll(Drop::Cut); // with what a wait in the bus has taken, and has not noted yet
     }
     events.OnCut(subscriber->id);
 }
 
-void SubscriberWaits::DropFirst() noexcept {
+/// Returns: whether there was one.
+bool SubscriberWaits::DropFirst() noexcept {
     if (!values.empty()) {
         values.pop_front();
     } else if (std::shared_ptr<Message> dropped; !subscriber->queue.TryPop(dropped)) {
-        return;
+        return false;
     }
     ++lost;
+    return true;
 }
 
 void SubscriberWaits::SetCharge(std::size_t valueCount) noexcept {
@@ -286,7 +288,8 @@ void SubscriberWaits::NoteWaits() noexcept {
 
 /// One value was taken by a wait whose reply is not deferred.
 void SubscriberWaits::NoteTaken() noexcept {
-    if (account && !hasEnded) {
+    const bool isCounted = isCut && account && account->Queued() == 0; // as dropped, with the cut
+    if (account && !hasEnded && !isCounted) {
         account->BeginHandOver(1);
         account->EndHandOver(1, 0);
     }
@@ -304,7 +307,7 @@ void SubscriberWaits::NoteEnd() noexcept {
     if (!account || hasEnded) {
         return;
     }
-    if (!isCut && blocking == 0 && account->Queued() != Backlog()) {
+    if (!isCut && blocking == 0 && !tookInVain && account->Queued() != Backlog()) {
         events.OnDiscrepancy(subscriber->id);
     }
     account->SetWaiting(0);
@@ -347,6 +350,7 @@ std::optional<ResultCode> SubscriberWaits::TakeFirst() noexcept {
         // As any other failure; there is no text to log.
     }
     if (result != ResultCode::Success) {
+        tookInVain = tookInVain || result.has_value(); // the bus drops a value that is taken beside the cancellation
         values.resize(known);
         SetCharge(0); // nothing is unread
     }

@@ -9,12 +9,14 @@
 #include "support/bus_test.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -280,6 +282,76 @@ TEST_F(AccountedBusTest, PublishersThatHaveLeft_AreForgottenOldestFirst) {
     EXPECT_FALSE(has("t0"));
     EXPECT_TRUE(has("t" + std::to_string(AccountKeeper::MostRemembered + 19)));
     EXPECT_EQ(snapshot.bus.withoutSubscriber, AccountKeeper::MostRemembered + 20);
+}
+
+TEST_F(AccountedBusTest, APublisherThatCameBack_IsForgottenLater) {
+    for (std::size_t i = 0; i < AccountKeeper::MostRemembered; ++i) {
+        bus.UnregisterPublisher(Publisher("t" + std::to_string(i)));
+    }
+    for (int times = 0; times < 3; ++times) {
+        bus.UnregisterPublisher(Publisher("t0"));
+    }
+    bus.UnregisterPublisher(Publisher("new"));
+    std::set<std::string> topics;
+    for (const auto& publisher : Read().publishers) {
+        topics.insert(publisher.topic);
+    }
+    EXPECT_THAT(topics, SizeIs(AccountKeeper::MostRemembered));
+    EXPECT_TRUE(topics.contains("t0"));
+    EXPECT_TRUE(topics.contains("new"));
+    EXPECT_FALSE(topics.contains("t1"));
+}
+
+TEST_F(AccountedBusTest, WhatHasNoRoomForItsName_IsServedAndCountedAsUnlisted) {
+    const std::string longTopic(1000, 'x');
+    std::set<std::string> topics;
+    for (int i = 0; i < 40; ++i) {
+        topics.insert(std::to_string(i) + longTopic);
+    }
+    const long first = Subscriber("first", topics);
+    Subscriber("second", topics); // the texts have room for one of them
+    EXPECT_EQ(Read().bus.unlisted, 1U);
+    EXPECT_THAT(Read().subscribers, SizeIs(1));
+    for (int i = 0; i < 40; ++i) {
+        PushAll(Publisher("p" + std::to_string(i) + longTopic), {5});
+    }
+    EXPECT_GT(Read().bus.unlisted, 1U);
+    for (const auto& publisher : Read().publishers) {
+        EXPECT_FALSE(publisher.topic.empty());
+    }
+    bus.UnregisterSubscriber(first);
+    Subscriber("third", topics);
+    EXPECT_THAT(Read().subscribers, SizeIs(1));
+}
+
+TEST_F(AccountedBusTest, ThreadsOfOneName_HaveTheirOwnRecordsWhileTheyLive) {
+    const auto slotOfAThread = [this](const auto& meanwhile) {
+        instruments::layout::Thread* slot = nullptr;
+        std::thread([&] {
+            ::pthread_setname_np(::pthread_self(), "same");
+            slot = keeper.ThisThread();
+            meanwhile();
+        }).join();
+        return slot;
+    };
+    instruments::layout::Thread* inner = nullptr;
+    auto* const outer = slotOfAThread([&] { inner = slotOfAThread([] {}); });
+    EXPECT_NE(outer, nullptr);
+    EXPECT_NE(inner, nullptr);
+    EXPECT_NE(inner, outer);
+    EXPECT_THAT((std::vector{outer, inner}), testing::Contains(slotOfAThread([] {}))) << "both have ended";
+}
+
+TEST_F(AccountedBusTest, APushThatIsRefusedBeforehand_IsCounted) {
+    const long publisher = Publisher("t");
+    {
+        const common::MutexLock lock(turn);
+        bus.NoteRefused(publisher);
+        bus.NoteRefused(publisher + 1);
+    }
+    const Snapshot snapshot = Read();
+    EXPECT_EQ(snapshot.bus.refusedFull, 2U);
+    EXPECT_EQ(snapshot.publishers[0].refusedFull, 1U);
 }
 
 TEST_F(AccountedBusTest, ADescription_EndsWithItsPublisher) {

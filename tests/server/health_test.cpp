@@ -86,7 +86,9 @@ TEST_F(HealthTest, AnEmptyInboundQueue_MayStaySo) {
     EXPECT_EQ(health.WhyIll(Now + 100 * Second), std::nullopt);
 
     SetInbound(6, 5);
-    EXPECT_EQ(health.WhyIll(Now + 101 * Second), std::nullopt);
+    EXPECT_EQ(health.WhyIll(Now + 200 * Second), std::nullopt) << "it came a moment ago";
+    EXPECT_EQ(health.WhyIll(Now + 205 * Second), std::nullopt);
+    EXPECT_THAT(health.WhyIll(Now + 211 * Second), Optional(HasSubstr("for 11 s, and 1 are in it")));
 }
 
 } // namespace

@@ -36,7 +36,13 @@ protected:
     std::size_t subscribers = 0;
     Intake::Clock::time_point time{std::chrono::hours(1)};
     common::Mutex turn;
-    Intake intake{turn, recorder, bus, [this] { return subscribers; }, [this] { return time; }};
+    std::vector<long> refused; ///< publishers
+    Intake intake{turn,
+                  recorder,
+                  bus,
+                  [this] { return subscribers; },
+                  [this](long id) { refused.push_back(id); },
+                  [this] { return time; }};
 
     std::size_t AcceptedOf(std::size_t pushes) {
         const std::size_t before = recorder.count;
@@ -67,6 +73,7 @@ TEST_F(IntakeTest, Push_AfterClose_IsAnsweredTwoAndNotPassedOn) {
     intake.Close();
     EXPECT_EQ(AcceptedOf(3), 0U);
     EXPECT_TRUE(journal.Logs().empty());
+    EXPECT_EQ(refused, (std::vector<long>{1, 1, 1}));
 }
 
 TEST_F(IntakeTest, Close_WaitsForThePushesUnderWay) {

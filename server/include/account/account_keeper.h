@@ -10,6 +10,8 @@
 #include "instruments/snapshot.h"
 #include "kn/caller.h"
 
+#include <sys/types.h>
+
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -39,7 +41,7 @@ struct ServerIdentity {
 /// what the server says about itself. What happens to values is written by PublisherEntry and SubscriberEntry.
 ///
 /// Threads: the operations on publishers and subscribers one at a time; all others any.
-class AccountKeeper final : public ILatencySink, public IErrorSink {
+class AccountKeeper final : public ISubscriberSink, public IErrorSink {
 public:
     /// Publishers that have left and are remembered with their last value.
     static constexpr std::size_t MostRemembered = 256;
@@ -89,10 +91,11 @@ public:
     /// Something that the account and the bus should agree on differs.
     void NoteDiscrepancy(std::string_view what) noexcept;
 
-    /// The slot of the calling thread, by its name; null when there is none left.
+    /// The slot of the calling thread, which one of the same name may have had before; null when there is none left.
     instruments::layout::Thread* ThisThread() noexcept;
 
     void Note(instruments::layout::Subscriber& slot, std::uint64_t nanoseconds) noexcept override;
+    void NoteGivenUp(long subscriberId) noexcept override;
     void Put(std::size_t index, const instruments::ErrorAccount& entry) noexcept override;
 
 private:
@@ -119,7 +122,8 @@ private:
     std::unique_ptr<TextHeap> texts;
     std::vector<std::unique_ptr<PublisherEntry>> publishers; ///< by slot
     std::map<std::string, std::size_t> remembered;           ///< slots of publishers that have left, by topic
-    std::deque<std::string> rememberedOrder;                 ///< oldest first; some are not remembered any more
+    std::deque<std::string> rememberedOrder;                 ///< their topics, oldest first
+    std::vector<std::size_t> freePublishers;                 ///< slots whose topic had no room
     std::vector<std::size_t> freeSubscribers;
 
     common::Mutex clientsMutex;
@@ -128,6 +132,7 @@ private:
 
     common::Mutex eventsMutex;  ///< of the ring of events
     common::Mutex threadsMutex; ///< of the table of threads
+    std::array<pid_t, instruments::layout::ThreadCapacity> threadIds GUARDED_BY(threadsMutex){}; ///< by slot
     common::Mutex pagesMutex;
     std::uint32_t pagesUsed GUARDED_BY(pagesMutex) = 0;
 

@@ -37,8 +37,8 @@ enum class Described { Done, NoPublisher, OtherOwner, NoRoom };
 /// So accepted == fannedOut + inbound + withoutSubscriber at every moment, where the first is counted by the push, the
 /// second by the events thread, the third by both, on entry and exit, and the fourth by the push.
 ///
-/// When the events thread does not empty the queue in time, because it has ended, the account of what is fanned out
-/// ends with a line in the log, and what follows is as without it.
+/// When the events thread has ended and does not empty the queue, the account of what is fanned out ends with a line in
+/// the log, and of subscribers that come later there is none.
 ///
 /// It is also where subscribers learn of publishers, and publishers of subscribers (TopicNotices): with the turn, and
 /// an inbound queue that has run empty, it puts a value into the queues of those who asked, so that it comes behind all
@@ -60,6 +60,9 @@ public:
 
     /// Requires: the turn is held.
     cor::ResultCode Push(long publisherId, long message) override;
+
+    /// A push was refused before it came here: it is answered 2. Requires: the turn is held.
+    void NoteRefused(long publisherId) noexcept;
 
     /// Returns: 8 also for a reserved topic, whose values are the server's.
     cor::ResultCode RegisterPublisher(const std::string& topic, long& publisherId) override;
@@ -104,7 +107,7 @@ private:
     cor::ResultCode PushKnown(Publisher& publisher, long publisherId, long message);
     void CountAccepted(bool hasSubscriber, int count) noexcept;
     void NoteInbound() noexcept;
-    void NoteRefused(PublisherEntry* publisher) noexcept;
+    void CountRefused(PublisherEntry* publisher) noexcept;
     void AwaitEmptyInbound();
     void CheckNothingIsInbound();
     void ForgetTopic(const std::string& topic);

@@ -11,12 +11,15 @@
 
 namespace msgbus_server {
 
-/// Keeps times that values took, in histograms of the account. Threads: any.
-class ILatencySink {
+/// Keeps what is not of one subscriber alone. Threads: any.
+class ISubscriberSink {
 public:
-    virtual ~ILatencySink() = default;
+    virtual ~ISubscriberSink() = default;
 
+    /// A value took so long: for the histograms.
     virtual void Note(instruments::layout::Subscriber& slot, std::uint64_t nanoseconds) noexcept = 0;
+    /// The account of a subscriber was given up: a value has left its queue that never came there.
+    virtual void NoteGivenUp(long subscriberId) noexcept = 0;
 };
 
 /// Writes the account of one subscriber: each value that is due to it, and each step that a value makes from its queue
@@ -24,7 +27,8 @@ public:
 ///
 /// A value is noted as due by the events thread, right after that has put it into the queue. Another thread may take it
 /// from the queue a moment earlier, and waits for that moment before it notes a step. So at every moment the terms add
-/// up.
+/// up. Values go their way whatever becomes of the account: that wait is limited, and where it fails the account is
+/// given up and stays as it is.
 ///
 /// Threads: NoteDue on the events thread; NotePut instead of it; all others one at a time, with the lock on the
 /// subscriber's waits.
@@ -35,7 +39,7 @@ public:
 
     /// Lifetime: all references must outlive this object.
     SubscriberEntry(long subscriberId, instruments::layout::Subscriber& written, const FanOutRing& fanOut,
-                    ILatencySink& latencySink);
+                    ISubscriberSink& subscriberSink);
     SubscriberEntry(const SubscriberEntry&) = delete;
     SubscriberEntry& operator=(const SubscriberEntry&) = delete;
 
@@ -73,15 +77,17 @@ private:
     };
 
     bool NoteDueSince(std::int64_t time) noexcept;
-    void AwaitDue(std::uint64_t count) const noexcept;
-    void Leave(std::size_t count) noexcept;
+    bool AwaitDue(std::uint64_t count) const noexcept;
+    bool Leave(std::size_t count) noexcept;
+    void CountDropped(instruments::layout::Drop reason, std::size_t count) noexcept;
     void Write() noexcept;
 
     const long id;
     instruments::layout::Subscriber& slot;
     const FanOutRing& ring;
-    ILatencySink& sink;
+    ISubscriberSink& sink;
 
+    std::atomic<bool> isGivenUp{false};  ///< turns true with that lock; relaxed: it carries no data
     std::atomic<std::uint64_t> leftSeen; ///< flow.left, for the events thread; relaxed: it decides about a time only
 
     // With the lock on the subscriber's waits.

@@ -6,10 +6,13 @@
 #include "kn/status.h"
 #include "text_heap.h"
 
+#include <fmt/format.h>
+
 #include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -34,6 +37,10 @@ std::int64_t TimeOf(clockid_t clock) {
     timespec now{};
     ::clock_gettime(clock, &now);
     return now.tv_sec * Second + now.tv_nsec;
+}
+
+bool IsAlive(pid_t thread) noexcept {
+    return ::tgkill(::getpid(), thread, 0) == 0;
 }
 
 template <std::size_t Size>
@@ -132,13 +139,17 @@ void AccountKeeper::RefreshGauges() {
 
 /// Returns: the slot that remembers the topic, else a free one, else the one that was left longest ago; none: no room.
 std::optional<AccountKeeper::PublisherPlace> AccountKeeper::PublisherSlotFor(const std::string& topic) {
-    const auto take = [this](std::map<std::string, std::size_t>::iterator place) {
-        const std::size_t slot = place->second;
-        remembered.erase(place);
-        return slot;
+    const auto take = [this](const std::string& name) {
+        std::erase(rememberedOrder, name);
+        return remembered.extract(name).mapped();
     };
-    if (const auto found = remembered.find(topic); found != remembered.end()) {
-        return PublisherPlace{take(found), true};
+    if (remembered.contains(topic)) {
+        return PublisherPlace{take(topic), true};
+    }
+    if (!freePublishers.empty()) {
+        const std::size_t slot = freePublishers.back();
+        freePublishers.pop_back();
+        return PublisherPlace{slot, false};
     }
     const std::size_t used = publishers.size();
     if (remembered.size() < MostRemembered && file.Commit(file.Head().regions.publishers, used + 1)) {
@@ -147,14 +158,8 @@ std::optional<AccountKeeper::PublisherPlace> AccountKeeper::PublisherSlotFor(con
         file.Head().publishersUsed.store(used + 1, std::memory_order_release);
         return PublisherPlace{used, false};
     }
-    while (!rememberedOrder.empty()) {
-        const auto found = remembered.find(rememberedOrder.front());
-        rememberedOrder.pop_front();
-        if (found != remembered.end()) {
-            return PublisherPlace{take(found), false};
-        }
-    }
-    return std::nullopt;
+    return rememberedOrder.empty() ? std::nullopt
+                                   : std::optional(PublisherPlace{take(std::string(rememberedOrder.front())), false});
 }
 
 PublisherEntry* AccountKeeper::AddPublisher(long id, const std::string& topic) {
@@ -169,9 +174,15 @@ PublisherEntry* AccountKeeper::AddPublisher(long id, const std::string& topic) {
     slot.identity.Write({}); // free for a moment: the numbers of the one must not be read as those of the other
     texts->Remove(last.topic);
     texts->Remove(last.description);
+    const auto text = texts->Add(topic);
+    if (!text) {
+        freePublishers.push_back(place->slot);
+        Bus().unlisted.fetch_add(1, std::memory_order_relaxed);
+        return nullptr;
+    }
     PublisherIdentity identity;
     identity.id = id;
-    identity.topic = texts->Add(topic).value_or(Text{});
+    identity.topic = *text;
     identity.program = ProgramOfRequest();
     identity.since = TimeOf(CLOCK_MONOTONIC);
     if (place->isOfTopic) {
@@ -197,9 +208,6 @@ void AccountKeeper::EndPublisher(PublisherEntry& ended, const std::string& topic
     const auto index = static_cast<std::size_t>(&slot - &file.At<Publisher>(file.Head().regions.publishers, 0));
     remembered[topic] = index;
     rememberedOrder.push_back(topic);
-    if (rememberedOrder.size() > 2 * MostRemembered) {
-        std::erase_if(rememberedOrder, [this](const auto& name) { return !remembered.contains(name); });
-    }
     NoteEvent(hasDied ? EventKind::PublisherDied : EventKind::PublisherGone, identity.id, identity.program, topic);
 }
 
@@ -231,11 +239,17 @@ std::shared_ptr<SubscriberEntry> AccountKeeper::AddSubscriber(long id, const std
         return nullptr;
     }
     auto& slot = file.At<Subscriber>(region, index);
+    const auto text = texts->Add(Join(name, topics));
+    if (!text) {
+        freeSubscribers.push_back(index);
+        Bus().unlisted.fetch_add(1, std::memory_order_relaxed);
+        return nullptr;
+    }
     auto entry = std::make_shared<SubscriberEntry>(id, slot, ring, *this);
     ClearLatency(slot);
     SubscriberIdentity identity;
     identity.id = id;
-    identity.text = texts->Add(Join(name, topics)).value_or(Text{});
+    identity.text = *text;
     identity.program = ProgramOfRequest();
     identity.since = TimeOf(CLOCK_MONOTONIC);
     identity.dueBase = slot.due.load(std::memory_order_relaxed);
@@ -322,11 +336,11 @@ AccountKeeper::ClientRecord* AccountKeeper::RecordOf(const KnCaller& caller) noe
 }
 
 void AccountKeeper::CountForRequest(Counter Client::*counter) noexcept {
+    const common::MutexLock lock(clientsMutex); // first: the end of a process that is not gone by now is reported later
     KnCaller caller;
     if (KnCallerOfRequest(&caller) != KnStatusOk) {
         return; // no request, or one of a process whose end was reported: a record would stay for ever
     }
-    const common::MutexLock lock(clientsMutex);
     if (const auto* const record = RecordOf(caller)) {
         (file.At<Client>(file.Head().regions.clients, record->slot).*counter).fetch_add(1, std::memory_order_relaxed);
     }
@@ -342,8 +356,10 @@ void AccountKeeper::NoteUnknownWait() noexcept {
 
 void AccountKeeper::NoteRefusal(const KnCaller& caller, cor::ResultCode code, std::string_view name) noexcept {
     {
-        const common::MutexLock lock(clientsMutex);
-        auto* const record = RecordOf(caller);
+        const common::MutexLock lock(clientsMutex); // first, as above
+        KnCaller present;
+        const bool isGone = KnCallerOfRequest(&present) == KnStatusPeerGone && present.id == caller.id;
+        auto* const record = isGone ? nullptr : RecordOf(caller);
         if (record == nullptr) {
             return;
         }
@@ -393,13 +409,17 @@ Thread* AccountKeeper::ThisThread() noexcept {
     const common::MutexLock lock(threadsMutex);
     for (std::size_t i = 0; i < ThreadCapacity; ++i) {
         auto& slot = file.At<Thread>(file.Head().regions.threads, i);
-        const bool isFree = slot.name[0].load(std::memory_order_relaxed) == 0;
+        const bool isFree = threadIds[i] == 0;
         if (isFree) {
             slot.name[1].store(words[1], std::memory_order_release);
             slot.name[0].store(words[0], std::memory_order_release);
         }
-        if (isFree || (slot.name[0].load(std::memory_order_relaxed) == words[0] &&
-                       slot.name[1].load(std::memory_order_relaxed) == words[1])) {
+        const bool isOfThisName = slot.name[0].load(std::memory_order_relaxed) == words[0] &&
+                                  slot.name[1].load(std::memory_order_relaxed) == words[1];
+        // One that lives may hang, which another one of its name must not hide.
+        if (isFree || (isOfThisName && !IsAlive(threadIds[i]))) {
+            threadIds[i] = ::gettid();
+            slot.awaySince.store(NoTime, std::memory_order_release);
             known.slot = &slot;
             break;
         }
@@ -422,6 +442,14 @@ std::atomic<std::uint32_t>* AccountKeeper::BucketOf(OctavePages& pages, std::uin
         page.store(number, std::memory_order_release);
     }
     return &file.At<LatencyPage>(region, number - 1)[bucket % LatencyBuckets::PerPage];
+}
+
+void AccountKeeper::NoteGivenUp(long subscriberId) noexcept {
+    try {
+        NoteDiscrepancy(fmt::format("a value left the queue of subscriber {} that had not come there", subscriberId));
+    } catch (...) {
+        NoteDiscrepancy("a value left a subscriber's queue that had not come there");
+    }
 }
 
 void AccountKeeper::ClearLatency(Subscriber& slot) {

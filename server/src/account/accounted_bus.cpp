@@ -29,9 +29,10 @@ constexpr std::uint64_t InboundLimit = 1025;
 
 constexpr long UnknownId = 0; // the bus counts from 1
 
-/// An events thread that runs empties the queue in less; see Intake::MostLooks.
-constexpr std::chrono::seconds Patience{5};
-constexpr std::chrono::milliseconds PatienceInAStop{100};
+/// So often at a stretch, a tenth of a millisecond apart, is the same number of values found in the inbound queue
+/// before the events thread is taken for dead. One that runs takes a value within milliseconds; see Intake::MostLooks.
+constexpr int MostIdleLooks = 50'000;
+constexpr int MostIdleLooksInAStop = 1000;
 
 bool IsRequest() {
     return KnCallerId() != 0;
@@ -70,7 +71,7 @@ ResultCode AccountedBus::CountedPush(long publisherId, long message) {
         if (result == ResultCode::Success) {
             keeper.NoteUnknownPush();
         } else {
-            NoteRefused(nullptr);
+            CountRefused(nullptr);
         }
         return result;
     }
@@ -79,7 +80,7 @@ ResultCode AccountedBus::CountedPush(long publisherId, long message) {
         // there may be room meanwhile, and what is accepted has to be counted before.
         const ResultCode result = provider.Push(UnknownId, message);
         if (result != ResultCode::Success) {
-            NoteRefused(found->second.entry);
+            CountRefused(found->second.entry);
             return result;
         }
     }
@@ -98,7 +99,12 @@ bool AccountedBus::HasRoom() noexcept {
     return index - leftIndex < InboundLimit;
 }
 
-void AccountedBus::NoteRefused(PublisherEntry* publisher) noexcept {
+void AccountedBus::NoteRefused(long publisherId) noexcept {
+    const auto found = publishers.find(publisherId);
+    CountRefused(found == publishers.end() ? nullptr : found->second.entry);
+}
+
+void AccountedBus::CountRefused(PublisherEntry* publisher) noexcept {
     keeper.Bus().refusedFull.fetch_add(1, std::memory_order_relaxed);
     if (publisher != nullptr) {
         publisher->NoteRefused();
@@ -232,8 +238,8 @@ ResultCode AccountedBus::RegisterSubscriber(const std::string& name, const std::
     if (result == ResultCode::Success) {
         CheckNothingIsInbound();
         // Who gets notices only is no part of what others count and see.
-        auto entry =
-            wishes.IsForNoticesOnly() ? nullptr : keeper.AddSubscriber(subscriberId, name, wishes.topics, ring);
+        const bool isListed = !wishes.IsForNoticesOnly() && !isClosed.load(std::memory_order_relaxed);
+        auto entry = isListed ? keeper.AddSubscriber(subscriberId, name, wishes.topics, ring) : nullptr;
         for (const auto& topic : wishes.topics) {
             ++topics[topic].copies;
         }
@@ -287,21 +293,23 @@ void AccountedBus::ForgetTopic(const std::string& topic) {
 /// some behind, so the thread is woken, more than once: each wake-up can be lost as well.
 void AccountedBus::AwaitEmptyInbound() {
     constexpr int quickLooks = 200;
+    constexpr int looksBetweenWakes = 20;
     constexpr std::chrono::microseconds pause{100};
-    constexpr std::chrono::milliseconds longDrain{2};
-    const auto begin = std::chrono::steady_clock::now();
+    int idleLooks = 0; // not the time, in which the process may have been stopped
+    std::size_t before = bus.InboundSize();
     for (int looks = 0; !isClosed.load(std::memory_order_relaxed) && bus.InboundSize() != 0; ++looks) {
         if (looks < quickLooks) {
             std::this_thread::yield();
             continue;
         }
-        const auto waited = std::chrono::steady_clock::now() - begin;
-        if (bus.Inbound() == InboundState::LeftBehind || waited > longDrain) {
+        if (bus.Inbound() == InboundState::LeftBehind || looks % looksBetweenWakes == 0) {
             WakeEventsThread(bus);
         }
         std::this_thread::sleep_for(pause);
+        const std::size_t size = bus.InboundSize();
+        idleLooks = size == std::exchange(before, size) ? idleLooks + 1 : 0;
         const bool stops = isStopping;
-        if (waited < (stops ? PatienceInAStop : Patience)) {
+        if (idleLooks < (stops ? MostIdleLooksInAStop : MostIdleLooks)) {
             continue;
         }
         isClosed.store(true, std::memory_order_relaxed);

@@ -31,8 +31,8 @@ const char* NameOf(Drop reason) {
 } // namespace
 
 SubscriberEntry::SubscriberEntry(long subscriberId, instruments::layout::Subscriber& written, const FanOutRing& fanOut,
-                                 ILatencySink& latencySink)
-    : id(subscriberId), slot(written), ring(fanOut), sink(latencySink), leftSeen(0), flow(written.flow.Read()),
+                                 ISubscriberSink& subscriberSink)
+    : id(subscriberId), slot(written), ring(fanOut), sink(subscriberSink), leftSeen(0), flow(written.flow.Read()),
       rates(written.rates) {
     flow.waiting = 0;
     flow.isCut = 0;
@@ -52,6 +52,9 @@ bool SubscriberEntry::NotePut() noexcept {
 }
 
 bool SubscriberEntry::NoteDueSince(std::int64_t time) noexcept {
+    if (isGivenUp.load(std::memory_order_relaxed)) {
+        return false;
+    }
     const std::uint64_t before = slot.due.load(std::memory_order_relaxed);
     if (leftSeen.load(std::memory_order_relaxed) == before) {
         slot.nonEmptySince.store(time, std::memory_order_release);
@@ -68,21 +71,39 @@ void SubscriberEntry::AddSample() noexcept {
     }
 }
 
-/// Waits until so many values are noted as due: for some instructions of the events thread.
-void SubscriberEntry::AwaitDue(std::uint64_t count) const noexcept {
+/// Waits until so many values are noted as due: for some instructions of the events thread. Returns: false when it has
+/// given them up. It counts its tries, not the time, in which the process may be stopped.
+bool SubscriberEntry::AwaitDue(std::uint64_t count) const noexcept {
     constexpr int quickTries = 100;
+    constexpr int yields = 2000; // without a look at the clock; then it sleeps
+    constexpr int mostTries = 12000;
+    constexpr std::chrono::microseconds pause{100};
     for (int tries = 0; slot.due.load(std::memory_order_acquire) < count; ++tries) {
-        if (tries >= quickTries) {
+        if (tries == mostTries) {
+            return false;
+        }
+        if (tries >= yields) {
+            std::this_thread::sleep_for(pause);
+        } else if (tries >= quickTries) {
             std::this_thread::yield();
         }
     }
+    return true;
 }
 
-/// The first `count` values are not unread any more.
-void SubscriberEntry::Leave(std::size_t count) noexcept {
-    AwaitDue(flow.left + count);
+/// The first `count` values are not unread any more. Returns: false when the account is given up.
+bool SubscriberEntry::Leave(std::size_t count) noexcept {
+    if (isGivenUp.load(std::memory_order_relaxed)) {
+        return false;
+    }
+    if (!AwaitDue(flow.left + count)) {
+        isGivenUp.store(true, std::memory_order_relaxed);
+        sink.NoteGivenUp(id);
+        return false;
+    }
     flow.left += count;
     leftSeen.store(flow.left, std::memory_order_relaxed);
+    return true;
 }
 
 void SubscriberEntry::Write() noexcept {
@@ -90,12 +111,16 @@ void SubscriberEntry::Write() noexcept {
 }
 
 void SubscriberEntry::BeginHandOver(std::size_t count) noexcept {
-    Leave(count);
-    flow.handedOver += count;
-    Write();
+    if (Leave(count)) {
+        flow.handedOver += count;
+        Write();
+    }
 }
 
 void SubscriberEntry::EndHandOver(std::size_t taken, std::size_t offered) noexcept {
+    if (flow.handedOver == 0) {
+        return; // given up
+    }
     assert(taken + offered <= flow.handedOver);
     rates.Note(RoughTime(), flow.taken + flow.offered);
     flow.left -= flow.handedOver - taken - offered;
@@ -118,6 +143,9 @@ void SubscriberEntry::EndHandOver(std::size_t taken, std::size_t offered) noexce
 }
 
 void SubscriberEntry::EndOffer(std::size_t taken, std::size_t undelivered) noexcept {
+    if (flow.offered == 0) {
+        return; // given up
+    }
     assert(taken + undelivered <= flow.offered);
     flow.left -= flow.offered - taken - undelivered;
     leftSeen.store(flow.left, std::memory_order_relaxed);
@@ -134,7 +162,13 @@ void SubscriberEntry::EndOffer(std::size_t taken, std::size_t undelivered) noexc
 }
 
 void SubscriberEntry::NoteDropped(Drop reason, std::size_t count) noexcept {
-    Leave(count);
+    if (Leave(count)) {
+        CountDropped(reason, count);
+    }
+}
+
+/// Counts values that have left.
+void SubscriberEntry::CountDropped(Drop reason, std::size_t count) noexcept {
     flow.dropped[static_cast<std::size_t>(reason)] += count;
     for (; !samples.empty() && samples.front().index <= flow.left; samples.pop_front()) {
         flow.oldestFloor = samples.front().at;
@@ -146,7 +180,9 @@ void SubscriberEntry::NoteDropped(Drop reason, std::size_t count) noexcept {
 std::size_t SubscriberEntry::DropAll(Drop reason) noexcept {
     const std::size_t count = Queued();
     if (count != 0) {
-        NoteDropped(reason, count);
+        flow.left += count; // given up or not: all of them are noted as due
+        leftSeen.store(flow.left, std::memory_order_relaxed);
+        CountDropped(reason, count);
     }
     return count;
 }
