@@ -1,7 +1,7 @@
 #pragma once
 
 #include "account/account_keeper.h"
-#include "account/fan_out_ring.h"
+#include "account/inbound_account.h"
 #include "account/publisher_entry.h"
 #include "account/subscriber_entry.h"
 #include "bus_interfaces.h"
@@ -9,7 +9,6 @@
 #include "message_bus.h"
 #include "topic_notices.h"
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -34,11 +33,7 @@ enum class Described { Done, NoPublisher, OtherOwner, NoRoom };
 /// - a push is counted as accepted before the bus has it, since the events thread may be faster than its reply. The bus
 ///   refuses a push only when its queue is full, which nothing but a push can make it.
 ///
-/// So accepted == fannedOut + inbound + withoutSubscriber at every moment, where the first is counted by the push, the
-/// second by the events thread, the third by both, on entry and exit, and the fourth by the push.
-///
-/// When the events thread has ended and does not empty the queue, the account of what is fanned out ends with a line in
-/// the log, and of subscribers that come later there is none.
+/// What is so known goes to InboundAccount. Once that is closed, subscribers that come have no account.
 ///
 /// It is also where subscribers learn of publishers, and publishers of subscribers (TopicNotices): with the turn, and
 /// an inbound queue that has run empty, it puts a value into the queues of those who asked, so that it comes behind all
@@ -75,11 +70,11 @@ public:
     cor::ResultCode PushForNobody(long publisherId);
 
     /// The events thread has put a value into one subscriber's queue. Threads: the events thread.
-    void NoteCopy() noexcept;
-    const FanOutRing& Ring() const noexcept { return ring; }
+    void NoteCopy() noexcept { inbound.NoteCopy(); }
+    const FanOutRing& Ring() const noexcept { return inbound.Ring(); }
 
     /// The server stops: from now on the events thread may end at any time.
-    void NoteStop() noexcept { isStopping = true; }
+    void NoteStop() noexcept { inbound.NoteStop(); }
 
     /// Replaces the description of a topic, when the process `pid` owns its publisher.
     Described Describe(const std::string& topic, std::int32_t pid, std::string_view text);
@@ -103,17 +98,11 @@ private:
     };
 
     cor::ResultCode CountedPush(long publisherId, long message);
-    bool HasRoom() noexcept;
     cor::ResultCode PushKnown(Publisher& publisher, long publisherId, long message);
-    void CountAccepted(bool hasSubscriber, int count) noexcept;
-    void NoteInbound() noexcept;
     void CountRefused(PublisherEntry* publisher) noexcept;
-    void AwaitEmptyInbound();
-    void CheckNothingIsInbound();
     void ForgetTopic(const std::string& topic);
 
     TopicNotices::Wishes WishesFor(const std::set<std::string>& wanted) const;
-    void AwaitFanOut();
     void NotePresence(const std::string& topic, common::PresenceValue value);
     void NoteCounts(const std::set<std::string>& changed);
     void PutFirst(long subscriberId, const TopicNotices::Wishes& wishes);
@@ -125,22 +114,13 @@ private:
     message_bus::IProvider& provider;
     AccountKeeper& keeper;
     const FollowAction follow;
-    std::atomic<bool> isStopping{false};
-    std::atomic<bool> isClosed{false}; ///< what is fanned out is not accounted for any more; turns true with the turn
 
     // With the turn.
     std::unordered_map<long, Publisher> publishers;
     std::unordered_map<long, Subscriber> subscribers;
     std::map<std::string, Topic, std::less<>> topics; ///< those with a publisher or subscribers
     std::optional<TopicNotices> notices;
-    instruments::layout::PushTotals totals;
-    std::uint64_t index = 0;     ///< of all accepted values, those without subscribers included
-    std::uint64_t leftIndex = 0; ///< so many of them have left the inbound queue, as far as this thread knows
-    std::uint64_t leftSeen = 0;  ///< so many of those with subscribers, likewise
-    std::uint64_t most = 0;      ///< values in the inbound queue
-
-    FanOutRing ring;
-    std::int64_t lastFanOut = 0; ///< of the events thread
+    InboundAccount inbound;
 };
 
 } // namespace msgbus_server

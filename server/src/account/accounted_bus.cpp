@@ -1,15 +1,11 @@
 #include "account/accounted_bus.h"
 
-#include "account/away_time.h"
 #include "account/probes.h"
 #include "common/escape.h"
 #include "diagnostics.h"
 #include "kn/caller.h"
 #include "request_time.h"
-#include "wake_events_thread.h"
 
-#include <algorithm>
-#include <thread>
 #include <utility>
 
 namespace msgbus_server {
@@ -19,20 +15,11 @@ using common::ReservedTopic;
 using cor::ResultCode;
 using instruments::EventKind;
 using instruments::layout::Drop;
-using message_bus::InboundState;
 using message_bus::MessageBus;
 
 namespace {
 
-/// So many values fit into the inbound queue of the bus.
-constexpr std::uint64_t InboundLimit = 1025;
-
 constexpr long UnknownId = 0; // the bus counts from 1
-
-/// So often at a stretch, a tenth of a millisecond apart, is the same number of values found in the inbound queue
-/// before the events thread is taken for dead. One that runs takes a value within milliseconds; see Intake::MostLooks.
-constexpr int MostIdleLooks = 50'000;
-constexpr int MostIdleLooksInAStop = 1000;
 
 bool IsRequest() {
     return KnCallerId() != 0;
@@ -54,7 +41,7 @@ std::uint64_t UnreadAtTheEnd(const instruments::layout::Subscriber& slot) {
 AccountedBus::AccountedBus(common::Mutex& pushTurn, MessageBus& accounted, message_bus::IProvider& publisher,
                            AccountKeeper& written, FollowAction followAction, std::optional<TopicNotices> topicNotices)
     : turn(pushTurn), bus(accounted), provider(publisher), keeper(written), follow(std::move(followAction)),
-      notices(std::move(topicNotices)), ring(written.Bus().fanOut) {}
+      notices(std::move(topicNotices)), inbound(accounted, written) {}
 
 // -- pushes
 
@@ -75,7 +62,7 @@ ResultCode AccountedBus::CountedPush(long publisherId, long message) {
         }
         return result;
     }
-    if (!HasRoom()) {
+    if (!inbound.HasRoom()) {
         // The bus refuses it, in its own words; the queue is full for unknown publishers too. Not with the id, since
         // there may be room meanwhile, and what is accepted has to be counted before.
         const ResultCode result = provider.Push(UnknownId, message);
@@ -85,18 +72,6 @@ ResultCode AccountedBus::CountedPush(long publisherId, long message) {
         }
     }
     return PushKnown(found->second, publisherId, message);
-}
-
-bool AccountedBus::HasRoom() noexcept {
-    if (index - leftIndex < InboundLimit) {
-        return true;
-    }
-    leftIndex = std::max(leftIndex, ring.Totals().leftIndex);
-    if (index - leftIndex < InboundLimit) {
-        return true;
-    }
-    leftIndex = std::max<std::uint64_t>(leftIndex, index - bus.InboundSize()); // those without subscribers leave unseen
-    return index - leftIndex < InboundLimit;
 }
 
 void AccountedBus::NoteRefused(long publisherId) noexcept {
@@ -114,27 +89,13 @@ void AccountedBus::CountRefused(PublisherEntry* publisher) noexcept {
 ResultCode AccountedBus::PushKnown(Publisher& publisher, long publisherId, long message) {
     const std::int64_t now = RequestTime::Now().time_since_epoch().count();
     const std::uint32_t copies = publisher.topic->copies;
-    const bool isCounted = !isClosed.load(std::memory_order_relaxed);
-    ++index;
-    if (isCounted) {
-        if (copies != 0) {
-            ring.Put(copies, index, now);
-        }
-        CountAccepted(copies != 0, 1);
-        NoteInbound();
-    }
+    inbound.Enter(copies, now);
     if (publisher.entry != nullptr) {
         publisher.entry->NoteAccepted(message, now, copies != 0);
     }
     const ResultCode result = provider.Push(publisherId, message);
     if (result != ResultCode::Success) { // without memory, for example
-        --index;
-        if (isCounted) {
-            CountAccepted(copies != 0, -1);
-            if (copies != 0) {
-                ring.Retract();
-            }
-        }
+        inbound.TakeBack(copies);
         if (publisher.entry != nullptr) {
             publisher.entry->Retract(copies != 0);
         }
@@ -142,50 +103,13 @@ ResultCode AccountedBus::PushKnown(Publisher& publisher, long publisherId, long 
     return result;
 }
 
-/// Counts one value more, or less: with `count` -1.
-void AccountedBus::CountAccepted(bool hasSubscriber, int count) noexcept {
-    const auto change = static_cast<std::uint64_t>(count);
-    totals.accepted += change;
-    (hasSubscriber ? totals.entered : totals.withoutSubscriber) += change;
-    keeper.Bus().pushes.Write(totals);
-}
-
-/// Follows how many values were in the inbound queue at most. Looks at what the events thread writes only when it may
-/// have become more.
-void AccountedBus::NoteInbound() noexcept {
-    if (totals.entered - leftSeen <= most) {
-        return;
-    }
-    leftSeen = ring.Totals().left;
-    if (const std::uint64_t inbound = totals.entered - leftSeen; inbound > most) {
-        most = inbound;
-        keeper.Bus().mostInbound.store(most, std::memory_order_release);
-    }
-}
-
 ResultCode AccountedBus::PushForNobody(long publisherId) {
     const common::MutexLock lock(turn);
     const ResultCode result = bus.Push(publisherId, 0);
-    index += result == ResultCode::Success ? 1 : 0;
+    if (result == ResultCode::Success) {
+        inbound.EnterUncounted();
+    }
     return result;
-}
-
-void AccountedBus::NoteCopy() noexcept {
-    if (isClosed.load(std::memory_order_relaxed)) {
-        return;
-    }
-    const std::int64_t pushedAt = ring.PushedAt();
-    const std::uint32_t copies = ring.Copies();
-    if (!ring.NoteCopy()) {
-        return;
-    }
-    probes::FanOut(copies);
-    // Its loop waits for values: it has been away from it since it could have taken this one.
-    const std::int64_t now = RoughTime();
-    if (auto* const thread = keeper.ThisThread()) {
-        AwayTime::Note(*thread, std::max(pushedAt, lastFanOut), now);
-    }
-    lastFanOut = now;
 }
 
 // -- registrations
@@ -232,14 +156,14 @@ ResultCode AccountedBus::UnregisterPublisher(long publisherId) {
 ResultCode AccountedBus::RegisterSubscriber(const std::string& name, const std::set<std::string>& wanted,
                                             long& subscriberId) {
     const common::MutexLock lock(turn);
-    AwaitEmptyInbound();
+    inbound.AwaitEmpty();
     TopicNotices::Wishes wishes = WishesFor(wanted);
     const ResultCode result = bus.RegisterSubscriber(name, wishes.topics, subscriberId);
     if (result == ResultCode::Success) {
-        CheckNothingIsInbound();
+        inbound.CheckEmpty();
         // Who gets notices only is no part of what others count and see.
-        const bool isListed = !wishes.IsForNoticesOnly() && !isClosed.load(std::memory_order_relaxed);
-        auto entry = isListed ? keeper.AddSubscriber(subscriberId, name, wishes.topics, ring) : nullptr;
+        const bool isListed = !wishes.IsForNoticesOnly() && !inbound.IsClosed();
+        auto entry = isListed ? keeper.AddSubscriber(subscriberId, name, wishes.topics, inbound.Ring()) : nullptr;
         for (const auto& topic : wishes.topics) {
             ++topics[topic].copies;
         }
@@ -253,11 +177,11 @@ ResultCode AccountedBus::RegisterSubscriber(const std::string& name, const std::
 
 ResultCode AccountedBus::UnregisterSubscriber(long subscriberId) {
     const common::MutexLock lock(turn);
-    AwaitEmptyInbound();
+    inbound.AwaitEmpty();
     const ResultCode result = bus.UnregisterSubscriber(subscriberId);
     if (const auto found = subscribers.find(subscriberId);
         result == ResultCode::Success && found != subscribers.end()) {
-        CheckNothingIsInbound();
+        inbound.CheckEmpty();
         const Subscriber ended = std::move(found->second);
         subscribers.erase(found);
         for (const auto& topic : ended.wishes.topics) {
@@ -276,7 +200,8 @@ ResultCode AccountedBus::UnregisterSubscriber(long subscriberId) {
                                    : IsRequest() ? EventKind::SubscriberGone
                                                  : EventKind::SubscriberDied;
             const std::uint64_t lost = UnreadAtTheEnd(ended.entry->Slot());
-            keeper.EndSubscriber(*ended.entry, ended.name, isStopping ? std::nullopt : std::optional(kind), lost);
+            keeper.EndSubscriber(*ended.entry, ended.name, inbound.IsStopping() ? std::nullopt : std::optional(kind),
+                                 lost);
         }
     }
     return result;
@@ -289,45 +214,6 @@ void AccountedBus::ForgetTopic(const std::string& topic) {
     }
 }
 
-/// Waits until the events thread has taken every value. None comes while the turn is held. A lost wake-up may have left
-/// some behind, so the thread is woken, more than once: each wake-up can be lost as well.
-void AccountedBus::AwaitEmptyInbound() {
-    constexpr int quickLooks = 200;
-    constexpr int looksBetweenWakes = 20;
-    constexpr std::chrono::microseconds pause{100};
-    int idleLooks = 0; // not the time, in which the process may have been stopped
-    std::size_t before = bus.InboundSize();
-    for (int looks = 0; !isClosed.load(std::memory_order_relaxed) && bus.InboundSize() != 0; ++looks) {
-        if (looks < quickLooks) {
-            std::this_thread::yield();
-            continue;
-        }
-        if (bus.Inbound() == InboundState::LeftBehind || looks % looksBetweenWakes == 0) {
-            WakeEventsThread(bus);
-        }
-        std::this_thread::sleep_for(pause);
-        const std::size_t size = bus.InboundSize();
-        idleLooks = size == std::exchange(before, size) ? idleLooks + 1 : 0;
-        const bool stops = isStopping;
-        if (idleLooks < (stops ? MostIdleLooksInAStop : MostIdleLooks)) {
-            continue;
-        }
-        isClosed.store(true, std::memory_order_relaxed);
-        if (!stops) {
-            keeper.NoteDiscrepancy("the events thread takes no values, so what is fanned out is not counted any more");
-        }
-    }
-}
-
-/// Requires: the inbound queue was empty, and the bus has changed its list of subscribers since: so the events thread
-/// has fanned out everything.
-void AccountedBus::CheckNothingIsInbound() {
-    if (!isClosed.load(std::memory_order_relaxed) && ring.Totals().left != totals.entered) {
-        isClosed.store(true, std::memory_order_relaxed);
-        keeper.NoteDiscrepancy("values have left the inbound queue, and were not fanned out");
-    }
-}
-
 // -- notices
 
 TopicNotices::Wishes AccountedBus::WishesFor(const std::set<std::string>& wanted) const {
@@ -335,26 +221,20 @@ TopicNotices::Wishes AccountedBus::WishesFor(const std::set<std::string>& wanted
     return wishes ? std::move(*wishes) : TopicNotices::Wishes{wanted, {}, {}};
 }
 
-/// Waits until the events thread has put every value into the queues, and then has none.
-void AccountedBus::AwaitFanOut() {
-    AwaitEmptyInbound();
-    static_cast<void>(bus.GetSubscriberPtrById(NoId)); // takes the lock that it holds while it has a value
-}
-
 /// A topic has another publisher, or none.
 void AccountedBus::NotePresence(const std::string& topic, common::PresenceValue value) {
-    if (!notices || isStopping || !notices->IsAsked(ReservedTopic::Presence, topic)) {
+    if (!notices || inbound.IsStopping() || !notices->IsAsked(ReservedTopic::Presence, topic)) {
         return;
     }
-    AwaitFanOut();
-    if (!isClosed.load(std::memory_order_relaxed)) {
+    inbound.AwaitFanOut();
+    if (!inbound.IsClosed()) {
         notices->Report(ReservedTopic::Presence, topic, value.Encode());
     }
 }
 
 /// Topics have another number of subscribers. Requires: the events thread has no value.
 void AccountedBus::NoteCounts(const std::set<std::string>& changed) {
-    if (!notices || isStopping || isClosed.load(std::memory_order_relaxed)) {
+    if (!notices || inbound.IsStopping() || inbound.IsClosed()) {
         return;
     }
     for (const auto& topic : changed) {
@@ -366,7 +246,7 @@ void AccountedBus::NoteCounts(const std::set<std::string>& changed) {
 
 /// Gives a new subscriber what comes before everything else. Requires: as NoteCounts.
 void AccountedBus::PutFirst(long subscriberId, const TopicNotices::Wishes& wishes) {
-    if (!notices || isStopping || isClosed.load(std::memory_order_relaxed)) {
+    if (!notices || inbound.IsStopping() || inbound.IsClosed()) {
         return;
     }
     for (const auto& asked : wishes.asked) {
