@@ -150,7 +150,7 @@ class FakeBus:
 
     def _server_json(self, now):
         return {"version": "0.1.0", "pid": self.server_pid, "alive": True, "paused": False, "state": "serving", "mode": "dynamic",
-                "started_unix_ns": self.server_started, "uptime_ns": now - self.server_started, "options": "--queue-limit 4096",
+                "started_unix_ns": self.server_started, "uptime_ns": now - self.server_started, "options": "--slow-subscriber *=drop-oldest:4096",
                 "workers": 4, "threads": 17, "descriptors": 83, "memory_bytes": 18_430_000}
 
     def _bus_json(self, published, subscribers):

@@ -30,7 +30,7 @@ class Contents(PageTest):
         self.assertIn("subscriber died", self.texts("#events-list .kind"))
         self.assertIn("adds up", self.texts("#overview strong"))
         self.assertGreater(len(self.texts("#latency-body tbody tr")), 5)
-        self.assertIn("--queue-limit 4096", self.texts("#server-body dd"))
+        self.assertIn("--slow-subscriber *=drop-oldest:4096", self.texts("#server-body dd"))
         self.assertGreater(self.script("return document.querySelectorAll('#map-body path').length"), 18)
 
     def test_value_is_shown_by_its_description(self):
