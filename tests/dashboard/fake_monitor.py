@@ -55,6 +55,7 @@ class FakeBus:
         self.refused_full = 0
         self.is_lively = False
         self.descriptions = {}
+        self.meanings = {}
         for number in range(topics):
             self.add_publisher(f"plant/line-{number // 10:02}/sensor-{number % 10}", rate=self.random.lognormvariate(4, 2))
         for number in range(topics // 2):
@@ -101,6 +102,11 @@ class FakeBus:
             entry = self.publishers[topic]
             entry.update(value=value, last=time.time_ns(), accepted=entry["accepted"] + 1)
 
+    def describe(self, topic, text, meaning):
+        """`meaning`: a function from the value to what the server says about it."""
+        self.descriptions[topic] = {"text": text, "remark": text.partition("remark=")[2]}
+        self.meanings[topic] = meaning
+
     def _publisher_json(self, topic, entry, now):
         wave = 1 + 0.35 * math.sin(now / SECOND / 7 + entry["id"]) + self.random.uniform(-0.1, 0.1)
         rate = entry["rate"] * wave if self.is_lively else entry["rate"]
@@ -128,9 +134,12 @@ class FakeBus:
 
     def _topic_json(self, topic, publisher, subscribers):
         mine = [each for each in subscribers if topic in each["topics"]]
+        meaning = self.meanings.get(topic)
         of_publisher = publisher or dict.fromkeys(("last_value", "last_value_text", "last_unix_ns", "last_age_ns"))
         return {"topic": topic, "publisher": publisher, "last_value": of_publisher["last_value"],
-                "last_value_text": of_publisher["last_value_text"], "last_unix_ns": of_publisher["last_unix_ns"],
+                "last_value_text": of_publisher["last_value_text"],
+                "last_value_described": meaning(publisher["last_value"]) if publisher and meaning else None,
+                "last_unix_ns": of_publisher["last_unix_ns"],
                 "last_age_ns": of_publisher["last_age_ns"], "rates": publisher["rates"] if publisher else rates(0),
                 "subscribers": [each["id"] for each in mine], "queued": sum(each["flows"]["queued"] for each in mine),
                 "dropped": sum(each["flows"]["dropped"]["total"] for each in mine),
@@ -150,7 +159,8 @@ class FakeBus:
 
     def _server_json(self, now):
         return {"version": "0.1.0", "pid": self.server_pid, "alive": True, "paused": False, "state": "serving", "mode": "dynamic",
-                "started_unix_ns": self.server_started, "uptime_ns": now - self.server_started, "options": "--slow-subscriber *=drop-oldest:4096",
+                "started_unix_ns": self.server_started, "uptime_ns": now - self.server_started,
+                "options": "--slow-subscriber *=drop-oldest:4096",
                 "workers": 4, "threads": 17, "descriptors": 83, "memory_bytes": 18_430_000}
 
     def _bus_json(self, published, subscribers):
@@ -272,9 +282,8 @@ def example_bus(topics):
     bus.add_publisher("motor/2/speed", rate=395, program="motor-control", pid=5200)
     bus.add_publisher("<script>alert(1)</script>", value=7, program="prober", pid=5300)
     for hall in ("north", "south", "yard"):
-        bus.descriptions[f"plant/{hall}/temperature"] = {
-            "text": "fixed;step=1/1000;unit=°C", "type": "fixed", "numerator": 1, "denominator": 1000, "unit": "°C", "names": [],
-            "remark": "at the ceiling"}
+        bus.describe(f"plant/{hall}/temperature", "fixed;step=1/1000;unit=°C;remark=at the ceiling",
+                     lambda value: f"{value / 1000:.3f} °C")
     everything = sorted(bus.publishers)
     bus.add_subscriber("historian", everything, program="historian", pid=7001)
     bus.add_subscriber("alarm", [topic for topic in everything if "temperature" in topic or "pressure" in topic],

@@ -36,17 +36,10 @@ class Contents(PageTest):
     def test_value_is_shown_by_its_description(self):
         bus = FakeBus()
         bus.add_publisher("volts", value=-12_345)
-        bus.descriptions["volts"] = {"text": "fixed;step=1/1000;unit=V", "type": "fixed", "numerator": 1, "denominator": 1000,
-                                     "unit": "V", "names": [], "remark": ""}
-        bus.add_publisher("state", value=2)
-        bus.descriptions["state"] = {"text": "enum;2=on", "type": "enum", "numerator": 1, "denominator": 1, "unit": "",
-                                     "names": [{"value": 2, "name": "on"}], "remark": ""}
-        bus.add_publisher("ratio", value=0x3FF8000000000000)
-        bus.descriptions["ratio"] = {"text": "float64", "type": "float64", "numerator": 1, "denominator": 1, "unit": "",
-                                     "names": [], "remark": ""}
+        bus.describe("volts", "fixed;step=1/1000;unit=V", lambda value: f"{value / 1000} V")
         bus.add_publisher("large", value=-(2**63))
         self.open_page(bus)
-        self.assertEqual(self.texts("#topics-table .column-last .value"), ["-9223372036854775808", "1.5", "on", "-12.345 V"])
+        self.assertEqual(self.texts("#topics-table .column-last .value"), ["-9223372036854775808", "-12.345 V"])
 
     def test_push_is_shown(self):
         bus = FakeBus()

@@ -76,3 +76,8 @@ export function drops(dropped) {
   return reasons.filter((reason) => dropped[reason] > 0)
     .map((reason) => `${short(dropped[reason])} ${reason}`).join(", ");
 }
+
+// Returns: the last value of a topic, as its description says where there is one; null when there is none.
+export function lastValue(topic) {
+  return topic.last_value_described ?? topic.last_value_text;
+}

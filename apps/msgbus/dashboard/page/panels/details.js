@@ -3,7 +3,6 @@
 import {byId, element, setData, setFacts, setText} from "../dom.js";
 import * as format from "../format.js";
 import {Histogram} from "./latency.js";
-import {descriptionFacts, lastValueOf} from "../meaning.js";
 import {conditionOf} from "./subscribers.js";
 
 function rateText(rates) {
@@ -23,9 +22,16 @@ function publisherFacts(publisher) {
   ];
 }
 
+function descriptionFacts(description) {
+  if (!description) return [];
+  const facts = [["Description", description.text]];
+  if (description.remark) facts.push(["Remark", description.remark]);
+  return facts;
+}
+
 function topicFacts(topic) {
   return [
-    ["Last value", lastValueOf(topic) ?? "none"], ["As published", topic.last_value_text ?? "none"], ["Pushed", topic.last_unix_ns === null ? "never"
+    ["Last value", format.lastValue(topic) ?? "none"], ["As published", topic.last_value_text ?? "none"], ["Pushed", topic.last_unix_ns === null ? "never"
       : `${format.moment(topic.last_unix_ns)}, ${format.age(topic.last_age_ns)} ago`],
     ["Rate", rateText(topic.rates)], ...publisherFacts(topic.publisher),
     ["Unread", format.count(topic.queued)], ["Dropped", format.count(topic.dropped), topic.dropped ? "bad" : ""],

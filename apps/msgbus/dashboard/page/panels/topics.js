@@ -3,7 +3,6 @@
 import {byId, element, setData, setText} from "../dom.js";
 import * as format from "../format.js";
 import {Sparkline} from "../history.js";
-import {lastValueOf} from "../meaning.js";
 import {VirtualTable, byNumber, byText, nameCell, textCell} from "../virtual_table.js";
 
 const staleAfter = 10e9; // nanoseconds
@@ -17,7 +16,7 @@ function lastCell(cell) {
   const age = element("span", {class: "age"});
   cell.append(value, " ", age);
   return (topic) => {
-    setText(value, lastValueOf(topic) ?? "–");
+    setText(value, format.lastValue(topic) ?? "–");
     setData(cell, "long", String(value.textContent.length > 14));
     setText(age, topic.last_unix_ns === null ? "" : format.age(topic.last_age_ns));
     setData(cell, "stale", String(topic.last_age_ns > staleAfter));
