@@ -10,6 +10,8 @@
 
 namespace instruments {
 
+class MappedAccount;
+
 /// The account cannot be read: what() is a sentence.
 class AccountError final : public std::runtime_error {
 public:
@@ -49,8 +51,7 @@ public:
     bool IsReplaced() const;
 
 private:
-    class Mapping;
-    std::unique_ptr<Mapping> mapping;
+    std::unique_ptr<MappedAccount> account;
 };
 
 /// Returns: the path of the account file in the runtime directory of this user, "account" there.
