@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -86,6 +87,9 @@ int CreateFile(const std::string& path, std::size_t size) {
 } // namespace
 
 AccountFile::AccountFile(const std::optional<std::string>& directory, const AccountCapacities& capacities) {
+    assert(capacities.publishers <= MostSlots && capacities.subscribers <= MostSlots &&
+           capacities.clients <= MostClients && capacities.textBytes <= MostTextBytes &&
+           capacities.latencyPages <= MostLatencyPages);
     std::size_t size = 0;
     const Regions regions = Arrange(capacities, size);
     path = directory ? *directory + "/account" : "";

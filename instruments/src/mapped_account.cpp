@@ -66,7 +66,7 @@ void MappedAccount::Close() {
     }
 }
 
-void MappedAccount::Check() const {
+void MappedAccount::Check() {
     if (memory.size() < sizeof(Header) || Head().magic.load(std::memory_order_acquire) != layout::Magic) {
         throw AccountError(path.empty() ? "the memory is not an account" : "'" + path + "' is not an account");
     }
@@ -74,24 +74,35 @@ void MappedAccount::Check() const {
     if (head.version != layout::Version || head.headerSize != sizeof(Header)) {
         throw AccountError("the account '" + path + "' was written by another version of the server");
     }
-    const auto fits = [this](const Region& region, std::size_t elementSize) {
-        return region.elementSize == elementSize && region.offset % alignof(std::uint64_t) == 0 &&
-               region.offset <= memory.size() && region.count <= (memory.size() - region.offset) / elementSize;
+    regions = head.regions;
+    const auto fits = [this](const Region& region, std::size_t elementSize, std::size_t most) {
+        return region.elementSize == elementSize && region.offset % alignof(layout::Subscriber) == 0 &&
+               region.offset <= memory.size() && region.count <= (memory.size() - region.offset) / elementSize &&
+               region.count <= most;
     };
-    const auto& regions = head.regions;
-    if (!fits(regions.threads, sizeof(layout::Thread)) || !fits(regions.errors, sizeof(Twin<layout::Error>)) ||
-        !fits(regions.events, sizeof(Twin<layout::Event>)) || !fits(regions.publishers, sizeof(layout::Publisher)) ||
-        !fits(regions.subscribers, sizeof(layout::Subscriber)) || !fits(regions.clients, sizeof(layout::Client)) ||
-        !fits(regions.text, sizeof(std::uint64_t)) || !fits(regions.latencyPages, layout::LatencyPageSize)) {
-        throw AccountError("the account '" + path + "' is damaged");
+    using namespace layout;
+    if (regions.threads.count != ThreadCapacity || regions.errors.count != ErrorCapacity ||
+        regions.events.count != EventCapacityInFile || !fits(regions.threads, sizeof(Thread), ThreadCapacity) ||
+        !fits(regions.errors, sizeof(Twin<Error>), ErrorCapacity) ||
+        !fits(regions.events, sizeof(Twin<layout::Event>), EventCapacityInFile) ||
+        !fits(regions.publishers, sizeof(Publisher), MostSlots) ||
+        !fits(regions.subscribers, sizeof(Subscriber), MostSlots) ||
+        !fits(regions.clients, sizeof(Client), MostClients) ||
+        !fits(regions.text, sizeof(Counter), MostTextBytes / sizeof(Counter)) ||
+        !fits(regions.latencyPages, LatencyPageSize, MostLatencyPages)) {
+        ThrowDamaged();
     }
 }
 
+void MappedAccount::ThrowDamaged() const {
+    throw AccountError(path.empty() ? "the account in memory is damaged" : "the account '" + path + "' is damaged");
+}
+
 std::string MappedAccount::Copy(layout::Text text) const {
-    const auto& region = Head().regions.text;
+    const auto& region = regions.text;
     const std::size_t words = (std::size_t{text.size} + sizeof(std::uint64_t) - 1) / sizeof(std::uint64_t);
-    if (text.offset > region.count || words > region.count - text.offset) {
-        return {};
+    if (text.size > layout::MostTextSize || text.offset > region.count || words > region.count - text.offset) {
+        ThrowDamaged();
     }
     std::string bytes(words * sizeof(std::uint64_t), '\0');
     for (std::size_t i = 0; i < words; ++i) {

@@ -6,7 +6,6 @@
 #include <sched.h>
 #include <sys/types.h>
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -16,7 +15,8 @@
 
 namespace instruments {
 
-/// The memory of an account, and the ways into it. Nothing in it is trusted: what lies outside counts as empty.
+/// The memory of an account, and the ways into it. Nothing in it is trusted: what does not fit is an AccountError, and
+/// what is read of it is bounded by the constants of the layout.
 class MappedAccount final {
 public:
     /// Throws: as the constructors of AccountReader, for which they are.
@@ -28,6 +28,9 @@ public:
 
     const layout::Header& Head() const noexcept { return *reinterpret_cast<const layout::Header*>(memory.data()); }
 
+    /// Where its parts lie: a copy that was checked, since the memory may change.
+    const layout::Regions& Regions() const noexcept { return regions; }
+
     template <typename Element>
     const Element& At(const layout::Region& region, std::size_t index) const {
         return *reinterpret_cast<const Element*>(memory.data() + region.offset + index * region.elementSize);
@@ -35,25 +38,33 @@ public:
 
     template <typename Element, typename Function>
     void ForEach(const layout::Region& region, std::uint64_t used, const Function& function) const {
-        for (std::size_t i = 0; i < std::min(used, region.count); ++i) {
+        if (used > region.count) {
+            ThrowDamaged();
+        }
+        for (std::size_t i = 0; i < used; ++i) {
             function(At<Element>(region, i));
         }
     }
 
+    /// Throws: AccountError when the text does not fit.
     std::string Copy(layout::Text text) const;
+
+    /// Throws: AccountError.
+    [[noreturn]] void ThrowDamaged() const;
 
     /// Returns: whether the file has been replaced by a newer server's. Always false for memory.
     bool IsReplaced() const;
 
 private:
     void Close();
-    void Check() const;
+    void Check();
 
     std::string path; ///< empty: it is no file
     int file = -1;
     dev_t device = 0;
     ino_t node = 0;
     std::span<const std::byte> memory;
+    layout::Regions regions;
 };
 
 // How records in shared memory are read.

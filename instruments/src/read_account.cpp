@@ -70,28 +70,27 @@ void ReadBus(const layout::Bus& source, BusAccount& bus) {
 }
 
 void ReadThreads(const MappedAccount& account, Snapshot& snapshot) {
-    account.ForEach<layout::Thread>(
-        account.Head().regions.threads, layout::ThreadCapacity, [&](const layout::Thread& slot) {
-            std::array<char, sizeof slot.name> name{};
-            for (std::size_t i = 0; i < slot.name.size(); ++i) {
-                const std::uint64_t word = slot.name[i].load(std::memory_order_acquire);
-                std::memcpy(name.data() + i * sizeof word, &word, sizeof word);
-            }
-            if (name.front() == '\0') {
-                return;
-            }
-            ThreadAccount thread;
-            thread.name = TextIn(name);
-            thread.awaySince = slot.awaySince.load(std::memory_order_acquire);
-            thread.longestAway = std::chrono::nanoseconds(slot.longestAway.load(std::memory_order_acquire));
-            thread.longestAt = slot.longestAt.load(std::memory_order_acquire);
-            snapshot.threads.push_back(std::move(thread));
-        });
+    account.ForEach<layout::Thread>(account.Regions().threads, layout::ThreadCapacity, [&](const layout::Thread& slot) {
+        std::array<char, sizeof slot.name> name{};
+        for (std::size_t i = 0; i < slot.name.size(); ++i) {
+            const std::uint64_t word = slot.name[i].load(std::memory_order_acquire);
+            std::memcpy(name.data() + i * sizeof word, &word, sizeof word);
+        }
+        if (name.front() == '\0') {
+            return;
+        }
+        ThreadAccount thread;
+        thread.name = TextIn(name);
+        thread.awaySince = slot.awaySince.load(std::memory_order_acquire);
+        thread.longestAway = std::chrono::nanoseconds(slot.longestAway.load(std::memory_order_acquire));
+        thread.longestAt = slot.longestAt.load(std::memory_order_acquire);
+        snapshot.threads.push_back(std::move(thread));
+    });
 }
 
 void ReadErrors(const MappedAccount& account, Snapshot& snapshot) {
     account.ForEach<Twin<layout::Error>>(
-        account.Head().regions.errors, layout::ErrorCapacity, [&](const Twin<layout::Error>& slot) {
+        account.Regions().errors, layout::ErrorCapacity, [&](const Twin<layout::Error>& slot) {
             const layout::Error error = slot.Read();
             if (error.count != 0) {
                 snapshot.errors.push_back({error.isError != 0, TextIn(error.place), error.count, error.firstAt,
@@ -101,11 +100,14 @@ void ReadErrors(const MappedAccount& account, Snapshot& snapshot) {
 }
 
 std::vector<Event> ReadEvents(const MappedAccount& account, std::uint64_t after) {
-    const Region& region = account.Head().regions.events;
+    const Region& region = account.Regions().events;
     const std::uint64_t last = Load(account.Head().bus.lastEvent);
     std::vector<Event> events;
     const std::uint64_t kept = std::min<std::uint64_t>(region.count, last);
-    for (std::uint64_t number = std::max(after, last - kept) + 1; number <= last; ++number) {
+    const std::uint64_t before = std::max(after, last - kept);
+    const std::uint64_t count = last - std::min(before, last); // `after` may be a number of another account
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const std::uint64_t number = before + 1 + i;
         const layout::Event event = account.At<Twin<layout::Event>>(region, (number - 1) % region.count).Read();
         if (event.number != number) {
             continue; // overwritten by a newer one meanwhile
@@ -132,14 +134,14 @@ Snapshot AccountReader::Read(Depth depth) const {
     snapshot.readAt = Now();
     ReadBus(head.bus, snapshot.bus);
     SlotReader slots(*account, depth, snapshot);
-    account->ForEach<layout::Publisher>(head.regions.publishers, Load(head.publishersUsed),
+    account->ForEach<layout::Publisher>(account->Regions().publishers, Load(head.publishersUsed),
                                         [&](const auto& slot) { slots.ReadPublisher(slot); });
-    account->ForEach<layout::Subscriber>(head.regions.subscribers, Load(head.subscribersUsed),
+    account->ForEach<layout::Subscriber>(account->Regions().subscribers, Load(head.subscribersUsed),
                                          [&](const auto& slot) { slots.ReadSubscriber(slot); });
-    account->ForEach<layout::Client>(head.regions.clients, Load(head.clientsUsed),
+    account->ForEach<layout::Client>(account->Regions().clients, Load(head.clientsUsed),
                                      [&](const auto& slot) { slots.ReadClient(slot); });
     if (depth == Depth::Everything) {
-        snapshot.bus.latency = LatencyIn(*account, head.bus.latency);
+        snapshot.bus.latency = slots.ReadLatency(head.bus.latency);
     }
     ReadThreads(*account, snapshot);
     ReadErrors(*account, snapshot);

@@ -43,15 +43,56 @@ Rates RatesOf(const layout::RateHistory& history, std::uint64_t present, std::ui
 
 } // namespace
 
-Latency LatencyIn(const MappedAccount& account,
-                  const std::array<std::atomic<std::uint32_t>, LatencyBuckets::Pages>& pages) {
+void SlotReader::Charge(std::size_t textBytes) {
+    if (textBytes > textBytesLeft) {
+        account.ThrowDamaged();
+    }
+    textBytesLeft -= textBytes;
+}
+
+/// Finds the parts of a subscriber's text: its name, then its topics, which are a set in its order.
+void SlotReader::Separate(std::string_view text, SubscriberAccount& subscriber) const {
+    const auto next = [&] {
+        std::uint32_t size = 0;
+        if (text.size() < sizeof size) {
+            account.ThrowDamaged();
+        }
+        std::memcpy(&size, text.data(), sizeof size);
+        text.remove_prefix(sizeof size);
+        if (size > text.size()) {
+            account.ThrowDamaged();
+        }
+        std::string part(text.substr(0, size));
+        text.remove_prefix(size);
+        return part;
+    };
+    if (text.empty()) {
+        return; // there was no room for it
+    }
+    subscriber.name = next();
+    while (!text.empty()) {
+        std::string topic = next();
+        // So there is an end also to topics of no byte.
+        if (!subscriber.topics.empty() && topic <= subscriber.topics.back()) {
+            account.ThrowDamaged();
+        }
+        subscriber.topics.push_back(std::move(topic));
+    }
+}
+
+Latency SlotReader::ReadLatency(const std::array<std::atomic<std::uint32_t>, LatencyBuckets::Pages>& pages) {
     Latency latency;
     for (std::size_t octave = 0; octave < pages.size(); ++octave) {
         const std::uint32_t page = pages[octave].load(std::memory_order_acquire);
-        if (page == 0 || page > account.Head().regions.latencyPages.count) {
+        if (page == 0) {
             continue;
         }
-        const auto& counts = account.At<layout::LatencyPage>(account.Head().regions.latencyPages, page - 1);
+        const layout::Region& region = account.Regions().latencyPages;
+        if (page > region.count || pagesLeft == 0) {
+            account.ThrowDamaged();
+        }
+        --pagesLeft;
+        const auto& counts = account.At<layout::LatencyPage>(region, page - 1);
         for (std::size_t i = 0; i < counts.size(); ++i) {
             latency.Append(octave * LatencyBuckets::PerPage + i, counts[i].load(std::memory_order_relaxed));
         }
@@ -80,6 +121,7 @@ void SlotReader::ReadPublisher(const layout::Publisher& slot) {
     if (identity.id == 0) {
         return;
     }
+    Charge(publisher.topic.size() + description.size());
     publisher.id = identity.id;
     publisher.process = ProcessOf(identity.program);
     publisher.since = identity.since;
@@ -147,23 +189,8 @@ void SlotReader::ReadSubscriber(const layout::Subscriber& slot) {
     }
     SubscriberAccount subscriber;
     subscriber.id = identity.id;
-    std::string_view rest = text;
-    const auto nextText = [&rest] {
-        std::uint32_t size = 0;
-        if (rest.size() < sizeof size) {
-            rest = {};
-            return std::string();
-        }
-        std::memcpy(&size, rest.data(), sizeof size);
-        rest.remove_prefix(sizeof size);
-        std::string part(rest.substr(0, size));
-        rest.remove_prefix(part.size());
-        return part;
-    };
-    subscriber.name = nextText();
-    while (!rest.empty()) {
-        subscriber.topics.push_back(nextText());
-    }
+    Charge(text.size());
+    Separate(text, subscriber);
     subscriber.process = ProcessOf(identity.program);
     subscriber.since = identity.since;
     subscriber.isWaiting = flow.waiting != 0;
@@ -176,7 +203,7 @@ void SlotReader::ReadSubscriber(const layout::Subscriber& slot) {
     subscriber.rates =
         RatesOf(slot.rates, flow.taken + flow.offered, identity.takenBase, identity.since, snapshot.readAt);
     if (depth == AccountReader::Depth::Everything) {
-        subscriber.latency = LatencyIn(account, slot.latency);
+        subscriber.latency = ReadLatency(slot.latency);
     }
     snapshot.subscribers.push_back(std::move(subscriber));
 }

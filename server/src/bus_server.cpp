@@ -29,6 +29,7 @@ namespace msgbus_server {
 
 namespace {
 
+namespace layout = instruments::layout;
 using diagnostics::Log;
 using diagnostics::LogLevel;
 using message_bus::ConnectionType;
@@ -42,9 +43,7 @@ constexpr std::chrono::seconds ReleaseLimit{30};
 /// After this, a start that does not receive on every channel is given up.
 constexpr std::chrono::seconds StartLimit{30};
 
-/// Most slots of an account for publishers, and for subscribers; and those beside the limit, which does not count the
-/// server's own.
-constexpr std::size_t MostSlots = 65536;
+/// Slots of an account for subscribers beside the limit, which does not count the server's own.
 constexpr std::size_t SpareSlots = 64;
 
 /// Threads of the bus that end in an orderly stop, each of which needs a remover then: the worker of the static
@@ -152,8 +151,8 @@ void BusServer::MakeAccount() {
     }
     instruments::AccountCapacities capacities;
     if (options.limits) {
-        capacities.publishers = std::min(options.limits->publishers + AccountKeeper::MostRemembered, MostSlots);
-        capacities.subscribers = std::min(options.limits->subscribers + SpareSlots, MostSlots);
+        capacities.publishers = std::min(options.limits->publishers + AccountKeeper::MostRemembered, layout::MostSlots);
+        capacities.subscribers = std::min(options.limits->subscribers + SpareSlots, layout::MostSlots);
     }
     const ServerIdentity identity{options.account->version, options.account->options,
                                   options.connectionType == ConnectionType::Static};

@@ -175,18 +175,4 @@ TEST_F(AccountFileTest, ARegionOutsideTheFile_IsAnError) {
     EXPECT_THAT(ErrorOfReading(), HasSubstr("damaged"));
 }
 
-TEST_F(AccountFileTest, ATextOutsideTheFile_IsEmpty) {
-    const auto file = MakeFile(1);
-    ASSERT_TRUE(file->Commit(file->Head().regions.publishers, 1));
-    auto& slot = file->At<instruments::layout::Publisher>(file->Head().regions.publishers, 0);
-    instruments::layout::PublisherIdentity identity;
-    identity.id = 7;
-    identity.topic = {0xFFFFFFFF, 0xFFFFFFFF};
-    slot.identity.Write(identity);
-    file->Head().publishersUsed = ~0ULL;
-    const auto snapshot = AccountReader(Path()).Read();
-    ASSERT_EQ(snapshot.publishers.size(), 1U);
-    EXPECT_EQ(snapshot.publishers[0].topic, "");
-}
-
 } // namespace

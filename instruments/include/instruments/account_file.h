@@ -18,13 +18,13 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// How much an account has room for. What is not used takes no memory.
+/// How much an account has room for: no more than the layout's constants. What is not used takes no memory.
 struct AccountCapacities {
     std::size_t publishers = 16384;
     std::size_t subscribers = 16384;
-    std::size_t clients = 4096;
-    std::size_t textBytes = 128U << 20;
-    std::size_t latencyPages = 8192;
+    std::size_t clients = layout::MostClients;
+    std::size_t textBytes = layout::MostTextBytes;
+    std::size_t latencyPages = layout::MostLatencyPages;
 };
 
 /// The mapped account of a server that is about to write it. The file stays when this object goes.

@@ -35,6 +35,13 @@ inline constexpr std::size_t ErrorCapacity = 65; ///< the last one stands for al
 inline constexpr std::size_t EventCapacityInFile = 1024;
 inline constexpr std::int64_t NoTime = 0;
 
+// No account has more than this, so a reader takes no more from a damaged one.
+inline constexpr std::size_t MostSlots = 65536; ///< for publishers, and for subscribers
+inline constexpr std::size_t MostClients = 4096;
+inline constexpr std::size_t MostTextBytes = 128U << 20; ///< in the text region
+inline constexpr std::size_t MostTextSize = 16U << 20;   ///< of one text; by default a process may have a quarter of it
+inline constexpr std::size_t MostLatencyPages = 8192;
+
 using Counter = std::atomic<std::uint64_t>;
 using Time = std::atomic<std::int64_t>; ///< nanoseconds of CLOCK_MONOTONIC; 0: never
 

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstring>
 #include <iterator>
-#include <limits>
 
 namespace msgbus_server {
 
@@ -23,7 +22,7 @@ std::uint32_t WordsOf(std::size_t bytes) {
 
 std::optional<Text> TextHeap::Add(std::string_view bytes) {
     const auto& region = file.Head().regions.text;
-    if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
+    if (bytes.size() > instruments::layout::MostTextSize) {
         return std::nullopt;
     }
     const std::uint32_t words = WordsOf(bytes.size());
