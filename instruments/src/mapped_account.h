@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -71,6 +72,16 @@ private:
 
 inline std::uint64_t Load(const layout::Counter& counter) {
     return counter.load(std::memory_order_acquire);
+}
+
+/// Returns: a time or a duration, brought into a range in which no sum or difference of two overflows.
+inline Nanoseconds TimeIn(std::int64_t nanoseconds) {
+    constexpr Nanoseconds most = std::int64_t{1} << 61;
+    return std::clamp(nanoseconds, -most, most);
+}
+
+inline Nanoseconds Load(const layout::Time& time) {
+    return TimeIn(time.load(std::memory_order_acquire));
 }
 
 template <std::size_t Size>

@@ -35,15 +35,15 @@ ServerAccount ReadServer(const Header& head) {
     }
     server.state = static_cast<ServerState>(Load(head.state));
     server.isStatic = head.isStatic != 0;
-    server.startedAt = head.startedAt;
-    server.clockOffset = head.clockOffset;
+    server.startedAt = TimeIn(head.startedAt);
+    server.clockOffset = TimeIn(head.clockOffset);
     server.options = TextIn(head.options);
     const auto gauges = head.gauges.Read();
     server.workers = static_cast<std::uint32_t>(gauges.workers);
     server.threads = static_cast<std::uint32_t>(gauges.threads);
     server.descriptors = static_cast<std::uint32_t>(gauges.descriptors);
     server.memoryBytes = gauges.memoryBytes;
-    server.gaugesAt = gauges.at;
+    server.gaugesAt = TimeIn(gauges.at);
     return server;
 }
 
@@ -81,9 +81,9 @@ void ReadThreads(const MappedAccount& account, Snapshot& snapshot) {
         }
         ThreadAccount thread;
         thread.name = TextIn(name);
-        thread.awaySince = slot.awaySince.load(std::memory_order_acquire);
-        thread.longestAway = std::chrono::nanoseconds(slot.longestAway.load(std::memory_order_acquire));
-        thread.longestAt = slot.longestAt.load(std::memory_order_acquire);
+        thread.awaySince = Load(slot.awaySince);
+        thread.longestAway = std::chrono::nanoseconds(Load(slot.longestAway));
+        thread.longestAt = Load(slot.longestAt);
         snapshot.threads.push_back(std::move(thread));
     });
 }
@@ -93,8 +93,8 @@ void ReadErrors(const MappedAccount& account, Snapshot& snapshot) {
         account.Regions().errors, layout::ErrorCapacity, [&](const Twin<layout::Error>& slot) {
             const layout::Error error = slot.Read();
             if (error.count != 0) {
-                snapshot.errors.push_back({error.isError != 0, TextIn(error.place), error.count, error.firstAt,
-                                           error.lastAt, TextIn(error.text)});
+                snapshot.errors.push_back({error.isError != 0, TextIn(error.place), error.count, TimeIn(error.firstAt),
+                                           TimeIn(error.lastAt), TextIn(error.text)});
             }
         });
 }
@@ -112,8 +112,8 @@ std::vector<Event> ReadEvents(const MappedAccount& account, std::uint64_t after)
         if (event.number != number) {
             continue; // overwritten by a newer one meanwhile
         }
-        events.push_back({event.number, event.at, static_cast<EventKind>(event.kind), event.id, event.code, event.lost,
-                          ProcessOf(event.program),
+        events.push_back({event.number, TimeIn(event.at), static_cast<EventKind>(event.kind), event.id, event.code,
+                          event.lost, ProcessOf(event.program),
                           std::string(event.name.data(), std::min<std::size_t>(event.nameSize, event.name.size()))});
     }
     return events;

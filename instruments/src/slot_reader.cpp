@@ -124,21 +124,21 @@ void SlotReader::ReadPublisher(const layout::Publisher& slot) {
     Charge(publisher.topic.size() + description.size());
     publisher.id = identity.id;
     publisher.process = ProcessOf(identity.program);
-    publisher.since = identity.since;
-    publisher.leftAt = identity.leftAt;
+    publisher.since = TimeIn(identity.since);
+    publisher.leftAt = TimeIn(identity.leftAt);
     publisher.accepted = flow.accepted - identity.acceptedBase;
     publisher.withoutSubscriber = flow.withoutSubscriber - identity.withoutBase;
     publisher.refusedFull -= std::min(publisher.refusedFull, identity.refusedBase);
     publisher.acceptedBefore = identity.acceptedBefore;
     if (flow.lastAt != layout::NoTime) {
         publisher.lastValue = flow.lastValue;
-        publisher.lastAt = flow.lastAt;
+        publisher.lastAt = TimeIn(flow.lastAt);
     }
     if (flow.largestGap >= 0) {
-        publisher.smallestGap = flow.smallestGap;
-        publisher.largestGap = flow.largestGap;
+        publisher.smallestGap = TimeIn(flow.smallestGap);
+        publisher.largestGap = TimeIn(flow.largestGap);
     }
-    publisher.rates = RatesOf(slot.rates, flow.accepted, identity.acceptedBase, identity.since, snapshot.readAt);
+    publisher.rates = RatesOf(slot.rates, flow.accepted, identity.acceptedBase, publisher.since, snapshot.readAt);
     if (!description.empty() && identity.leftAt == layout::NoTime) {
         snapshot.descriptions.push_back({publisher.topic, std::move(description)});
     }
@@ -155,7 +155,7 @@ void SlotReader::ReadSubscriber(const layout::Subscriber& slot) {
         const auto identityVersion = slot.identity.Version();
         const auto flowVersion = slot.flow.Version();
         due = Load(slot.due);
-        nonEmptySince = slot.nonEmptySince.load(std::memory_order_acquire);
+        nonEmptySince = Load(slot.nonEmptySince);
         slot.identity.Copy(identityVersion, identity);
         slot.flow.Copy(flowVersion, flow);
         if (Load(slot.due) != due || !slot.flow.IsStill(flowVersion) || !slot.identity.IsStill(identityVersion)) {
@@ -192,16 +192,16 @@ void SlotReader::ReadSubscriber(const layout::Subscriber& slot) {
     Charge(text.size());
     Separate(text, subscriber);
     subscriber.process = ProcessOf(identity.program);
-    subscriber.since = identity.since;
+    subscriber.since = TimeIn(identity.since);
     subscriber.isWaiting = flow.waiting != 0;
     subscriber.isCut = flow.isCut != 0;
     subscriber.flows = {due - identity.dueBase, flow.taken - identity.takenBase,          flow.offered, queued,
                         flow.handedOver,        drops(flow.dropped, identity.droppedBase)};
     if (queued != 0) {
-        subscriber.oldestSince = std::max(nonEmptySince, flow.oldestFloor);
+        subscriber.oldestSince = std::max(nonEmptySince, TimeIn(flow.oldestFloor));
     }
     subscriber.rates =
-        RatesOf(slot.rates, flow.taken + flow.offered, identity.takenBase, identity.since, snapshot.readAt);
+        RatesOf(slot.rates, flow.taken + flow.offered, identity.takenBase, subscriber.since, snapshot.readAt);
     if (depth == AccountReader::Depth::Everything) {
         subscriber.latency = ReadLatency(slot.latency);
     }
@@ -229,7 +229,7 @@ void SlotReader::ReadClient(const layout::Client& slot) {
         return;
     }
     client.process = ProcessOf(identity.program);
-    client.since = identity.since;
+    client.since = TimeIn(identity.since);
     client.unknownPushes = pushes - identity.unknownPushesBase;
     client.unknownWaits = waits - identity.unknownWaitsBase;
     client.refusedRegistrations = refusals - identity.refusedRegistrationsBase;

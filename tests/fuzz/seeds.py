@@ -148,6 +148,30 @@ def hostile_servers():
     }
 
 
+def account_files():
+    threads, errors, events, publishers, subscribers, clients, text, pages, header = range(9)
+    highest = 2**64 - 1
+
+    def word(part, index, value):
+        return struct.pack("<BHQ", part, index, value)
+
+    return {
+        "whole": b"\0",
+        "cut": b"\x20",
+        "empty": b"\1",
+        "other_magic": b"\0" + word(header, 0, 0),
+        "region_moved": b"\0" + word(header, 3, highest),
+        "texts_of_zeros": b"\0" + b"".join(word(text, index, 0) for index in range(20)),
+        "text_outside": b"\0" + b"".join(word(subscribers, index, highest) for index in range(0, 60, 4)),
+        "times": b"\0" + b"".join(word(part, index, value) for part in (publishers, subscribers, threads)
+                                  for index in range(8) for value in (2**63, 2**63 - 1)),
+        "events": b"\0" + b"".join(word(events, index, highest) for index in range(0, 40, 3)),
+        "errors": b"\0" + word(errors, 3, highest) + word(errors, 9, 0xFF),
+        "clients": b"\0" + word(clients, 1, highest) + word(pages, 0, highest),
+        "ends_of_the_header": b"\0" + b"".join(word(header, 65535 - index, highest) for index in range(40)),
+    }
+
+
 def command_lines():
     lines = [
         "msgbus", "msgbus --help", "msgbus --version", "msgbus pub --help", "msgbus nonsense",
@@ -172,6 +196,7 @@ def main():
     folder = Path(sys.argv[1])
     for fuzzer, seeds in (("fuzz_request_record", request_records()), ("fuzz_shared_page", shared_pages()),
                           ("fuzz_join", joins()), ("fuzz_hostile_server", hostile_servers()),
+                          ("fuzz_account_file", account_files()),
                           ("fuzz_command_line", command_lines())):
         (folder / fuzzer).mkdir(parents=True, exist_ok=True)
         for name, seed in seeds.items():

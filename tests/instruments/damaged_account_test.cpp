@@ -156,6 +156,17 @@ TEST_F(DamagedAccountTest, PagesOfHistogramsThatAreShared_AreAnError) {
     EXPECT_THAT(ErrorOfReading(), HasSubstr("damaged"));
 }
 
+TEST_F(DamagedAccountTest, TimesBeyondAnyClock_CanBeAddedAllTheSame) {
+    constexpr auto highest = std::numeric_limits<std::int64_t>::max();
+    Head().startedAt = highest;
+    Head().clockOffset = highest;
+    auto server = AccountReader(file.Memory()).Read().server;
+    EXPECT_LE(server.startedAt, highest - server.clockOffset);
+    Head().startedAt = -highest;
+    server = AccountReader(file.Memory()).Read().server;
+    EXPECT_GE(server.startedAt, server.clockOffset - highest);
+}
+
 TEST_F(DamagedAccountTest, RegionsBeyondWhatAServerMakes_AreAnError) {
     // There is more memory behind them, as a sparse file may have any amount of it.
     AccountFile large(std::nullopt, {.clients = layout::MostClients});
