@@ -124,6 +124,7 @@ public:
 
 private:
     void MakeAccount();
+    void PublishAccount();
     message_bus::IWorker& MakeWorker();
     void MakePushes();
     FlushWake::Actions WakeActions();

@@ -107,6 +107,10 @@ std::string ReasonOfFailure(ConnectionType type) {
            "; is the runtime directory (BORVEN_RUNTIME_DIR) writable and yours alone?";
 }
 
+void WarnOfMemory(const instruments::AccountFileError& error) {
+    Log(LogLevel::Warning, "{}; the account is kept in memory only", error.what());
+}
+
 /// Runs `start`, which starts threads. Throws: OfferError when the system refuses one.
 template <typename Start>
 void StartingThreads(const Start& start) {
@@ -159,10 +163,23 @@ void BusServer::MakeAccount() {
     try {
         keeper.emplace(options.account->directory, capacities, identity);
     } catch (const instruments::AccountFileError& error) {
-        Log(LogLevel::Warning, "{}; the account is kept in memory only", error.what());
+        WarnOfMemory(error);
         keeper.emplace(std::nullopt, capacities, identity);
     }
     errors.emplace(*keeper);
+}
+
+/// Gives the account its file. Not before all that may keep a server from serving: the one of the server before would
+/// go out of the way, and with the next start that fails the evidence of its end.
+void BusServer::PublishAccount() {
+    if (!keeper) {
+        return;
+    }
+    try {
+        keeper->Publish();
+    } catch (const instruments::AccountFileError& error) {
+        WarnOfMemory(error);
+    }
 }
 
 /// Makes the decorators of pushes that do not know the callers, the last one first.
@@ -393,6 +410,7 @@ void BusServer::OnServing() {
         return;
     }
     HoldPushes(options.holdPushes);
+    PublishAccount();
     SetState(instruments::ServerState::Serving);
     Log(LogLevel::Info, "Serving in {} mode", ModeName(options.connectionType));
     if (reportServing) {

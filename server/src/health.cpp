@@ -57,7 +57,7 @@ std::optional<std::string> Health::WhyNotServing() const {
 
 std::optional<std::string> Health::WhichThreadIsAway(std::int64_t now) const {
     for (std::size_t i = 0; i < layout::ThreadCapacity; ++i) {
-        const auto& thread = file.At<layout::Thread>(file.Head().regions.threads, i);
+        const auto& thread = file.At<layout::Thread>(file.Regions().threads, i);
         const auto since = thread.awaySince.load(std::memory_order_acquire);
         if (since != layout::NoTime && now - since > PatienceInNanoseconds) {
             return fmt::format("The thread '{}' has been away from its loop for {} s.", NameOf(thread),

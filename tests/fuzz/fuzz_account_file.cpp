@@ -59,7 +59,7 @@ public:
     std::span<const std::byte> Memory() const { return file.Memory(); }
 
     void Replace(Input& input) const {
-        const Regions& regions = file.Head().regions;
+        const auto& regions = file.Regions();
         constexpr std::size_t parts = 9;
         const std::size_t part = input.Below(parts);
         const std::size_t index = input.Number<std::uint16_t>();
@@ -69,11 +69,8 @@ public:
             return;
         }
         const Region& region = (&regions.threads)[part];
-        // The header may say anything by now.
-        if (region.offset <= Memory().size() && region.elementSize <= Memory().size()) {
-            const bool isSmall = &region == &regions.text;
-            Put(region.offset, isSmall ? Small.textBytes : Used * region.elementSize, index, value);
-        }
+        const bool isText = &region == &regions.text;
+        Put(region.offset, isText ? Small.textBytes : Used * region.elementSize, index, value);
     }
 
 private:
@@ -87,7 +84,7 @@ private:
 
     Text Add(const std::string& text) {
         const Text place{textEnd, static_cast<std::uint32_t>(text.size())};
-        std::memcpy(&file.At<std::byte>(file.Head().regions.text, textEnd), text.data(), text.size());
+        std::memcpy(&file.At<std::byte>(file.Regions().text, textEnd), text.data(), text.size());
         textEnd += static_cast<std::uint32_t>((text.size() + sizeof(Counter) - 1) / sizeof(Counter));
         return place;
     }
@@ -100,7 +97,7 @@ private:
     static Program ProgramOf(std::size_t i) { return {i, static_cast<std::int64_t>(i), {'p'}}; }
 
     void PutPublisher(std::size_t i) {
-        auto& slot = *new (&file.At<Publisher>(file.Head().regions.publishers, i)) Publisher;
+        auto& slot = *new (&file.At<Publisher>(file.Regions().publishers, i)) Publisher;
         PublisherIdentity identity;
         identity.id = static_cast<std::int64_t>(i) + 1;
         identity.topic = Add("topic" + std::to_string(i));
@@ -113,7 +110,7 @@ private:
     }
 
     void PutSubscriber(std::size_t i) {
-        auto& slot = *new (&file.At<Subscriber>(file.Head().regions.subscribers, i)) Subscriber;
+        auto& slot = *new (&file.At<Subscriber>(file.Regions().subscribers, i)) Subscriber;
         SubscriberIdentity identity;
         identity.id = static_cast<std::int64_t>(i) + 3;
         identity.text = Add(Part("name" + std::to_string(i)) + Part("topic0") + Part("topic1"));
@@ -124,22 +121,22 @@ private:
         slot.flow.Write({3, 1, 1, 0, {1}, 1, 0, Second});
         slot.latency[2 + i] = static_cast<std::uint32_t>(i) + 1;
         file.Head().bus.latency[i] = static_cast<std::uint32_t>(i) + 3;
-        file.At<LatencyPage>(file.Head().regions.latencyPages, i)[i] = 1;
+        file.At<LatencyPage>(file.Regions().latencyPages, i)[i] = 1;
     }
 
     void PutClient(std::size_t i) {
-        auto& slot = *new (&file.At<Client>(file.Head().regions.clients, i)) Client;
+        auto& slot = *new (&file.At<Client>(file.Regions().clients, i)) Client;
         slot.identity.Write({i + 1, ProgramOf(i), Second, 0, 0, 0});
         slot.unknownPushes = i;
     }
 
     void PutRecords(std::size_t i) {
-        file.At<Thread>(file.Head().regions.threads, i).name[0] = 't';
+        file.At<Thread>(file.Regions().threads, i).name[0] = 't';
         Error error;
         error.count = 1;
         error.place = {'f'};
         error.text = {'e'};
-        file.At<Twin<Error>>(file.Head().regions.errors, i).Write(error);
+        file.At<Twin<Error>>(file.Regions().errors, i).Write(error);
         Event event;
         event.number = i + 1;
         event.at = Second;
@@ -147,7 +144,7 @@ private:
         event.program = ProgramOf(i);
         event.nameSize = 1;
         event.name = {'n'};
-        file.At<Twin<Event>>(file.Head().regions.events, i).Write(event);
+        file.At<Twin<Event>>(file.Regions().events, i).Write(event);
     }
 
     AccountFile file{std::nullopt, Small};

@@ -9,12 +9,17 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <array>
+#include <barrier>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -23,7 +28,10 @@ using instruments::AccountError;
 using instruments::AccountFile;
 using instruments::AccountFileError;
 using instruments::AccountReader;
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsSupersetOf;
+using testing::SizeIs;
 
 constexpr AccountCapacities Small{
     .publishers = 8, .subscribers = 8, .clients = 8, .textBytes = 4096, .latencyPages = 4};
@@ -54,6 +62,16 @@ protected:
         std::fstream file(Path(), std::ios::in | std::ios::out | std::ios::binary);
         file.seekp(offset);
         file.write(reinterpret_cast<const char*>(&value), sizeof value);
+    }
+
+    /// Returns: the names in the directory, in order.
+    std::vector<std::string> Names() const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+            names.push_back(entry.path().filename());
+        }
+        std::sort(names.begin(), names.end());
+        return names;
     }
 
     std::string ErrorOfReading() const {
@@ -92,8 +110,69 @@ TEST_F(AccountFileTest, ANewAccount_KeepsTheOneBefore) {
 
 TEST_F(AccountFileTest, TheAccountOfAServerThatRuns_IsNotReplaced) {
     const auto first = MakeFile(1);
-    EXPECT_THROW(AccountFile(directory, Small), AccountFileError);
+    AccountFile second(directory, Small);
+    second.Head().pid = 2;
+    EXPECT_THROW(second.Publish(), AccountFileError);
     EXPECT_EQ(AccountReader(Path()).Read().server.pid, 1);
+    EXPECT_EQ(AccountReader(second.Memory()).Read().server.pid, 2); // in memory only
+    EXPECT_TRUE(second.Commit(second.Regions().subscribers, 8));
+    EXPECT_THAT(Names(), ElementsAre("account"));
+}
+
+TEST_F(AccountFileTest, OfServersThatStartAtOnce_OneHasTheFileAndTheOthersReplaceNothing) {
+    MakeFile(0);
+    for (std::int64_t round = 1; round <= 50; ++round) {
+        constexpr int count = 4;
+        std::vector<std::unique_ptr<AccountFile>> files;
+        for (std::int64_t i = 0; i < count; ++i) {
+            files.push_back(std::make_unique<AccountFile>(directory, Small));
+            files.back()->Head().pid = round * count + i;
+        }
+        std::array<std::int64_t, count> published{};
+        std::barrier together(count);
+        std::vector<std::thread> threads;
+        for (std::size_t i = 0; i < count; ++i) {
+            threads.emplace_back([&, i] {
+                together.arrive_and_wait();
+                try {
+                    files[i]->Publish();
+                    published[i] = files[i]->Head().pid;
+                } catch (const AccountFileError&) {
+                    published[i] = 0;
+                }
+            });
+        }
+        for (auto& thread : threads) {
+            thread.join();
+        }
+        const auto before = AccountReader(Path() + ".previous").Read().server.pid;
+        const auto now = AccountReader(Path()).Read().server.pid;
+        ASSERT_EQ(count - std::count(published.begin(), published.end(), 0), 1);
+        ASSERT_EQ(now, *std::max_element(published.begin(), published.end()));
+        ASSERT_EQ(before / count, round - 1);
+        ASSERT_THAT(Names(), ElementsAre("account", "account.previous"));
+    }
+}
+
+TEST_F(AccountFileTest, AStartThatFails_LeavesTheAccountsOfTheServersBefore) {
+    MakeFile(1);
+    MakeFile(2);
+    { const AccountFile failed(directory, Small); }
+    EXPECT_EQ(AccountReader(Path()).Read().server.pid, 2);
+    EXPECT_EQ(AccountReader(Path() + ".previous").Read().server.pid, 1);
+    EXPECT_THAT(Names(), ElementsAre("account", "account.previous"));
+}
+
+TEST_F(AccountFileTest, WhatAServerThatWasKilledBeforeItServedHasLeft_IsRemovedByTheNextOne) {
+    std::ofstream(Path() + ".new.123") << "left";
+    std::ofstream(Path() + ".newer") << "another file";
+    const AccountFile starting(directory, Small);
+    const auto names = Names();
+    EXPECT_THAT(names, SizeIs(2)); // the one that is starting
+    AccountFile second(directory, Small);
+    EXPECT_THAT(Names(), SizeIs(3)); // and the one that starts at the same time
+    EXPECT_THAT(Names(), IsSupersetOf(names));
+    EXPECT_THAT(Names(), testing::Contains("account.newer"));
 }
 
 TEST_F(AccountFileTest, AReader_LearnsThatItsFileWasReplaced) {
@@ -124,8 +203,10 @@ TEST_F(AccountFileTest, ADirectoryThatIsMissing_IsAnErrorWithItsName) {
 
 TEST_F(AccountFileTest, Commit_BeyondTheCapacity_IsRefused) {
     AccountFile file(directory, Small);
-    EXPECT_TRUE(file.Commit(file.Head().regions.subscribers, 8));
-    EXPECT_FALSE(file.Commit(file.Head().regions.subscribers, 9));
+    EXPECT_TRUE(file.Commit(file.Regions().subscribers, 8));
+    EXPECT_FALSE(file.Commit(file.Regions().subscribers, 9));
+    file.Head().regions.subscribers.count = 9; // others may write into the file
+    EXPECT_FALSE(file.Commit(file.Regions().subscribers, 9));
 }
 
 TEST_F(AccountFileTest, WhatWasCommitted_TakesRoomOnTheDiskAndTheRestDoesNot) {
@@ -136,7 +217,7 @@ TEST_F(AccountFileTest, WhatWasCommitted_TakesRoomOnTheDiskAndTheRestDoesNot) {
     struct stat before {};
     ASSERT_EQ(::stat(Path().c_str(), &before), 0);
     EXPECT_LT(before.st_blocks * 512, 8 << 20);
-    ASSERT_TRUE(file.Commit(file.Head().regions.text, (32U << 20) / 8));
+    ASSERT_TRUE(file.Commit(file.Regions().text, (32U << 20) / 8));
     struct stat after {};
     ASSERT_EQ(::stat(Path().c_str(), &after), 0);
     EXPECT_GE((after.st_blocks - before.st_blocks) * 512, 32 << 20);

@@ -38,19 +38,19 @@ protected:
         layout::SubscriberIdentity identity;
         identity.id = static_cast<std::int64_t>(index) + 1;
         identity.text = text;
-        file.At<layout::Subscriber>(Head().regions.subscribers, index).identity.Write(identity);
+        file.At<layout::Subscriber>(file.Regions().subscribers, index).identity.Write(identity);
         Head().subscribersUsed = index + 1;
     }
 
     /// Puts `bytes` at the beginning of the texts.
     void PutText(const std::string& bytes) const {
-        std::memcpy(&file.At<std::byte>(Head().regions.text, 0), bytes.data(), bytes.size());
+        std::memcpy(&file.At<std::byte>(file.Regions().text, 0), bytes.data(), bytes.size());
     }
 
     void PutEvent(std::uint64_t number) const {
         layout::Event event;
         event.number = number;
-        file.At<Twin<layout::Event>>(Head().regions.events, (number - 1) % layout::EventCapacityInFile).Write(event);
+        file.At<Twin<layout::Event>>(file.Regions().events, (number - 1) % layout::EventCapacityInFile).Write(event);
     }
 
     std::string ErrorOfReading() const {
@@ -143,7 +143,7 @@ TEST_F(DamagedAccountTest, SlotsThatShareATextAreAnError_BecauseTheyTakeMoreThan
 }
 
 TEST_F(DamagedAccountTest, PagesOfHistogramsThatAreShared_AreAnError) {
-    auto& latency = file.At<layout::Subscriber>(Head().regions.subscribers, 0).latency;
+    auto& latency = file.At<layout::Subscriber>(file.Regions().subscribers, 0).latency;
     PutSubscriber(0, {0, 0});
     for (std::size_t octave = 0; octave < Small.latencyPages; ++octave) {
         latency[octave] = 1;

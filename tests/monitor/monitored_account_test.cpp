@@ -23,8 +23,8 @@ TEST(MonitoredAccountTest, AccountAndEvents_AreThoseInMemory) {
     instruments::layout::Event event;
     event.number = 1;
     event.id = 18;
-    file.Commit(file.Head().regions.events, 1);
-    file.At<instruments::Twin<instruments::layout::Event>>(file.Head().regions.events, 0).Write(event);
+    file.Commit(file.Regions().events, 1);
+    file.At<instruments::Twin<instruments::layout::Event>>(file.Regions().events, 0).Write(event);
     file.Head().bus.lastEvent = 1;
     file.Publish();
 

@@ -28,7 +28,7 @@ protected:
     void SetState(ServerState state) { file.Head().state = static_cast<std::uint64_t>(state); }
 
     layout::Thread& NamedThread(std::uint64_t slot) {
-        auto& thread = file.At<layout::Thread>(file.Head().regions.threads, slot);
+        auto& thread = file.At<layout::Thread>(file.Regions().threads, slot);
         std::uint64_t word = 0;
         std::memcpy(&word, "events", 6);
         thread.name[0] = word;

@@ -7,7 +7,7 @@ import signal
 import subprocess
 import threading
 
-from harness import BIN, DONE, PATIENCE, SANITIZED, SERVER_OPTIONS, BusTest, Calls, main, wait_until
+from harness import BIN, DONE, FAILED, MODE, PATIENCE, SANITIZED, SERVER_OPTIONS, BusTest, Calls, main, wait_until
 
 READS = 2000 if SANITIZED else 10000
 
@@ -25,8 +25,8 @@ class Account(BusTest):
         check.expect_exit(DONE)
         return {name: int(number) for name, number in zip(words[2::2], words[3::2])}
 
-    def state(self):
-        autopsy = subprocess.run([f"{BIN}/msgbus", "autopsy", "--json"], env=self.environment, check=True,
+    def state(self, *options):
+        autopsy = subprocess.run([f"{BIN}/msgbus", "autopsy", "--json", *options], env=self.environment, check=True,
                                  stdout=subprocess.PIPE, timeout=PATIENCE)
         return json.loads(autopsy.stdout)
 
@@ -118,6 +118,33 @@ class Account(BusTest):
         finally:
             ending.set()
             thread.join()
+        server.stop()
+
+    def test_a_start_that_fails_leaves_the_evidence_of_a_crash(self):
+        server = self.server(log_level="off")
+        server.kill()
+        crashed = server.popen.pid
+        for _ in range(2):
+            process = self.start(f"{BIN}/msgbusd", "--monitor", "127.0.0.1:0", "--monitor-token-file", "/nonexistent")
+            process.expect_error("the token file")
+            process.expect_exit(FAILED)
+        self.assertEqual(self.state()["server"]["pid"], crashed)
+        self.assertEqual(os.listdir(self.runtime).count("account"), 1)
+        server = self.server(log_level="off")
+        for _ in range(2):
+            process = self.start(f"{BIN}/msgbusd", f"--{MODE}")
+            process.expect_error("another msgbusd is already serving")
+            process.expect_exit(FAILED)
+        self.assertEqual(self.state()["server"]["pid"], server.popen.pid)
+        self.assertEqual(self.state("--previous")["server"]["pid"], crashed)
+        server.stop()
+
+    def test_what_a_server_that_was_killed_at_its_start_has_left_is_removed(self):
+        left = os.path.join(self.runtime, "account.new.abcdef")
+        with open(left, "wb") as file:
+            file.truncate(1 << 20)
+        server = self.server(log_level="off")
+        self.assertFalse(os.path.exists(left))
         server.stop()
 
     def test_the_silent_mistakes_are_counted(self):

@@ -46,12 +46,16 @@ public:
     /// Publishers that have left and are remembered with their last value.
     static constexpr std::size_t MostRemembered = 256;
 
-    /// `directory`: of the file; none: the account is in memory only. Throws: instruments::AccountFileError.
+    /// `directory`: of the file; none: the account is in memory only, as it is until Publish.
+    /// Throws: instruments::AccountFileError.
     AccountKeeper(const std::optional<std::string>& directory, const instruments::AccountCapacities& capacities,
                   const ServerIdentity& server);
     AccountKeeper(const AccountKeeper&) = delete;
     AccountKeeper& operator=(const AccountKeeper&) = delete;
     ~AccountKeeper() override;
+
+    /// The file gets its name. Throws: instruments::AccountFileError: it is in memory only, and works there. Once.
+    void Publish() { file.Publish(); }
 
     const instruments::AccountFile& File() const noexcept { return file; }
     instruments::layout::Bus& Bus() noexcept { return file.Head().bus; }

@@ -116,7 +116,7 @@ AccountKeeper::AccountKeeper(const std::optional<std::string>& directory,
     header.isStatic = server.isStatic ? 1 : 0;
     CopyText(header.programVersion, server.version);
     CopyText(header.options, server.options);
-    file.Publish();
+    file.MarkReadable();
 }
 
 AccountKeeper::~AccountKeeper() = default;
@@ -152,8 +152,8 @@ std::optional<AccountKeeper::PublisherPlace> AccountKeeper::PublisherSlotFor(con
         return PublisherPlace{slot, false};
     }
     const std::size_t used = publishers.size();
-    if (remembered.size() < MostRemembered && file.Commit(file.Head().regions.publishers, used + 1)) {
-        auto* const slot = new (&file.At<Publisher>(file.Head().regions.publishers, used)) Publisher;
+    if (remembered.size() < MostRemembered && file.Commit(file.Regions().publishers, used + 1)) {
+        auto* const slot = new (&file.At<Publisher>(file.Regions().publishers, used)) Publisher;
         publishers.push_back(std::make_unique<PublisherEntry>(*slot));
         file.Head().publishersUsed.store(used + 1, std::memory_order_release);
         return PublisherPlace{used, false};
@@ -205,7 +205,7 @@ void AccountKeeper::EndPublisher(PublisherEntry& ended, const std::string& topic
     const Text description = std::exchange(identity.description, Text{});
     slot.identity.Write(identity);
     texts->Remove(description);
-    const auto index = static_cast<std::size_t>(&slot - &file.At<Publisher>(file.Head().regions.publishers, 0));
+    const auto index = static_cast<std::size_t>(&slot - &file.At<Publisher>(file.Regions().publishers, 0));
     remembered[topic] = index;
     rememberedOrder.push_back(topic);
     NoteEvent(hasDied ? EventKind::PublisherDied : EventKind::PublisherGone, identity.id, identity.program, topic);
@@ -226,7 +226,7 @@ bool AccountKeeper::Describe(PublisherEntry& publisher, std::string_view text) {
 std::shared_ptr<SubscriberEntry> AccountKeeper::AddSubscriber(long id, const std::string& name,
                                                               const std::set<std::string>& topics,
                                                               const FanOutRing& ring) {
-    const Region& region = file.Head().regions.subscribers;
+    const Region& region = file.Regions().subscribers;
     std::size_t index = file.Head().subscribersUsed.load(std::memory_order_relaxed);
     if (!freeSubscribers.empty()) {
         index = freeSubscribers.back();
@@ -267,8 +267,7 @@ void AccountKeeper::EndSubscriber(SubscriberEntry& ended, const std::string& nam
     const SubscriberIdentity identity = slot.identity.Read();
     slot.identity.Write({});
     texts->Remove(identity.text);
-    freeSubscribers.push_back(
-        static_cast<std::size_t>(&slot - &file.At<Subscriber>(file.Head().regions.subscribers, 0)));
+    freeSubscribers.push_back(static_cast<std::size_t>(&slot - &file.At<Subscriber>(file.Regions().subscribers, 0)));
     if (kind) {
         NoteEvent(*kind, identity.id, identity.program, name, 0, lost);
     }
@@ -287,7 +286,7 @@ void AccountKeeper::NoteEvent(EventKind kind, std::int64_t id, const Program& pr
     std::copy_n(name.data(), event.nameSize, event.name.data());
     const common::MutexLock lock(eventsMutex);
     event.number = Bus().lastEvent.load(std::memory_order_relaxed) + 1;
-    file.At<Twin<Event>>(file.Head().regions.events, (event.number - 1) % EventCapacityInFile).Write(event);
+    file.At<Twin<Event>>(file.Regions().events, (event.number - 1) % EventCapacityInFile).Write(event);
     Bus().lastEvent.store(event.number, std::memory_order_release);
     gauges.Note();
 }
@@ -309,7 +308,7 @@ AccountKeeper::ClientRecord* AccountKeeper::RecordOf(const KnCaller& caller) noe
         return &found->second;
     }
     try {
-        const Region& region = file.Head().regions.clients;
+        const Region& region = file.Regions().clients;
         std::size_t index = file.Head().clientsUsed.load(std::memory_order_relaxed);
         if (!freeClients.empty()) {
             index = freeClients.back();
@@ -342,7 +341,7 @@ void AccountKeeper::CountForRequest(Counter Client::*counter) noexcept {
         return; // no request, or one of a process whose end was reported: a record would stay for ever
     }
     if (const auto* const record = RecordOf(caller)) {
-        (file.At<Client>(file.Head().regions.clients, record->slot).*counter).fetch_add(1, std::memory_order_relaxed);
+        (file.At<Client>(file.Regions().clients, record->slot).*counter).fetch_add(1, std::memory_order_relaxed);
     }
 }
 
@@ -363,7 +362,7 @@ void AccountKeeper::NoteRefusal(const KnCaller& caller, cor::ResultCode code, st
         if (record == nullptr) {
             return;
         }
-        auto& slot = file.At<Client>(file.Head().regions.clients, record->slot);
+        auto& slot = file.At<Client>(file.Regions().clients, record->slot);
         slot.refusedRegistrations.fetch_add(1, std::memory_order_relaxed);
         const std::int64_t now = TimeOf(CLOCK_MONOTONIC);
         // One a second: a client that goes on must not push the other events out.
@@ -381,7 +380,7 @@ void AccountKeeper::EndClient(const KnCaller& caller) noexcept {
     if (found == clients.end()) {
         return;
     }
-    file.At<Client>(file.Head().regions.clients, found->second.slot).identity.Write({});
+    file.At<Client>(file.Regions().clients, found->second.slot).identity.Write({});
     try {
         freeClients.push_back(found->second.slot);
     } catch (...) {
@@ -408,7 +407,7 @@ Thread* AccountKeeper::ThisThread() noexcept {
     known = {instance, nullptr};
     const common::MutexLock lock(threadsMutex);
     for (std::size_t i = 0; i < ThreadCapacity; ++i) {
-        auto& slot = file.At<Thread>(file.Head().regions.threads, i);
+        auto& slot = file.At<Thread>(file.Regions().threads, i);
         const bool isFree = threadIds[i] == 0;
         if (isFree) {
             slot.name[1].store(words[1], std::memory_order_release);
@@ -432,7 +431,7 @@ std::atomic<std::uint32_t>* AccountKeeper::BucketOf(OctavePages& pages, std::uin
     const std::size_t bucket = LatencyBuckets::Of(nanoseconds);
     auto& page = pages[bucket / LatencyBuckets::PerPage];
     std::uint32_t number = page.load(std::memory_order_relaxed);
-    const Region& region = file.Head().regions.latencyPages;
+    const Region& region = file.Regions().latencyPages;
     if (number == 0) {
         if (!file.Commit(region, std::size_t{pagesUsed} + 1)) {
             return nullptr;
@@ -456,7 +455,7 @@ void AccountKeeper::ClearLatency(Subscriber& slot) {
     const common::MutexLock lock(pagesMutex);
     for (const auto& page : slot.latency) {
         if (const std::uint32_t number = page.load(std::memory_order_relaxed); number != 0) {
-            for (auto& count : file.At<LatencyPage>(file.Head().regions.latencyPages, number - 1)) {
+            for (auto& count : file.At<LatencyPage>(file.Regions().latencyPages, number - 1)) {
                 count.store(0, std::memory_order_relaxed);
             }
         }
@@ -480,7 +479,7 @@ void AccountKeeper::Put(std::size_t index, const instruments::ErrorAccount& entr
     error.lastAt = entry.lastAt;
     CopyText(error.place, entry.place);
     CopyText(error.text, entry.text);
-    file.At<Twin<Error>>(file.Head().regions.errors, index).Write(error);
+    file.At<Twin<Error>>(file.Regions().errors, index).Write(error);
     gauges.Note();
 }
 

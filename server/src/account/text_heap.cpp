@@ -21,7 +21,7 @@ std::uint32_t WordsOf(std::size_t bytes) {
 } // namespace
 
 std::optional<Text> TextHeap::Add(std::string_view bytes) {
-    const auto& region = file.Head().regions.text;
+    const auto& region = file.Regions().text;
     if (bytes.size() > instruments::layout::MostTextSize) {
         return std::nullopt;
     }
