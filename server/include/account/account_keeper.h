@@ -128,10 +128,12 @@ private:
     std::map<std::string, std::size_t> remembered;           ///< slots of publishers that have left, by topic
     std::deque<std::string> rememberedOrder;                 ///< their topics, oldest first
     std::vector<std::size_t> freePublishers;                 ///< slots whose topic had no room
+    std::size_t subscribersUsed = 0;                         ///< slots
     std::vector<std::size_t> freeSubscribers;
 
     common::Mutex clientsMutex;
     std::unordered_map<std::uint64_t, ClientRecord> clients GUARDED_BY(clientsMutex); ///< by caller
+    std::size_t clientsUsed GUARDED_BY(clientsMutex) = 0;                             ///< slots
     std::vector<std::size_t> freeClients GUARDED_BY(clientsMutex);
 
     common::Mutex eventsMutex;  ///< of the ring of events

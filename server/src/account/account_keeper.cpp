@@ -227,13 +227,13 @@ std::shared_ptr<SubscriberEntry> AccountKeeper::AddSubscriber(long id, const std
                                                               const std::set<std::string>& topics,
                                                               const FanOutRing& ring) {
     const Region& region = file.Regions().subscribers;
-    std::size_t index = file.Head().subscribersUsed.load(std::memory_order_relaxed);
+    std::size_t index = subscribersUsed;
     if (!freeSubscribers.empty()) {
         index = freeSubscribers.back();
         freeSubscribers.pop_back();
     } else if (file.Commit(region, index + 1)) {
         new (&file.At<Subscriber>(region, index)) Subscriber;
-        file.Head().subscribersUsed.store(index + 1, std::memory_order_release);
+        file.Head().subscribersUsed.store(++subscribersUsed, std::memory_order_release);
     } else {
         Bus().unlisted.fetch_add(1, std::memory_order_relaxed);
         return nullptr;
@@ -309,13 +309,13 @@ AccountKeeper::ClientRecord* AccountKeeper::RecordOf(const KnCaller& caller) noe
     }
     try {
         const Region& region = file.Regions().clients;
-        std::size_t index = file.Head().clientsUsed.load(std::memory_order_relaxed);
+        std::size_t index = clientsUsed;
         if (!freeClients.empty()) {
             index = freeClients.back();
             freeClients.pop_back();
         } else if (file.Commit(region, index + 1)) {
             new (&file.At<Client>(region, index)) Client;
-            file.Head().clientsUsed.store(index + 1, std::memory_order_release);
+            file.Head().clientsUsed.store(++clientsUsed, std::memory_order_release);
         } else {
             return nullptr;
         }
@@ -440,6 +440,9 @@ std::atomic<std::uint32_t>* AccountKeeper::BucketOf(OctavePages& pages, std::uin
         number = ++pagesUsed;
         page.store(number, std::memory_order_release);
     }
+    if (number > pagesUsed) {
+        return nullptr; // another program has written there
+    }
     return &file.At<LatencyPage>(region, number - 1)[bucket % LatencyBuckets::PerPage];
 }
 
@@ -454,7 +457,7 @@ void AccountKeeper::NoteGivenUp(long subscriberId) noexcept {
 void AccountKeeper::ClearLatency(Subscriber& slot) {
     const common::MutexLock lock(pagesMutex);
     for (const auto& page : slot.latency) {
-        if (const std::uint32_t number = page.load(std::memory_order_relaxed); number != 0) {
+        if (const std::uint32_t number = page.load(std::memory_order_relaxed); number != 0 && number <= pagesUsed) {
             for (auto& count : file.At<LatencyPage>(file.Regions().latencyPages, number - 1)) {
                 count.store(0, std::memory_order_relaxed);
             }

@@ -46,14 +46,20 @@ std::optional<Text> TextHeap::Add(std::string_view bytes) {
         std::memcpy(&word, part.data(), part.size());
         file.At<Counter>(region, offset + i).store(word, std::memory_order_release);
     }
+    if (words != 0) {
+        taken.emplace(offset, words);
+    }
     return Text{offset, static_cast<std::uint32_t>(bytes.size())};
 }
 
 void TextHeap::Remove(Text text) {
-    if (text.size == 0) {
+    // What is removed may have been read from the account, into which other programs may write.
+    const auto own = taken.find(text.offset);
+    if (text.size == 0 || own == taken.end()) {
         return;
     }
-    auto place = gaps.emplace(text.offset, WordsOf(text.size)).first;
+    auto place = gaps.insert(*own).first;
+    taken.erase(own);
     if (const auto next = std::next(place); next != gaps.end() && place->first + place->second == next->first) {
         place->second += next->second;
         gaps.erase(next);

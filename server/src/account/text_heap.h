@@ -20,8 +20,9 @@ public:
 
 private:
     instruments::AccountFile& file;
-    std::uint32_t end = 0;                       ///< in words: what lies behind was never used
-    std::map<std::uint32_t, std::uint32_t> gaps; ///< offset to length, in words; never side by side
+    std::uint32_t end = 0;                        ///< in words: what lies behind was never used
+    std::map<std::uint32_t, std::uint32_t> taken; ///< offset to length, in words
+    std::map<std::uint32_t, std::uint32_t> gaps;  ///< offset to length, in words; never side by side
 };
 
 } // namespace msgbus_server
