@@ -1,4 +1,4 @@
-#include "process_state.h"
+#include "instruments/process_state.h"
 
 #include <fstream>
 #include <sstream>

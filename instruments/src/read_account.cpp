@@ -1,8 +1,8 @@
 #include "instruments/read_account.h"
 
 #include "instruments/account_layout.h"
+#include "instruments/process_state.h"
 #include "mapped_account.h"
-#include "process_state.h"
 #include "slot_reader.h"
 
 #include <algorithm>

@@ -2,6 +2,7 @@
 
 #include "account/probes.h"
 #include "diagnostics.h"
+#include "instruments/process_state.h"
 #include "kn/policy.h"
 #include "kn/status.h"
 #include "text_heap.h"
@@ -15,9 +16,7 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <iterator>
-#include <sstream>
 #include <utility>
 
 namespace msgbus_server {
@@ -48,23 +47,6 @@ void CopyText(std::array<char, Size>& target, std::string_view text) {
     target = {};
     const std::size_t size = std::min(text.size(), Size - 1);
     std::copy_n(text.data(), size, target.data());
-}
-
-/// Returns: when this process started, in clock ticks since the system did.
-std::uint64_t OwnStartTime() {
-    std::ifstream file("/proc/self/stat");
-    std::string line;
-    std::getline(file, line);
-    const auto nameEnd = line.rfind(')');
-    std::istringstream fields(nameEnd == std::string::npos ? "" : line.substr(nameEnd + 1));
-    constexpr int fieldsBefore = 19;
-    std::string skipped;
-    for (int i = 0; i < fieldsBefore; ++i) {
-        fields >> skipped;
-    }
-    std::uint64_t startTime = 0;
-    fields >> startTime;
-    return startTime;
 }
 
 Program OwnProgram() {
@@ -110,7 +92,9 @@ AccountKeeper::AccountKeeper(const std::optional<std::string>& directory,
       gauges([this] { RefreshGauges(); }) {
     Header& header = file.Head();
     header.pid = ::getpid();
-    header.startTime = OwnStartTime();
+    if (const auto process = instruments::StateOfProcess(header.pid)) {
+        header.startTime = process->startTime;
+    }
     header.startedAt = TimeOf(CLOCK_MONOTONIC);
     header.clockOffset = TimeOf(CLOCK_REALTIME) - header.startedAt;
     header.isStatic = server.isStatic ? 1 : 0;
