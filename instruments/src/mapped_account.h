@@ -50,6 +50,9 @@ public:
     /// Throws: AccountError when the text does not fit.
     std::string Copy(layout::Text text) const;
 
+    /// Returns: whether it is the memory of the calling server itself, and no file.
+    bool IsMemory() const noexcept { return path.empty(); }
+
     /// Throws: AccountError.
     [[noreturn]] void ThrowDamaged() const;
 

@@ -24,19 +24,21 @@ Nanoseconds Now() {
     return now.tv_sec * second + now.tv_nsec;
 }
 
-ServerAccount ReadServer(const Header& head) {
+ServerAccount ReadServer(const Header& head, bool isOwn) {
     ServerAccount server;
     server.version = TextIn(head.programVersion);
     server.pid = static_cast<std::int32_t>(head.pid);
     server.startTime = head.startTime;
-    if (const auto process = StateOfProcess(head.pid); process && process->startTime == head.startTime) {
+    if (isOwn) {
+        server.isAlive = true; // also when it has no descriptor left to ask
+    } else if (const auto process = StateOfProcess(head.pid); process && process->startTime == head.startTime) {
         server.isAlive = !process->hasEnded;
         server.isPaused = process->isPaused;
     }
     server.state = static_cast<ServerState>(Load(head.state));
     server.isStatic = head.isStatic != 0;
     server.startedAt = TimeIn(head.startedAt);
-    server.clockOffset = TimeIn(head.clockOffset);
+    server.clockOffset = Load(head.clockOffset);
     server.options = TextIn(head.options);
     const auto gauges = head.gauges.Read();
     server.workers = static_cast<std::uint32_t>(gauges.workers);
@@ -130,7 +132,7 @@ AccountReader::~AccountReader() = default;
 Snapshot AccountReader::Read(Depth depth) const {
     const Header& head = account->Head();
     Snapshot snapshot;
-    snapshot.server = ReadServer(head);
+    snapshot.server = ReadServer(head, account->IsMemory());
     snapshot.readAt = Now();
     ReadBus(head.bus, snapshot.bus);
     SlotReader slots(*account, depth, snapshot);
@@ -156,6 +158,10 @@ Snapshot AccountReader::Read(Depth depth) const {
 
 std::vector<Event> AccountReader::EventsAfter(std::uint64_t after) const {
     return ReadEvents(*account, after);
+}
+
+std::int64_t AccountReader::ClockOffset() const noexcept {
+    return Load(account->Head().clockOffset);
 }
 
 bool AccountReader::IsReplaced() const {

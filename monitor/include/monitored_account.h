@@ -29,7 +29,6 @@ public:
 private:
     const instruments::AccountReader account; ///< of Read
     const instruments::AccountReader events;  ///< of EventsAfter, because a reader serves one thread at a time
-    const std::int64_t clockOffset;
     const HealthFunction health;
     const DescribeFunction describeTopic;
 };

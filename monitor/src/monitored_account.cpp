@@ -6,9 +6,7 @@ namespace msgbus_monitor {
 
 MonitoredAccount::MonitoredAccount(std::span<const std::byte> memory, HealthFunction whyUnhealthy,
                                    DescribeFunction describe)
-    : account(memory), events(memory),
-      clockOffset(account.Read(instruments::AccountReader::Depth::WithoutLatency).server.clockOffset),
-      health(std::move(whyUnhealthy)), describeTopic(std::move(describe)) {}
+    : account(memory), events(memory), health(std::move(whyUnhealthy)), describeTopic(std::move(describe)) {}
 
 instruments::Snapshot MonitoredAccount::Read() {
     return account.Read();
@@ -19,7 +17,7 @@ std::vector<instruments::Event> MonitoredAccount::EventsAfter(std::uint64_t afte
 }
 
 std::int64_t MonitoredAccount::ClockOffset() const noexcept {
-    return clockOffset;
+    return account.ClockOffset();
 }
 
 std::optional<std::string> MonitoredAccount::WhyUnhealthy() {

@@ -33,6 +33,8 @@ TEST(MonitoredAccountTest, AccountAndEvents_AreThoseInMemory) {
 
     EXPECT_EQ(account.Read().server.pid, 4711);
     EXPECT_EQ(account.ClockOffset(), 17);
+    file.Head().clockOffset = 18; // the clock was set
+    EXPECT_EQ(account.ClockOffset(), 18);
     ASSERT_EQ(account.EventsAfter(0).size(), 1U);
     EXPECT_EQ(account.EventsAfter(0)[0].id, 18);
     EXPECT_TRUE(account.EventsAfter(1).empty());

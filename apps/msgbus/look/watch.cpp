@@ -30,7 +30,7 @@ class EventStream final {
 public:
     explicit EventStream(const WatchArguments& arguments) : source(arguments.account) {
         const auto snapshot = source.Read(AccountReader::Depth::WithoutLatency);
-        Meet(snapshot.server);
+        warning.Update(snapshot.server);
         if (!arguments.all && !snapshot.events.empty()) {
             last = snapshot.events.back().number;
         }
@@ -53,23 +53,17 @@ public:
             looks = 0;
         }
         if (looks++ % LooksPerServerCheck == 0) {
-            Meet(source.Read(AccountReader::Depth::WithoutLatency).server);
+            warning.Update(source.Read(AccountReader::Depth::WithoutLatency).server);
         }
         return events;
     }
 
     /// Of the server that the events of the last call are from.
-    std::int64_t ClockOffset() const noexcept { return clockOffset; }
+    std::int64_t ClockOffset() const noexcept { return source.Reader().ClockOffset(); }
 
 private:
-    void Meet(const instruments::ServerAccount& server) {
-        warning.Update(server);
-        clockOffset = server.clockOffset;
-    }
-
     AccountSource source;
     ServerWarning warning;
-    std::int64_t clockOffset = 0;
     std::uint64_t last = 0;
     int looks = 1;
 };

@@ -243,7 +243,7 @@ struct Header {
     std::int64_t pid = 0;
     std::uint64_t startTime = 0;
     std::int64_t startedAt = NoTime;
-    std::int64_t clockOffset = 0;
+    std::atomic<std::int64_t> clockOffset{0}; ///< refreshed with the gauges: the clock may be set
     std::uint64_t isStatic = 0;
     std::array<char, 64> programVersion{};
     std::array<char, 2048> options{};

@@ -47,6 +47,9 @@ public:
     /// Returns: the events behind the one with the number `after`, at most EventCapacity of them, oldest first.
     std::vector<Event> EventsAfter(std::uint64_t after) const;
 
+    /// Returns: as ServerAccount::clockOffset. Threads: any.
+    std::int64_t ClockOffset() const noexcept;
+
     /// Returns: whether the file has been replaced by a newer server's. Always false for memory.
     bool IsReplaced() const;
 

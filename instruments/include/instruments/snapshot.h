@@ -188,7 +188,7 @@ struct ServerAccount {
     ServerState state = ServerState::Starting;
     bool isStatic = false; ///< mode
     Nanoseconds startedAt = 0;
-    std::int64_t clockOffset = 0;  ///< nanoseconds from CLOCK_MONOTONIC to CLOCK_REALTIME, at the start
+    std::int64_t clockOffset = 0;  ///< nanoseconds from CLOCK_MONOTONIC to CLOCK_REALTIME, as of about `gaugesAt`
     std::string options;           ///< those that differ from the defaults, as on the command line
     std::uint32_t workers = 0;     ///< threads that serve requests, as of `gaugesAt`
     std::uint32_t threads = 0;     ///< of the process, as of `gaugesAt`

@@ -61,7 +61,8 @@ public:
     instruments::layout::Bus& Bus() noexcept { return file.Head().bus; }
 
     void SetState(instruments::ServerState state) noexcept;
-    /// Reads what the process takes of the system. Blocks: for some reads of /proc.
+    /// Reads what the process takes of the system, which stays as it was while it cannot be read, and how the clocks
+    /// stand to each other. Blocks: for some reads of /proc.
     void RefreshGauges();
 
     // Publishers and subscribers. The process of the calling thread's request owns what is added; without a request the

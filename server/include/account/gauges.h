@@ -4,18 +4,21 @@
 #include "instruments/account_layout.h"
 
 #include <functional>
+#include <optional>
 #include <thread>
 
 namespace msgbus_server {
 
-/// Returns: the threads, descriptors and memory of this process.
-instruments::layout::Gauges ReadGauges();
+/// Returns: the threads, descriptors and memory of this process; nothing when they cannot be read, because descriptors
+/// have run out.
+std::optional<instruments::layout::Gauges> ReadGauges();
 
 /// Keeps the gauges of the account up to date, on the thread "gauges": a second after something has happened, and then
 /// again only when something more has. Threads: any, but for construction and destruction.
 class GaugeRefresh final {
 public:
-    /// `refreshAction` is called on the thread. Throws: std::system_error when that cannot be started.
+    /// `refreshAction` is called on the thread; the first of its exceptions in a row is logged. Throws:
+    /// std::system_error when that cannot be started.
     explicit GaugeRefresh(std::function<void()> refreshAction);
     GaugeRefresh(const GaugeRefresh&) = delete;
     GaugeRefresh& operator=(const GaugeRefresh&) = delete;
@@ -26,8 +29,10 @@ public:
 
 private:
     void Run();
+    void Refresh() noexcept;
 
     const std::function<void()> refresh;
+    bool hasFailed = false; ///< the last time; of the thread
 
     common::Mutex mutex;
     common::ConditionVariable changed;

@@ -117,7 +117,11 @@ void AccountKeeper::SetState(instruments::ServerState state) noexcept {
 }
 
 void AccountKeeper::RefreshGauges() {
-    file.Head().gauges.Write(ReadGauges());
+    // The clock may have been set.
+    file.Head().clockOffset.store(TimeOf(CLOCK_REALTIME) - TimeOf(CLOCK_MONOTONIC), std::memory_order_release);
+    if (const auto read = ReadGauges()) {
+        file.Head().gauges.Write(*read); // otherwise the last ones stay, with their time
+    }
     Bus().refusedConnections.store(KnPolicyRefusedConnections(), std::memory_order_release);
 }
 

@@ -1,10 +1,14 @@
 #include "account/gauges.h"
 
+#include "diagnostics.h"
+
 #include <pthread.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <ctime>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -13,41 +17,55 @@
 
 namespace msgbus_server {
 
+using diagnostics::Log;
+using diagnostics::LogLevel;
+
 namespace {
 
 constexpr std::chrono::seconds TimeBetween{1};
 
-std::uint64_t CountEntries(const char* directory) {
+/// Returns: whether the directory was read to its end.
+template <typename Function>
+bool ForEachEntry(const char* directory, const Function& function) {
     std::error_code error;
-    std::uint64_t count = 0;
     for (std::filesystem::directory_iterator i(directory, error), end; !error && i != end; i.increment(error)) {
-        ++count;
+        function(i->path());
     }
-    return count;
+    return !error;
+}
+
+/// Returns: the name of a thread, by its directory; empty when it has ended; nothing when it cannot be read.
+std::optional<std::string> NameOfTask(const std::filesystem::path& task) {
+    std::ifstream file(task / "comm");
+    const bool isOutOfDescriptors = !file.is_open() && (errno == EMFILE || errno == ENFILE);
+    std::string name;
+    std::getline(file, name);
+    return isOutOfDescriptors ? std::nullopt : std::optional(name);
 }
 
 /// A thread that serves requests, by the name that the server gives it.
-bool IsWorker(const std::filesystem::path& task) {
-    std::ifstream file(task / "comm");
-    std::string name;
-    std::getline(file, name);
+bool IsWorker(const std::string& name) {
     return name.starts_with("serve-") || name == "accept";
 }
 
 } // namespace
 
-instruments::layout::Gauges ReadGauges() {
+std::optional<instruments::layout::Gauges> ReadGauges() {
     instruments::layout::Gauges gauges;
-    std::error_code error;
-    for (std::filesystem::directory_iterator i("/proc/self/task", error), end; !error && i != end; i.increment(error)) {
+    bool areNamesRead = true;
+    const bool areTasksRead = ForEachEntry("/proc/self/task", [&](const std::filesystem::path& task) {
+        const auto name = NameOfTask(task);
         ++gauges.threads;
-        gauges.workers += IsWorker(i->path()) ? 1 : 0;
-    }
-    gauges.descriptors = CountEntries("/proc/self/fd");
+        gauges.workers += name && IsWorker(*name) ? 1 : 0;
+        areNamesRead = areNamesRead && name;
+    });
+    const bool areDescriptorsRead = ForEachEntry("/proc/self/fd", [&](const auto&) { ++gauges.descriptors; });
     std::ifstream file("/proc/self/statm");
     std::uint64_t pages = 0;
     std::uint64_t residentPages = 0;
-    file >> pages >> residentPages;
+    if (!areTasksRead || !areNamesRead || !areDescriptorsRead || !(file >> pages >> residentPages)) {
+        return std::nullopt;
+    }
     gauges.memoryBytes = residentPages * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
@@ -77,6 +95,17 @@ void GaugeRefresh::Note() noexcept {
     }
 }
 
+void GaugeRefresh::Refresh() noexcept {
+    try {
+        refresh();
+        hasFailed = false;
+    } catch (const std::exception& error) {
+        if (!std::exchange(hasFailed, true)) {
+            Log(LogLevel::Warning, "The gauges of the account cannot be read: {}", error.what());
+        }
+    }
+}
+
 void GaugeRefresh::Run() {
     common::MutexLock lock(mutex);
     while (!isEnding) {
@@ -85,7 +114,7 @@ void GaugeRefresh::Run() {
             continue;
         }
         lock.Unlock();
-        refresh();
+        Refresh();
         lock.Lock();
         const auto next = std::chrono::steady_clock::now() + TimeBetween;
         while (!isEnding && changed.WaitUntil(lock, next) == std::cv_status::no_timeout) {
