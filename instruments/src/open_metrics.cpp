@@ -1,8 +1,8 @@
 #include "instruments/open_metrics.h"
 
-#include "instruments/described_value.h"
 #include "common/escape.h"
 #include "exposition.h"
+#include "instruments/described_value.h"
 
 #include <algorithm>
 #include <array>
@@ -57,7 +57,8 @@ void WriteServer(Exposition& text, const Snapshot& snapshot) {
                         [](const auto& publisher) { return publisher.leftAt == 0; }),
           "Publishers that are registered.");
     gauge("msgbus_subscribers", snapshot.subscribers.size(), "Subscribers that are registered.");
-    gauge("msgbus_clients", snapshot.clients.size(), "Processes that are connected.");
+    gauge("msgbus_clients_with_mistakes", snapshot.clients.size(),
+          "Connected processes that used unknown ids or were refused a registration.");
 }
 
 void WriteBusCounters(Exposition& text, const BusAccount& bus) {

@@ -73,6 +73,7 @@ TEST(OpenMetricsTest, Server_HasItsGaugesInBaseUnits) {
     EXPECT_EQ(ValueOf(text, "msgbus_server_start_time_seconds"), "1700000010");
     EXPECT_EQ(ValueOf(text, "msgbus_server_uptime_seconds"), "100");
     EXPECT_EQ(ValueOf(text, "msgbus_server_threads"), "11");
+    EXPECT_EQ(ValueOf(text, "msgbus_clients_with_mistakes"), "1");
     EXPECT_EQ(ValueOf(text, "msgbus_server_open_descriptors"), "23");
     EXPECT_EQ(ValueOf(text, "msgbus_server_resident_memory_bytes"), "5000000");
     EXPECT_EQ(ValueOf(text, "msgbus_topics"), "2");

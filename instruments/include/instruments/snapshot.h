@@ -93,7 +93,7 @@ struct SubscriberAccount {
     Latency latency;             ///< from fan-out to taken, of one value in 64; of an offered value: to the offer
 };
 
-/// What one process did, beside its registrations.
+/// What one process did wrong. There is none of a process without a mistake.
 struct ClientAccount {
     Process process;
     Nanoseconds since = 0;
