@@ -11,7 +11,7 @@
 
 // The account as JSON. Keys are lower case with underscores and end in their unit: _ns are nanoseconds, _bytes bytes,
 // _unix_ns nanoseconds since 1970. Names and topics are escaped as in common/escape.h, so that they are UTF-8 and one
-// line whatever their bytes. Schema: docs/observing.md.
+// line whatever their bytes. Schema: docs/observing_http.md.
 
 namespace instruments {
 

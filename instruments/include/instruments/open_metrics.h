@@ -8,7 +8,7 @@
 
 // The account as metrics that a monitoring system collects: the text format of OpenMetrics 1.0. Base units, counters
 // end in _total, all names begin with msgbus_. Names of topics and subscribers are escaped as in common/escape.h before
-// they become label values. docs/observing.md lists the metrics.
+// they become label values. docs/observing_http.md lists the metrics.
 
 namespace instruments {
 
