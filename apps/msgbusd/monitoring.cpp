@@ -3,6 +3,7 @@
 #include "access_token.h"
 #include "common/monitor_socket.h"
 #include "diagnostics.h"
+#include "fail_stop.h"
 
 #include <unistd.h>
 
@@ -43,6 +44,7 @@ Monitoring::Monitoring(msgbus_server::BusServer& server, const MonitorSettings& 
           }) {
     msgbus_monitor::MonitorOptions options;
     options.warn = [](const std::string& sentence) { Log(LogLevel::Warning, "{}", sentence); };
+    options.onThreadStart = msgbus_server::LetAllocationsFail; // for want of memory a reader is refused, and no more
     if (directory) {
         options.socketPath = *directory + '/' + common::MonitorSocketName;
     }

@@ -53,6 +53,8 @@ struct MonitorOptions {
     std::string token; ///< which requests over TCP must bring; required with `address`
     /// Called with sentences for the operator. Threads: that of the constructor, and the monitor's own.
     std::function<void(const std::string& sentence)> warn = [](const std::string&) {};
+    /// Called by each of the monitor's threads as it begins. A thread handles exceptions, std::bad_alloc too.
+    std::function<void()> onThreadStart = [] {};
     MonitorLimits limits;
 };
 

@@ -36,11 +36,13 @@ bool IsAuthorized(std::string_view authorization, std::string_view token) {
 
 bool IsLoopbackHost(std::string_view host) {
     const bool hasPort = !host.ends_with(']') && host.find(':') != std::string_view::npos;
-    if (AreEqualIgnoringCase(hasPort ? host.substr(0, host.rfind(':')) : host, "localhost")) {
-        return true;
+    constexpr std::string_view name = "localhost";
+    std::string address(host);
+    if (AreEqualIgnoringCase(host.substr(0, host.find(':')), name)) {
+        address.replace(0, name.size(), "127.0.0.1"); // so that the port is looked at
     }
     try {
-        LoopbackAddress::Parse(hasPort ? std::string(host) : std::string(host) + ":0");
+        LoopbackAddress::Parse(hasPort ? address : address + ":0");
         return true;
     } catch (const std::invalid_argument&) {
         return false;

@@ -64,7 +64,8 @@ Answer ToAnswer(const Refusal& refusal) {
 }
 
 Answers::Answers(IMonitored& monitored, const MonitorLimits& bounds)
-    : source(monitored), limits(bounds), bytesInUse(std::make_shared<std::atomic<std::size_t>>(std::size_t{0})) {}
+    : source(monitored), limits(bounds), bytesInUse(std::make_shared<std::atomic<std::size_t>>(std::size_t{0})),
+      noMemory(ToAnswer({Unavailable, "There is no memory for the answer."})) {}
 
 Answer Answers::Get(const Route& route) {
     try {
@@ -81,18 +82,30 @@ Answer Answers::Get(const Route& route) {
         return {200, route.resource == Resource::Metrics ? instruments::OpenMetricsType : JsonType, text};
     } catch (const std::runtime_error& error) {
         return ToAnswer({Unavailable, error.what()});
+    } catch (const std::bad_alloc&) {
+        return NoMemory();
     }
 }
 
-Answer Answers::Put(const Peer& peer, const std::string& topic, const std::string& text) {
+Answer Answers::NoMemory() {
+    texts.clear();
+    snapshot.reset();
+    return noMemory;
+}
+
+Answer Answers::Put(const Peer& peer, const std::string& topic, const std::string& text) try {
     try {
         msgbus::Description::FromText(text);
     } catch (const std::invalid_argument& error) {
         return ToAnswer({BadRequest, error.what()});
     }
     const auto outcome = source.Describe(peer, topic, text);
-    snapshot.reset(); // so that the client reads what it has written
+    if (outcome == DescribeOutcome::Done) {
+        snapshot.reset(); // so that the client reads what it has written
+    }
     return OutcomeAnswer(outcome);
+} catch (const std::bad_alloc&) {
+    return NoMemory();
 }
 
 /// Throws: instruments::AccountError; std::runtime_error when the texts in use take too much.
@@ -124,7 +137,9 @@ std::shared_ptr<const std::string> Answers::Keep(std::string text) {
 }
 
 Answer Answers::TopicAnswer(const std::string& topic) {
+    const auto begin = Clock::now();
     const auto json = instruments::TopicToJson(*snapshot, topic);
+    spent += Clock::now() - begin;
     return json ? Answer{200, JsonType, Keep(Line(*json))} : ToAnswer(UnknownTopic());
 }
 

@@ -43,10 +43,12 @@ private:
     void Refresh();
     std::shared_ptr<const std::string> Keep(std::string text);
     Answer TopicAnswer(const std::string& topic);
+    Answer NoMemory();
 
     IMonitored& source;
     const MonitorLimits& limits;
     const std::shared_ptr<std::atomic<std::size_t>> bytesInUse; ///< shared with the bodies
+    const Answer noMemory;                                      ///< made while there is some
     Clock::time_point readAt{};
     Clock::duration spent{};                                      ///< on reading the account, and on the texts
     std::unique_ptr<instruments::Snapshot> snapshot;              ///< null: none was read

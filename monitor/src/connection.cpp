@@ -108,7 +108,10 @@ void Connection::OnHeader(ErrorCode error) {
         OnReadFailure(error);
         return;
     }
-    auto refusal = CheckAccess();
+    auto refusal = CheckFraming();
+    if (!refusal) {
+        refusal = CheckAccess();
+    }
     if (!refusal) {
         refusal = CheckRoute();
     }
@@ -151,6 +154,21 @@ void Connection::OnReadFailure(ErrorCode error) {
     } else {
         Close(); // the client has gone
     }
+}
+
+/// Refuses what another program on the way could read otherwise. Nothing that follows is read then.
+std::optional<Refusal> Connection::CheckFraming() {
+    const auto& request = parser->get();
+    const std::string_view encoding = HeaderOf(request, http::field::transfer_encoding);
+    if (!encoding.empty() && !beast::iequals(encoding, "chunked")) {
+        isMisframed = true;
+        return Refusal{400, "The only transfer encoding is 'chunked'."};
+    }
+    if (request.count(http::field::host) > 1) {
+        isMisframed = true;
+        return Refusal{400, "There is more than one header 'Host'."};
+    }
+    return std::nullopt;
 }
 
 std::optional<Refusal> Connection::CheckAccess() const {
@@ -200,19 +218,21 @@ void Connection::AnswerHealth() {
 
 /// Has the answer made by the worker, since that may take long.
 void Connection::Work() {
-    if (service.pendingWork >= service.options.limits.unixConnections + service.options.limits.tcpConnections) {
+    if (*service.pendingWork >= service.options.limits.unixConnections + service.options.limits.tcpConnections) {
         Refuse({503, "Earlier requests have no answer yet."});
         return;
     }
-    ++service.pendingWork;
+    // Counted until the last of what is posted has gone, whether it has run or could not be posted.
+    ++*service.pendingWork;
+    std::shared_ptr<void> pending(nullptr, [count = service.pendingWork](void*) { --*count; });
     Enter(Phase::Working, service.options.limits.answerTime);
-    auto work = [self = shared_from_this(), number = ++requestNumber, asked = *route,
+    auto work = [self = shared_from_this(), number = ++requestNumber, asked = *route, pending = std::move(pending),
                  body = std::move(parser->get().body())] {
         Answer answer = asked.resource == Resource::Description
                             ? self->service.answers.Put(*self->client, asked.topic, body)
                             : self->service.answers.Get(asked);
-        asio::post(self->socket.get_executor(), [self, number, answer = std::move(answer)]() mutable {
-            --self->service.pendingWork;
+        asio::post(self->socket.get_executor(), [self, number, pending, answer = std::move(answer)]() mutable {
+            pending.reset(); // before the client can ask again
             if (self->phase == Phase::Working && self->requestNumber == number) {
                 self->Write(std::move(answer));
             }
@@ -230,7 +250,7 @@ void Connection::Write(Answer answer) {
     Enter(Phase::Writing, service.options.limits.writeTime);
     const bool isWhole = parser->is_done();
     const bool isHead = isWhole && parser->get().method() == http::verb::head;
-    keepsAlive = isWhole && parser->get().keep_alive() && !owner.IsCrowded();
+    keepsAlive = isWhole && !isMisframed && parser->get().keep_alive() && !owner.IsCrowded();
     written = std::move(answer);
     response = ToResponse(*written, isWhole ? parser->get().version() : 11U, keepsAlive, isHead);
     http::async_write(socket, *response, [self = shared_from_this()](ErrorCode error, std::size_t) {

@@ -14,6 +14,7 @@
 #include <boost/beast/http.hpp>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <memory>
@@ -29,7 +30,8 @@ struct Service {
     boost::asio::io_context& worker; ///< its thread alone uses `answers`
     Answers& answers;
     std::size_t openStreams = 0;
-    std::size_t pendingWork = 0; ///< requests that the worker has, those without a connection included
+    /// Requests that the worker has, those without a connection included. Shared with what was posted.
+    std::shared_ptr<std::atomic<std::size_t>> pendingWork = std::make_shared<std::atomic<std::size_t>>(std::size_t{0});
 };
 
 class Connection;
@@ -84,6 +86,7 @@ private:
     void ReadBody();
     void OnBody(ErrorCode error);
     void OnReadFailure(ErrorCode error);
+    std::optional<Refusal> CheckFraming();
     std::optional<Refusal> CheckAccess() const;
     std::optional<Refusal> CheckRoute();
 
@@ -116,6 +119,7 @@ private:
     std::optional<Parser> parser;
     std::optional<Route> route;
     bool keepsAlive = false;
+    bool isMisframed = false;
     std::uint64_t answered = 0; ///< so many requests have been
 
     std::optional<Answer> written; ///< what `response` shows

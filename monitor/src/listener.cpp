@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <new>
 #include <tuple>
 #include <utility>
 
@@ -32,17 +33,26 @@ Listener::Listener(asio::io_context& connections, ListeningSocket socket, std::s
     : file(std::move(socket)), acceptor(connections), pause(connections), mostMembers(most), service(shared) {
     const auto protocol = ProtocolOf(file.Descriptor());
     acceptor.assign(protocol, file.Release());
+    acceptor.non_blocking(true);
 }
 
+/// Waits first: without a descriptor that is free, the system fails to accept though no client waits.
 void Listener::Accept() {
-    acceptor.async_accept([this](const boost::system::error_code& error, Socket socket) {
+    acceptor.async_wait(Acceptor::wait_read, [this](const boost::system::error_code& error) {
         if (error != asio::error::operation_aborted) {
-            OnAccepted(error, std::move(socket));
+            OnWaiting();
         }
     });
 }
 
-void Listener::OnAccepted(const boost::system::error_code& error, Socket socket) {
+void Listener::OnWaiting() {
+    boost::system::error_code error;
+    Socket socket(acceptor.get_executor());
+    acceptor.accept(socket, error);
+    if (error == asio::error::would_block || error == asio::error::connection_aborted) {
+        Accept(); // the client has gone
+        return;
+    }
     if (error) {
         // Most likely there is no descriptor left: one connection less helps the next, and the server.
         if (const auto victim = FirstToGo()) {
@@ -65,7 +75,11 @@ void Listener::Admit() {
             After(PauseBetweenAttempts, [this] { Admit(); });
             return;
         }
-        Add(std::move(*newcomer), peer);
+        try {
+            Add(std::move(*newcomer), peer);
+        } catch (const std::bad_alloc&) {
+            // The client is refused, and the next one has better luck.
+        }
     }
     newcomer.reset();
     Accept();

@@ -32,11 +32,12 @@ public:
     void OnAnswered() override;
 
 private:
+    using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::generic::stream_protocol>;
     using Socket = Connection::Socket;
     using Members = std::map<const Connection*, std::shared_ptr<Connection>>;
 
     void Accept();
-    void OnAccepted(const boost::system::error_code& error, Socket socket);
+    void OnWaiting();
     void Admit();
     void Add(Socket socket, std::optional<Peer> peer);
     bool MakeRoom();
@@ -45,7 +46,7 @@ private:
     void After(std::chrono::milliseconds delay, Action action);
 
     ListeningSocket file; ///< keeps the socket's file; the acceptor has the descriptor
-    boost::asio::basic_socket_acceptor<boost::asio::generic::stream_protocol> acceptor;
+    Acceptor acceptor;
     boost::asio::steady_timer pause;
     const std::size_t mostMembers;
     Service& service;

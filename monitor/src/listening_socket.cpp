@@ -16,8 +16,6 @@ namespace msgbus_monitor {
 
 namespace {
 
-constexpr int Backlog = 128;
-
 [[noreturn]] void Throw(int error, const std::string& what) {
     throw std::system_error(error, std::generic_category(), what);
 }
@@ -128,7 +126,7 @@ ListeningSocket ListeningSocket::OnAddress(const LoopbackAddress& address) {
 }
 
 void ListeningSocket::Listen() const {
-    if (::listen(descriptor, Backlog) != 0) {
+    if (::listen(descriptor, SOMAXCONN) != 0) {
         Throw(errno, path.empty() ? "the address" : "'" + path + "'");
     }
 }

@@ -13,6 +13,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <exception>
 #include <system_error>
 #include <thread>
@@ -21,6 +23,19 @@
 namespace msgbus_monitor {
 
 namespace asio = boost::asio;
+
+namespace {
+
+/// Returns: so many connections, or fewer where the process may have few descriptors, of which the bus needs most.
+std::size_t WithinDescriptors(std::size_t most) {
+    constexpr std::size_t share = 16;
+    constexpr std::size_t least = 4;
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    return std::min(most, std::max<std::size_t>(limit.rlim_cur / share, least));
+}
+
+} // namespace
 
 class Monitor::Server final {
 public:
@@ -43,6 +58,7 @@ private:
     void ListenOnAddress();
     void StartThreads();
     void Run(asio::io_context& context, const char* name);
+    void Warn(const std::exception& error) const noexcept;
     void Stop();
 
     const MonitorOptions options;
@@ -65,7 +81,7 @@ void Monitor::Server::ListenOnPath() {
     }
     try {
         unixListener = std::make_unique<Listener>(connections, ListeningSocket::OnPath(*options.socketPath),
-                                                  options.limits.unixConnections, service);
+                                                  WithinDescriptors(options.limits.unixConnections), service);
     } catch (const std::system_error& error) {
         options.warn(std::string("The account is not served on a Unix socket: ") + error.what());
     }
@@ -82,8 +98,8 @@ void Monitor::Server::ListenOnAddress() {
         auto socket = ListeningSocket::OnAddress(*options.address);
         address = options.address;
         address->port = PortOf(socket.Descriptor());
-        tcpListener =
-            std::make_unique<Listener>(connections, std::move(socket), options.limits.tcpConnections, service);
+        tcpListener = std::make_unique<Listener>(connections, std::move(socket),
+                                                 WithinDescriptors(options.limits.tcpConnections), service);
     } catch (const std::system_error& error) {
         throw MonitorError(std::string("the account cannot be served on ") + error.what());
     }
@@ -108,13 +124,22 @@ void Monitor::Server::Run(asio::io_context& context, const char* name) {
     ::pthread_setname_np(::pthread_self(), name);
     constexpr int lowPriority = 10;
     ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), lowPriority); // the bus goes first
+    options.onThreadStart();
     for (bool isOver = false; !isOver;) {
         try {
             context.run();
             isOver = true;
         } catch (const std::exception& error) {
-            options.warn(std::string("A request to the monitor failed: ") + error.what());
+            Warn(error);
         }
+    }
+}
+
+void Monitor::Server::Warn(const std::exception& error) const noexcept {
+    try {
+        options.warn(std::string("A request to the monitor failed: ") + error.what());
+    } catch (...) {
+        // There is not even memory for the sentence.
     }
 }
 

@@ -19,6 +19,10 @@ inline constexpr int FaultStatus = 5;
 /// thread is started.
 void FailStopOnFaults();
 
+/// From now on an allocation that fails on the calling thread throws std::bad_alloc in place of ending the process: for
+/// a thread that the bus does without, and that handles it.
+void LetAllocationsFail() noexcept;
+
 /// Watches the log for the end of a thread without which the bus does not serve: its own library reports that by a line
 /// at level error only, and then goes on. Stands before the logger's back end as long as it exists, and sees these
 /// lines at every level.

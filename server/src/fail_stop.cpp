@@ -20,6 +20,8 @@ using bos::logger::LogLevel;
 
 namespace {
 
+constinit thread_local bool mayAllocationsFail = false;
+
 iovec Piece(std::string_view text) {
     return {const_cast<char*>(text.data()), text.size()}; // writev only reads it
 }
@@ -84,9 +86,18 @@ void FailStop(std::string_view reason) noexcept {
 }
 
 void FailStopOnFaults() {
-    std::set_new_handler([] { FailStop("there is no memory left"); });
+    std::set_new_handler([] {
+        if (mayAllocationsFail) {
+            throw std::bad_alloc();
+        }
+        FailStop("there is no memory left");
+    });
     std::set_terminate(OnTerminate);
     std::signal(SIGXFSZ, SIG_IGN);
+}
+
+void LetAllocationsFail() noexcept {
+    mayAllocationsFail = true;
 }
 
 FaultWatch::FaultWatch(void (*faultAction)(std::string_view reason) noexcept)

@@ -30,8 +30,9 @@ TEST(AccessTest, OnlyNamesOfThisMachine_AreLoopbackHosts) {
                                    "[::1]", "[::1]:8080"}) {
         EXPECT_TRUE(IsLoopbackHost(host)) << host;
     }
-    for (const auto* const host : {"", ":80", "example.com", "example.com:80", "localhost.example.com", "128.0.0.1",
-                                   "127.0.0.1.example.com", "[::2]", "::1", "0.0.0.0", "127.0.0.1:port"}) {
+    for (const auto* const host :
+         {"", ":80", "example.com", "example.com:80", "localhost.example.com", "128.0.0.1", "127.0.0.1.example.com",
+          "[::2]", "::1", "0.0.0.0", "127.0.0.1:port", "localhost:example.com", "localhost:99999"}) {
         EXPECT_FALSE(IsLoopbackHost(host)) << host;
     }
 }

@@ -109,6 +109,18 @@ TEST_F(AnswersTest, AccountThatCannotBeRead_IsUnavailable) {
     EXPECT_EQ(cached.Get({Resource::State}).status, 200U);
 }
 
+TEST_F(AnswersTest, WithoutMemory_IsUnavailable) {
+    monitored.Change([](FakeMonitored& fake) { fake.isWithoutMemory = true; });
+
+    const Answer answer = cached.Get({Resource::State});
+
+    EXPECT_EQ(answer.status, 503U);
+    EXPECT_EQ(Json(answer)["error"], "There is no memory for the answer.");
+
+    monitored.Change([](FakeMonitored& fake) { fake.isWithoutMemory = false; });
+    EXPECT_EQ(cached.Get({Resource::State}).status, 200U);
+}
+
 TEST_F(AnswersTest, WhileTooMuchIsStillBeingRead_NothingNewIsMade) {
     Answers little(monitored, littleSpace);
     const Answer kept = little.Get({Resource::State});
@@ -166,6 +178,16 @@ TEST_F(AnswersTest, WriterOfADescription_ReadsItAtOnce) {
     cached.Get({Resource::State});
 
     EXPECT_EQ(monitored.Reads(), 2);
+}
+
+TEST_F(AnswersTest, DescriptionThatIsRefused_LeavesTheAccountThatWasRead) {
+    monitored.outcome = DescribeOutcome::UnknownTopic;
+    cached.Get({Resource::State});
+
+    cached.Put({17, 1000}, "a", "bool");
+    cached.Get({Resource::State});
+
+    EXPECT_EQ(monitored.Reads(), 1);
 }
 
 } // namespace

@@ -58,6 +58,20 @@ TEST_F(ConnectionTest, RequestsSentAtOnce_AreAnsweredInOrder) {
     EXPECT_TRUE(client.AwaitEnd());
 }
 
+TEST_F(ConnectionTest, RequestThatCouldBeReadInTwoWays_IsRefusedAndNothingBehindIt) {
+    Serve();
+    for (const auto* const header : {"Host: x\r\nTransfer-Encoding: xchunked", "Host: x\r\nTransfer-Encoding: identity",
+                                     "Host: x\r\nTransfer-Encoding: chunked, gzip", "Host: x\r\nHost: y"}) {
+        auto client = Connect();
+
+        client.Send(std::string("GET /healthz HTTP/1.1\r\n") + header +
+                    "\r\n\r\nGET /elsewhere HTTP/1.1\r\nHost: x\r\n\r\n");
+
+        EXPECT_EQ(client.Receive().status, 400) << header;
+        EXPECT_TRUE(client.AwaitEnd()) << header;
+    }
+}
+
 TEST_F(ConnectionTest, Head_HasNoBody) {
     Serve();
     auto client = Connect();

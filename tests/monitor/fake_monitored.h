@@ -6,6 +6,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,9 @@ public:
         changed.wait(lock, [this] { return !isHeld; });
         if (!failure.empty()) {
             throw instruments::AccountError(failure);
+        }
+        if (isWithoutMemory) {
+            throw std::bad_alloc();
         }
         return snapshot;
     }
@@ -90,6 +94,7 @@ public:
     instruments::Snapshot snapshot = instruments::samples::OneOfEach();
     std::optional<std::string> illness;
     std::string failure;
+    bool isWithoutMemory = false;
     bool isHeld = false; ///< Read does not return
     msgbus_monitor::DescribeOutcome outcome = msgbus_monitor::DescribeOutcome::Done;
     std::vector<Description> described;

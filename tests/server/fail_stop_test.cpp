@@ -88,6 +88,23 @@ TEST(FailStopTest, AnAllocationThatFails_EndsTheProcess) {
     EXPECT_THAT(ended.errors, EndsWith(": there is no memory left" + Ending));
 }
 
+TEST(FailStopTest, AnAllocationThatFails_OnAThreadThatHandlesIt_Throws) {
+    const Ended ended = RunApart([] {
+        msgbus_server::FailStopOnFaults();
+        std::thread([] {
+            msgbus_server::LetAllocationsFail();
+            try {
+                std::get_new_handler()();
+            } catch (const std::bad_alloc&) {
+                return;
+            }
+            ::_exit(1);
+        }).join();
+        ::_exit(0);
+    });
+    EXPECT_EQ(ended.status, 0);
+}
+
 TEST(FailStopTest, AnExceptionThatLeavesAThread_EndsTheProcessWithItsText) {
     const Ended ended = RunApart([] {
         msgbus_server::FailStopOnFaults();
