@@ -55,9 +55,14 @@ Judgement JudgeAccount(const CheckArguments& arguments) {
 
 ExitStatus Check(const CheckArguments& arguments) {
     const Judgement judgement = JudgeAccount(arguments);
-    terminal::WriteOut(arguments.format == "json"         ? JsonText(judgement)
-                       : arguments.format == "prometheus" ? MetricsText(judgement)
-                                                          : PluginText(judgement));
+    try {
+        terminal::WriteOut(arguments.format == "json"         ? JsonText(judgement)
+                           : arguments.format == "prometheus" ? MetricsText(judgement)
+                                                              : PluginText(judgement));
+    } catch (const std::exception& error) { // the status of a failed command is that of a warning here
+        Say(error.what());
+        return static_cast<ExitStatus>(Verdict::Unknown);
+    }
     return static_cast<ExitStatus>(judgement.verdict);
 }
 

@@ -59,7 +59,10 @@ std::string EndOfLog(const std::string& path) {
         throw refuse(error ? error.message() : std::strerror(errno));
     }
     file.seekg(std::max<off_t>(0, size - MostOfALog));
-    return std::string(std::istreambuf_iterator<char>(file), {});
+    std::string end(MostOfALog, '\0'); // the log may grow meanwhile
+    file.read(end.data(), MostOfALog);
+    end.resize(static_cast<std::size_t>(file.gcount()));
+    return end;
 }
 
 /// Collects parts, of which each may be missing.

@@ -56,6 +56,15 @@ TEST(EscapeTest, CharactersThatBreakOrReorderALine_BecomeEscapes) {
               "a\\xe2\\x80\\xa8b\\xe2\\x80\\xaec\\xe2\\x81\\xa6d");
 }
 
+TEST(EscapeTest, CharactersThatAreNotSeen_BecomeEscapes) {
+    EXPECT_EQ(Escaped("a\xc2\xad"
+                      "b\xe2\x80\x8f"
+                      "c\xd8\x9c"
+                      "d\xef\xbb\xbf"
+                      "e\xe2\x81\xa0"),
+              "a\\xc2\\xadb\\xe2\\x80\\x8fc\\xd8\\x9cd\\xef\\xbb\\xbfe\\xe2\\x81\\xa0");
+}
+
 TEST(EscapeTest, ABackslash_IsDoubled_SoThatNoTextLooksLikeAnEscape) {
     EXPECT_EQ(Escaped("\\x1b"), "\\\\x1b");
     EXPECT_NE(Escaped("\\x1b"), Escaped("\x1b"));

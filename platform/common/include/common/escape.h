@@ -11,10 +11,12 @@
 namespace common {
 
 /// Returns: whether a terminal, or a program that reads lines, could act on `point` in place of showing it: control
-/// characters (C0, DEL, C1), separators of lines and paragraphs, changes of the writing direction.
+/// characters (C0, DEL, C1), separators of lines and paragraphs, changes of the writing direction, and what is not seen
+/// at all, with which different names would look the same. None of them is above U+FFFF.
 constexpr bool IsControl(char32_t point) noexcept {
-    return point < 0x20 || (point >= 0x7F && point < 0xA0) || (point >= 0x2028 && point <= 0x202E) ||
-           (point >= 0x2066 && point <= 0x2069);
+    return point < 0x20 || (point >= 0x7F && point < 0xA0) || point == 0xAD || point == 0x61C || point == 0x180E ||
+           (point >= 0x200B && point <= 0x200F) || (point >= 0x2028 && point <= 0x202E) ||
+           (point >= 0x2060 && point <= 0x206F) || point == 0xFEFF || (point >= 0xFFF9 && point <= 0xFFFB);
 }
 
 /// Appends `bytes` to `line`. A backslash becomes "\\", a line feed "\n", a tab "\t"; every byte of another control
