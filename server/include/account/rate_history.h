@@ -34,7 +34,7 @@ private:
         const std::int64_t second = now / Second;
         const std::int64_t last = record.second.load(std::memory_order_relaxed);
         for (std::int64_t i = std::max(last + 1, second - Length + 1); i <= second; ++i) {
-            record.counts[static_cast<std::size_t>(i % Length)].store(count, std::memory_order_release);
+            record.counts[static_cast<std::size_t>(i) % record.counts.size()].store(count, std::memory_order_release);
         }
         record.second.store(second, std::memory_order_release);
         nextSecondAt = (second + 1) * Second;
