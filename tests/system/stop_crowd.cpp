@@ -36,8 +36,8 @@ void RaiseDescriptorLimit() {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// A thousand threads that all have something to do, with a sanitizer, keep a request waiting for seconds. What is tested
-/// is the stop.
+/// A thousand threads that all have something to do, with a sanitizer, keep a request waiting for seconds. What is
+/// tested is the stop.
 msgbus::Options Patient() {
     msgbus::Options options;
     options.callTimeout = std::chrono::minutes(1);

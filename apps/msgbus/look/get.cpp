@@ -52,13 +52,14 @@ std::optional<std::string> LastValueLine(const Snapshot& snapshot, const std::st
         return ValueText(*publisher.lastValue, view->description) + ' ' +
                terminal::Age(snapshot.readAt, publisher.lastAt) + '\n';
     }
-    return terminal::JsonLine({{"version", instruments::JsonVersion},
-                               {"topic", common::Escaped(view->topic)},
-                               {"last_value", *publisher.lastValue},
-                               {"last_value_text", value},
-                               {"last_value_described", instruments::DescribedValueToJson(view->description, publisher.lastValue)},
-                               {"last_unix_ns", publisher.lastAt + snapshot.server.clockOffset},
-                               {"last_age_ns", snapshot.readAt - publisher.lastAt}});
+    return terminal::JsonLine(
+        {{"version", instruments::JsonVersion},
+         {"topic", common::Escaped(view->topic)},
+         {"last_value", *publisher.lastValue},
+         {"last_value_text", value},
+         {"last_value_described", instruments::DescribedValueToJson(view->description, publisher.lastValue)},
+         {"last_unix_ns", publisher.lastAt + snapshot.server.clockOffset},
+         {"last_age_ns", snapshot.readAt - publisher.lastAt}});
 }
 
 ExitStatus Get(const GetArguments& arguments) {

@@ -17,7 +17,8 @@ struct GetArguments {
     bool json = false;
 };
 
-/// Returns: the line "VALUE AGE", with what the value means behind it where that is known, or the same as JSON; nothing when the topic has no value.
+/// Returns: the line "VALUE AGE", with what the value means behind it where that is known, or the same as JSON; nothing
+/// when the topic has no value.
 std::optional<std::string> LastValueLine(const instruments::Snapshot& snapshot, const std::string& topic, bool json);
 
 /// Runs `msgbus get`. Throws: as List. Blocks: until there is a value, but not beyond the time limit.

@@ -130,8 +130,8 @@ typedef struct msgbus_options {
     msgbus_subscribers_callback on_subscribers;
     void* subscribers_user; ///< passed to on_subscribers
     /// Of a publisher: what the values of its topic mean, for those who look at the bus, as the text of a
-    /// msgbus::Description (msgbus/codec.h): for example "fixed;step=1/10;unit=V". Sent behind each registration, without
-    /// waiting for an answer; a server with `--no-monitor` does not take it. Null: nothing is known.
+    /// msgbus::Description (msgbus/codec.h): for example "fixed;step=1/10;unit=V". Sent behind each registration,
+    /// without waiting for an answer; a server with `--no-monitor` does not take it. Null: nothing is known.
     const char* description;
 } msgbus_options;
 
