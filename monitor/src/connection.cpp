@@ -96,14 +96,18 @@ void Connection::ReadHeader() {
     parser.emplace();
     parser->header_limit(service.options.limits.headerBytes);
     parser->body_limit(service.options.limits.bodyBytes);
-    http::async_read_header(socket, buffer, *parser, [self = shared_from_this()](ErrorCode error, std::size_t) {
+    http::async_read_header(socket, buffer, *parser, [self = shared_from_this()](ErrorCode error, std::size_t size) {
         if (self->phase != Phase::Closed) {
-            self->OnHeader(error);
+            self->OnHeader(error, size);
         }
     });
 }
 
-void Connection::OnHeader(ErrorCode error) {
+void Connection::OnHeader(ErrorCode error, std::size_t size) {
+    if (!error && size > service.options.limits.headerBytes) { // the parser bounds the first line and the others apart
+        parser.emplace();
+        error = http::error::header_limit;
+    }
     if (error || hasTimedOut) {
         OnReadFailure(error);
         return;
@@ -125,7 +129,9 @@ void Connection::OnHeader(ErrorCode error) {
 }
 
 void Connection::ReadBody() {
-    if (beast::iequals(HeaderOf(parser->get(), http::field::expect), "100-continue")) {
+    const auto& request = parser->get();
+    // A client with HTTP/1.0 would take it for the answer.
+    if (request.version() >= 11 && beast::iequals(HeaderOf(request, http::field::expect), "100-continue")) {
         static constexpr std::string_view goOn = "HTTP/1.1 100 Continue\r\n\r\n";
         ErrorCode ignored; // the read meets it, too
         socket.non_blocking(true, ignored);

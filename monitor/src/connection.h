@@ -82,7 +82,7 @@ private:
 
     void AwaitRequest();
     void ReadHeader();
-    void OnHeader(ErrorCode error);
+    void OnHeader(ErrorCode error, std::size_t size);
     void ReadBody();
     void OnBody(ErrorCode error);
     void OnReadFailure(ErrorCode error);

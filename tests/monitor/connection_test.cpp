@@ -146,6 +146,16 @@ TEST_F(ConnectionTest, LongHeader_IsRefused) {
     EXPECT_TRUE(client.AwaitEnd());
 }
 
+TEST_F(ConnectionTest, HeaderThatIsLongOnlyAsAWhole_IsRefused) {
+    Serve();
+    auto client = Connect();
+
+    const auto response = client.Get("/v1/topics/" + std::string(4200, 'x'), "X: " + std::string(4000, 'x') + "\r\n");
+
+    EXPECT_EQ(response.status, 431);
+    EXPECT_TRUE(client.AwaitEnd());
+}
+
 TEST_F(ConnectionTest, LongBody_IsRefusedWithoutBeingRead) {
     Serve();
     auto client = Connect();
@@ -271,6 +281,16 @@ TEST_F(ConnectionTest, BodyThatIsAnnounced_IsAskedFor) {
     client.Send("bool");
     EXPECT_EQ(client.Receive().status, 204);
     EXPECT_EQ(client.Get("/healthz").status, 200);
+}
+
+TEST_F(ConnectionTest, BodyInAnOldVersionOfHttp_IsNotAskedFor) {
+    Serve();
+    auto client = Connect();
+
+    client.Send("PUT /v1/topics/a/description HTTP/1.0\r\nExpect: 100-continue\r\nContent-Length: 4\r\n\r\nbool");
+
+    EXPECT_EQ(client.Receive().status, 204);
+    EXPECT_TRUE(client.AwaitEnd());
 }
 
 TEST_F(ConnectionTest, BodyOfARefusedRequest_IsNotAskedFor) {
