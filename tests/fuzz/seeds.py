@@ -172,6 +172,54 @@ def account_files():
     }
 
 
+def monitor_requests():
+    tcp, crowded, ill, unreadable, unknown_topic, not_owner, stays_open, leaves = (1 << bit for bit in range(8))
+    token = "Authorization: Bearer 0123456789abcdef\r\n"
+    description = "fixed;step=1/10;unit=V"
+
+    def request(target, method="GET", headers="", body="", version="1.1"):
+        length = f"Content-Length: {len(body)}\r\n" if body else ""
+        return f"{method} {target} HTTP/{version}\r\nHost: localhost\r\n{headers}{length}\r\n{body}".encode()
+
+    def put(headers="", body=description):
+        return request("/v1/topics/temperature/description", "PUT", headers, body)
+
+    state, health = request("/v1/state"), request("/healthz")
+    chunked = (b"PUT /v1/topics/a%2Fb/description HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+               b"5;x=y\r\nfixed\r\n11\r\n;step=1/10;unit=V\r\n0\r\nTrailer: t\r\n\r\n")
+    stories = {
+        "state": (0, state), "topics": (0, request("/v1/topics")), "topic": (0, request("/v1/topics/temperatur%65")),
+        "other_topic": (0, request("/v1/topics/a/b%")), "subscribers": (0, request("/v1/subscribers")),
+        "events": (0, request("/v1/events?a=b&after=5")), "all_events": (0, request("/v1/events?after=0")),
+        "events_again": (0, request("/v1/events", headers="Last-Event-ID: 99\r\n")),
+        "no_event": (0, request("/v1/events?after=-1") + request("/v1/events", headers="Last-Event-ID: x\r\n")),
+        "metrics": (0, request("/metrics")), "health": (0, health), "ill": (ill, health), "put": (0, put() + state),
+        "chunked": (0, chunked + health), "awaits_go_on": (0, put("Expect: 100-continue\r\n") + health),
+        "awaits_in_vain": (0, put("Expect: 100-continue\r\n").replace(b"HTTP/1.1", b"HTTP/1.0")),
+        "not_valid": (0, put(body="fixed;step=0")), "not_owner": (not_owner, put()),
+        "no_publisher": (unknown_topic, put()), "no_room": (unknown_topic | not_owner, put()),
+        "unreadable": (unreadable, state + request("/v1/topics/x") + health), "crowded": (crowded, state + health),
+        "old": (0, request("/healthz", version="1.0")), "future": (0, request("/healthz", version="2.0")),
+        "old_that_stays": (0, request("/healthz", headers="Connection: keep-alive\r\n", version="1.0") + state),
+        "closes": (0, request("/healthz", headers="Connection: close\r\n") + state),
+        "heads": (0, request("/v1/state", "HEAD") + request("/v1/events", "HEAD") + request("/x", "HEAD") + health),
+        "methods": (0, request("/v1/state", "DELETE") + request("/v1/topics/a", "POST", body="x") + health),
+        "elsewhere": (0, request("/") + request("http://localhost/healthz") + request("*", "OPTIONS")),
+        "with_token": (tcp, request("/v1/state", headers=token) + put(token) + health),
+        "without_token": (tcp, state + request("/metrics", headers=token.replace("f", "e"))),
+        "other_host": (tcp, request("/v1/state", headers=token).replace(b"localhost", b"example.org")),
+        "long_header": (0, request("/healthz", headers="X: " + "x" * 600 + "\r\n")),
+        "long_line": (0, request("/v1/topics/" + "x" * 600)),
+        "long_together": (0, request("/v1/topics/" + "x" * 300, headers="X: " + "x" * 300 + "\r\n") + health),
+        "long_body": (0, put(body="x" * 600)), "long_chunk": (0, chunked.replace(b"x=y", b"x" * 5000)),
+        "partial": (0, state[:-2]), "partial_body": (stays_open, put()[:-2]), "empty_lines": (0, b"\r\n\r\n" + state),
+        "not_http": (0, b"\x16\x03\x01\0\0hello\r\n\r\n"), "many": (0, state * 8), "gone": (leaves, state * 8),
+        "stream_gone": (leaves, request("/v1/events")), "nothing": (0, b""),
+    }
+    return {f"{name}_{pieces}": bytes([flags, pieces]) + text
+            for name, (flags, text) in stories.items() for pieces in (0, 6)}
+
+
 def command_lines():
     lines = [
         "msgbus", "msgbus --help", "msgbus --version", "msgbus pub --help", "msgbus nonsense",
@@ -196,7 +244,7 @@ def main():
     folder = Path(sys.argv[1])
     for fuzzer, seeds in (("fuzz_request_record", request_records()), ("fuzz_shared_page", shared_pages()),
                           ("fuzz_join", joins()), ("fuzz_hostile_server", hostile_servers()),
-                          ("fuzz_account_file", account_files()),
+                          ("fuzz_account_file", account_files()), ("fuzz_monitor_request", monitor_requests()),
                           ("fuzz_command_line", command_lines())):
         (folder / fuzzer).mkdir(parents=True, exist_ok=True)
         for name, seed in seeds.items():
