@@ -136,7 +136,7 @@ private:
     }
 
     bool StaysOpen(const Parser& parser) const {
-        return parser.is_done() && parser.get().keep_alive() && !setting.isCrowded;
+        return parser.is_done() && !IsMisframed(parser.get()) && parser.get().keep_alive() && !setting.isCrowded;
     }
 
     bool Add(Expected answer, const Parser& parser) {
@@ -148,8 +148,18 @@ private:
         return !answer.isLast;
     }
 
+    /// Whether another program could read it otherwise.
+    static bool IsMisframed(const auto& request) {
+        const auto encoding = msgbus_monitor::HeaderOf(request, http::field::transfer_encoding);
+        return (!encoding.empty() && !boost::beast::iequals(encoding, "chunked")) ||
+               request.count(http::field::host) > 1;
+    }
+
     unsigned Refusal(const auto& request, msgbus_monitor::Route& route) const {
         using msgbus_monitor::HeaderOf;
+        if (IsMisframed(request)) {
+            return 400;
+        }
         if (setting.isTcp && !msgbus_monitor::IsLoopbackHost(HeaderOf(request, http::field::host))) {
             return 403;
         }
