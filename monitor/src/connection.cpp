@@ -23,6 +23,20 @@ Connection::Connection(Socket accepted, std::optional<Peer> peer, Service& share
     : socket(std::move(accepted)), deadline(socket.get_executor()), client(peer), service(shared), owner(keeper),
       buffer(service.options.limits.headerBytes + BufferBeyondHeader) {}
 
+/// Returns: a handler that goes on with `next`; after an error it closes the connection.
+auto Connection::Then(void (Connection::*next)()) {
+    return [self = shared_from_this(), next](ErrorCode error, std::size_t = 0) {
+        if (self->phase == Phase::Closed) {
+            return;
+        }
+        if (error) {
+            self->Close();
+        } else {
+            ((*self).*next)();
+        }
+    };
+}
+
 void Connection::Close() {
     if (phase == Phase::Closed) {
         return;
@@ -78,16 +92,7 @@ void Connection::AwaitRequest() {
         ReadHeader();
         return;
     }
-    socket.async_wait(Socket::wait_read, [self = shared_from_this()](ErrorCode error) {
-        if (self->phase == Phase::Closed) {
-            return;
-        }
-        if (error) {
-            self->Close();
-        } else {
-            self->ReadHeader();
-        }
-    });
+    socket.async_wait(Socket::wait_read, Then(&Connection::ReadHeader));
 }
 
 void Connection::ReadHeader() {
@@ -259,16 +264,7 @@ void Connection::Write(Answer answer) {
     keepsAlive = isWhole && !isMisframed && parser->get().keep_alive() && !owner.IsCrowded();
     written = std::move(answer);
     response = ToResponse(*written, isWhole ? parser->get().version() : 11U, keepsAlive, isHead);
-    http::async_write(socket, *response, [self = shared_from_this()](ErrorCode error, std::size_t) {
-        if (self->phase == Phase::Closed) {
-            return;
-        }
-        if (error) {
-            self->Close();
-        } else {
-            self->OnWritten();
-        }
-    });
+    http::async_write(socket, *response, Then(&Connection::OnWritten));
 }
 
 void Connection::OnWritten() {
@@ -288,16 +284,7 @@ void Connection::OnWritten() {
 
 /// Reads what the client still sends: closing the socket before would destroy the answer on its way.
 void Connection::Linger() {
-    socket.async_read_some(asio::buffer(discarded), [self = shared_from_this()](ErrorCode error, std::size_t) {
-        if (self->phase == Phase::Closed) {
-            return;
-        }
-        if (error) {
-            self->Close();
-        } else {
-            self->Linger();
-        }
-    });
+    socket.async_read_some(asio::buffer(discarded), Then(&Connection::Linger));
 }
 
 // -- event streams
@@ -357,31 +344,17 @@ void Connection::SendEvents() {
 }
 
 void Connection::SendText() {
-    asio::async_write(socket, asio::buffer(streamText), [self = shared_from_this()](ErrorCode error, std::size_t) {
-        if (self->phase == Phase::Closed) {
-            return;
-        }
-        if (error) {
-            self->Close();
-        } else {
-            self->streamText.clear();
-            self->SendEvents();
-        }
-    });
+    asio::async_write(socket, asio::buffer(streamText), Then(&Connection::OnTextSent));
+}
+
+void Connection::OnTextSent() {
+    streamText.clear();
+    SendEvents();
 }
 
 /// A client of a stream sends nothing more; that it has gone shows at once.
 void Connection::AwaitEndOfStream() {
-    socket.async_read_some(asio::buffer(discarded), [self = shared_from_this()](ErrorCode error, std::size_t) {
-        if (self->phase == Phase::Closed) {
-            return;
-        }
-        if (error) {
-            self->Close();
-        } else {
-            self->AwaitEndOfStream();
-        }
-    });
+    socket.async_read_some(asio::buffer(discarded), Then(&Connection::AwaitEndOfStream));
 }
 
 void Connection::Flush() {

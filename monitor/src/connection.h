@@ -78,6 +78,7 @@ private:
     using ErrorCode = boost::system::error_code;
 
     void Enter(Phase next, std::chrono::milliseconds limit);
+    auto Then(void (Connection::*next)());
     void OnDeadline();
 
     void AwaitRequest();
@@ -102,6 +103,7 @@ private:
     std::optional<Refusal> StreamStart(std::optional<std::uint64_t>& after) const;
     void SendEvents();
     void SendText();
+    void OnTextSent();
     void AwaitEndOfStream();
 
     Socket socket;
