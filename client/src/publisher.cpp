@@ -57,63 +57,25 @@ public:
 
     /// Returns: whether the value is queued. `deadline`: in place of the times of the options.
     bool TryPush(std::int64_t value, std::optional<Deadline> deadline = {}) {
-        CheckUsable();
-        std::optional<Deadline> patience; // once the server was gone
-        while (true) {
-            const std::int32_t status =
-                links.pusher->Push(id, value, deadline ? MillisecondsUntil(*deadline) : callTimeoutMs);
-            if (status == 0) {
-                if (options.onSubscribers) {
-                    ReportSubscribers();
-                }
-                return true;
-            }
-            if (status == Full) {
-                return false;
-            }
-            if (status == KnStatusClosed) {
-                // A server may end with the value, and so may those that follow it.
-                if (patience && !PauseBetweenAttempts(*patience)) {
-                    id = -1;
-                    throw ServerGoneError(status, NotAcknowledged(value));
-                }
-                patience = patience ? patience : deadline ? deadline : DeadlineIn(options.reconnectFor);
-                RegisterAgain(value, deadline);
-                continue;
-            }
-            const std::string what = "value " + std::to_string(value);
-            if (deadline) {
-                ThrowIfTimedOut(status, "by the deadline", what + " was published", what);
-            }
-            ThrowIfTimedOut(status, options.callTimeout, what + " was published", what);
-            ThrowUnlessOk(status);
+        const bool isQueued = Queue(value, deadline);
+        if (isQueued) {
+            ReportSubscribers();
         }
+        return isQueued;
     }
 
     void Push(std::int64_t value, std::optional<Deadline> deadline = {}) {
-        if (TryPush(value, deadline)) {
-            return;
-        }
-        const Deadline end = deadline ? *deadline : DeadlineIn(options.fullQueueTimeout);
-        auto pause = FirstPause;
-        do {
-            if (std::chrono::steady_clock::now() >= end) {
-                throw RefusedError(Full,
-                                   "the bus stayed full " +
-                                       (deadline ? std::string("until the deadline")
-                                                 : "for " + std::to_string(options.fullQueueTimeout.count()) + " ms") +
-                                       "; the value was not published");
-            }
-            std::this_thread::sleep_until(std::min(std::chrono::steady_clock::now() + Deadline::duration(pause), end));
-            pause = std::min(2 * pause, LongestPause);
-        } while (!TryPush(value, deadline));
+        QueuePatiently(value, deadline);
+        ReportSubscribers();
     }
 
     std::size_t PushAll(const std::int64_t* values, std::size_t count, std::optional<Deadline> deadline) {
         std::size_t pushed = 0;
         try {
-            for (; pushed < count; ++pushed) {
-                Push(values[pushed], deadline);
+            while (pushed < count) {
+                QueuePatiently(values[pushed], deadline);
+                ++pushed; // first: a value was published although the report throws
+                ReportSubscribers();
             }
         } catch (const RefusedError& refusal) {
             if (refusal.Code() != Full) {
@@ -175,6 +137,58 @@ private:
         }
     }
 
+    /// As TryPush, without a report.
+    bool Queue(std::int64_t value, std::optional<Deadline> deadline) {
+        CheckUsable();
+        std::optional<Deadline> patience; // once the server was gone
+        while (true) {
+            const std::int32_t status =
+                links.pusher->Push(id, value, deadline ? MillisecondsUntil(*deadline) : callTimeoutMs);
+            if (status == 0) {
+                return true;
+            }
+            if (status == Full) {
+                return false;
+            }
+            if (status == KnStatusClosed) {
+                // A server may end with the value, and so may those that follow it.
+                if (patience && !PauseBetweenAttempts(*patience)) {
+                    id = -1;
+                    throw ServerGoneError(status, NotAcknowledged(value));
+                }
+                patience = patience ? patience : deadline ? deadline : DeadlineIn(options.reconnectFor);
+                RegisterAgain(value, deadline);
+                continue;
+            }
+            const std::string what = "value " + std::to_string(value);
+            if (deadline) {
+                ThrowIfTimedOut(status, "by the deadline", what + " was published", what);
+            }
+            ThrowIfTimedOut(status, options.callTimeout, what + " was published", what);
+            ThrowUnlessOk(status);
+        }
+    }
+
+    /// As Push, without a report.
+    void QueuePatiently(std::int64_t value, std::optional<Deadline> deadline) {
+        if (Queue(value, deadline)) {
+            return;
+        }
+        const Deadline end = deadline ? *deadline : DeadlineIn(options.fullQueueTimeout);
+        auto pause = FirstPause;
+        do {
+            if (std::chrono::steady_clock::now() >= end) {
+                throw RefusedError(Full,
+                                   "the bus stayed full " +
+                                       (deadline ? std::string("until the deadline")
+                                                 : "for " + std::to_string(options.fullQueueTimeout.count()) + " ms") +
+                                       "; the value was not published");
+            }
+            std::this_thread::sleep_until(std::min(std::chrono::steady_clock::now() + Deadline::duration(pause), end));
+            pause = std::min(2 * pause, LongestPause);
+        } while (!Queue(value, deadline));
+    }
+
     /// Throws the current exception, now or, after some values were pushed, with the next call.
     void KeepFailure(std::size_t pushed) {
         if (pushed == 0) {
@@ -191,6 +205,9 @@ private:
 
     /// Reports what has changed, behind a push. A failure is none of the push: the next one tries again.
     void ReportSubscribers() {
+        if (!options.onSubscribers) {
+            return;
+        }
         try {
             audience->Update();
         } catch (const Error&) {

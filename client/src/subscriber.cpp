@@ -285,6 +285,9 @@ private:
 
     /// To try again when the descriptor is polled.
     void WakeDescriptor() EXCLUDES(mutex) {
+        if (timedDescriptor) {
+            timedDescriptor->WakeAt(Deadline::max()); // what is due is reported when there is a server again
+        }
         const common::MutexLock lock(mutex);
         if (lastDescriptor >= 0) {
             ThrowUnlessOk(registration->Links().receiver->WakeDescriptor(

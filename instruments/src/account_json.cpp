@@ -273,12 +273,8 @@ Json TopicsToJson(const Snapshot& snapshot) {
 }
 
 std::optional<Json> TopicToJson(const Snapshot& snapshot, std::string_view topic) {
-    const auto views = TopicsOf(snapshot);
-    const auto found = std::find_if(views.begin(), views.end(), [&](const auto& view) { return view.topic == topic; });
-    if (found == views.end()) {
-        return std::nullopt;
-    }
-    return ToJson(*found, snapshot, Clock(snapshot));
+    const auto view = TopicOf(snapshot, topic);
+    return view ? std::optional(ToJson(*view, snapshot, Clock(snapshot))) : std::nullopt;
 }
 
 Json SubscribersToJson(const Snapshot& snapshot) {

@@ -1,5 +1,6 @@
 #include "instruments/snapshot.h"
 
+#include <algorithm>
 #include <map>
 #include <utility>
 
@@ -47,6 +48,33 @@ std::string_view NameOf(ServerState state) noexcept {
         return "stopped";
     }
     return "unknown"; // of a newer server
+}
+
+std::optional<TopicView> TopicOf(const Snapshot& snapshot, std::string_view topic) {
+    TopicView view;
+    for (std::size_t i = 0; i < snapshot.publishers.size(); ++i) {
+        const auto& publisher = snapshot.publishers[i];
+        if (publisher.topic == topic && (!view.publisher || publisher.leftAt == 0)) {
+            view.topic = publisher.topic;
+            view.publisher = i;
+        }
+    }
+    for (std::size_t i = 0; i < snapshot.subscribers.size(); ++i) {
+        const auto& topics = snapshot.subscribers[i].topics;
+        if (const auto found = std::find(topics.begin(), topics.end(), topic); found != topics.end()) {
+            view.topic = *found;
+            view.subscribers.push_back(i);
+        }
+    }
+    if (!view.publisher && view.subscribers.empty()) {
+        return std::nullopt;
+    }
+    for (const auto& [name, text] : snapshot.descriptions) {
+        if (name == topic) {
+            view.description = text;
+        }
+    }
+    return view;
 }
 
 std::vector<TopicView> TopicsOf(const Snapshot& snapshot) {

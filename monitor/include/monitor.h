@@ -33,6 +33,7 @@ struct MonitorLimits {
     std::uint32_t headerBytes = 8 * 1024;
     std::uint64_t bodyBytes = 64 * 1024;
     std::size_t answerBytes = 64 << 20; ///< of all different answers that are being read
+    std::size_t listedTopics = 50'000;  ///< of publishers and subscribers together, in an answer that lists all
 
     std::chrono::milliseconds idleTime{60'000};   ///< between requests
     std::chrono::milliseconds requestTime{5'000}; ///< from the first byte of a request to the last

@@ -38,6 +38,14 @@ std::string TextOf(Resource resource, const instruments::Snapshot& snapshot) {
     }
 }
 
+std::size_t TopicCount(const instruments::Snapshot& snapshot) {
+    std::size_t count = snapshot.publishers.size();
+    for (const auto& subscriber : snapshot.subscribers) {
+        count += subscriber.topics.size();
+    }
+    return count;
+}
+
 Refusal UnknownTopic() {
     return {NotFound, "The topic is not known: it has neither a publisher nor a subscriber."};
 }
@@ -75,6 +83,10 @@ Answer Answers::Get(const Route& route) {
         }
         auto& text = texts[route.resource];
         if (!text) {
+            if (route.resource != Resource::Metrics && TopicCount(*snapshot) > limits.listedTopics) {
+                return ToAnswer({Unavailable, "The bus has too many topics for one answer; ask for single ones, or for "
+                                              "/metrics."});
+            }
             const auto begin = Clock::now();
             text = Keep(TextOf(route.resource, *snapshot));
             spent += Clock::now() - begin;

@@ -329,7 +329,12 @@ void Connection::SendEvents() {
     if (phase != Phase::Streaming) {
         return;
     }
-    streamText += feed->Next(Clock::now());
+    try {
+        streamText += feed->Next(Clock::now());
+    } catch (const std::exception&) { // the client connects again, and goes on behind what it has
+        Close();
+        return;
+    }
     if (!streamText.empty()) {
         Enter(Phase::Streaming, service.options.limits.writeTime);
         SendText();

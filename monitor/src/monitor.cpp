@@ -10,6 +10,7 @@
 #include <boost/asio/post.hpp>
 
 #include <pthread.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -25,6 +26,16 @@ namespace msgbus_monitor {
 namespace asio = boost::asio;
 
 namespace {
+
+/// The calling thread goes behind those of the bus, whatever these were started with.
+void YieldToTheBus() {
+    constexpr int distance = 10;
+    constexpr int lowest = 19;
+    const sched_param none{};
+    ::sched_setscheduler(0, SCHED_BATCH, &none); // of a real-time thread the next one would change nothing
+    const auto self = static_cast<id_t>(::gettid());
+    ::setpriority(PRIO_PROCESS, self, std::min(::getpriority(PRIO_PROCESS, self) + distance, lowest));
+}
 
 /// Returns: so many connections, or fewer where the process may have few descriptors, of which the bus needs most.
 std::size_t WithinDescriptors(std::size_t most) {
@@ -122,8 +133,7 @@ void Monitor::Server::StartThreads() {
 
 void Monitor::Server::Run(asio::io_context& context, const char* name) {
     ::pthread_setname_np(::pthread_self(), name);
-    constexpr int lowPriority = 10;
-    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), lowPriority); // the bus goes first
+    YieldToTheBus();
     options.onThreadStart();
     for (bool isOver = false; !isOver;) {
         try {
@@ -156,7 +166,11 @@ void Monitor::Server::Stop() {
         }
     };
     const auto finish = [&] {
-        forEach([](Listener& listener) { listener.Flush(); });
+        try {
+            forEach([](Listener& listener) { listener.Flush(); });
+        } catch (const std::exception& error) {
+            Warn(error); // the streams that are left end without what they lack
+        }
         connections.stop();
     };
     // Behind what that thread itself has put off: a stream whose last part has gone out can be sent the next.

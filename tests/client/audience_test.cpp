@@ -121,4 +121,21 @@ TEST_F(AudienceTest, APublisherOfAReservedTopic_IsRefused) {
     EXPECT_THROW(Publisher("\x1FPheat", bus.MakeOptions()), msgbus::RefusedError);
 }
 
+TEST_F(AudienceTest, PushAll_WithAReportThatThrows_CountsTheValueBeforeIt) {
+    std::optional<Subscriber> subscriber;
+    Options options;
+    options.onSubscribers = [](std::size_t count) {
+        if (count == 1) {
+            throw msgbus::RefusedError(2, "as if the bus were full");
+        }
+    };
+    Publisher publisher("heat", bus.MakeOptions(options));
+    subscriber.emplace(MakeSubscriber());
+    const std::vector<std::int64_t> values{1, 2, 3};
+
+    EXPECT_EQ(publisher.PushAll(values.data(), values.size()), 1U);
+
+    EXPECT_THAT(bus.Pushed("heat"), ElementsAre(1));
+}
+
 } // namespace

@@ -322,6 +322,26 @@ TEST_F(SubscriberNoticesTest, Descriptor_IsReadableForANoticeAndForASilence) {
     EXPECT_EQ(::poll(&polled, 1, 0), 0);
 }
 
+TEST_F(SubscriberNoticesTest, Descriptor_WhileThereIsNoServer_IsNotReadableForASilence) {
+    auto options = Recording(events);
+    options.staleAfter = 1ms;
+    options.reconnectFor = std::chrono::hours(1);
+    Subscriber subscriber("reader", {"heat"}, bus.MakeOptions(options));
+    const Publisher publisher("heat", bus.MakeOptions());
+    pollfd readable{subscriber.Descriptor(), POLLIN, 0};
+    Read(subscriber);
+    bus.Stop();
+    static_cast<void>(subscriber.TryNext());
+    ::poll(nullptr, 0, 5); // the silence is due
+
+    bool wasQuiet = false;
+    for (int tries = 0; tries < 100 && !wasQuiet; ++tries) { // it is readable now and then, to look for a server
+        EXPECT_EQ(subscriber.TryNext().outcome, Outcome::TimedOut);
+        wasQuiet = ::poll(&readable, 1, 0) == 0;
+    }
+    EXPECT_TRUE(wasQuiet);
+}
+
 TEST_F(SubscriberNoticesTest, StartWithLast_GivesTheLastValueFirst) {
     bus.Push("heat", 20);
     bus.Push("heat", 21);

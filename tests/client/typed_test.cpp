@@ -92,7 +92,7 @@ TEST(PublisherOfTest, ItsTopic_IsDescribedToARestartedServerAgain) {
     EXPECT_EQ(bus.DescriptionOf("door"), "bool");
 }
 
-TEST(PublisherTest, ADescriptionThatIsNone_IsRefusedAndNothingIsRegistered) {
+TEST(PublisherDescriptionTest, ADescriptionThatIsNone_IsRefusedAndNothingIsRegistered) {
     const msgbus::testing::Bus bus;
     msgbus::Options options = bus.MakeOptions();
     options.description = "no type";

@@ -121,6 +121,19 @@ TEST_F(AnswersTest, WithoutMemory_IsUnavailable) {
     EXPECT_EQ(cached.Get({Resource::State}).status, 200U);
 }
 
+TEST_F(AnswersTest, ABusWithTooManyTopics_IsNotListed) {
+    msgbus_monitor::MonitorLimits limits = Limits(0s);
+    limits.listedTopics = 2; // there is a publisher of one, and a subscriber of two
+    Answers few(monitored, limits);
+    for (const auto resource : {Resource::State, Resource::Topics, Resource::Subscribers}) {
+        EXPECT_EQ(few.Get({resource}).status, 503U);
+    }
+    EXPECT_EQ(few.Get({Resource::Topic, "temperature"}).status, 200U);
+    EXPECT_EQ(few.Get({Resource::Metrics}).status, 200U);
+    limits.listedTopics = 3;
+    EXPECT_EQ(few.Get({Resource::State}).status, 200U);
+}
+
 TEST_F(AnswersTest, WhileTooMuchIsStillBeingRead_NothingNewIsMade) {
     Answers little(monitored, littleSpace);
     const Answer kept = little.Get({Resource::State});

@@ -1,6 +1,8 @@
 // Reads the account of a server again and again, also over restarts of the server, and checks each time that it adds up
 // and that no counter has gone back:
-//   account_check FILE COUNT    until it was read COUNT times; a line with what it has seen; exit status 1 if it failed
+//   account_check FILE COUNT [SERVERS]    until it was read COUNT times, and of so many servers; a line with what it
+//   has
+//                                         seen; exit status 1 if it failed
 
 #include "instruments/read_account.h"
 
@@ -61,7 +63,7 @@ std::unique_ptr<AccountReader> Open(const std::string& path) {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
+    if (argc != 3 && argc != 4) {
         return EXIT_FAILURE;
     }
     auto reader = Open(argv[1]);
@@ -69,7 +71,8 @@ int main(int argc, char** argv) {
     std::uint64_t changes = 0;
     std::size_t servers = 1;
     std::size_t mostSubscribers = 0;
-    for (long i = 0; i < std::atol(argv[2]); ++i) {
+    const std::size_t wanted = argc == 4 ? std::strtoul(argv[3], nullptr, 10) : 1;
+    for (long i = 0; i < std::atol(argv[2]) || servers < wanted; ++i) {
         if (reader->IsReplaced()) {
             reader = Open(argv[1]);
             ++servers;

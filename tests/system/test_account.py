@@ -14,9 +14,9 @@ READS = 2000 if SANITIZED else 10000
 
 class Account(BusTest):
 
-    def check(self, reads):
-        """Starts a program that reads the account so many times."""
-        return self.start(f"{BIN}/account_check", os.path.join(self.runtime, "account"), str(reads))
+    def check(self, reads, servers=1):
+        """Starts a program that reads the account so many times, and until it has read that of so many servers."""
+        return self.start(f"{BIN}/account_check", os.path.join(self.runtime, "account"), str(reads), str(servers))
 
     def expect_to_add_up(self, check):
         """Returns: what it has seen."""
@@ -90,7 +90,7 @@ class Account(BusTest):
         self.sub("t", options=("--reconnect", "1h"), stdout=subprocess.DEVNULL)
         threads = [self.pour("t", ending), self.pour("nobody", ending, 0.001)]
         restarts = 5
-        check = self.check(10 * READS)
+        check = self.check(10 * READS, restarts + 1)
         try:
             for _ in range(restarts):
                 wait_until(self, lambda: self.expect_to_add_up(self.check(20))["changes"] > 1, "values to flow")

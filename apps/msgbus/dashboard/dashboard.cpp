@@ -13,6 +13,8 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
+#include <fcntl.h>
+
 #include <charconv>
 #include <chrono>
 #include <csignal>
@@ -35,6 +37,7 @@ constexpr std::chrono::milliseconds AcceptPause{200};
 
 tcp::acceptor Listen(asio::io_context& context, std::uint16_t port) {
     tcp::acceptor acceptor(context, tcp::v4());
+    ::fcntl(acceptor.native_handle(), F_SETFD, FD_CLOEXEC); // the browser must not keep the port
     boost::system::error_code error;
     acceptor.set_option(tcp::acceptor::reuse_address(true));
     acceptor.bind({asio::ip::address_v4::loopback(), port}, error);

@@ -22,12 +22,12 @@ std::int64_t IdIn(std::string_view word) {
 } // namespace
 
 std::optional<instruments::TopicView> FindTopic(const instruments::Snapshot& snapshot, std::string_view word) {
-    auto topics = instruments::TopicsOf(snapshot);
-    auto found = std::find_if(topics.begin(), topics.end(), [&](const auto& view) { return view.topic == word; });
-    if (found == topics.end()) {
-        found = std::find_if(topics.begin(), topics.end(),
-                             [&](const auto& view) { return common::Escaped(view.topic) == word; });
+    if (auto view = instruments::TopicOf(snapshot, word)) {
+        return view;
     }
+    auto topics = instruments::TopicsOf(snapshot);
+    const auto found = std::find_if(topics.begin(), topics.end(),
+                                    [&](const auto& view) { return common::Escaped(view.topic) == word; });
     return found == topics.end() ? std::nullopt : std::optional(std::move(*found));
 }
 

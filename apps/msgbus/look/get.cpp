@@ -12,6 +12,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <chrono>
+
 namespace look {
 
 namespace {
@@ -21,10 +24,18 @@ using instruments::Snapshot;
 
 constexpr std::chrono::milliseconds LookInterval{20};
 
+/// Of a big bus a look takes long: it must not take more than a tenth of a CPU.
+std::chrono::milliseconds PauseBehind(std::chrono::nanoseconds look) {
+    constexpr int share = 10;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(share * look);
+}
+
 ExitStatus Await(AccountSource& source, const GetArguments& arguments) {
     const EndWatch watch(arguments.timeLimit, EndWatch::Output::Watched);
     ServerWarning warning;
-    while (Pause(watch, LookInterval)) {
+    std::chrono::milliseconds interval = LookInterval;
+    while (Pause(watch, interval)) {
+        const auto begin = std::chrono::steady_clock::now();
         source.FollowRestart();
         const Snapshot snapshot = source.Read(AccountReader::Depth::WithoutLatency);
         if (const auto line = LastValueLine(snapshot, arguments.topic, arguments.json)) {
@@ -35,6 +46,7 @@ ExitStatus Await(AccountSource& source, const GetArguments& arguments) {
         if (HasEnded(snapshot.server)) {
             return ExitStatus::NoServer;
         }
+        interval = std::max(LookInterval, PauseBehind(std::chrono::steady_clock::now() - begin));
     }
     return StatusOf(watch);
 }

@@ -90,7 +90,7 @@ struct Options {
     /// A restarted server is no change: a publisher that registers with it again within two seconds of the subscriber
     /// stays as it was, although with another id; else it is reported as None, and as Came when it does so later. What
     /// changed while the server was gone is then reported by how it stands now. A server of an earlier version, or with
-    /// `--no-notices`, reports nothing.
+    /// `--no-notices`, reports nothing: then there is only Silent, also of a topic without a publisher.
     ///
     /// It needs topics of at most 1020 bytes, each of which counts twice for the server's limits.
     /// Threads: as onNotice. Of the subscriber it may call Cancel, Lost, Name and Id.
@@ -109,6 +109,7 @@ struct Options {
     /// Of a publisher: called with the number of its topic's subscribers, first by the constructor, then whenever it
     /// has become 0 or 1, within Push, TryPush and PushAll behind each value, and within Publisher::Subscribers. May be
     /// empty. While a restarted server is looked for, these may take 0.1 s longer. Topics of at most 1021 bytes.
+    /// From a server that reports nothing the constructor throws PlatformError after callTimeout.
     /// Threads: as onNotice. A value was published although the function throws.
     std::function<void(std::size_t count)> onSubscribers{};
 

@@ -228,5 +228,7 @@ struct TopicView {
 /// Returns: every topic that has a publisher, had one that is remembered, or has a subscriber, in the order of their
 /// bytes. Lifetime: the snapshot's.
 std::vector<TopicView> TopicsOf(const Snapshot& snapshot);
+/// Returns: that of them with these bytes.
+std::optional<TopicView> TopicOf(const Snapshot& snapshot, std::string_view topic);
 
 } // namespace instruments
