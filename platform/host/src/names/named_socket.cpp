@@ -97,8 +97,10 @@ bool NamedSocket::IsInPlace() const {
     // By its path, not by the open directory: that may have been renamed.
     const UniqueFd now(::open(directoryPath.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat found {};
+    // The kernel reports a removal when the link is gone, and only then hides the entry: until it has, a look finds a
+    // socket without links.
     return now && ::fstatat(now.Get(), Entry().c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && found.st_dev == device &&
-           found.st_ino == inode;
+           found.st_ino == inode && found.st_nlink != 0;
 }
 
 NamedSocket::~NamedSocket() {
