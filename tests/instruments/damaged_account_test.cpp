@@ -190,6 +190,14 @@ TEST_F(DamagedAccountTest, RegionsBeyondWhatAServerMakes_AreAnError) {
     EXPECT_THAT(error(), HasSubstr("damaged"));
 }
 
+TEST_F(DamagedAccountTest, AFileThatEndsWithinARegion_IsAnError) {
+    const auto& regions = file.Regions();
+    for (const auto* region = &regions.threads; region <= &regions.latencyPages; ++region) {
+        const std::size_t end = region->offset + region->count * region->elementSize;
+        EXPECT_THROW(AccountReader(file.Memory().first(end - 1)), AccountError) << region - &regions.threads;
+    }
+}
+
 TEST_F(DamagedAccountTest, RegionsThatMoveLater_AreNotFollowed) {
     const AccountReader reader(file.Memory());
     Head().regions.events.offset = std::uint64_t{1} << 60;

@@ -14,8 +14,8 @@ TEST(AccessTest, OnlyTheToken_IsAuthorized) {
     EXPECT_TRUE(IsAuthorized("Bearer 0123456789abcdef", "0123456789abcdef"));
     EXPECT_TRUE(IsAuthorized("bearer 0123456789abcdef", "0123456789abcdef"));
     for (const auto* const wrong :
-         {"", "Bearer", "Bearer ", "Bearer 0123456789abcdeF", "Bearer 0123456789abcde", "Bearer 0123456789abcdef0",
-          "Bearer  0123456789abcdef", "Basic 0123456789abcdef", "0123456789abcdef"}) {
+         {"", "Bearer", "Bearer ", "Bearer 0123456789abcdeF", "Bearer x123456789abcdef", "Bearer 0123456789abcde",
+          "Bearer 0123456789abcdef0", "Bearer  0123456789abcdef", "Basic 0123456789abcdef", "0123456789abcdef"}) {
         EXPECT_FALSE(IsAuthorized(wrong, "0123456789abcdef")) << wrong;
     }
 }

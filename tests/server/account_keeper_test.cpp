@@ -59,6 +59,19 @@ TEST_F(AccountKeeperTest, UsedCountsAndRegionsOfOthers_AreNotFollowed) {
     EXPECT_EQ(Names(), (std::vector<std::string>{"a", "b", "c", "d"}));
 }
 
+TEST_F(AccountKeeperTest, ASubscriberInTheSlotOfAnother_HasNoLatencyYet) {
+    const auto count = [this] {
+        return AccountReader(keeper.File().Memory()).Read().subscribers.at(0).latency.Count();
+    };
+    const auto first = Add(1, "a");
+    static_cast<msgbus_server::ISubscriberSink&>(keeper).Note(first->Slot(), 1000);
+    EXPECT_EQ(count(), 1U);
+    keeper.EndSubscriber(*first, "a", std::nullopt, 0);
+    const auto second = Add(2, "b");
+    EXPECT_EQ(&second->Slot(), &first->Slot());
+    EXPECT_EQ(count(), 0U);
+}
+
 TEST_F(AccountKeeperTest, ATextOfOthers_IsNotUsedAgain) {
     const auto first = Add(1, "a");
     layout::SubscriberIdentity identity = first->Slot().identity.Read();

@@ -42,6 +42,20 @@ namespace fault_points = test_support::fault_points;
 constexpr instruments::AccountCapacities Small{
     .publishers = 300, .subscribers = 4, .clients = 4, .textBytes = 1U << 16, .latencyPages = 64};
 
+/// Pushes to the bus, or fails as a bus without memory does.
+class FailingProvider final : public message_bus::IProvider {
+public:
+    explicit FailingProvider(message_bus::IProvider& accepting) : provider(accepting) {}
+    ResultCode Push(long publisherId, long message) override {
+        return fails ? ResultCode::Failed : provider.Push(publisherId, message);
+    }
+
+    bool fails = false;
+
+private:
+    message_bus::IProvider& provider;
+};
+
 class AccountedBusTest : public test_support::BusTest {
 protected:
     // A registration sleeps while a lost wake-up keeps values inbound; the harness would let it sleep until the stop.
@@ -95,7 +109,8 @@ protected:
     common::Mutex turn;
     AccountKeeper keeper{std::nullopt, Small, {"1.2.3", "--option", true}};
     ParkedWaits waits{*running, [this] { bus.NoteCopy(); }, Control(), false};
-    AccountedBus bus{turn, *running, *running, keeper,
+    FailingProvider provider{*running};
+    AccountedBus bus{turn, *running, provider, keeper,
                      [this](long id, SubscriberWaits::Account account) { waits.Follow(id, 0, std::move(account)); }};
     PushTurn pushes{turn, bus};
 
@@ -244,6 +259,31 @@ TEST_F(AccountedBusTest, AFullInboundQueue_RefusesAndIsCounted) {
     running->UnregisterSubscriber(probe);
 }
 
+TEST_F(AccountedBusTest, APushThatFails_LeavesNothing) {
+    const long reader = Subscriber("reader", {"t"});
+    const long publisher = Publisher("t");
+    PushAll(publisher, {1});
+    provider.fails = true;
+    EXPECT_EQ(pushes.Push(publisher, 2), ResultCode::Failed);
+    provider.fails = false;
+    const Snapshot failed = Read();
+    EXPECT_EQ(failed.bus.accepted, 1U);
+    EXPECT_EQ(failed.publishers[0].accepted, 1U);
+    PushAll(publisher, {3});
+    EXPECT_EQ(Take(reader), 1);
+    EXPECT_EQ(Take(reader), 3);
+    provider.fails = true;
+    EXPECT_EQ(pushes.Push(publisher, 4), ResultCode::Failed);
+    provider.fails = false;
+    Subscriber("another", {"t"}); // each value has two copies now
+    PushAll(publisher, {5});
+    EXPECT_EQ(Take(reader), 5);
+    Subscriber("third", {"t"}); // when all that entered must have left
+    const Snapshot snapshot = Read();
+    EXPECT_EQ(snapshot.bus.fannedOut, 3U);
+    EXPECT_EQ(snapshot.bus.discrepancies, 0U);
+}
+
 TEST_F(AccountedBusTest, APushOfAnUnknownPublisher_IsNotAccepted) {
     EXPECT_EQ(pushes.Push(77, 1), ResultCode::Success);
     EXPECT_EQ(Read().bus.accepted, 0U);
@@ -365,6 +405,30 @@ TEST_F(AccountedBusTest, ADescription_EndsWithItsPublisher) {
     bus.UnregisterPublisher(publisher);
     EXPECT_THAT(Read().descriptions, IsEmpty());
     EXPECT_EQ(bus.Describe("t", ::getpid(), "unit=K"), Described::NoPublisher);
+}
+
+TEST_F(AccountedBusTest, ADescriptionThatHasEnded_GivesItsRoomBackOnce) {
+    const long publisher = Publisher("t");
+    EXPECT_EQ(bus.Describe("t", ::getpid(), "unit=K"), Described::Done);
+    bus.UnregisterPublisher(publisher);
+    Publisher("u"); // lies where the description was
+    Publisher("t");
+    Publisher("v");
+    const Snapshot snapshot = Read();
+    ASSERT_THAT(snapshot.publishers, SizeIs(3));
+    EXPECT_EQ(snapshot.publishers[0].topic, "t");
+    EXPECT_EQ(snapshot.publishers[1].topic, "u");
+    EXPECT_EQ(snapshot.publishers[2].topic, "v");
+}
+
+TEST_F(AccountedBusTest, APublisherOfAnUnknownProcess_IsDescribedByNone) {
+    Publisher("t");
+    auto& identity = keeper.File().At<instruments::layout::Publisher>(keeper.File().Regions().publishers, 0).identity;
+    auto unknown = identity.Read();
+    unknown.program.pid = 0;
+    identity.Write(unknown);
+    EXPECT_EQ(bus.Describe("t", 0, "unit=K"), Described::OtherOwner);
+    EXPECT_EQ(bus.Describe("t", ::getpid(), "unit=K"), Described::OtherOwner);
 }
 
 TEST_F(AccountedBusTest, ADescription_ComesFromTheOwnerOfThePublisher) {

@@ -91,4 +91,14 @@ TEST_F(HealthTest, AnEmptyInboundQueue_MayStaySo) {
     EXPECT_THAT(health.WhyIll(Now + 211 * Second), Optional(HasSubstr("for 11 s, and 1 are in it")));
 }
 
+TEST_F(HealthTest, AValueAfterOneThatWasTakenBack_HasItsOwnTime) {
+    SetInbound(6, 5);
+    EXPECT_EQ(health.WhyIll(Now), std::nullopt);
+    SetInbound(5, 5);
+    EXPECT_EQ(health.WhyIll(Now + 5 * Second), std::nullopt);
+
+    SetInbound(6, 5);
+    EXPECT_EQ(health.WhyIll(Now + 20 * Second), std::nullopt);
+}
+
 } // namespace

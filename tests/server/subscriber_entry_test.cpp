@@ -62,6 +62,21 @@ TEST_F(SubscriberEntryTest, AValueThatNeverCame_EndsTheAccountAndIsNotWaitedForA
     ExpectAddsUp();
 }
 
+TEST_F(SubscriberEntryTest, WhatWasOffered_IsTakenUndeliveredOrUnreadAgain) {
+    for (int i = 0; i < 6; ++i) {
+        entry->NoteDue();
+    }
+    entry->BeginHandOver(6);
+    entry->EndHandOver(1, 5);
+
+    entry->EndOffer(2, 1);
+
+    EXPECT_EQ(entry->Flow().taken, 3U);
+    EXPECT_EQ(Dropped(Drop::Undelivered), 1U);
+    EXPECT_EQ(entry->Queued(), 2U);
+    ExpectAddsUp();
+}
+
 TEST_F(SubscriberEntryTest, WhatIsLeftOfAnAccountThatWasGivenUp_IsDroppedWithTheSubscriber) {
     entry->NoteDue();
     entry->NoteDropped(Drop::Oldest, 2);

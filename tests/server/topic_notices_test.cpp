@@ -335,6 +335,20 @@ TEST(TopicNoticesReadTest, Read_WithoutReservedTopics_ReturnsNothing) {
     EXPECT_FALSE(TopicNotices::Read({"heat", "\x1E", " "}).has_value());
 }
 
+TEST(TopicNoticesRemoveTest, Remove_OfOne_LeavesTheOthersTheirNotices) {
+    std::vector<long> receivers;
+    TopicNotices notices([&receivers](long id, const auto&) { receivers.push_back(id); }, {});
+    const auto wishes = *TopicNotices::Read({HeatCount});
+    notices.Add(1, wishes);
+    notices.Add(2, wishes);
+    notices.Remove(1, wishes);
+    EXPECT_TRUE(notices.IsAsked(ReservedTopic::SubscriberCount, Heat));
+    notices.Report(ReservedTopic::SubscriberCount, Heat, 3);
+    EXPECT_THAT(receivers, ElementsAre(2));
+    notices.Remove(2, wishes);
+    EXPECT_FALSE(notices.IsAsked(ReservedTopic::SubscriberCount, Heat));
+}
+
 TEST(TopicNoticesReadTest, Read_TakesForAReservedTopicOnlyWhatNamesATopic) {
     const auto wishes = TopicNotices::Read({"heat", "\x1FP",
                                             "\x1FX"

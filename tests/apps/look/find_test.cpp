@@ -46,6 +46,12 @@ TEST_F(FindTest, Find_ByName_FindsEverySubscriberOfThatName) {
     EXPECT_THAT(found.subscribers, ElementsAre(0, 1));
 }
 
+TEST_F(FindTest, Find_ByANameThatIsAlsoWhatIsPrintedForAnother_FindsTheName) {
+    account.subscribers.push_back(hand_made::Subscriber(12, "line\\nfeed", {"a"}));
+    account.subscribers.push_back(hand_made::Subscriber(13, "line\nfeed", {"a"}));
+    EXPECT_THAT(look::Find(account, "line\\nfeed").subscribers, ElementsAre(3));
+}
+
 TEST_F(FindTest, Find_ByNumber_FindsIdAndName) {
     EXPECT_THAT(look::Find(account, "9").subscribers, ElementsAre(0, 2));
 }

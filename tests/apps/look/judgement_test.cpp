@@ -92,6 +92,7 @@ TEST(JudgementTest, EachMeasure_HasItsLimit) {
     account.bus.flows.due = 3;
     account.bus.inbound = 7;
     account.bus.accepted = 7;
+    account.threads.push_back({.name = "clean-up", .awaySince = 0}); // it is in its loop
     account.threads.push_back({.name = "events", .awaySince = hand_made::Now - 9 * hand_made::Second});
     const auto verdictWith = [&](diagnosis::Thresholds Rules::*limits, double warning) {
         Rules rules;
