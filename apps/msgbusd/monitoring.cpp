@@ -2,6 +2,7 @@
 
 #include "access_token.h"
 #include "common/monitor_socket.h"
+#include "common/secret.h"
 #include "diagnostics.h"
 #include "fail_stop.h"
 
@@ -51,7 +52,7 @@ Monitoring::Monitoring(msgbus_server::BusServer& server, const MonitorSettings& 
     const bool makesToken = settings.address && settings.tokenFile.empty();
     if (settings.address) {
         options.address = settings.address;
-        options.token = makesToken ? msgbus_monitor::MakeToken() : msgbus_monitor::ReadToken(settings.tokenFile);
+        options.token = makesToken ? common::MakeSecret() : msgbus_monitor::ReadToken(settings.tokenFile);
     }
     const std::string token = options.token;
     monitor.emplace(account, std::move(options));

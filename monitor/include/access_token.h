@@ -11,9 +11,6 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Returns: a token that cannot be guessed. Throws: TokenError.
-std::string MakeToken();
-
 /// Returns: the only line of a file. Throws: TokenError; also when others than its owner may read the file, or the
 /// token is shorter than 16 characters or has others than letters, digits and "-._~+/=".
 std::string ReadToken(const std::string& path);

@@ -1,5 +1,6 @@
 #include "access.h"
 
+#include "common/secret.h"
 #include "loopback_address.h"
 
 #include <algorithm>
@@ -23,15 +24,7 @@ bool IsAuthorized(std::string_view authorization, std::string_view token) {
     if (token.empty() || !AreEqualIgnoringCase(authorization.substr(0, scheme.size()), scheme)) {
         return false;
     }
-    const std::string_view given = authorization.substr(scheme.size());
-    if (given.size() != token.size()) {
-        return false;
-    }
-    unsigned difference = 0;
-    for (std::size_t i = 0; i < token.size(); ++i) {
-        difference |= static_cast<unsigned char>(given[i]) ^ static_cast<unsigned char>(token[i]);
-    }
-    return difference == 0;
+    return common::IsSecret(token, authorization.substr(scheme.size()));
 }
 
 bool IsLoopbackHost(std::string_view host) {

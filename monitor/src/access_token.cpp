@@ -3,7 +3,6 @@
 #include "common/escape.h"
 
 #include <fcntl.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -51,21 +50,6 @@ bool IsTokenCharacter(char c) noexcept {
 }
 
 } // namespace
-
-std::string MakeToken() {
-    constexpr std::size_t size = 32;
-    std::array<unsigned char, size> bytes{};
-    if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
-        throw TokenError(std::string("there are no random numbers for a token: ") + std::strerror(errno));
-    }
-    constexpr std::string_view digits = "0123456789abcdef";
-    std::string token;
-    for (const unsigned char byte : bytes) {
-        token += digits[byte >> 4];
-        token += digits[byte & 0xFU];
-    }
-    return token;
-}
 
 std::string ReadToken(const std::string& path) {
     const File file(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);

@@ -1,7 +1,7 @@
 #include "dashboard/gate.h"
 
+#include "common/secret.h"
 #include "dashboard/page_files.h"
-#include "dashboard/secret.h"
 
 namespace dashboard {
 
@@ -36,8 +36,8 @@ bool IsRelayed(std::string_view path) {
 
 // Cookies are sent to all ports of a host: the name keeps two dashboards apart.
 Gate::Gate(std::uint16_t ownPort)
-    : port(ownPort), cookieName("msgbus-dashboard-" + std::to_string(ownPort)), token(MakeSecret()),
-      cookieValue(MakeSecret()) {}
+    : port(ownPort), cookieName("msgbus-dashboard-" + std::to_string(ownPort)), token(common::MakeSecret()),
+      cookieValue(common::MakeSecret()) {}
 
 bool Gate::IsOwnHost(std::string_view host) const {
     constexpr std::uint16_t portOfHttp = 80;
@@ -59,7 +59,7 @@ bool Gate::HasCookie(const Request& request) const {
         cookie.remove_prefix(std::min(cookie.find_first_not_of(' '), cookie.size()));
         const auto sign = cookie.find('=');
         if (sign != cookie.npos && cookie.substr(0, sign) == cookieName &&
-            IsSecret(cookieValue, cookie.substr(sign + 1))) {
+            common::IsSecret(cookieValue, cookie.substr(sign + 1))) {
             return true;
         }
     }
@@ -70,7 +70,7 @@ Verdict Gate::JudgeToken(const Request& request, std::string_view text) {
     if (HasCookie(request)) { // the address was opened again where it had been opened
         return {Verdict::Kind::Admitted, http::status::see_other, {}, {}};
     }
-    if (!IsSecret(token, text)) {
+    if (!common::IsSecret(token, text)) {
         return Refuse(http::status::forbidden, NotAdmitted);
     }
     if (isTokenUsed) {

@@ -39,7 +39,7 @@ using BrowserStream = std::shared_ptr<beast::tcp_stream>;
 namespace {
 
 constexpr std::chrono::seconds AnswerLimit{5};
-constexpr std::chrono::seconds PieceLimit{60}; // the server sends something every 15 s even where nothing happens
+constexpr std::chrono::seconds PieceLimit{60}; // the server sends something every 10 s even where nothing happens
 constexpr std::uint32_t LongestHeader = 16384;
 constexpr std::size_t PieceSize = 65536;
 

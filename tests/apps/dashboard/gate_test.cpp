@@ -2,8 +2,6 @@
 // itself; and which of its requests reach the server.
 #include "dashboard/gate.h"
 
-#include "dashboard/secret.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,7 +9,6 @@
 namespace {
 
 using dashboard::Gate;
-using dashboard::IsSecret;
 using dashboard::Request;
 using dashboard::Verdict;
 
@@ -100,13 +97,6 @@ TEST_F(GateTest, PagesFromElsewhere_AreRefused) {
     auto request = Ask("/v1/state");
     request.set(http::field::origin, "http://localhost:8123");
     EXPECT_EQ(gate.Judge(request).kind, Verdict::Kind::Relayed);
-}
-
-TEST(SecretTest, OnlyTheSecretItself_IsOne) {
-    EXPECT_TRUE(IsSecret("abcd", "abcd"));
-    for (const auto* const text : {"", "abc", "abcde", "xbcd", "abcx"}) {
-        EXPECT_FALSE(IsSecret("abcd", text)) << text;
-    }
 }
 
 } // namespace
