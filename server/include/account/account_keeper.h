@@ -116,6 +116,8 @@ private:
 
     std::optional<PublisherPlace> PublisherSlotFor(const std::string& topic);
     ClientRecord* RecordOf(const KnCaller& caller) noexcept REQUIRES(clientsMutex);
+    template <typename Action>
+    void WithClient(const KnCaller& caller, Action action) noexcept;
     void CountForRequest(instruments::layout::Counter instruments::layout::Client::*counter) noexcept;
     std::atomic<std::uint32_t>* BucketOf(OctavePages& pages, std::uint64_t nanoseconds) REQUIRES(pagesMutex);
     void ClearLatency(instruments::layout::Subscriber& slot);

@@ -322,14 +322,27 @@ AccountKeeper::ClientRecord* AccountKeeper::RecordOf(const KnCaller& caller) noe
     }
 }
 
-void AccountKeeper::CountForRequest(Counter Client::*counter) noexcept {
-    const common::MutexLock lock(clientsMutex); // first: the end of a process that is not gone by now is reported later
-    KnCaller caller;
-    if (KnCallerOfRequest(&caller) != KnStatusOk) {
-        return; // no request, or one of a process whose end was reported: a record would stay for ever
+/// Calls `action` with the record of a process and its slot, if there is room for them.
+template <typename Action>
+void AccountKeeper::WithClient(const KnCaller& caller, Action action) noexcept {
+    {
+        const common::MutexLock lock(clientsMutex);
+        if (auto* const record = RecordOf(caller)) {
+            action(*record, file.At<Client>(file.Regions().clients, record->slot));
+        }
     }
-    if (const auto* const record = RecordOf(caller)) {
-        (file.At<Client>(file.Regions().clients, record->slot).*counter).fetch_add(1, std::memory_order_relaxed);
+    // The end of the process may have been reported before its record was made, which would then stay for ever. Asked
+    // afterwards and without a lock, because the platform may report an end with its own.
+    KnCaller present;
+    if (KnCallerOfRequest(&present) == KnStatusPeerGone && present.id == caller.id) {
+        EndClient(caller);
+    }
+}
+
+void AccountKeeper::CountForRequest(Counter Client::*counter) noexcept {
+    KnCaller caller;
+    if (KnCallerOfRequest(&caller) == KnStatusOk) {
+        WithClient(caller, [counter](auto&, Client& slot) { (slot.*counter).fetch_add(1, std::memory_order_relaxed); });
     }
 }
 
@@ -342,24 +355,19 @@ void AccountKeeper::NoteUnknownWait() noexcept {
 }
 
 void AccountKeeper::NoteRefusal(const KnCaller& caller, cor::ResultCode code, std::string_view name) noexcept {
-    {
-        const common::MutexLock lock(clientsMutex); // first, as above
-        KnCaller present;
-        const bool isGone = KnCallerOfRequest(&present) == KnStatusPeerGone && present.id == caller.id;
-        auto* const record = isGone ? nullptr : RecordOf(caller);
-        if (record == nullptr) {
-            return;
-        }
-        auto& slot = file.At<Client>(file.Regions().clients, record->slot);
+    bool isEvent = false;
+    WithClient(caller, [&isEvent](ClientRecord& record, Client& slot) {
         slot.refusedRegistrations.fetch_add(1, std::memory_order_relaxed);
         const std::int64_t now = TimeOf(CLOCK_MONOTONIC);
         // One a second: a client that goes on must not push the other events out.
-        if (now < record->nextRefusalEvent) {
-            return;
+        isEvent = now >= record.nextRefusalEvent;
+        if (isEvent) {
+            record.nextRefusalEvent = now + Second;
         }
-        record->nextRefusalEvent = now + Second;
+    });
+    if (isEvent) {
+        NoteEvent(EventKind::Refused, 0, ProgramOf(caller), name, static_cast<std::int32_t>(code));
     }
-    NoteEvent(EventKind::Refused, 0, ProgramOf(caller), name, static_cast<std::int32_t>(code));
 }
 
 void AccountKeeper::EndClient(const KnCaller& caller) noexcept {
