@@ -94,6 +94,14 @@ TEST_F(AudienceTest, AfterARestart_OnlyANewNumberIsReported) {
     EXPECT_THAT(counts, ElementsAre(0, 1, 0));
 }
 
+TEST_F(AudienceTest, Subscribers_OutlivesARestart) {
+    Publisher publisher("heat", Recording());
+    bus.Restart();
+    EXPECT_NO_THROW(publisher.Subscribers()) << "without a push before, which would have connected again";
+    bus.Restart();
+    EXPECT_NO_THROW(publisher.Subscribers());
+}
+
 TEST_F(AudienceTest, AFailureToCount_IsNoneOfThePush) {
     Publisher publisher("heat", Recording());
     bus.FailNext(Request::Receive, 1);
