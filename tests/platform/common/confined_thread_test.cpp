@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <future>
 #include <thread>
 
@@ -135,6 +136,9 @@ TEST_F(ConfinedThreadTest, OfAThreadThatHasEnded_DoesNothing) {
     std::thread thread([&] { id.set_value(::gettid()); });
     const pid_t gone = id.get_future().get();
     thread.join();
+    while (::tgkill(::getpid(), gone, 0) == 0) { // join returns a moment before the kernel forgets the thread
+        std::this_thread::yield();
+    }
     ConfinedThread confined(gone);
     EXPECT_FALSE(confined.To(0));
     EXPECT_FALSE(confined.IsConfined());
