@@ -32,7 +32,12 @@
 namespace {
 
 const std::vector<std::string> Topics{"even", "odd", "third"};
-constexpr std::chrono::milliseconds TimeBetweenValues{1};
+
+/// Returns: the time between values, longer where a sanitizer makes the bus slower.
+std::chrono::milliseconds TimeBetweenValues() {
+    const char* const slowness = std::getenv("BORVEN_TEST_SLOWNESS");
+    return std::chrono::milliseconds(slowness == nullptr ? 1 : std::stoi(slowness));
+}
 
 /// Memory that all processes share.
 struct Shared {
@@ -86,7 +91,7 @@ void PublishUntilEnd(Shared& shared, std::size_t topic) {
         publisher.Push(shared.next[topic]);
         ++shared.next[topic];
         // While its inbound queue is never empty, the bus registers and unregisters no subscriber.
-        std::this_thread::sleep_for(TimeBetweenValues);
+        std::this_thread::sleep_for(TimeBetweenValues());
     }
 }
 
@@ -141,7 +146,7 @@ void TakeTurnsUntilEnd(Shared& shared, std::size_t topic) {
         for (int count = 0; count < valuesEach; ++count) {
             publisher.Push(shared.next[topic]);
             ++shared.next[topic];
-            std::this_thread::sleep_for(TimeBetweenValues);
+            std::this_thread::sleep_for(TimeBetweenValues());
         }
     }
 }
