@@ -104,8 +104,11 @@ class Process:
     def _thread_states(self):
         folder = f"/proc/{self.popen.pid}/task"
         for thread in os.listdir(folder):
-            with open(f"{folder}/{thread}/stat", encoding="utf-8") as stat:
-                yield stat.read().rsplit(")", 1)[1].split()[0]
+            try:
+                with open(f"{folder}/{thread}/stat", encoding="utf-8") as stat:
+                    yield stat.read().rsplit(")", 1)[1].split()[0]
+            except (FileNotFoundError, ProcessLookupError):
+                pass  # it has ended meanwhile
 
     def kill(self):
         self.popen.kill()

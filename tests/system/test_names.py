@@ -84,8 +84,11 @@ class Names(BusTest):
         def switches():
             """How often the thread that watches has run."""
             for thread in os.listdir(f"/proc/{server.popen.pid}/task"):
-                with open(f"/proc/{server.popen.pid}/task/{thread}/status", encoding="utf-8") as file:
-                    lines = dict(line.rstrip("\n").split(":\t", 1) for line in file if ":\t" in line)
+                try:
+                    with open(f"/proc/{server.popen.pid}/task/{thread}/status", encoding="utf-8") as file:
+                        lines = dict(line.rstrip("\n").split(":\t", 1) for line in file if ":\t" in line)
+                except (FileNotFoundError, ProcessLookupError):
+                    continue  # the thread has ended meanwhile
                 if lines["Name"] == "borven-house":
                     return int(lines["voluntary_ctxt_switches"])
             return -1
