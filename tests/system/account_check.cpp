@@ -1,8 +1,7 @@
 // Reads the account of a server again and again, also over restarts of the server, and checks each time that it adds up
 // and that no counter has gone back:
-//   account_check FILE COUNT [SERVERS]    until it was read COUNT times, and of so many servers; a line with what it
-//   has
-//                                         seen; exit status 1 if it failed
+//   account_check FILE COUNT [SERVERS]    until it was read COUNT times, and of so many servers
+// Prints a line with what it has seen. Exit status 1 if it failed.
 
 #include "instruments/read_account.h"
 

@@ -35,8 +35,9 @@ const std::vector<std::string> Topics{"even", "odd", "third"};
 
 /// Returns: the time between values, longer where a sanitizer makes the bus slower.
 std::chrono::milliseconds TimeBetweenValues() {
-    const char* const slowness = std::getenv("BORVEN_TEST_SLOWNESS");
-    return std::chrono::milliseconds(slowness == nullptr ? 1 : std::stoi(slowness));
+    static const char* const slowness = std::getenv("BORVEN_TEST_SLOWNESS");
+    static const std::chrono::milliseconds time(slowness == nullptr ? 1 : std::stoi(slowness));
+    return time;
 }
 
 /// Memory that all processes share.
