@@ -13,8 +13,7 @@ std::string InRuntimeDirectory(const char* name) {
     std::array<char, PATH_MAX> directory{};
     const auto status = KnRuntimeDirectory(KnMissingDirectory::Fails, directory.data(), directory.size());
     if (status == KnStatusNotFound) {
-        throw NoAccountError(
-            "there is no runtime directory, so no server has run here (BORVEN_RUNTIME_DIR chooses one)");
+        throw NoAccountError("there is no runtime directory, so no server has run here");
     }
     if (status != KnStatusOk) {
         throw AccountError(std::string("the runtime directory cannot be used: ") + KnStatusText(status));

@@ -13,3 +13,8 @@ enum class KnMissingDirectory { Fails, IsCreated };
 /// with the reason in the log; KnStatusInvalidArgument when the buffer is too small; KnStatusNoResources.
 /// Blocks: never. Threads: any.
 std::int32_t KnRuntimeDirectory(KnMissingDirectory missing, char* path, std::size_t size) noexcept;
+
+/// Writes where the runtime directory is looked for and what has chosen this place, as a phrase for people such as
+/// "/run/user/1000/borven (XDG_RUNTIME_DIR)", to `text`, a buffer of `size` bytes, NUL-terminated and cut where it does
+/// not fit. Blocks: never. Threads: any.
+void KnDescribeRuntimeDirectory(char* text, std::size_t size) noexcept;

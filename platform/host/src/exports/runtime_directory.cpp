@@ -3,6 +3,7 @@
 #include "base/no_throw.h"
 #include "names/runtime_directory.h"
 
+#include <algorithm>
 #include <cstring>
 
 using namespace borven_host;
@@ -20,5 +21,19 @@ std::int32_t KnRuntimeDirectory(KnMissingDirectory missing, char* path, std::siz
             std::memcpy(path, text.c_str(), text.size() + 1);
         }
         return status;
+    });
+}
+
+void KnDescribeRuntimeDirectory(char* text, std::size_t size) noexcept {
+    if (text == nullptr || size == 0) {
+        return;
+    }
+    text[0] = '\0';
+    NoThrow([&]() -> std::int32_t {
+        const std::string phrase = DescribeRuntimeDirectory();
+        const std::size_t length = std::min(phrase.size(), size - 1);
+        std::memcpy(text, phrase.data(), length);
+        text[length] = '\0';
+        return KnStatusOk;
     });
 }

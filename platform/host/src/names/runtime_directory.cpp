@@ -24,14 +24,19 @@ namespace {
 
 using bos::logger::LogLevel;
 
-std::string ChosenPath() {
+struct Choice {
+    std::string path;
+    const char* reason; ///< for people
+};
+
+Choice ChoosePath() {
     if (const char* chosen = ::secure_getenv("BORVEN_RUNTIME_DIR"); chosen != nullptr && *chosen != '\0') {
-        return chosen;
+        return {chosen, "BORVEN_RUNTIME_DIR"};
     }
     if (const char* session = ::secure_getenv("XDG_RUNTIME_DIR"); session != nullptr && *session != '\0') {
-        return std::string(session) + "/borven";
+        return {std::string(session) + "/borven", "XDG_RUNTIME_DIR"};
     }
-    return "/tmp/borven-" + std::to_string(::geteuid());
+    return {"/tmp/borven-" + std::to_string(::geteuid()), "neither BORVEN_RUNTIME_DIR nor XDG_RUNTIME_DIR is set"};
 }
 
 std::int32_t Refuse(const std::string& path, std::string_view reason) {
@@ -75,7 +80,7 @@ bool IsRootDirectory(const struct stat& directory) {
 } // namespace
 
 std::string RuntimeDirectoryPath() {
-    const std::string chosen = ChosenPath();
+    const std::string chosen = ChoosePath().path;
     std::error_code error; // the working directory may be gone
     std::string path = std::filesystem::absolute(chosen, error).string();
     if (error) {
@@ -85,6 +90,12 @@ std::string RuntimeDirectoryPath() {
         path.pop_back();
     }
     return path;
+}
+
+std::string DescribeRuntimeDirectory() {
+    const std::string path = RuntimeDirectoryPath();
+    const bool isMissing = ::access(path.c_str(), F_OK) != 0 && errno == ENOENT;
+    return path + (isMissing ? ", which does not exist (" : " (") + ChoosePath().reason + ')';
 }
 
 std::int32_t OpenRuntimeDirectory(const std::string& path, Missing missing, UniqueFd& directory) {

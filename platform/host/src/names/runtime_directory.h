@@ -14,6 +14,9 @@ enum class Missing { Fails, IsCreated };
 /// $XDG_RUNTIME_DIR/borven, else /tmp/borven-<uid>.
 std::string RuntimeDirectoryPath();
 
+/// Returns: that path, whether something is there, and in brackets what has chosen it.
+std::string DescribeRuntimeDirectory();
+
 /// Opens the runtime directory at `path`. It must be a directory and no symbolic link, belong to this user, and be
 /// closed to all others. The directory above it must belong to this user or root, and others may write to it only if
 /// it is sticky: a process that may rename the runtime directory could keep the server and its clients apart.
