@@ -16,6 +16,21 @@ constexpr std::size_t LongestDeliveredTopic = 1022; // bytes; the bus truncates 
 
 constexpr std::pair<std::string_view, double> Units[] = {{"ms", 1}, {"s", 1e3}, {"", 1e3}, {"m", 6e4}, {"h", 3.6e6}};
 
+std::int64_t ParseBits(std::string_view text) {
+    std::uint64_t bits = 0;
+    constexpr std::size_t prefix = 2;
+    constexpr int hexadecimal = 16;
+    const char* const last = text.data() + text.size();
+    const auto [end, error] = std::from_chars(text.data() + prefix, last, bits, hexadecimal);
+    if (error == std::errc::result_out_of_range) {
+        throw std::invalid_argument("'" + std::string(text) + "' does not fit into 64 bits");
+    }
+    if (error != std::errc() || end != last) {
+        throw std::invalid_argument("'" + std::string(text) + "' is not a 64-bit integer");
+    }
+    return static_cast<std::int64_t>(bits);
+}
+
 } // namespace
 
 void Say(std::string_view sentence) {
@@ -26,6 +41,9 @@ void Say(std::string_view sentence) {
 }
 
 std::int64_t ParseValue(std::string_view text) {
+    if (text.starts_with("0x") || text.starts_with("0X")) {
+        return ParseBits(text);
+    }
     std::int64_t value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error == std::errc::result_out_of_range) {
@@ -62,6 +80,18 @@ std::chrono::milliseconds ParseDuration(std::string_view text) {
     }
     throw std::invalid_argument("'" + std::string(text) +
                                 "' is not a duration; it must be at least 1 ms, for example 10, 1.5s or 200ms");
+}
+
+std::chrono::nanoseconds ParseRate(std::string_view text) {
+    constexpr double lowest = 1 / 86400.0;
+    constexpr double highest = 1e6;
+    double rate = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), rate);
+    if (error != std::errc() || end != text.data() + text.size() || !(rate >= lowest && rate <= highest)) {
+        throw std::invalid_argument("'" + std::string(text) +
+                                    "' is not a rate; it must be a number of values per second up to 1e6");
+    }
+    return std::chrono::nanoseconds(std::llround(1e9 / rate));
 }
 
 void WarnAboutCutTopic(const std::string& topic) {

@@ -1,5 +1,10 @@
 #pragma once
 
+#include "command_line/command.h"
+
+#include <initializer_list>
+#include <vector>
+
 /// The exit statuses of msgbus.
 enum class ExitStatus : int {
     Done = 0,
@@ -9,3 +14,6 @@ enum class ExitStatus : int {
     NoServer = 4,   ///< no server was found, or the server is gone or does not answer
     TimedOut = 124, ///< as timeout(1)
 };
+
+/// Returns: what the help says about these statuses.
+std::vector<command_line::Entry> Describe(std::initializer_list<ExitStatus> statuses);

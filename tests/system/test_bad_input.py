@@ -22,12 +22,19 @@ class BadInput(BusTest):
         self.refuse(["frobnicate"], USAGE, "unknown command 'frobnicate'")
         self.refuse(["--frobnicate"], USAGE, "unknown option '--frobnicate'")
 
+    def test_unknown_options_are_named_before_missing_arguments_with_the_nearest_one(self):
+        self.refuse(["sub", "--nmae=x"], USAGE, "unknown option '--nmae' of 'msgbus sub'; did you mean '--name'?")
+        self.refuse(["--wiat", "pub"], USAGE, "unknown option '--wiat' of 'msgbus pub'; did you mean '--wait'?")
+        self.refuse(["sbu", "t"], USAGE, "unknown command 'sbu'; did you mean 'sub'?")
+        self.refuse(["help", "gte"], USAGE, "unknown command 'gte'; did you mean 'get'?")
+
     def test_missing_arguments(self):
         self.refuse([], USAGE, "no command given")
         self.refuse(["pub"], USAGE, "TOPIC is required")
         self.refuse(["pub", "t"], USAGE, "nothing to publish")
         self.refuse(["sub", "--name", "n"], USAGE, "TOPIC is required")
-        self.refuse(["sub", "t"], USAGE, "--name")
+        self.refuse(["sub", "t", "--name"], USAGE, "option '--name' needs a value")
+        self.refuse(["get"], USAGE, "TOPIC is required")
 
     def test_both_modes_at_once(self):
         self.refuse(["--static", "--dynamic"], USAGE, "excludes", "msgbusd")
@@ -52,9 +59,9 @@ class BadInput(BusTest):
 
     def test_values_that_are_no_64_bit_integers(self):
         self.server()
-        for text in ("x", "", "1.5", "1e3", "0x10", " 1", "1 ", "+", "-", "--5"):
+        for text in ("x", "", "1.5", "1e3", "0x", "0xg", "-0x1", " 1", "1 ", "+", "--5"):
             self.refuse(["pub", "t", "--", text], USAGE, f"'{text}' is not a 64-bit integer")
-        for text in (str(2**63), str(-2**63 - 1), "9" * 100):
+        for text in (str(2**63), str(-2**63 - 1), "9" * 100, "0x1" + 16 * "0"):
             self.refuse(["pub", "t", "--", text], USAGE, f"'{text}' does not fit into 64 bits")
 
     def test_one_bad_value_among_good_ones_publishes_none(self):
@@ -149,7 +156,7 @@ class BadInput(BusTest):
                                   (f"{missing}/runtime", "the directory above it cannot be opened")):
             self.environment["BORVEN_RUNTIME_DIR"] = directory
             self.refuse([f"--{MODE}"], FAILED, f"cannot use the runtime directory {directory}: {reason}", "msgbusd")
-            self.refuse(["pub", "t", "1"], NO_SERVER, f"BORVEN_RUNTIME_DIR is '{directory}', which does not exist")
+            self.refuse(["pub", "t", "1"], NO_SERVER, f"looked in {directory}, which does not exist (BORVEN_RUNTIME_DIR)")
             self.assertFalse(os.path.exists(missing))
 
     def test_a_file_in_the_place_of_a_socket(self):

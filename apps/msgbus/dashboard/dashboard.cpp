@@ -109,3 +109,27 @@ ExitStatus ShowDashboard(const DashboardArguments& arguments) {
     context.run();
     return ExitStatus::Done;
 }
+
+void AddDashboardCommand(command_line::Command& program, Action& chosen) {
+    struct Words {
+        DashboardArguments arguments;
+        std::optional<std::string> port;
+    };
+    auto& command = program.AddCommand(
+        "dashboard", "Serve a live page about the bus to this user's browser, until SIGINT.", "Commands");
+    const auto words = std::make_shared<Words>();
+    command.add_option("--port", words->port, "port of 127.0.0.1 (default: a free one)")->type_name("PORT");
+    command.add_flag("--open", words->arguments.opensBrowser, "open the page in the browser, with xdg-open");
+    command.notes.environment = {{"BORVEN_RUNTIME_DIR",
+                                  "directory of the server's monitor.sock; if unset, "
+                                  "$XDG_RUNTIME_DIR/borven, else a directory of the user's own in "
+                                  "/tmp"}};
+    command.notes.exitStatuses = Describe({ExitStatus::Done, ExitStatus::Failed, ExitStatus::Usage});
+    command.notes.examples = {{"msgbus dashboard --open", "See the bus in the browser"}};
+    command.callback([&chosen, words] {
+        chosen = [words] {
+            words->arguments.port = words->port ? ParsePort(*words->port) : words->arguments.port;
+            return ShowDashboard(words->arguments);
+        };
+    });
+}

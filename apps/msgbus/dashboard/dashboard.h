@@ -1,6 +1,7 @@
 #pragma once
 
-#include "exit_status.h"
+#include "action.h"
+#include "command_line/command.h"
 
 #include <cstdint>
 #include <string_view>
@@ -19,3 +20,6 @@ std::uint16_t ParsePort(std::string_view text);
 /// It needs no server to start, and goes on when the server is started again. Throws: std::system_error when the port
 /// cannot be had.
 ExitStatus ShowDashboard(const DashboardArguments& arguments);
+
+/// Adds the command. The action is put into `chosen`, which must outlive the parsing, when it is parsed.
+void AddDashboardCommand(command_line::Command& program, Action& chosen);

@@ -3,6 +3,7 @@
 #include "instruments/read_account.h"
 #include "instruments/snapshot.h"
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -29,6 +30,10 @@ private:
     std::string path;
     instruments::AccountReader reader;
 };
+
+/// Waits until the account is that of a server that runs: the account file `file`, or that of this user's server.
+/// Throws: instruments::NoAccountError after `patience`; instruments::AccountError. Blocks: for `patience`.
+void AwaitServer(const std::optional<std::string>& file, std::chrono::milliseconds patience);
 
 /// Returns: what to say of a server that does not work on; empty when it does.
 std::string WarningAbout(const instruments::ServerAccount& server);

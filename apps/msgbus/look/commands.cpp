@@ -1,6 +1,8 @@
 #include "commands.h"
 
+#include "account_source.h"
 #include "arguments.h"
+#include "bus_options.h"
 #include "diagnosis/autopsy.h"
 #include "diagnosis/check.h"
 #include "diagnosis/report.h"
@@ -22,33 +24,25 @@ namespace {
 
 constexpr const char* Group = "Commands that look into the bus";
 
-constexpr const char* Footer =
-    "Environment:\n"
-    "  BORVEN_RUNTIME_DIR          directory of the server's account\n"
-    "\n"
-    "Exit status:\n"
-    "  0 success, 1 failure, 2 usage error, 4 no account or server gone, 124 time limit reached";
+using command_line::Command;
 
-constexpr const char* CheckFooter =
-    "A warning or critical state begins beyond the number.\n"
-    "\n"
-    "Environment:\n"
-    "  BORVEN_RUNTIME_DIR          directory of the server's account\n"
-    "\n"
-    "Exit status, in place of those of the other commands:\n"
-    "  0 OK, 1 WARNING, 2 CRITICAL (also: the server is gone), 3 UNKNOWN (no account, or a usage error)";
+/// What the topic of a command is called on its command line.
+constexpr const char* TopicNames = "-t,--topic,TOPIC";
 
-constexpr const char* CheckName = "check";
+const command_line::Entry DirectoryVariable{
+    "BORVEN_RUNTIME_DIR",
+    "directory of the server's account; if unset, $XDG_RUNTIME_DIR/borven, else a directory of the "
+    "user's own in /tmp"};
 
 /// Texts of the command line that are numbers and times.
 struct Limits {
     std::optional<std::string> count;
     std::optional<std::string> timeLimit;
 
-    void AddCount(CLI::App& command, const std::string& meaning) {
+    void AddCount(Command& command, const std::string& meaning) {
         command.add_option("-n,--count", count, meaning)->type_name("COUNT");
     }
-    void AddTimeLimit(CLI::App& command, const std::string& meaning) {
+    void AddTimeLimit(Command& command, const std::string& meaning) {
         command.add_option("-W,--time-limit", timeLimit, meaning)->type_name("DURATION");
     }
 
@@ -69,22 +63,40 @@ struct Limits {
 
 constexpr const char* TimeLimitMeaning = "exit with status 124 after this time, for example 10 (seconds), 1.5s, 200ms";
 
-/// The parts of a command line, which live as long as the parser.
+/// The words of a command line, and what they are made of.
 template <typename Arguments>
-struct Command {
+struct Parts {
     Arguments arguments;
     Limits limits;
     std::string word;
+    const CLI::Option* wait = nullptr;
+
+    /// Waits for a server, if that is wanted. Throws: as look::AwaitServer.
+    void Await() const {
+        if (const auto time = wait == nullptr ? std::nullopt : command_line::OptionalValueOf(*wait)) {
+            look::AwaitServer(arguments.account, ParseWait(*time));
+        }
+    }
 };
 
 template <typename Arguments>
-std::pair<CLI::App*, std::shared_ptr<Command<Arguments>>> AddCommand(CLI::App& app, const char* name,
-                                                                     const char* meaning) {
-    auto* const command = app.add_subcommand(name, meaning)->group(Group);
-    auto parts = std::make_shared<Command<Arguments>>();
-    command->footer(Footer);
-    command->add_option("--account", parts->arguments.account, "read this account file")->type_name("FILE");
-    return {command, parts};
+std::pair<Command*, std::shared_ptr<Parts<Arguments>>> AddCommand(Command& program, const char* name,
+                                                                  const char* meaning) {
+    auto& command = program.AddCommand(name, meaning, Group);
+    auto parts = std::make_shared<Parts<Arguments>>();
+    command.add_option("--account", parts->arguments.account, "read this account file")->type_name("FILE");
+    command.notes.environment = {DirectoryVariable};
+    command.notes.exitStatuses =
+        Describe({ExitStatus::Done, ExitStatus::Failed, ExitStatus::Usage, ExitStatus::NoServer});
+    return {&command, parts};
+}
+
+/// Lets the command wait for a server.
+template <typename Arguments>
+void AddWait(Command& command, Parts<Arguments>& parts) {
+    parts.wait = command_line::AddOptionWithOptionalValue(
+        command, "--wait", "DURATION",
+        "wait for a server that is not up yet; without a duration for as long as it takes");
 }
 
 template <typename Choice>
@@ -100,13 +112,15 @@ Choice ChoiceOf(const std::map<std::string, Choice>& choices, const std::string&
     throw std::invalid_argument("'" + word + "' is not " + what + "; there is " + names);
 }
 
-void AddList(CLI::App& app, Action& chosen) {
+void AddList(Command& program, Action& chosen) {
     const auto [command, parts] = AddCommand<look::ListArguments>(
-        app, "list", "List the topics, publishers or subscribers of the bus, one a line.");
+        program, "list", "List the topics, publishers or subscribers of the bus, one a line.");
     command->add_option("WHAT", parts->word, "topics (default), publishers or subscribers")->type_name("WHAT");
     command->add_flag("--json", parts->arguments.json, "print one JSON object on one line");
+    AddWait(*command, *parts);
     command->callback([&chosen, parts = parts] {
         chosen = [parts] {
+            parts->Await();
             using enum look::ListKind;
             parts->arguments.kind =
                 ChoiceOf<look::ListKind>({{"topics", Topics}, {"publishers", Publishers}, {"subscribers", Subscribers}},
@@ -116,73 +130,86 @@ void AddList(CLI::App& app, Action& chosen) {
     });
 }
 
-void AddInfo(CLI::App& app, Action& chosen) {
+void AddInfo(Command& program, Action& chosen) {
     const auto [command, parts] =
-        AddCommand<look::InfoArguments>(app, "info", "Print all about a topic, a subscriber or an id.");
+        AddCommand<look::InfoArguments>(program, "info", "Print all about a topic, a subscriber or an id.");
     command->add_option("NAME", parts->arguments.word, "a topic, the name of a subscriber, or an id")
         ->type_name("NAME")
         ->required();
     command->add_flag("--json", parts->arguments.json, "print one JSON object on one line");
-    command->callback([&chosen, parts = parts] { chosen = [parts] { return look::Info(parts->arguments); }; });
+    AddWait(*command, *parts);
+    command->callback([&chosen, parts = parts] {
+        chosen = [parts] {
+            parts->Await();
+            return look::Info(parts->arguments);
+        };
+    });
 }
 
-void AddGet(CLI::App& app, Action& chosen) {
+void AddGet(Command& program, Action& chosen) {
     const auto [command, parts] = AddCommand<look::GetArguments>(
-        app, "get", "Print the last value of a topic and its age, without a subscription.");
-    command->add_option("TOPIC", parts->arguments.topic, "topic")->type_name("TOPIC")->required();
+        program, "get", "Print the last value of a topic and its age, without a subscription.");
+    command->add_option(TopicNames, parts->arguments.topic, "topic")->type_name("TOPIC")->required();
     parts->limits.AddTimeLimit(
         *command,
         "when there is no value: wait for the first so long, then exit with status 124 (default: exit with 1)");
     command->add_flag("--json", parts->arguments.json, "print one JSON object on one line");
+    AddWait(*command, *parts);
     command->callback([&chosen, parts = parts] {
         chosen = [parts] {
             parts->limits.SetTimeLimit(parts->arguments);
+            parts->Await();
             return look::Get(parts->arguments);
         };
     });
 }
 
-void AddHz(CLI::App& app, Action& chosen) {
+void AddHz(Command& program, Action& chosen) {
     const auto [command, parts] = AddCommand<look::HzArguments>(
-        app, "hz", "Print once a second how many values per second the bus accepts for a topic.");
-    command->add_option("TOPIC", parts->arguments.topic, "topic")->type_name("TOPIC")->required();
+        program, "hz", "Print once a second how many values per second the bus accepts for a topic.");
+    command->add_option(TopicNames, parts->arguments.topic, "topic")->type_name("TOPIC")->required();
     parts->limits.AddCount(*command, "exit after this many lines");
     parts->limits.AddTimeLimit(*command, TimeLimitMeaning);
     command->add_flag("--json", parts->arguments.json, "print a JSON object on each line");
+    AddWait(*command, *parts);
     command->callback([&chosen, parts = parts] {
         chosen = [parts] {
             parts->limits.SetCount(parts->arguments);
             parts->limits.SetTimeLimit(parts->arguments);
+            parts->Await();
             return look::Hz(parts->arguments);
         };
     });
 }
 
-void AddWatch(CLI::App& app, Action& chosen) {
+void AddWatch(Command& program, Action& chosen) {
     const auto [command, parts] = AddCommand<look::WatchArguments>(
-        app, "watch", "Print what happens on the bus: registrations, deaths, cuts, refusals, starts, stops.");
+        program, "watch", "Print what happens on the bus: registrations, deaths, cuts, refusals, starts, stops.");
     parts->limits.AddCount(*command, "exit after this many events");
     parts->limits.AddTimeLimit(*command, TimeLimitMeaning);
     command->add_flag("-a,--all", parts->arguments.all, "print the events that the account holds already, too");
     command->add_flag("--json", parts->arguments.json, "print a JSON object on each line");
+    AddWait(*command, *parts);
     command->callback([&chosen, parts = parts] {
         chosen = [parts] {
             parts->limits.SetCount(parts->arguments);
             parts->limits.SetTimeLimit(parts->arguments);
+            parts->Await();
             return look::Watch(parts->arguments);
         };
     });
 }
 
-void AddTop(CLI::App& app, Action& chosen) {
+void AddTop(Command& program, Action& chosen) {
     const auto [command, parts] = AddCommand<top::TopArguments>(
-        app, "top", "Show topics and subscribers at work, on a page that refreshes itself.");
+        program, "top", "Show topics and subscribers at work, on a page that refreshes itself.");
     command->add_option("-d,--delay", parts->limits.timeLimit, "time between two pages (default: 1s)")
         ->type_name("DURATION");
     command->add_option("--sort", parts->word, "name, rate (default), lag, age or drops")->type_name("KEY");
     command->add_flag("--reverse", parts->arguments.view.isReversed, "the other way round");
     auto* const once = command->add_flag("--once", parts->arguments.once, "print one page, and exit");
     command->add_flag("--json", parts->arguments.json, "with --once: print one JSON object on one line")->needs(once);
+    AddWait(*command, *parts);
     command->callback([&chosen, parts = parts] {
         chosen = [parts] {
             if (parts->limits.timeLimit) {
@@ -196,15 +223,20 @@ void AddTop(CLI::App& app, Action& chosen) {
                 }
                 parts->arguments.view.sort = *key;
             }
+            parts->Await();
             return top::Top(parts->arguments);
         };
     });
 }
 
-void AddCheck(CLI::App& app, Action& chosen) {
+void AddCheck(Command& program, Action& chosen) {
     const auto [command, parts] = AddCommand<diagnosis::CheckArguments>(
-        app, CheckName, "Judge the server and its bus, as a plug-in of a monitoring system.");
-    command->footer(CheckFooter);
+        program, "check", "Judge the server and its bus, as a plug-in of a monitoring system.");
+    command->notes.description = {"A warning or critical state begins beyond the number."};
+    command->notes.exitStatuses = {{"0", "OK"},
+                                   {"1", "WARNING"},
+                                   {"2", "CRITICAL; also: the server is gone"},
+                                   {"3", "UNKNOWN: no account, or a usage error"}};
     const auto add = [command = command](const std::string& name, diagnosis::CheckArguments::Limits& limits,
                                          const char* type, const std::string& what) {
         command->add_option("--" + name + "-warn", limits.warning, "warn beyond so many " + what)->type_name(type);
@@ -225,9 +257,9 @@ void AddCheck(CLI::App& app, Action& chosen) {
     command->callback([&chosen, parts = parts] { chosen = [parts] { return diagnosis::Check(parts->arguments); }; });
 }
 
-void AddReport(CLI::App& app, Action& chosen) {
+void AddReport(Command& program, Action& chosen) {
     const auto [command, parts] = AddCommand<diagnosis::ReportArguments>(
-        app, "report", "Collect what helps to find a fault, without the values of topics, in one archive.");
+        program, "report", "Collect what helps to find a fault, without the values of topics, in one archive.");
     command
         ->add_option("-o,--output", parts->arguments.output, "archive to create (default: msgbus-report-TIME.tar.gz)")
         ->type_name("FILE");
@@ -237,9 +269,9 @@ void AddReport(CLI::App& app, Action& chosen) {
     command->callback([&chosen, parts = parts] { chosen = [parts] { return diagnosis::Report(parts->arguments); }; });
 }
 
-void AddAutopsy(CLI::App& app, Action& chosen) {
+void AddAutopsy(Command& program, Action& chosen) {
     const auto [command, parts] = AddCommand<diagnosis::AutopsyArguments>(
-        app, "autopsy", "Print what is left of a server that died or stopped, or what one that runs is like.");
+        program, "autopsy", "Print what is left of a server that died or stopped, or what one that runs is like.");
     command->add_flag("--previous", parts->arguments.isPrevious, "the server before the last one")
         ->excludes("--account");
     command->add_flag("--json", parts->arguments.json, "print one JSON object on one line");
@@ -248,19 +280,14 @@ void AddAutopsy(CLI::App& app, Action& chosen) {
 
 } // namespace
 
-void AddLookCommands(CLI::App& app, Action& chosen) {
-    AddList(app, chosen);
-    AddInfo(app, chosen);
-    AddGet(app, chosen);
-    AddTop(app, chosen);
-    AddHz(app, chosen);
-    AddWatch(app, chosen);
-    AddCheck(app, chosen);
-    AddReport(app, chosen);
-    AddAutopsy(app, chosen);
-}
-
-int UsageStatus(const CLI::App& app) {
-    constexpr int unknown = 3; // of a monitoring plug-in
-    return app.got_subcommand(CheckName) ? unknown : static_cast<int>(ExitStatus::Usage);
+void AddLookCommands(Command& program, Action& chosen) {
+    AddList(program, chosen);
+    AddInfo(program, chosen);
+    AddGet(program, chosen);
+    AddTop(program, chosen);
+    AddHz(program, chosen);
+    AddWatch(program, chosen);
+    AddCheck(program, chosen);
+    AddReport(program, chosen);
+    AddAutopsy(program, chosen);
 }

@@ -1,0 +1,97 @@
+#include "publish/publish.h"
+
+#include "arguments.h"
+#include "end_watch.h"
+#include "msgbus/error.h"
+#include "msgbus/publisher.h"
+#include "publish/pace.h"
+#include "publish/value_source.h"
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace publish {
+
+namespace {
+
+std::unique_ptr<ValueSource> SourceOf(const Arguments& arguments, const EndWatch& watch) {
+    switch (arguments.source) {
+    case Source::Input:
+        return std::make_unique<InputValues>(watch, arguments.skipsEmptyLines ? EmptyLines::AreSkipped
+                                                                              : EmptyLines::AreErrors);
+    case Source::Clock:
+        return std::make_unique<ClockReadings>(arguments.repetitions);
+    case Source::List:
+        break;
+    }
+    return std::make_unique<ListedValues>(arguments.values, arguments.repetitions);
+}
+
+/// Throws: what is being handled, with the place of the value and how many were published before it.
+[[noreturn]] void ThrowAgain(const ValueSource& source, std::uint64_t published) {
+    const auto complete = [&](const std::exception& error) {
+        const std::string place = source.Place();
+        return place.empty() ? std::string(error.what())
+                             : place + error.what() + "; values published before it: " + std::to_string(published);
+    };
+    try {
+        throw;
+    } catch (const std::invalid_argument& error) {
+        throw std::invalid_argument(complete(error));
+    } catch (const msgbus::RefusedError& error) {
+        throw msgbus::RefusedError(error.Code(), complete(error));
+    } catch (const msgbus::ServerGoneError& error) {
+        throw msgbus::ServerGoneError(error.Code(), complete(error));
+    } catch (const msgbus::TimedOutError& error) {
+        throw msgbus::TimedOutError(error.Code(), complete(error));
+    } catch (const std::exception& error) {
+        throw std::runtime_error(complete(error));
+    }
+}
+
+ExitStatus PublishAll(msgbus::Publisher& publisher, ValueSource& source, Pace& pace) {
+    std::uint64_t published = 0;
+    try {
+        while (!source.IsAtEnd()) {
+            if (!pace.Await()) {
+                break;
+            }
+            const auto value = source.Next();
+            if (!value) {
+                break;
+            }
+            publisher.Push(*value);
+            ++published;
+        }
+    } catch (const std::exception&) {
+        ThrowAgain(source, published);
+    }
+    if (source.IsAtEnd() || !source.IsLeftUnfinished()) {
+        return ExitStatus::Done;
+    }
+    Say("interrupted; values published: " + std::to_string(published));
+    return ExitStatus::Failed;
+}
+
+} // namespace
+
+ExitStatus Publish(const Arguments& arguments) {
+    WarnAboutCutTopic(arguments.topic);
+    const EndWatch watch(std::nullopt, EndWatch::Output::Ignored);
+    std::optional<msgbus::Publisher> publisher;
+    if (!Connect(arguments.access, watch, [&] { publisher.emplace(arguments.topic, arguments.access.options); })) {
+        Say("interrupted; values published: 0");
+        return ExitStatus::Failed;
+    }
+    if (arguments.isVerbose) {
+        Say("publishing to topic '" + arguments.topic + "' (id " + std::to_string(publisher->Id()) + ")");
+    }
+    const auto source = SourceOf(arguments, watch);
+    Pace pace(arguments.interval, watch);
+    const ExitStatus status = PublishAll(*publisher, *source, pace);
+    publisher->Close();
+    return status;
+}
+
+} // namespace publish
