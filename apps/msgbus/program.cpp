@@ -3,6 +3,8 @@
 #include "command_line/usage_error.h"
 #include "dashboard/dashboard.h"
 #include "look/commands.h"
+#include "measure/bench.h"
+#include "measure/delay.h"
 #include "publish/publish.h"
 #include "receive/receive.h"
 
@@ -55,6 +57,8 @@ std::unique_ptr<Command> MakeProgram(Action& chosen) {
     program->require_subcommand(1);
     publish::AddCommand(*program, chosen);
     receive::AddCommand(*program, chosen);
+    measure::AddDelayCommand(*program, chosen);
+    measure::AddBenchCommand(*program, chosen);
     AddDashboardCommand(*program, chosen);
     AddHelp(*program, chosen);
     AddLookCommands(*program, chosen);

@@ -1,6 +1,6 @@
 #include "open_loop.h"
 
-#include "histogram.h"
+#include "common/histogram.h"
 #include "samples.h"
 #include "schedule.h"
 #include "value.h"
@@ -45,7 +45,7 @@ struct Published {
     std::int64_t startNs = 0;
     std::int64_t endNs = 0;
     std::int64_t endLagNs = 0; ///< the least time by which an acknowledgement of the last tenth was behind its schedule
-    Histogram late; ///< delays of this process itself: it was ready for a value before its time and began after it
+    common::Histogram late; ///< delays of this process itself: it was ready for a value before its time and began after it
 };
 
 /// Publishes `count` values. Stops when the schedule can no longer be met (bench/README.md).
@@ -83,7 +83,7 @@ struct Received {
     std::int64_t lost = 0;
     std::int64_t repeated = 0; ///< or out of order
     std::int64_t lastNs = 0;
-    Histogram latencies;
+    common::Histogram latencies;
 };
 
 /// The first value sets the schedule. If values before it are lost, the harness sees that from the count of values.

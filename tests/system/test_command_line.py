@@ -5,6 +5,7 @@ row of OTHER a command on a bus that has a publisher and a subscriber of "t", or
 that no row has.
 """
 
+import json
 import re
 import subprocess
 import time
@@ -137,6 +138,17 @@ OTHER = [
     (["report", "-o", "/nowhere/x.tar.gz", "--log", "/nowhere/log"], USAGE, "", "cannot read the log '/nowhere/log'"),
     (["report", "--output", "/nowhere/x.tar.gz"], FAILED, "", "/nowhere/x.tar.gz"),
     (["dashboard", "--port", "x", "--open"], USAGE, "", "'x'"),
+    (["bench", "rtt", "-n", "10"], DONE, "(10 in ", ""),
+    (["bench", "pub", "-d", "50ms", "--histogram"], DONE, "#", ""),
+    (["bench", "sub", "--count", "10", "--duration", "1h"], DONE, "received by 1 subscriber", ""),
+    (["bench", "fan", "--subscribers", "3", "--count", "10", "--json"], DONE, '"published":10,"received":30', ""),
+    (["bench", "rtt", "--subscribers", "3"], USAGE, "", "--subscribers is for 'msgbus bench fan'"),
+    (["bench", "fast"], USAGE, "", "'fast' is not what can be measured"),
+    (["delay", "x", "-n", "1", "-W", "50ms"], TIMED_OUT, "total:", "subscribed as"),
+    (["delay", "-t", "x", "--json", "--time-limit", "50ms"], DONE, '"count":0', "subscribed as"),
+    (["delay", "--topic", "x", "--count", "1", "--time-limit", "50ms", "--name", "n"], TIMED_OUT, "total:", "as 'n'"),
+    (["delay", "x", "-d", "never"], USAGE, "", "'never' is not a duration"),
+    (["delay", "x", "--delay", "0"], USAGE, "", "'0' is not a duration"),
     (["pub", "t", "1"], REFUSED, "", "topic 't' already has a publisher"),
     (["pub", "t", "1", "--wait-topic", "50ms"], REFUSED, "", "topic 't' already has a publisher"),
     (["-n", "1", "-W", "50ms", "sub", "x"], TIMED_OUT, "", "subscribed as 'msgbus-"),
@@ -152,6 +164,8 @@ OTHER = [
 WITHOUT_SERVER = [
     (["pub", "t", "1"], NO_SERVER, "", "no message bus server is running"),
     (["sub", "t"], NO_SERVER, "", "no message bus server is running"),
+    (["delay", "t"], NO_SERVER, "", "no message bus server is running"),
+    (["bench", "rtt"], NO_SERVER, "", "no message bus server is running"),
     (["pub", "t", "1", "--wait=50ms"], NO_SERVER, "", "no message bus server is running"),
     (["sub", "t", "--wait=50ms"], NO_SERVER, "", "(BORVEN_RUNTIME_DIR)"),
     (["sub", "t", "--wait", "-W", "50ms"], TIMED_OUT, "", "waiting for one"),
@@ -234,6 +248,28 @@ class CommandLine(BusTest):
         self.assertEqual(values, sorted(values))
         self.assertTrue(before <= values[0] <= values[2] <= time.time_ns(), values)
 
+    def test_the_delay_of_readings_of_the_clock_is_measured(self):
+        self.server()
+        clock = self.msgbus("pub", "t", "--now", "-r", "1000")
+        reader = self.msgbus("delay", "t", "-n", "50", "--json")
+        reader.expect_exit(DONE)
+        *parts, total = [json.loads(line) for line in reader.seen if line.startswith("{")]
+        self.assertEqual([part["part"] for part in parts], ["interval"] * len(parts))
+        self.assertEqual((total["part"], total["count"], total["early"]), ("total", 50, 0))
+        times = [total[name] for name in ("min_ns", "p50_ns", "p90_ns", "p99_ns", "p99.9_ns", "max_ns")]
+        self.assertEqual(times, sorted(times))
+        self.assertGreater(times[0], 0)
+        clock.signal(2)
+        clock.expect_exit(DONE)
+
+    def test_a_value_that_is_no_time_has_no_delay(self):
+        self.server()
+        reader = self.msgbus("delay", "t")
+        reader.expect_error("subscribed as")
+        self.publish("t", 5)
+        reader.expect_error("value 5 of topic 't' is no reading of the clock within a day of now")
+        reader.expect_exit(FAILED)
+
     def test_an_interrupted_repetition_says_what_was_published(self):
         self.server()
         reader = self.sub("t")
@@ -310,11 +346,12 @@ class CommandLine(BusTest):
         tried = {"pub": [word for row in PUB for word in row[0]],
                  "sub": [word for options, _ in [*FORMATS, *SUB] for word in [*options, "--name", "-n", "--count"]]}
         for arguments, *_ in [*OTHER, *WITHOUT_SERVER]:
-            for command in commands:
-                if command in arguments:
-                    tried.setdefault(command, []).extend(arguments)
-                    break
-        everywhere = {"--static", "--dynamic", "-h", "--help"}  # one row each is enough
+            if arguments and arguments[0] in commands:
+                tried.setdefault(arguments[0], []).extend(arguments)
+        # Made by the same code for all commands: the rows of 'sub' and 'pub' are enough.
+        everywhere = {"--static", "--dynamic", "-h", "--help", "--wait", "--reconnect", "--timeout", "-q", "--quiet"}
+        self.assertLessEqual(everywhere - {"--help", "-h"}, {word.split("=")[0] for word in [*tried["sub"], *tried["pub"]]}
+                             | {"--static", "--dynamic"})
         missing = []
         for command in commands:
             text = subprocess.run([f"{BIN}/msgbus", command, "--help"], capture_output=True, text=True, check=True).stdout

@@ -78,6 +78,9 @@ Arguments ArgumentsOf(const Words& words) {
     if (words.interval) {
         arguments.interval = ParseDuration(*words.interval);
     }
+    if (words.isClock && arguments.interval && !words.repeat) {
+        arguments.repetitions = Forever;
+    }
     arguments.isVerbose = words.isVerbose;
     return arguments;
 }
@@ -111,8 +114,10 @@ void AddCommand(command_line::Command& program, Action& chosen) {
     command.add_option("-t,--topic", words->topic, "the topic, in place of the first argument")->type_name("TOPIC");
     command.add_flag("-l,--lines", words->readsInput, "read the values from standard input, as - does");
     command.add_flag("--skip-empty", words->skipsEmptyLines, "ignore empty lines of standard input");
-    command.add_flag("--now", words->isClock,
-                     "publish the time: nanoseconds since 1970, read when the value is published");
+    command.add_flag(
+        "--now", words->isClock,
+        "publish the time: nanoseconds since 1970, read when the value is published; once, or without end at the "
+        "rate that is given");
     auto* const rate =
         command.add_option("-r,--rate", words->rate, "values per second, the first at once; such as 10 or 0.5")
             ->type_name("HZ");
