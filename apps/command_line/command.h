@@ -36,7 +36,7 @@ public:
     /// `summary`: one sentence.
     Command(const std::string& name, const std::string& summary);
 
-    /// Adds a command, which is listed under the heading `group`. Lifetime: that of this object.
+    /// Adds a command, which is listed under the heading `group`; an empty one hides it. Lifetime: that of this object.
     Command& AddCommand(const std::string& name, const std::string& summary, const std::string& group);
 
     /// Returns: the commands of this one, in the order in which they were added.

@@ -67,6 +67,9 @@ std::vector<Section> OptionsOf(const Command& command) {
 std::vector<Section> CommandsOf(const Command& command) {
     std::vector<Section> sections;
     for (const auto* each : command.Commands()) {
+        if (each->get_group().empty()) { // hidden
+            continue;
+        }
         SectionOf(sections, each->get_group()).entries.push_back({each->get_name(), each->get_description()});
     }
     return sections;

@@ -76,6 +76,9 @@ std::string PartOf(const Command& command, const std::string& heading) {
 std::string MarkdownPage(const Command& program) {
     std::string page = "# " + program.get_name() + "\n\n" + PartOf(program, "##");
     for (const auto* command : program.Commands()) {
+        if (command->get_group().empty()) { // hidden
+            continue;
+        }
         page += "\n## " + command->get_name() + "\n\n" + PartOf(*command, "###");
     }
     return page;

@@ -76,7 +76,9 @@ std::string DescribeRequirement(const Command& command, const std::string& messa
 std::string DescribeUnknownCommand(const Command& program, const std::string& word) {
     std::vector<std::string> names;
     for (const auto* command : program.Commands()) {
-        names.push_back(command->get_name());
+        if (!command->get_group().empty()) { // hidden
+            names.push_back(command->get_name());
+        }
     }
     return "unknown command " + Quoted(word) + Suggestion(word, names);
 }

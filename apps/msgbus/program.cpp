@@ -1,7 +1,10 @@
 #include "program.h"
 
 #include "command_line/usage_error.h"
+#include "completion/command.h"
 #include "dashboard/dashboard.h"
+#include "diagnosis/doctor.h"
+#include "explain/errors.h"
 #include "look/commands.h"
 #include "measure/bench.h"
 #include "measure/delay.h"
@@ -18,7 +21,7 @@ using command_line::Command;
 namespace {
 
 void AddHelp(Command& program, Action& chosen) {
-    auto& command = program.AddCommand("help", "Print the help of a command.", "Commands");
+    auto& command = program.AddCommand("help", "Print the help of a command.", "Help");
     const auto word = std::make_shared<std::string>();
     command.add_option("COMMAND", *word, "the command; without one, all are listed")->type_name("COMMAND");
     command.notes.exitStatuses = Describe({ExitStatus::Done, ExitStatus::Usage});
@@ -60,8 +63,11 @@ std::unique_ptr<Command> MakeProgram(Action& chosen) {
     measure::AddDelayCommand(*program, chosen);
     measure::AddBenchCommand(*program, chosen);
     AddDashboardCommand(*program, chosen);
-    AddHelp(*program, chosen);
     AddLookCommands(*program, chosen);
+    diagnosis::AddDoctorCommand(*program, chosen);
+    explain::AddErrorsCommand(*program, chosen);
+    completion::AddCommands(*program, chosen);
+    AddHelp(*program, chosen);
     AddNotes(*program);
     return program;
 }

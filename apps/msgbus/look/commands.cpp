@@ -115,7 +115,8 @@ Choice ChoiceOf(const std::map<std::string, Choice>& choices, const std::string&
 void AddList(Command& program, Action& chosen) {
     const auto [command, parts] = AddCommand<look::ListArguments>(
         program, "list", "List the topics, publishers or subscribers of the bus, one a line.");
-    command->add_option("WHAT", parts->word, "topics (default), publishers or subscribers")->type_name("WHAT");
+    command->add_option("WHAT", parts->word, "topics (default), publishers or subscribers")
+        ->type_name("topics|publishers|subscribers");
     command->add_flag("--json", parts->arguments.json, "print one JSON object on one line");
     AddWait(*command, *parts);
     command->callback([&chosen, parts = parts] {
@@ -205,7 +206,8 @@ void AddTop(Command& program, Action& chosen) {
         program, "top", "Show topics and subscribers at work, on a page that refreshes itself.");
     command->add_option("-d,--delay", parts->limits.timeLimit, "time between two pages (default: 1s)")
         ->type_name("DURATION");
-    command->add_option("--sort", parts->word, "name, rate (default), lag, age or drops")->type_name("KEY");
+    command->add_option("--sort", parts->word, "what comes first (default: rate)")
+        ->type_name("name|rate|lag|age|drops");
     command->add_flag("--reverse", parts->arguments.view.isReversed, "the other way round");
     auto* const once = command->add_flag("--once", parts->arguments.once, "print one page, and exit");
     command->add_flag("--json", parts->arguments.json, "with --once: print one JSON object on one line")->needs(once);
@@ -248,8 +250,8 @@ void AddCheck(Command& program, Action& chosen) {
     add("inbound", arguments.inbound, "N", "values in the inbound queue");
     add("age", arguments.age, "DURATION", "seconds that the oldest unread value of a subscriber waits");
     add("away", arguments.away, "DURATION", "seconds that a thread of the server is away from its loop");
-    command->add_option("--format", arguments.format, "nagios (default), json or prometheus")
-        ->type_name("FORMAT")
+    command->add_option("--format", arguments.format, "for which program (default: nagios)")
+        ->type_name("nagios|json|prometheus")
         ->check([](const std::string& format) {
             const bool isKnown = format == "nagios" || format == "json" || format == "prometheus";
             return isKnown ? std::string() : "'" + format + "' is not one of nagios, json and prometheus";

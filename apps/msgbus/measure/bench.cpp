@@ -141,7 +141,7 @@ void AddBenchCommand(command_line::Command& program, Action& chosen) {
             "KIND", words->kind,
             "rtt: one value at a time, there and back; pub: acknowledged publishes without a subscriber; sub: what "
             "one subscriber receives; fan: what several receive")
-        ->type_name("KIND")
+        ->type_name("rtt|pub|sub|fan")
         ->required();
     command.add_option("-n,--count", words->count, "values to publish (default: as many as fit into the time)")
         ->type_name("COUNT");
