@@ -62,10 +62,11 @@ std::string EntriesOf(const Section& section) {
     return page;
 }
 
+/// Returns: what follows a heading.
 std::string ExamplesOf(const Command& command) {
     std::string page;
     for (const auto& example : command.notes.examples) {
-        page += Paragraph(example.meaning.empty() ? "" : example.meaning + ':') + ".PP\n.in +4n\n.EX\n" +
+        page += (page.empty() ? "" : ".PP\n") + Plain(example.meaning) + ":\n.PP\n.in +4n\n.EX\n" +
                 Plain(example.command) + "\n.EE\n.in\n";
     }
     return page;
@@ -81,7 +82,7 @@ std::string CommandPart(const Command& command) {
             page += ".PP\n" + Bold(section.title + ':') + '\n' + EntriesOf(section);
         }
     }
-    return command.notes.examples.empty() ? page : page + ".PP\n" + Bold("Examples:") + '\n' + ExamplesOf(command);
+    return command.notes.examples.empty() ? page : page + ".PP\n" + Bold("Examples:") + "\n.PP\n" + ExamplesOf(command);
 }
 
 /// Returns: the summary as the line of NAME has it, without capital and full stop.
