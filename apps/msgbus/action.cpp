@@ -4,6 +4,7 @@
 #include "instruments/read_account.h"
 #include "msgbus/error.h"
 #include "search_place.h"
+#include "server_access/monitor_endpoint.h"
 
 #include <exception>
 #include <stdexcept>
@@ -21,6 +22,9 @@ ExitStatus Run(const Action& action) {
         Say(error.what());
         return ExitStatus::NoServer;
     } catch (const instruments::NoAccountError& error) {
+        Say(error.what());
+        return ExitStatus::NoServer;
+    } catch (const server_access::ServerAwayError& error) {
         Say(error.what());
         return ExitStatus::NoServer;
     } catch (const msgbus::TimedOutError& error) {

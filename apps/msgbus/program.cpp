@@ -10,6 +10,7 @@
 #include "measure/delay.h"
 #include "publish/publish.h"
 #include "receive/receive.h"
+#include "trace/trace.h"
 
 #include <iostream>
 #include <optional>
@@ -64,6 +65,7 @@ std::unique_ptr<Command> MakeProgram(Action& chosen) {
     measure::AddBenchCommand(*program, chosen);
     AddDashboardCommand(*program, chosen);
     AddLookCommands(*program, chosen);
+    trace::AddCommand(*program, chosen);
     diagnosis::AddDoctorCommand(*program, chosen);
     explain::AddErrorsCommand(*program, chosen);
     completion::AddCommands(*program, chosen);

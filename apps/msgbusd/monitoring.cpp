@@ -42,7 +42,11 @@ Monitoring::Monitoring(msgbus_server::BusServer& server, const MonitorSettings& 
           server.Account()->File().Memory(), [this] { return health.WhyIll(); },
           [&server](const msgbus_monitor::Peer& peer, std::string_view topic, std::string_view text) {
               return OutcomeOf(server.Describe(std::string(topic), peer.pid, text));
-          }) {
+          },
+          {[&server](std::string_view topic, std::size_t values) {
+               return server.Accounted().StartTrace(topic, values);
+           },
+           [&server] { server.Accounted().StopTrace(); }, [&server] { return server.Accounted().ReadTrace(); }}) {
     msgbus_monitor::MonitorOptions options;
     options.warn = [](const std::string& sentence) { Log(LogLevel::Warning, "{}", sentence); };
     options.onThreadStart = msgbus_server::LetAllocationsFail; // for want of memory a reader is refused, and no more

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "instruments/snapshot.h"
+#include "instruments/trace_record.h"
 
 #include <sys/types.h>
 
@@ -47,6 +48,15 @@ public:
     /// Replaces the description of a topic, by the process that owns its publisher. `topic`: its raw bytes. `text`: a
     /// valid description in the text form of msgbus/codec.h. Threads: one at a time, not beside one in Read.
     virtual DescribeOutcome Describe(const Peer& peer, std::string_view topic, std::string_view text) = 0;
+
+    // The way of single values through the bus. Threads: as Describe.
+
+    /// Begins to follow the next `values` values of a topic. `topic`: its raw bytes, which need not be known yet.
+    /// Returns: false while others are followed. Throws: std::bad_alloc.
+    virtual bool StartTrace(std::string_view topic, std::size_t values) = 0;
+    virtual void StopTrace() = 0;
+    /// Returns: what is known by now; its topic is empty before the first trace. Throws: std::bad_alloc.
+    virtual instruments::TraceRecord ReadTrace() = 0;
 };
 
 } // namespace msgbus_monitor

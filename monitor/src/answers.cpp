@@ -120,6 +120,26 @@ Answer Answers::Put(const Peer& peer, const std::string& topic, const std::strin
     return NoMemory();
 }
 
+Answer Answers::Trace(const Route& route) try {
+    constexpr unsigned conflict = 409;
+    switch (route.change) {
+    case Route::Change::Start:
+        return source.StartTrace(route.topic, route.values)
+                   ? Answer{NoContent, {}, std::make_shared<const std::string>()}
+                   : ToAnswer({conflict, "Values of another topic, or for another reader, are followed already."});
+    case Route::Change::Stop:
+        source.StopTrace();
+        return {NoContent, {}, std::make_shared<const std::string>()};
+    case Route::Change::None:
+        break;
+    }
+    const auto record = source.ReadTrace();
+    return record.topic.empty() ? ToAnswer({NotFound, "There is no trace; PUT starts one."})
+                                : Answer{200, JsonType, Keep(Line(TraceToJson(record, source.ClockOffset())))};
+} catch (const std::bad_alloc&) {
+    return NoMemory();
+}
+
 /// Throws: instruments::AccountError; std::runtime_error when the texts in use take too much.
 void Answers::Refresh() {
     constexpr int readersShare = 10; // they take one in so many parts of the time

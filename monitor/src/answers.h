@@ -33,11 +33,14 @@ public:
     /// Lifetime: both must outlive this object. The bodies may outlive it.
     Answers(IMonitored& monitored, const MonitorLimits& bounds);
 
-    /// Requires: the resource is neither Health, Events nor Description.
+    /// Requires: the resource is neither Health, Events, Description nor Trace.
     Answer Get(const Route& route);
 
     /// Replaces a description.
     Answer Put(const Peer& peer, const std::string& topic, const std::string& text);
+
+    /// Starts, stops or reads a trace.
+    Answer Trace(const Route& route);
 
 private:
     void Refresh();

@@ -203,7 +203,7 @@ std::optional<Refusal> Connection::CheckRoute() {
         return std::move(*refusal);
     }
     route = std::get<Route>(std::move(found));
-    if (route->resource == Resource::Description && !client) {
+    if (IsWrite(*route) && !client) {
         return Refusal{403, "Over TCP nothing can be written: only the Unix socket shows which process asks."};
     }
     return std::nullopt;
@@ -241,7 +241,8 @@ void Connection::Work() {
                  body = std::move(parser->get().body())] {
         Answer answer = asked.resource == Resource::Description
                             ? self->service.answers.Put(*self->client, asked.topic, body)
-                            : self->service.answers.Get(asked);
+                        : asked.resource == Resource::Trace ? self->service.answers.Trace(asked)
+                                                            : self->service.answers.Get(asked);
         asio::post(self->socket.get_executor(), [self, number, pending, answer = std::move(answer)]() mutable {
             pending.reset(); // before the client can ask again
             if (self->phase == Phase::Working && self->requestNumber == number) {

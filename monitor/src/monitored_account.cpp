@@ -5,8 +5,9 @@
 namespace msgbus_monitor {
 
 MonitoredAccount::MonitoredAccount(std::span<const std::byte> memory, HealthFunction whyUnhealthy,
-                                   DescribeFunction describe)
-    : account(memory), events(memory), health(std::move(whyUnhealthy)), describeTopic(std::move(describe)) {}
+                                   DescribeFunction describe, TraceFunctions traceFunctions)
+    : account(memory), events(memory), health(std::move(whyUnhealthy)), describeTopic(std::move(describe)),
+      trace(std::move(traceFunctions)) {}
 
 instruments::Snapshot MonitoredAccount::Read() {
     return account.Read();
@@ -26,6 +27,18 @@ std::optional<std::string> MonitoredAccount::WhyUnhealthy() {
 
 DescribeOutcome MonitoredAccount::Describe(const Peer& peer, std::string_view topic, std::string_view text) {
     return describeTopic(peer, topic, text);
+}
+
+bool MonitoredAccount::StartTrace(std::string_view topic, std::size_t values) {
+    return trace.start(topic, values);
+}
+
+void MonitoredAccount::StopTrace() {
+    trace.stop();
+}
+
+instruments::TraceRecord MonitoredAccount::ReadTrace() {
+    return trace.read();
 }
 
 } // namespace msgbus_monitor

@@ -14,13 +14,14 @@ namespace {
 constexpr std::string_view TopicPrefix = "/v1/topics/";
 constexpr std::string_view DescriptionSuffix = "/description";
 constexpr std::string_view KnownPaths =
-    "/v1/state, /v1/topics, /v1/topics/NAME, /v1/topics/NAME/description, /v1/subscribers, /v1/events, /metrics, "
-    "/healthz";
+    "/v1/state, /v1/topics, /v1/topics/NAME, /v1/topics/NAME/description, /v1/subscribers, /v1/events, /v1/trace, "
+    "/metrics, /healthz";
 
-constexpr std::array<std::pair<std::string_view, Resource>, 6> FixedPaths{{{"/v1/state", Resource::State},
+constexpr std::array<std::pair<std::string_view, Resource>, 7> FixedPaths{{{"/v1/state", Resource::State},
                                                                            {"/v1/topics", Resource::Topics},
                                                                            {"/v1/subscribers", Resource::Subscribers},
                                                                            {"/v1/events", Resource::Events},
+                                                                           {"/v1/trace", Resource::Trace},
                                                                            {"/metrics", Resource::Metrics},
                                                                            {"/healthz", Resource::Health}}};
 
@@ -38,21 +39,49 @@ std::string_view WithoutHost(std::string_view target) {
     return path == std::string_view::npos ? std::string_view("/") : target.substr(path);
 }
 
-std::variant<Route, Refusal> EventsRoute(std::string_view query) {
-    Route route{Resource::Events};
+/// Returns: the value of the last parameter with this name, percent-encoded; nothing when there is none.
+std::optional<std::string_view> ParameterOf(std::string_view query, std::string_view name) {
+    std::optional<std::string_view> value;
     while (!query.empty()) {
         const auto length = query.find('&');
         const std::string_view parameter = query.substr(0, length);
         query.remove_prefix(length == std::string_view::npos ? query.size() : length + 1);
-        constexpr std::string_view key = "after=";
-        if (!parameter.starts_with(key)) {
-            continue;
+        if (parameter.starts_with(name) && parameter.substr(name.size()).starts_with('=')) {
+            value = parameter.substr(name.size() + 1);
         }
-        route.after = ReadNumber(parameter.substr(key.size()));
+    }
+    return value;
+}
+
+std::variant<Route, Refusal> EventsRoute(std::string_view query) {
+    Route route{Resource::Events};
+    if (const auto after = ParameterOf(query, "after")) {
+        route.after = ReadNumber(*after);
         if (!route.after) {
             return Refusal{BadRequest, "The parameter 'after' must be the number of an event."};
         }
     }
+    return route;
+}
+
+std::variant<Route, Refusal> TraceRoute(std::string_view method, std::string_view query) {
+    Route route{Resource::Trace};
+    if (method == "DELETE") {
+        route.change = Route::Change::Stop;
+        return route;
+    }
+    if (method != "PUT") {
+        return Refusal{MethodNotAllowed, "A trace is started with PUT, read with GET and stopped with DELETE.",
+                       "GET, HEAD, PUT, DELETE"};
+    }
+    auto topic = DecodePercents(ParameterOf(query, "topic").value_or(""));
+    const auto values = ReadNumber(ParameterOf(query, "values").value_or(""));
+    if (!topic || topic->empty() || !values || *values == 0) {
+        return Refusal{BadRequest, "A trace needs the parameters 'topic', percent-encoded, and 'values', a number."};
+    }
+    route.change = Route::Change::Start;
+    route.topic = std::move(*topic);
+    route.values = *values;
     return route;
 }
 
@@ -81,6 +110,10 @@ std::variant<Route, Refusal> RouteBelowTopics(std::string_view method, std::stri
 }
 
 } // namespace
+
+bool IsWrite(const Route& route) {
+    return route.resource == Resource::Description || route.change != Route::Change::None;
+}
 
 std::optional<std::uint64_t> ReadNumber(std::string_view text) {
     std::uint64_t number = 0;
@@ -124,6 +157,9 @@ std::variant<Route, Refusal> FindRoute(std::string_view method, std::string_view
         constexpr std::size_t longestShown = 100;
         return Refusal{NotFound, "There is no '" + common::Escaped(path.substr(0, longestShown)) +
                                      "' here. The paths are: " + std::string(KnownPaths) + "."};
+    }
+    if (!IsRead(method) && found->second == Resource::Trace) {
+        return TraceRoute(method, query);
     }
     if (!IsRead(method)) {
         return Refusal{MethodNotAllowed, std::string(path) + " can only be read.", "GET, HEAD"};

@@ -8,14 +8,19 @@
 
 namespace msgbus_monitor {
 
-enum class Resource { State, Topics, Topic, Subscribers, Metrics, Health, Events, Description };
+enum class Resource { State, Topics, Topic, Subscribers, Metrics, Health, Events, Description, Trace };
 
 /// What a request asks for.
 struct Route {
     Resource resource{};
-    std::string topic{};                  ///< of Topic and Description: its raw bytes
-    std::optional<std::uint64_t> after{}; ///< of Events: the parameter "after"
+    std::string topic{};                              ///< of Topic and Description: its raw bytes
+    std::optional<std::uint64_t> after{};             ///< of Events: the parameter "after"
+    enum class Change { None, Start, Stop } change{}; ///< of Trace
+    std::uint64_t values{};                           ///< of Trace, to start: how many
 };
+
+/// Returns: whether the request changes something in the server.
+bool IsWrite(const Route& route);
 
 /// A request that is not answered with what it asks for.
 struct Refusal {

@@ -122,6 +122,9 @@ public:
         return accounted->Describe(topic, pid, text);
     }
 
+    /// Follows single values of a topic, see Trace. Requires: there is an account. Threads: any.
+    AccountedBus& Accounted() noexcept { return *accounted; }
+
 private:
     void MakeAccount();
     void PublishAccount();

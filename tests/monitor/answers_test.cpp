@@ -203,4 +203,28 @@ TEST_F(AnswersTest, DescriptionThatIsRefused_LeavesTheAccountThatWasRead) {
     EXPECT_EQ(monitored.Reads(), 1);
 }
 
+TEST_F(AnswersTest, Trace_IsStartedReadAndStopped) {
+    msgbus_monitor::Route start{Resource::Trace, "t"};
+    start.change = msgbus_monitor::Route::Change::Start;
+    start.values = 3;
+    msgbus_monitor::Route stop{Resource::Trace};
+    stop.change = msgbus_monitor::Route::Change::Stop;
+    EXPECT_EQ(fresh.Trace({Resource::Trace}).status, 404U);
+    EXPECT_EQ(fresh.Trace(start).status, 204U);
+    const auto answer = fresh.Trace({Resource::Trace});
+    EXPECT_EQ(answer.status, 200U);
+    EXPECT_EQ(*answer.body, "{\"version\":1,\"topic\":\"t\",\"wanted\":3,\"lost_steps\":0,\"values\":[]}\n");
+    EXPECT_EQ(fresh.Trace(stop).status, 204U);
+    EXPECT_EQ(fresh.Trace({Resource::Trace}).status, 404U);
+}
+
+TEST_F(AnswersTest, TraceBesideAnother_IsAConflict) {
+    msgbus_monitor::Route start{Resource::Trace, "t"};
+    start.change = msgbus_monitor::Route::Change::Start;
+    monitored.Change([](auto& server) { server.isTraceBusy = true; });
+    EXPECT_EQ(fresh.Trace(start).status, 409U);
+    monitored.Change([](auto& server) { server.isWithoutMemory = true; });
+    EXPECT_EQ(fresh.Trace(start).status, 503U);
+}
+
 } // namespace

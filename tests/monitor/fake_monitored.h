@@ -58,6 +58,27 @@ public:
         return outcome;
     }
 
+    bool StartTrace(std::string_view topic, std::size_t values) override {
+        const std::lock_guard lock(mutex);
+        if (isWithoutMemory) {
+            throw std::bad_alloc();
+        }
+        if (isTraceBusy) {
+            return false;
+        }
+        trace.topic = topic;
+        trace.wanted = values;
+        return true;
+    }
+    void StopTrace() override {
+        const std::lock_guard lock(mutex);
+        trace = {};
+    }
+    instruments::TraceRecord ReadTrace() override {
+        const std::lock_guard lock(mutex);
+        return trace;
+    }
+
     /// Calls `action` with this object, locked.
     template <typename Action>
     void Change(Action action) {
@@ -94,6 +115,8 @@ public:
     instruments::Snapshot snapshot = instruments::samples::OneOfEach();
     std::optional<std::string> illness;
     std::string failure;
+    instruments::TraceRecord trace;
+    bool isTraceBusy = false;
     bool isWithoutMemory = false;
     bool isHeld = false; ///< Read does not return
     msgbus_monitor::DescribeOutcome outcome = msgbus_monitor::DescribeOutcome::Done;

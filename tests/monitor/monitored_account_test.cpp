@@ -16,6 +16,10 @@ using msgbus_monitor::DescribeOutcome;
 using msgbus_monitor::MonitoredAccount;
 using msgbus_monitor::Peer;
 
+MonitoredAccount::TraceFunctions NoTraces() {
+    return {[](auto, auto) { return false; }, [] {}, [] { return instruments::TraceRecord(); }};
+}
+
 TEST(MonitoredAccountTest, AccountAndEvents_AreThoseInMemory) {
     AccountFile file(std::nullopt, {});
     file.Head().pid = 4711;
@@ -29,7 +33,7 @@ TEST(MonitoredAccountTest, AccountAndEvents_AreThoseInMemory) {
     file.Publish();
 
     MonitoredAccount account(
-        file.Memory(), [] { return std::nullopt; }, [](const auto&...) { return DescribeOutcome::Done; });
+        file.Memory(), [] { return std::nullopt; }, [](const auto&...) { return DescribeOutcome::Done; }, NoTraces());
 
     EXPECT_EQ(account.Read().server.pid, 4711);
     EXPECT_EQ(account.ClockOffset(), 17);
@@ -49,11 +53,36 @@ TEST(MonitoredAccountTest, HealthAndDescriptions_AreTheServersBusiness) {
         [&](const Peer& peer, std::string_view topic, std::string_view text) {
             described = std::to_string(peer.pid) + " " + std::string(topic) + " " + std::string(text);
             return DescribeOutcome::NotOwner;
-        });
+        },
+        NoTraces());
 
     EXPECT_EQ(account.WhyUnhealthy(), "The bus does not deliver.");
     EXPECT_EQ(account.Describe({17, 0}, "topic", "bool"), DescribeOutcome::NotOwner);
     EXPECT_EQ(described, "17 topic bool");
+}
+
+TEST(MonitoredAccountTest, Traces_AreTheServersBusiness) {
+    AccountFile file(std::nullopt, {});
+    file.Publish();
+    std::string asked;
+    MonitoredAccount account(
+        file.Memory(), [] { return std::nullopt; }, [](const auto&...) { return DescribeOutcome::Done; },
+        {[&](std::string_view topic, std::size_t values) {
+             asked = std::string(topic) + ' ' + std::to_string(values);
+             return true;
+         },
+         [&] { asked = "stop"; },
+         [] {
+             instruments::TraceRecord record;
+             record.topic = "t";
+             return record;
+         }});
+
+    EXPECT_TRUE(account.StartTrace("t", 3));
+    EXPECT_EQ(asked, "t 3");
+    EXPECT_EQ(account.ReadTrace().topic, "t");
+    account.StopTrace();
+    EXPECT_EQ(asked, "stop");
 }
 
 } // namespace

@@ -90,4 +90,31 @@ TEST(RoutesTest, Events_BeginBehindANumber) {
     }
 }
 
+TEST(RoutesTest, Trace_IsStartedReadAndStopped) {
+    const auto start = std::get<Route>(FindRoute("PUT", "/v1/trace?topic=a%20b&values=7"));
+    EXPECT_EQ(start.resource, Resource::Trace);
+    EXPECT_EQ(start.change, Route::Change::Start);
+    EXPECT_EQ(start.topic, "a b");
+    EXPECT_EQ(start.values, 7U);
+    EXPECT_EQ(std::get<Route>(FindRoute("GET", "/v1/trace")).change, Route::Change::None);
+    EXPECT_EQ(std::get<Route>(FindRoute("DELETE", "/v1/trace")).change, Route::Change::Stop);
+    EXPECT_EQ(std::get<Refusal>(FindRoute("POST", "/v1/trace")).allowed, "GET, HEAD, PUT, DELETE");
+}
+
+TEST(RoutesTest, TraceOfNothing_IsABadRequest) {
+    for (const char* target :
+         {"/v1/trace", "/v1/trace?topic=a", "/v1/trace?values=1", "/v1/trace?topic=&values=1",
+          "/v1/trace?topic=a&values=0", "/v1/trace?topic=a&values=x", "/v1/trace?topic=%zz&values=1"}) {
+        EXPECT_EQ(std::get<Refusal>(FindRoute("PUT", target)).status, 400U) << target;
+    }
+}
+
+TEST(RoutesTest, OnlyDescriptionsAndTraces_AreWritten) {
+    EXPECT_TRUE(IsWrite(std::get<Route>(FindRoute("PUT", "/v1/topics/t/description"))));
+    EXPECT_TRUE(IsWrite(std::get<Route>(FindRoute("PUT", "/v1/trace?topic=a&values=7"))));
+    EXPECT_TRUE(IsWrite(std::get<Route>(FindRoute("DELETE", "/v1/trace"))));
+    EXPECT_FALSE(IsWrite(std::get<Route>(FindRoute("GET", "/v1/trace"))));
+    EXPECT_FALSE(IsWrite(std::get<Route>(FindRoute("GET", "/v1/state"))));
+}
+
 } // namespace

@@ -23,7 +23,9 @@ using testing::IsEmpty;
 struct Sink final : msgbus_server::ISubscriberSink {
     void Note(instruments::layout::Subscriber&, std::uint64_t) noexcept override {}
     void NoteGivenUp(long subscriberId) noexcept override { givenUp.push_back(subscriberId); }
+    msgbus_server::Trace& Following() noexcept override { return trace; }
     std::vector<long> givenUp;
+    msgbus_server::Trace trace;
 };
 
 class SubscriberEntryTest : public testing::Test {

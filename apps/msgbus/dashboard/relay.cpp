@@ -1,8 +1,7 @@
 #include "dashboard/relay.h"
 
-#include "common/monitor_socket.h"
 #include "dashboard/response.h"
-#include "instruments/read_account.h"
+#include "server_access/monitor_endpoint.h"
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
@@ -18,12 +17,8 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
 
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <array>
 #include <chrono>
-#include <filesystem>
 #include <optional>
 #include <sstream>
 
@@ -43,22 +38,6 @@ constexpr std::chrono::seconds PieceLimit{60}; // the server sends something eve
 constexpr std::uint32_t LongestHeader = 16384;
 constexpr std::size_t PieceSize = 65536;
 
-Local::endpoint ServerEndpoint() {
-    try {
-        return {std::filesystem::path(instruments::AccountPath()).replace_filename(common::MonitorSocketName).string()};
-    } catch (const std::runtime_error& error) { // no runtime directory, or none that can be trusted; too long a path
-        throw ServerAwayError(error.what());
-    }
-}
-
-/// The directory belongs to this user, so another user's socket is there only by a strange mistake.
-bool BelongsToThisUserOrRoot(Local::socket& socket) {
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    return ::getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
-           (peer.uid == ::geteuid() || peer.uid == 0);
-}
-
 Request MakeServerRequest(const Request& request) {
     Request passedOn(request.method(), request.target(), 11);
     passedOn.set(http::field::host, "localhost");
@@ -74,10 +53,8 @@ Request MakeServerRequest(const Request& request) {
 /// Sends the request and reads the header of the response; what follows it is in `rest`.
 asio::awaitable<http::response_header<>> Ask(ServerStream& server, const Request& request, beast::flat_buffer& rest) {
     server.expires_after(AnswerLimit);
-    co_await server.async_connect(ServerEndpoint(), asio::use_awaitable);
-    if (!BelongsToThisUserOrRoot(server.socket())) {
-        throw ServerAwayError("the server's socket belongs to another user");
-    }
+    co_await server.async_connect(server_access::MonitorEndpoint(), asio::use_awaitable);
+    server_access::RequireOwnServer(server.socket());
     const Request passedOn = MakeServerRequest(request);
     co_await http::async_write(server, passedOn, asio::use_awaitable);
     http::response_parser<http::empty_body> parser;
@@ -87,18 +64,13 @@ asio::awaitable<http::response_header<>> Ask(ServerStream& server, const Request
     co_return parser.release().base();
 }
 
-/// Ask, with failures as ServerAwayError.
+/// Ask, with failures as server_access::ServerAwayError.
 asio::awaitable<http::response_header<>> AskServer(ServerStream& server, const Request& request,
                                                    beast::flat_buffer& rest) {
     try {
         co_return co_await Ask(server, request, rest);
     } catch (const boost::system::system_error& error) {
-        const auto& code = error.code();
-        if (code == asio::error::connection_refused || code == std::errc::no_such_file_or_directory) {
-            throw ServerAwayError("there is no server in this runtime directory, or it serves no monitor");
-        }
-        throw ServerAwayError(code == beast::error::timeout ? "the server does not answer"
-                                                            : "the server did not answer: " + code.message());
+        throw server_access::ToServerAway(error.code());
     }
 }
 

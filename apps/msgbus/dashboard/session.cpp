@@ -2,6 +2,7 @@
 
 #include "dashboard/relay.h"
 #include "dashboard/response.h"
+#include "server_access/monitor_endpoint.h"
 
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -65,7 +66,7 @@ asio::awaitable<void> Respond(const Request& request, const Verdict& verdict, Br
     std::optional<Response> away; // a handler cannot await
     try {
         co_await Relay(request, browser);
-    } catch (const ServerAwayError& error) {
+    } catch (const server_access::ServerAwayError& error) {
         away = MakeRefusal(request, http::status::service_unavailable, error.what());
     }
     if (away) {

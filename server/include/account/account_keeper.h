@@ -4,6 +4,7 @@
 #include "account/gauges.h"
 #include "account/publisher_entry.h"
 #include "account/subscriber_entry.h"
+#include "account/trace.h"
 #include "common/mutex.h"
 #include "cor/result_code.h"
 #include "instruments/account_file.h"
@@ -101,6 +102,7 @@ public:
 
     void Note(instruments::layout::Subscriber& slot, std::uint64_t nanoseconds) noexcept override;
     void NoteGivenUp(long subscriberId) noexcept override;
+    Trace& Following() noexcept override { return trace; }
     void Put(std::size_t index, const instruments::ErrorAccount& entry) noexcept override;
 
 private:
@@ -144,6 +146,8 @@ private:
     std::array<pid_t, instruments::layout::ThreadCapacity> threadIds GUARDED_BY(threadsMutex){}; ///< by slot
     common::Mutex pagesMutex;
     std::uint32_t pagesUsed GUARDED_BY(pagesMutex) = 0;
+
+    Trace trace;
 
     GaugeRefresh gauges; ///< last: its thread uses the members above
 };

@@ -79,6 +79,11 @@ public:
     /// Replaces the description of a topic, when the process `pid` owns its publisher.
     Described Describe(const std::string& topic, std::int32_t pid, std::string_view text);
 
+    /// As the operations of Trace with these names. Throws: std::bad_alloc.
+    bool StartTrace(std::string_view topic, std::size_t values);
+    void StopTrace();
+    instruments::TraceRecord ReadTrace();
+
 private:
     static constexpr long NoId = -1;
 

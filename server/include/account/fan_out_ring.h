@@ -36,6 +36,8 @@ public:
 
     /// Returns: when the value was pushed whose copies are being put into queues.
     std::int64_t PushedAt() const noexcept { return entries[head % Size].pushedAt; }
+    /// Returns: its number among all accepted values.
+    std::uint64_t Index() const noexcept { return entries[head % Size].index; }
     /// Returns: how many copies of it there are.
     std::uint32_t Copies() const noexcept { return entries[head % Size].copies; }
 

@@ -34,6 +34,8 @@ public:
     void Enter(std::uint32_t copies, std::int64_t now) noexcept;
     /// The bus has refused that value.
     void TakeBack(std::uint32_t copies) noexcept;
+    /// Returns: the number of the value that was entered last, among all accepted ones.
+    std::uint64_t LastIndex() const noexcept { return index; }
     /// A value that is no part of the account has been pushed.
     void EnterUncounted() noexcept { ++index; }
 

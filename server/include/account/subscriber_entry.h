@@ -2,6 +2,7 @@
 
 #include "account/fan_out_ring.h"
 #include "account/rate_history.h"
+#include "account/trace.h"
 #include "instruments/account_layout.h"
 
 #include <atomic>
@@ -20,6 +21,8 @@ public:
     virtual void Note(instruments::layout::Subscriber& slot, std::uint64_t nanoseconds) noexcept = 0;
     /// The account of a subscriber was given up: a value has left its queue that never came there.
     virtual void NoteGivenUp(long subscriberId) noexcept = 0;
+    /// Returns: what follows single values. Lifetime: that of this object.
+    virtual Trace& Following() noexcept = 0;
 };
 
 /// Writes the account of one subscriber: each value that is due to it, and each step that a value makes from its queue
@@ -77,6 +80,7 @@ private:
     };
 
     bool NoteDueSince(std::int64_t time) noexcept;
+    bool IsTraced() const noexcept;
     bool AwaitDue(std::uint64_t count) const noexcept;
     bool Leave(std::size_t count) noexcept;
     void CountDropped(instruments::layout::Drop reason, std::size_t count) noexcept;
@@ -86,9 +90,11 @@ private:
     instruments::layout::Subscriber& slot;
     const FanOutRing& ring;
     ISubscriberSink& sink;
+    Trace& trace;
 
-    std::atomic<bool> isGivenUp{false};  ///< turns true with that lock; relaxed: it carries no data
-    std::atomic<std::uint64_t> leftSeen; ///< flow.left, for the events thread; relaxed: it decides about a time only
+    std::atomic<bool> isGivenUp{false};     ///< turns true with that lock; relaxed: it carries no data
+    std::atomic<std::uint32_t> tracedIn{0}; ///< the trace that has a value of this subscriber; relaxed: as leftSeen
+    std::atomic<std::uint64_t> leftSeen;    ///< flow.left, for the events thread; relaxed: it decides about a time only
 
     // With the lock on the subscriber's waits.
     instruments::layout::SubscriberFlow flow;

@@ -6,6 +6,7 @@
 #include "kn/caller.h"
 #include "request_time.h"
 
+#include <chrono>
 #include <utility>
 
 namespace msgbus_server {
@@ -20,6 +21,11 @@ using message_bus::MessageBus;
 namespace {
 
 constexpr long UnknownId = 0; // the bus counts from 1
+
+std::int64_t MonotonicNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 
 bool IsRequest() {
     return KnCallerId() != 0;
@@ -93,8 +99,13 @@ ResultCode AccountedBus::PushKnown(Publisher& publisher, long publisherId, long 
     if (publisher.entry != nullptr) {
         publisher.entry->NoteAccepted(message, now, copies != 0);
     }
+    Trace& trace = keeper.Following();
+    if (trace.IsOn()) {
+        trace.NotePushed(*publisher.name, inbound.LastIndex(), publisherId, message, now, copies);
+    }
     const ResultCode result = provider.Push(publisherId, message);
     if (result != ResultCode::Success) { // without memory, for example
+        trace.Retract(inbound.LastIndex());
         inbound.TakeBack(copies);
         if (publisher.entry != nullptr) {
             publisher.entry->Retract(copies != 0);
@@ -284,6 +295,23 @@ std::optional<long> AccountedBus::LastValueOf(const std::string& topic) const {
         }
     }
     return notices ? notices->LastValueOf(topic) : std::nullopt;
+}
+
+// -- requests about single topics
+
+bool AccountedBus::StartTrace(std::string_view topic, std::size_t values) {
+    const common::MutexLock lock(turn);
+    return keeper.Following().Start(topic, values, MonotonicNs());
+}
+
+void AccountedBus::StopTrace() {
+    const common::MutexLock lock(turn);
+    keeper.Following().Stop();
+}
+
+instruments::TraceRecord AccountedBus::ReadTrace() {
+    const common::MutexLock lock(turn);
+    return keeper.Following().Read(MonotonicNs());
 }
 
 Described AccountedBus::Describe(const std::string& topic, std::int32_t pid, std::string_view text) {

@@ -90,8 +90,12 @@ void InboundAccount::NoteCopy() noexcept {
     }
     const std::int64_t pushedAt = ring.PushedAt();
     const std::uint32_t copies = ring.Copies();
+    const std::uint64_t fannedOut = ring.Index();
     if (!ring.NoteCopy()) {
         return;
+    }
+    if (keeper.Following().IsOn()) {
+        keeper.Following().NoteFannedOut(fannedOut);
     }
     probes::FanOut(copies);
     // Its loop waits for values: it has been away from it since it could have taken this one.

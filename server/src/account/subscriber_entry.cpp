@@ -32,8 +32,8 @@ const char* NameOf(Drop reason) {
 
 SubscriberEntry::SubscriberEntry(long subscriberId, instruments::layout::Subscriber& written, const FanOutRing& fanOut,
                                  ISubscriberSink& subscriberSink)
-    : id(subscriberId), slot(written), ring(fanOut), sink(subscriberSink), leftSeen(0), flow(written.flow.Read()),
-      rates(written.rates) {
+    : id(subscriberId), slot(written), ring(fanOut), sink(subscriberSink), trace(subscriberSink.Following()),
+      leftSeen(0), flow(written.flow.Read()), rates(written.rates) {
     flow.waiting = 0;
     flow.isCut = 0;
     flow.oldestFloor = NoTime;
@@ -44,7 +44,15 @@ SubscriberEntry::SubscriberEntry(long subscriberId, instruments::layout::Subscri
 }
 
 bool SubscriberEntry::NoteDue() noexcept {
+    // Before it is noted as due: what comes after that finds it in the trace.
+    if (trace.IsOn() && trace.NoteQueued(ring.Index(), id, slot.due.load(std::memory_order_relaxed) + 1)) {
+        tracedIn.store(trace.Generation(), std::memory_order_relaxed);
+    }
     return NoteDueSince(ring.PushedAt());
+}
+
+bool SubscriberEntry::IsTraced() const noexcept {
+    return trace.IsOn() && tracedIn.load(std::memory_order_relaxed) == trace.Generation();
 }
 
 bool SubscriberEntry::NotePut() noexcept {
@@ -137,6 +145,10 @@ void SubscriberEntry::EndHandOver(std::size_t taken, std::size_t offered) noexce
         flow.oldestFloor = samples.front().at;
     }
     Write();
+    if (IsTraced()) {
+        trace.NoteLeft(Trace::Step::Taken, id, flow.left - taken - offered + 1, taken);
+        trace.NoteLeft(Trace::Step::Offered, id, flow.left - offered + 1, offered);
+    }
     if (taken != 0) {
         probes::Taken(id, taken);
     }
@@ -147,12 +159,17 @@ void SubscriberEntry::EndOffer(std::size_t taken, std::size_t undelivered) noexc
         return; // given up
     }
     assert(taken + undelivered <= flow.offered);
+    const std::uint64_t first = flow.left - flow.offered + 1;
     flow.left -= flow.offered - taken - undelivered;
     leftSeen.store(flow.left, std::memory_order_relaxed);
     flow.offered = 0;
     flow.taken += taken;
     flow.dropped[static_cast<std::size_t>(Drop::Undelivered)] += undelivered;
     Write();
+    if (IsTraced()) {
+        trace.NoteLeft(Trace::Step::Taken, id, first, taken);
+        trace.NoteLeft(Trace::Step::Dropped, id, first + taken, undelivered);
+    }
     if (taken != 0) {
         probes::Taken(id, taken);
     }
@@ -174,6 +191,10 @@ void SubscriberEntry::CountDropped(Drop reason, std::size_t count) noexcept {
         flow.oldestFloor = samples.front().at;
     }
     Write();
+    if (IsTraced()) {
+        trace.NoteLeft(reason == Drop::Newest ? Trace::Step::DroppedFromBehind : Trace::Step::Dropped, id,
+                       flow.left - count + 1, count);
+    }
     probes::Dropped(id, count, NameOf(reason));
 }
 
