@@ -45,7 +45,8 @@ struct Published {
     std::int64_t startNs = 0;
     std::int64_t endNs = 0;
     std::int64_t endLagNs = 0; ///< the least time by which an acknowledgement of the last tenth was behind its schedule
-    common::Histogram late; ///< delays of this process itself: it was ready for a value before its time and began after it
+    common::Histogram
+        late; ///< delays of this process itself: it was ready for a value before its time and began after it
 };
 
 /// Publishes `count` values. Stops when the schedule can no longer be met (bench/README.md).

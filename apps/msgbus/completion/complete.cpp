@@ -142,7 +142,8 @@ Candidates Complete(const Command& program, const std::vector<std::string>& word
     }
     AddCommands(collector, *context.command);
     if (const auto arguments = ArgumentsOf(*context.command); !arguments.empty()) {
-        AddValues(collector, program, arguments[std::min(context.arguments, arguments.size() - 1)]->get_type_name(), "", names);
+        AddValues(collector, program, arguments[std::min(context.arguments, arguments.size() - 1)]->get_type_name(), "",
+                  names);
     }
     return collector.Take();
 }

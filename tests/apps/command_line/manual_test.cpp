@@ -90,8 +90,7 @@ TEST_F(Manual, Help_IsNoWiderThanTheTerminal) {
 
 TEST_F(Manual, AManualPage_SaysTheSameInTheLanguageOfMan) {
     const std::string page = ManualPage(program, {"1", "2026-11-23", "tool 1"}, {"other(8)", "third(5)"});
-    EXPECT_TRUE(
-        page.starts_with(".TH TOOL 1 \"2026-11-23\" \"tool 1\"\n.SH NAME\ntool \\- do things with <files>\n"))
+    EXPECT_TRUE(page.starts_with(".TH TOOL 1 \"2026-11-23\" \"tool 1\"\n.SH NAME\ntool \\- do things with <files>\n"))
         << page;
     for (const char* part : {
              ".SS \\fBtool get [OPTION...] FILE...\\fR\nGet one.\n",

@@ -1,6 +1,7 @@
 // What the word at the cursor may become, in each place of a command line.
 
 #include "completion/complete.h"
+
 #include "program.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +20,9 @@ protected:
     }
     completion::Candidates At(const std::vector<std::string>& words) {
         return completion::Complete(*program, words,
-                                    {[] { return std::vector<std::string>{"inside", "a b", "two\nlines"}; },
+                                    {[] {
+                                         return std::vector<std::string>{"inside", "a b", "two\nlines"};
+                                     },
                                      [] { return std::vector<std::string>{"reader"}; }});
     }
 
@@ -70,7 +73,8 @@ TEST_F(Complete, ChoicesAreThoseOfTheOptionOrArgument) {
 }
 
 TEST_F(Complete, AValueThatCannotBeKnown_HasNoCandidates) {
-    for (const auto& words : {Strings{"sub", "-n", ""}, Strings{"sub", "--name", ""}, Strings{"pub", "t", "1", "-r", ""}}) {
+    for (const auto& words :
+         {Strings{"sub", "-n", ""}, Strings{"sub", "--name", ""}, Strings{"pub", "t", "1", "-r", ""}}) {
         EXPECT_EQ(Words(words).size(), words[1] == "--name" ? 3U : 0U) << words[1];
     }
 }
