@@ -2,6 +2,7 @@
 
 #include "common/escape.h"
 #include "diagnosis/examinations.h"
+#include "look/account_source.h"
 #include "terminal/colour.h"
 #include "terminal/write_out.h"
 
@@ -12,12 +13,24 @@
 
 #include <algorithm>
 #include <memory>
+#include <stdexcept>
 
 namespace diagnosis {
 
 namespace {
 
+/// Waits for a server, if that is wanted. That there is none is found later.
+void AwaitServer(const BusAccess& access) {
+    try {
+        look::AwaitServer(std::nullopt, access.waitForServer);
+    } catch (const std::runtime_error&) { // Justified: the examinations say what is wrong.
+    }
+}
+
 std::vector<Finding> Examine(const BusAccess& access) {
+    if (access.waitForServer.count() != 0) {
+        AwaitServer(access);
+    }
     std::vector<Finding> findings{ExamineDirectory(), ExamineOwnLimit()};
     std::optional<instruments::Snapshot> snapshot;
     findings.push_back(ExamineAccount(snapshot));

@@ -1,6 +1,6 @@
-"""Defends docs/behaviour.md: every test that it names exists.
+"""Defends docs/promises.md: every test that it names exists.
 
-Usage: behaviour_names.py BUILD_DIRECTORY DOCUMENT"""
+Usage: promise_names.py BUILD_DIRECTORY DOCUMENT"""
 
 import json
 import re
