@@ -94,6 +94,27 @@ std::chrono::nanoseconds ParseRate(std::string_view text) {
     return std::chrono::nanoseconds(std::llround(1e9 / rate));
 }
 
+std::uint64_t ParseSize(std::string_view text) {
+    constexpr std::pair<std::string_view, double> sizes[] = {{"", 1}, {"k", 1024}, {"M", 1048576}, {"G", 1073741824}};
+    double number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error == std::errc()) {
+        const std::string_view unit = text.substr(static_cast<std::size_t>(end - text.data()));
+        for (const auto& [name, factor] : sizes) {
+            constexpr double largest = 1e18;
+            if (unit == name && number * factor >= 1 && number * factor <= largest) {
+                return static_cast<std::uint64_t>(number * factor);
+            }
+        }
+    }
+    throw std::invalid_argument("'" + std::string(text) +
+                                "' is not a size; it must be at least 1 byte, such as 500k or 10G");
+}
+
+bool IsSize(std::string_view text) {
+    return text.ends_with('k') || text.ends_with('M') || text.ends_with('G');
+}
+
 void WarnAboutCutTopic(const std::string& topic) {
     if (topic.size() > LongestDeliveredTopic) {
         Say("warning: subscribers receive only the first " + std::to_string(LongestDeliveredTopic) +

@@ -23,5 +23,10 @@ std::chrono::milliseconds ParseDuration(std::string_view text);
 /// Parses a number of events per second, from one a day to 1e6. Returns: the time between two.
 std::chrono::nanoseconds ParseRate(std::string_view text);
 
+/// Parses a number of bytes with k, M or G, which stand for powers of 1024; at least 1.
+std::uint64_t ParseSize(std::string_view text);
+/// Returns: whether the text ends like a size with a unit, and not like a duration.
+bool IsSize(std::string_view text);
+
 /// Prints a warning on stderr if subscribers will receive `topic` truncated.
 void WarnAboutCutTopic(const std::string& topic);

@@ -10,6 +10,10 @@
 #include "measure/delay.h"
 #include "publish/publish.h"
 #include "receive/receive.h"
+#include "recordings/export.h"
+#include "recordings/inspect.h"
+#include "recordings/play.h"
+#include "recordings/record.h"
 #include "trace/trace.h"
 
 #include <iostream>
@@ -64,6 +68,10 @@ std::unique_ptr<Command> MakeProgram(Action& chosen) {
     measure::AddDelayCommand(*program, chosen);
     measure::AddBenchCommand(*program, chosen);
     AddDashboardCommand(*program, chosen);
+    recordings::AddRecordCommand(*program, chosen);
+    recordings::AddPlayCommand(*program, chosen);
+    recordings::AddInspectCommand(*program, chosen);
+    recordings::AddExportCommand(*program, chosen);
     AddLookCommands(*program, chosen);
     trace::AddCommand(*program, chosen);
     diagnosis::AddDoctorCommand(*program, chosen);

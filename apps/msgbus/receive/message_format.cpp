@@ -104,7 +104,9 @@ public:
         } else {
             object["value"] = value;
         }
-        object["subscriber"] = subscriber;
+        if (!subscriber.empty()) {
+            object["subscriber"] = subscriber;
+        }
         const std::string time = clock.Text(style, received.receipt);
         clock.Advance(received.receipt);
         if (style == TimeStyle::Rfc3339) {

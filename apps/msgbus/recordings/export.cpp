@@ -1,0 +1,82 @@
+#include "recordings/export.h"
+
+#include "arguments.h"
+#include "receive/message_format.h"
+#include "recording/recording_reader.h"
+#include "terminal/write_out.h"
+
+#include <memory>
+#include <stdexcept>
+
+namespace recordings {
+
+namespace {
+
+receive::Style ParseStyle(const std::string& word) {
+    if (word == "jsonl") {
+        return receive::Style::Json;
+    }
+    if (word == "csv") {
+        return receive::Style::Csv;
+    }
+    throw std::invalid_argument("'" + word + "' is not a format; there is jsonl and csv");
+}
+
+receive::Receipt ReceiptAt(recording::Time time) {
+    return {std::chrono::time_point_cast<std::chrono::system_clock::duration>(time),
+            std::chrono::steady_clock::time_point(time.time_since_epoch())};
+}
+
+ExitStatus Export(const std::string& file, receive::Style style) {
+    recording::RecordingReader reader(file);
+    std::unique_ptr<receive::MessageFormat> format;
+    std::string text;
+    constexpr std::size_t writeSize = 65536;
+    while (const auto item = reader.Next()) {
+        const auto* const message = std::get_if<recording::Message>(&*item);
+        if (message == nullptr) {
+            continue;
+        }
+        const receive::Receipt receipt = ReceiptAt(message->time);
+        if (!format) {
+            format = MakeFormat(style, std::nullopt, "", receipt);
+            text += format->Header();
+        }
+        text +=
+            format->Line({{reader.Channels().at(message->channel).topic, message->value}, message->sequence, receipt});
+        if (text.size() >= writeSize) {
+            if (!terminal::WriteOut(text)) {
+                return ExitStatus::Done;
+            }
+            text.clear();
+        }
+    }
+    terminal::WriteOut(text);
+    if (!reader.End().isComplete) {
+        Say("the recording is incomplete: " + reader.End().reason);
+    }
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void AddExportCommand(command_line::Command& program, Action& chosen) {
+    auto& command = program.AddCommand("export", "Print the values of a recording as text.", "Recordings");
+    struct Words {
+        std::string file;
+        std::string format;
+    };
+    const auto words = std::make_shared<Words>();
+    command.add_option("FILE", words->file, "recording")->type_name("FILE")->required();
+    command.add_option("--to", words->format, "one JSON object on each line, or comma-separated values")
+        ->type_name("jsonl|csv")
+        ->required();
+    command.notes.description = {
+        "As 'msgbus sub --json' and 'msgbus sub --csv' print them, with the times of the recording; seq "
+        "counts the values of a topic from 0. Values are the 64 bits as an integer, also of a double."};
+    command.notes.exitStatuses = Describe({ExitStatus::Done, ExitStatus::Failed, ExitStatus::Usage});
+    command.notes.examples = {{"msgbus export drive.mcap --to csv > drive.csv", "For a spreadsheet"}};
+    command.callback([&chosen, words] { chosen = [words] { return Export(words->file, ParseStyle(words->format)); }; });
+}
+
+} // namespace recordings

@@ -1,0 +1,75 @@
+#include "recordings/file_series.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <utility>
+
+namespace recordings {
+
+FileSeries::FileSeries(std::string path, recording::ExistingFile existing, const SplitRules& splitRules,
+                       recording::Texts about)
+    : name(std::move(path)), existingFile(existing), rules(splitRules), header(std::move(about)) {
+    Open();
+}
+
+void FileSeries::Open() {
+    std::string path = name;
+    if (rules.Splits()) {
+        const std::filesystem::path whole(name);
+        path = (whole.parent_path() /
+                (whole.stem().string() + '_' + std::to_string(number++) + whole.extension().string()))
+                   .string();
+    }
+    channels.reset();
+    writer = std::make_unique<recording::RecordingWriter>(path, existingFile, "msgbus " BORVEN_VERSION);
+    channels.emplace(*writer);
+    files.push_back({path, 0});
+    opened = std::chrono::steady_clock::now();
+    writer->Write(recording::Note{"msgbus.begin", header});
+}
+
+void FileSeries::Write(const std::string& topic, recording::Time time, std::int64_t value) {
+    channels->Write(topic, time, value);
+    ++values;
+    // A value takes some 30 bytes: so a file is not much larger than it is to be.
+    constexpr std::uint64_t bytesPerCheck = 8 * 30;
+    if (rules.bytes && values % std::clamp<std::uint64_t>(*rules.bytes / bytesPerCheck, 1, 10'000) == 0) {
+        Flush();
+    }
+}
+
+void FileSeries::Close() {
+    channels->Settle();
+    writer->Close();
+}
+
+void FileSeries::Flush() {
+    channels->Settle();
+    writer->Flush();
+    const bool isFull = rules.bytes && writer->FileBytes() >= *rules.bytes;
+    const bool isOld = rules.time && std::chrono::steady_clock::now() - opened >= *rules.time;
+    if (writer->MessageCount() != 0 && (isFull || isOld)) {
+        writer->Close();
+        files.back().bytes = writer->FileBytes();
+        Open();
+    }
+    RemoveOldest();
+}
+
+void FileSeries::RemoveOldest() {
+    while (rules.mostBytes && files.size() > 1 && Bytes() > *rules.mostBytes) {
+        std::error_code ignored; // another program may have removed it
+        std::filesystem::remove(files.front().path, ignored);
+        files.pop_front();
+    }
+}
+
+std::uint64_t FileSeries::Bytes() const noexcept {
+    std::uint64_t bytes = writer->FileBytes();
+    for (const auto& file : files) {
+        bytes += file.bytes;
+    }
+    return bytes;
+}
+
+} // namespace recordings

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "recordings/topic_channels.h"
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace recordings {
+
+/// When a recording goes on in another file, and how much all of them may take.
+struct SplitRules {
+    std::optional<std::uint64_t> bytes;
+    std::optional<std::chrono::milliseconds> time;
+    std::optional<std::uint64_t> mostBytes; ///< of all files: the oldest are removed
+
+    bool Splits() const noexcept { return bytes || time; }
+};
+
+/// The files of a recording: one, or `NAME_0.mcap`, `NAME_1.mcap` and so on for `NAME.mcap`.
+class FileSeries final {
+public:
+    /// Creates the first file. Throws: recording::RecordingError.
+    FileSeries(std::string path, recording::ExistingFile existing, const SplitRules& splitRules,
+               recording::Texts about);
+
+    /// Throws: recording::RecordingError.
+    void Write(const std::string& topic, recording::Time time, std::int64_t value);
+    void Write(const recording::Note& note) { writer->Write(note); }
+    /// Writes what was collected, and goes on in another file if it is time for that. Throws:
+    /// recording::RecordingError.
+    void Flush();
+    /// Completes the last file. Throws: recording::RecordingError.
+    void Close();
+
+    /// Returns: the file that is being written.
+    const std::string& File() const noexcept { return files.back().path; }
+    std::uint64_t ValueCount() const noexcept { return values; }
+    /// Returns: the size of all files that are left.
+    std::uint64_t Bytes() const noexcept;
+
+private:
+    struct Finished {
+        std::string path;
+        std::uint64_t bytes; ///< 0: it is being written
+    };
+
+    void Open();
+    void RemoveOldest();
+
+    const std::string name;
+    const recording::ExistingFile existingFile;
+    const SplitRules rules;
+    const recording::Texts header;
+    std::size_t number = 0;
+    std::deque<Finished> files; ///< oldest first
+    std::unique_ptr<recording::RecordingWriter> writer;
+    std::optional<TopicChannels> channels;
+    std::chrono::steady_clock::time_point opened;
+    std::uint64_t values = 0;
+};
+
+} // namespace recordings

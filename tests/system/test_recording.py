@@ -1,0 +1,259 @@
+"""Recordings: every value with its time, descriptions, losses and restarts; files that were cut; and what is played from them."""
+
+import json
+import os
+import random
+import time
+
+from harness import BIN, DONE, FAILED, TIMED_OUT, USAGE, BusTest, main, wait_until
+
+KILLS = int(os.environ.get("BORVEN_TEST_KILLS", "3"))  # how often a recorder is killed
+
+
+class Recordings(BusTest):
+
+    def path(self, name="file.mcap"):
+        return os.path.join(os.path.dirname(self.runtime), name)
+
+    def recorder(self, *arguments, file="file.mcap"):
+        process = self.msgbus("record", self.path(file), *arguments)
+        process.expect_error("recording to ")
+        return process
+
+    def finish(self, recorder, status=DONE):
+        recorder.signal(2)
+        recorder.expect_exit(status)
+
+    def inspect(self, file="file.mcap", status=DONE):
+        process = self.msgbus("inspect", self.path(file), "--json")
+        process.expect_exit(status)
+        [line] = [line for line in process.seen if line.startswith("{")]
+        return json.loads(line)
+
+    def exported(self, file="file.mcap"):
+        process = self.msgbus("export", self.path(file), "--to", "jsonl")
+        process.expect_exit(DONE)
+        return [json.loads(line) for line in process.seen if line.startswith("{")]
+
+    def has_values(self):
+        return self.inspect()["values"] > 0
+
+    def size(self, file="file.mcap"):
+        return os.path.getsize(self.path(file)) if os.path.exists(self.path(file)) else 0
+
+    def test_every_value_is_in_the_file_with_its_time(self):
+        self.server()
+        recorder = self.recorder("one", "two", "-n", "1003")
+        before = time.time()
+        self.publish("one", -2**63, 2**63 - 1)
+        self.publish("two", 5)
+        self.publish("one", *range(1000))
+        recorder.expect_exit(DONE)
+        values = self.exported()
+        self.assertEqual([(each["topic"], each["value"]) for each in values],
+                         [("one", -2**63), ("one", 2**63 - 1), ("two", 5), *(("one", value) for value in range(1000))])
+        self.assertEqual([each["seq"] for each in values if each["topic"] == "one"], list(range(1002)))
+        times = [each["time"] for each in values]
+        self.assertEqual(times, sorted(times))
+        summary = self.inspect()
+        self.assertTrue(summary["complete"])
+        self.assertEqual([(each["topic"], each["values"]) for each in summary["topics"]], [("one", 1002), ("two", 1)])
+        first = summary["topics"][0]["first_unix_ns"] / 1e9
+        self.assertTrue(before - 1 < first < time.time() + 1, first)
+        self.assertEqual([note["name"] for note in summary["notes"]], ["msgbus.begin", "msgbus.end"])
+        self.assertIn("server_version", summary["notes"][0]["texts"])
+        self.assertEqual(summary["notes"][1]["texts"], {"values": "1003", "lost": "0"})
+
+    def test_a_file_that_is_there_is_kept(self):
+        self.server()
+        with open(self.path(), "w", encoding="utf-8") as file:
+            file.write("mine")
+        process = self.msgbus("record", self.path(), "t")
+        process.expect_error("there is a file ")
+        process.expect_exit(FAILED)
+        with open(self.path(), encoding="utf-8") as file:
+            self.assertEqual(file.read(), "mine")
+        self.finish(self.recorder("t", "--force"))
+        self.assertTrue(self.inspect()["complete"])
+
+    def test_descriptions_are_recorded_and_played(self):
+        self.server()
+        recorder = self.recorder("t", "d")
+        publishers = [self.pub("t", "--description", "fixed;step=1/10;unit=V"), self.pub("d", "--description", "float64")]
+        publishers[0].write("215\n")
+        publishers[1].write("0x3ff8000000000000\n")
+        wait_until(self, lambda: self.inspect()["values"] == 2, "both values")
+        self.finish(recorder)
+        for publisher in publishers:
+            publisher.end_input()
+            publisher.expect_exit(DONE)
+        topics = {each["topic"]: each for each in self.inspect()["topics"]}
+        self.assertEqual((topics["t"]["description"], topics["t"]["float"]), ("fixed;step=1/10;unit=V", False))
+        self.assertEqual((topics["d"]["description"], topics["d"]["float"]), ("float64", True))
+        player = self.msgbus("play", self.path(), "--topic", "t=again", "--loop")
+        wait_until(self, lambda: self.get("again") == "215 (21.5 V)", "the value with its meaning")
+        wait_until(self, lambda: self.get("d") == "4609434218613702656 (1.5)", "the other one")
+        player.signal(2)
+        player.expect_exit(DONE)
+
+    def get(self, topic):
+        process = self.msgbus("get", topic)
+        process.wait()
+        return process.seen[0].rsplit(" ", 1)[0] if process.seen else ""
+
+    def test_what_is_played_has_the_order_and_the_times_of_the_recording(self):
+        self.server()
+        recorder = self.recorder("one", "two", "-n", "60")
+        one, two = self.pub("one", "-r", "100"), self.pub("two", "-r", "100")
+        for publisher in (one, two):
+            publisher.write("".join(f"{value}\n" for value in range(30)))
+            publisher.end_input()
+            publisher.expect_exit(DONE)
+        recorder.expect_exit(DONE)
+        reader = self.sub("one", "two", options=("-n", "60", "--json"))
+        self.msgbus("play", self.path()).expect_exit(DONE)
+        reader.expect_exit(DONE)
+        played = [json.loads(line) for line in reader.seen if line.startswith("{")]
+        self.assertEqual([(each["topic"], each["value"]) for each in played],
+                         [(each["topic"], each["value"]) for each in self.exported()])
+
+    def test_parts_speeds_and_loops(self):
+        self.server()
+        recorder = self.recorder("t", "-n", "11")
+        self.msgbus("pub", "t", *(str(value) for value in range(11)), "--interval", "50ms").expect_exit(DONE)
+        recorder.expect_exit(DONE)
+        for options, values in ((["--speed", "max"], range(11)), (["--speed", "20"], range(11)),
+                                (["--from", "225ms", "--speed", "max"], range(5, 11)),
+                                (["--to", "225ms", "--speed", "max"], range(5)),
+                                (["--from", "125ms", "--to", "225ms"], range(3, 5))):
+            with self.subTest(options=options):
+                reader = self.sub("t", options=("-n", str(len(values))))
+                self.msgbus("play", self.path(), *options).expect_exit(DONE)
+                reader.expect_all([f"t {value}" for value in values])
+        reader = self.sub("t", options=("-n", "30"))
+        player = self.msgbus("play", self.path(), "--loop", "--speed", "max")
+        reader.expect_all([f"t {index % 11}" for index in range(30)])
+        player.signal(2)
+        player.expect_exit(DONE)
+
+    def test_a_topic_of_any_bytes_comes_back(self):
+        self.server()
+        topic = b"a\xff \\\n,".decode("utf-8", "surrogateescape")
+        recorder = self.recorder(topic, "-n", "1")
+        self.publish(topic, 1)
+        recorder.expect_exit(DONE)
+        self.assertEqual(bytes.fromhex(self.exported()[0]["topic_hex"]), os.fsencode(topic))
+
+    def test_a_killed_recorder_leaves_everything_that_is_older_than_a_second(self):
+        self.server()
+        for _ in range(KILLS):
+            recorder = self.recorder("t", "--force")
+            publisher = self.msgbus("pub", "t", "-", "-r", "20000")
+            publisher.write("".join(f"{value}\n" for value in range(15000)))
+            wait_until(self, lambda: self.size() > 2000, "the first chunk")
+            time.sleep(random.random() / 4)
+            killed = time.time()
+            recorder.kill()
+            publisher.kill()
+            summary = self.inspect()
+            self.assertFalse(summary["complete"])
+            self.assertIn("in its last second", summary["missing"])
+            values = [each["value"] for each in self.exported()]
+            self.assertEqual(values, list(range(len(values))))
+            self.assertGreater(summary["topics"][0]["last_unix_ns"] / 1e9, killed - 1)
+
+    def test_splitting_keeps_every_value_and_the_limit_removes_the_oldest_files(self):
+        self.server()
+        for limit, kept in (([], range(40000)), (["--max-disk", "100k"], None)):
+            recorder = self.recorder("t", "--split", "40k", *limit, "-n", "40000", "--force", file="s.mcap")
+            publisher = self.pub("t", "-r", "20000")
+            publisher.write("".join(f"{value}\n" for value in range(40000)))
+            publisher.end_input()
+            recorder.expect_exit(DONE)
+            files = sorted((name for name in os.listdir(os.path.dirname(self.path())) if name.startswith("s_")),
+                           key=lambda name: int(name[2:-5]))
+            values = [each["value"] for name in files for each in self.exported(name)]
+            if kept is not None:
+                self.assertGreater(len(files), 3)
+                self.assertEqual(values, list(kept))
+                for name in files:
+                    self.assertTrue(self.inspect(name)["complete"])
+                    os.remove(self.path(name))
+            else:
+                self.assertGreater(files[0], "s_0.mcap")
+                self.assertEqual(values, list(range(values[0], 40000)))
+            publisher.expect_exit(DONE)
+
+    def test_losses_are_noted_and_the_status_says_so(self):
+        self.server("--slow-subscriber", "slow=drop-oldest:1000")
+        recorder = self.recorder("t", "--name", "slow")
+        self.publish("t", 1)
+        wait_until(self, self.has_values, "the first value")
+        recorder.pause()
+        publisher = self.pub("t")
+        publisher.write("".join(f"{value}\n" for value in range(5000)))
+        publisher.end_input()
+        publisher.expect_exit(DONE)
+        recorder.signal(18)
+        wait_until(self, lambda: any(each["value"] == 4999 for each in self.exported()), "the last value")
+        recorder.signal(2)
+        recorder.expect_exit(FAILED)
+        summary = self.inspect()
+        lost = sum(int(note["texts"]["values"]) for note in summary["notes"] if note["name"] == "msgbus.loss")
+        self.assertEqual(summary["values"] + lost, 5001)
+        self.assertGreater(lost, 0)
+
+    def test_a_restart_of_the_server_is_noted(self):
+        server = self.server()
+        recorder = self.recorder("t", "-n", "2")
+        self.publish("t", 1)
+        wait_until(self, self.has_values, "the first value")
+        server.stop()
+        self.server()
+        recorder.expect_error("again with a restarted server")
+        self.publish("t", 2)
+        recorder.expect_exit(DONE)
+        self.assertIn("msgbus.restart", [note["name"] for note in self.inspect()["notes"]])
+
+    def test_a_full_disk_ends_the_recording_and_what_was_written_is_readable(self):
+        self.server()
+        process = self.start("bash", "-c", f"ulimit -f 500; trap '' XFSZ; exec {BIN}/msgbus record {self.path()} t")
+        process.expect_error("recording to ")
+        publisher = self.msgbus("pub", "t", "-", "-r", "20000")
+        publisher.write("".join(f"{value * 7919 % 1000003}\n" for value in range(100000)))
+        process.expect_error("File too large; values recorded before: ")
+        process.expect_exit(FAILED)
+        publisher.kill()
+        summary = self.inspect()
+        self.assertGreater(summary["values"], 0)
+        self.assertFalse(summary["complete"])
+
+    def test_what_cannot_be_played_or_read_is_a_sentence(self):
+        self.server()
+        with open(self.path("text"), "w", encoding="utf-8") as file:
+            file.write("no recording")
+        for arguments, status, sentence in (
+                (["play", self.path("text")], FAILED, "is not an MCAP file"),
+                (["inspect", self.path("missing")], FAILED, "No such file or directory"),
+                (["export", self.path("text"), "--to", "csv"], FAILED, "is not an MCAP file"),
+                (["export", self.path("text"), "--to", "xml"], USAGE, "'xml' is not a format"),
+                (["play", self.path("text"), "--speed", "fast"], USAGE, "'fast' is not a speed"),
+                (["play", self.path("text"), "--topic", "a"], USAGE, "'a' is not OLD=NEW"),
+                (["play", self.path("text"), "--from", "T"], USAGE, "is not a place in a recording"),
+                (["record", self.path("x"), "t", "--max-disk", "1M"], USAGE, "--max-disk needs --split"),
+                (["record", self.path("x"), "t", "--split", "0k"], USAGE, "'0k' is not a size"),
+                (["record", self.path("x")], USAGE, "TOPIC is required"),
+                (["record", "/nowhere/x", "t"], FAILED, "cannot create '/nowhere/x'")):
+            process = self.msgbus(*arguments)
+            process.expect_exit(status)
+            self.assertIn(sentence, "\n".join(process.seen))
+
+    def test_a_time_limit_without_enough_values_is_a_status(self):
+        self.server()
+        self.msgbus("record", self.path(), "t", "-W", "100ms", "-n", "5").expect_exit(TIMED_OUT)
+        self.msgbus("record", self.path(), "t", "-W", "100ms", "--force").expect_exit(DONE)
+        self.assertTrue(self.inspect()["complete"])
+
+
+if __name__ == "__main__":
+    main()
