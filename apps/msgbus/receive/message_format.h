@@ -56,8 +56,8 @@ public:
     virtual std::string Line(const Received& received) = 0;
 };
 
-/// `time`: nothing means none for Style::Lines, and Rfc3339 for the others. `subscriber`: its name, for JSON; may be empty.
-/// `start`: of the subscription.
+/// `time`: nothing means none for Style::Lines, and Rfc3339 for the others. `subscriber`: its name, for JSON; may be
+/// empty. `start`: of the subscription.
 std::unique_ptr<MessageFormat> MakeFormat(Style style, std::optional<TimeStyle> time, const std::string& subscriber,
                                           const Receipt& start);
 
