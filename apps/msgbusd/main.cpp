@@ -86,7 +86,7 @@ std::optional<std::string> AccountDirectory() {
 }
 
 int Serve(const Settings& settings) {
-    const msgbus_server::LogThreshold logThreshold(settings.logLevel);
+    const msgbus_server::LogThreshold logThreshold(settings.logLevels);
     std::optional<msgbus_server::FaultWatch> faultWatch;
     if (settings.failStop) {
         faultWatch.emplace(msgbus_server::FailStop);
@@ -161,12 +161,13 @@ int main(int argc, char** argv) {
     if (!settings.server.placement) {
         ::setenv("BORVEN_PLACEMENT", "off", 1); // for the platform; there is no other thread yet
     }
-    if (!settings.logLimit || settings.logLevel == static_cast<int>(LogLevel::Debug)) {
+    if (!settings.logLimit || settings.logLevels.IsEnabled(LogLevel::Debug)) {
         ::setenv("BORVEN_LOG_LIMIT", "off", 1); // likewise; a log of every step has every line
     }
     if (!settings.nameWatch) {
         ::setenv("BORVEN_NAME_WATCH", "off", 1); // likewise
     }
+    bos::logger::BOSLogger::SetFormat(settings.logFormat);
     RaiseDescriptorLimit();
     UseOneArena();
     ::signal(SIGPIPE, SIG_IGN);

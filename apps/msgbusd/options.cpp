@@ -49,17 +49,14 @@ constexpr const char* Footer =
     "  0 stopped by a signal, 1 could not serve, 2 usage error, 5 could not go on for all clients and ended at once, "
     "to\n"
     "  be started again";
-/// Replaces the name of a level by its number; the bus's own numbers pass. Returns: empty, or what is wrong.
-std::string ParseLevel(std::string& level) {
-    static const std::map<std::string, int> levels{
-        {"debug", 1}, {"info", 2}, {"warning", 3}, {"error", 4}, {"off", msgbus_server::LogThreshold::Off},
-        {"1", 1},     {"2", 2},    {"3", 3},       {"4", 4}};
-    const auto found = levels.find(CLI::detail::to_lower(level));
-    if (found == levels.end()) {
-        return "'" + level + "' is not a log level; it must be debug, info, warning, error or off";
-    }
-    level = std::to_string(found->second);
-    return {};
+const std::map<std::string, bos::logger::LogFormat> LogFormats{{"auto", bos::logger::LogFormat::Auto},
+                                                               {"text", bos::logger::LogFormat::Text},
+                                                               {"journal", bos::logger::LogFormat::Journal},
+                                                               {"json", bos::logger::LogFormat::Json}};
+
+/// Returns: empty, or what is wrong.
+std::string CheckLevels(const std::string& text) {
+    return msgbus_server::LogThresholds().Set(text);
 }
 
 /// Sets the limit that "NAME=NUMBER" names. Returns: empty, or what is wrong.
@@ -164,10 +161,18 @@ std::optional<int> msgbusd::ReadOptions(int argc, char** argv, Settings& setting
     app.add_flag_callback("--dynamic", mode(ConnectionType::Dynamic),
                           "offer the bus as services that clients connect to (default; not with --static)")
         ->excludes(staticFlag);
-    app.add_option("--log-level", settings.logLevel,
-                   "minimum level to log to stderr: debug, info, warning, error or off (default: info)")
-        ->transform(CLI::Validator(ParseLevel, ""))
+    app.add_option_function<std::string>(
+           "--log-level", [&](const std::string& text) { settings.logLevels.Set(text); },
+           "minimum level to log to stderr: debug, info, warning, error or off; bus=LEVEL and server=LEVEL for the "
+           "lines "
+           "of the bus's library and all others (default: bus=warning,server=info)")
+        ->check(CLI::Validator(CheckLevels, ""))
         ->type_name("LEVEL");
+    app.add_option("--log-format", settings.logFormat,
+                   "text, journal (priorities and no time) or json (an object a line); default: journal where stderr "
+                   "goes to the system's journal, else text")
+        ->transform(CLI::Transformer(LogFormats).description(""))
+        ->type_name("FORMAT");
     app.add_option("--ready-fd", settings.readyDescriptor,
                    "when the bus is served, write READY to this descriptor and close it")
         ->type_name("FD");

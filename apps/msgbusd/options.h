@@ -2,6 +2,7 @@
 
 #include "bos/logger.h"
 #include "bus_server.h"
+#include "log_threshold.h"
 #include "msgbusd/monitoring.h"
 
 #include <optional>
@@ -17,7 +18,8 @@ struct Settings {
     bool logLimit = true;
     bool nameWatch = true;
     bool failStop = true;
-    int logLevel = static_cast<int>(bos::logger::LogLevel::Info);
+    msgbus_server::LogThresholds logLevels;
+    bos::logger::LogFormat logFormat = bos::logger::LogFormat::Auto;
     std::optional<int> readyDescriptor;
     bool account = true;
     MonitorSettings monitor;

@@ -96,6 +96,8 @@ void BOSLogger::SetThreshold(LogLevel lowest) noexcept {
     NoLog::Instance().threshold = lowest;
 }
 
+void BOSLogger::SetFormat(LogFormat) noexcept {}
+
 void BOSLogger::LogImpl(LogLevel level, const char* file, int line, const char* function, std::string& message) {
     backEnd.load(std::memory_order_acquire)->Write(level, file, line, function, message);
 }

@@ -13,6 +13,14 @@ enum class LogLevel : int {
     Error = 4,   ///< failures
 };
 
+/// How the platform's own back end writes a record.
+enum class LogFormat : int {
+    Auto,    ///< Journal when the output goes to the system's journal, else Text
+    Text,    ///< for people: with the time, as RFC 3339 has it
+    Journal, ///< with a priority that the journal reads, and no time
+    Json,    ///< one object a line
+};
+
 /// Where log records go.
 ///
 /// Contract:
@@ -46,6 +54,9 @@ public:
     /// this is called. Other back ends have their own rules.
     /// Threads: any.
     static void SetThreshold(LogLevel lowest) noexcept;
+
+    /// Sets the format of the platform's own back end, which is Auto until this is called. Threads: any.
+    static void SetFormat(LogFormat format) noexcept;
 
     /// Returns: the back end used until now.
     /// Lifetime: `next` must outlive every log call; the caller keeps it.

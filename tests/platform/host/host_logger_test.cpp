@@ -3,8 +3,10 @@
 #include "process.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <termios.h>
 
+#include <cctype>
 #include <csignal>
 #include <regex>
 
@@ -12,6 +14,7 @@ namespace platform_test {
 namespace {
 
 using bos::logger::BOSLogger;
+using bos::logger::LogFormat;
 using bos::logger::LogLevel;
 
 // Before the log's first record: these tests count lines of one site. The limit has tests of its own.
@@ -295,6 +298,40 @@ TEST_F(StandardError, ThatIsNoTerminal_IsNotColoured) {
     const int reader = RedirectToPipe();
     Log("text");
     EXPECT_THAT(ReadAvailable(reader), ::testing::Not(::testing::HasSubstr("\x1b")));
+}
+
+/// What JOURNAL_STREAM has for `fd`.
+std::string NameOfStream(int fd) {
+    struct stat found {};
+    EXPECT_EQ(0, ::fstat(fd, &found));
+    return std::to_string(found.st_dev) + ':' + std::to_string(found.st_ino);
+}
+
+TEST_F(StandardError, ThatTheJournalReads_GetsPrioritiesAndNoTime) {
+    const int reader = RedirectToPipe();
+    ::setenv("JOURNAL_STREAM", NameOfStream(STDERR_FILENO).c_str(), 1);
+    Log("text");
+    BOSLogger::SetFormat(LogFormat::Text);
+    Log("as text");
+    BOSLogger::SetFormat(LogFormat::Json);
+    Log("as json");
+    BOSLogger::SetFormat(LogFormat::Auto);
+    ::unsetenv("JOURNAL_STREAM");
+    const auto lines = LinesOf(ReadAvailable(reader));
+    ASSERT_EQ(3U, lines.size());
+    EXPECT_EQ("<3>[" + std::to_string(::gettid()) + "] file.cpp:12 Function: text", lines[0]);
+    EXPECT_THAT(lines[1], ::testing::EndsWith("Function: as text"));
+    EXPECT_TRUE(std::isdigit(static_cast<unsigned char>(lines[1][0]))) << lines[1];
+    EXPECT_THAT(lines[2], ::testing::StartsWith("{\"time\":"));
+}
+
+TEST_F(StandardError, ThatTheJournalDoesNotRead_GetsTimesAlthoughAnotherStreamGoesThere) {
+    ::setenv("JOURNAL_STREAM", "1:2", 1);
+    const int reader = RedirectToPipe();
+    Log("text");
+    ::unsetenv("JOURNAL_STREAM");
+    const std::string line = ReadAvailable(reader);
+    EXPECT_TRUE(std::isdigit(static_cast<unsigned char>(line.at(0)))) << line;
 }
 
 TEST_F(StandardError, GetsAtExit_WhatItDidNotTakeBefore) {

@@ -1,6 +1,6 @@
 #include "base/stderr_log.h"
 
-#include "common/escape.h"
+#include "base/log_line.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -11,67 +11,14 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <ctime>
 
 namespace borven_host {
 
+using bos::logger::LogFormat;
 using bos::logger::LogLevel;
 
 namespace {
-
-struct LevelStyle {
-    const char* name;
-    const char* colour;
-};
-
-LevelStyle StyleOf(LogLevel level) {
-    switch (level) {
-    case LogLevel::Debug:
-        return {"DEBUG", "\x1b[2m"};
-    case LogLevel::Info:
-        return {"INFO ", ""};
-    case LogLevel::Warning:
-        return {"WARN ", "\x1b[33m"};
-    case LogLevel::Error:
-        return {"ERROR", "\x1b[31m"};
-    }
-    return {"?????", ""};
-}
-
-void AppendTime(std::string& line) {
-    timespec now{};
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    tm parts{};
-    ::gmtime_r(&now.tv_sec, &parts);
-    char text[40];
-    const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
-    line.append(text, length);
-    const int micros = std::snprintf(text, sizeof text, ".%06ldZ", now.tv_nsec / 1000);
-    line.append(text, static_cast<std::size_t>(micros));
-}
-
-/// Returns: the record as one line, without its end.
-std::string Format(const LogLimit::Record& record) {
-    thread_local const pid_t threadId = ::gettid();
-    std::string text;
-    text.reserve(160 + record.text.size());
-    AppendTime(text);
-    text += ' ';
-    text += StyleOf(record.level).name;
-    text += " [";
-    text += std::to_string(threadId);
-    text += "] ";
-    text += record.file;
-    text += ':';
-    text += std::to_string(record.line);
-    text += ' ';
-    text += record.function;
-    text += ": ";
-    common::AppendEscaped(text, record.text);
-    return text;
-}
 
 LogLimit::Record RecordOf(const LogLimit::Report& report) {
     return {report.level, report.file, report.line, report.function, report.text};
@@ -80,6 +27,12 @@ LogLimit::Record RecordOf(const LogLimit::Report& report) {
 bool IsSwitchedOff() {
     const char* const setting = ::secure_getenv("BORVEN_LOG_LIMIT");
     return setting != nullptr && std::string_view(setting) == "off";
+}
+
+/// Returns: whether standard error, with this device and inode, is connected to the journal, see systemd.exec(5).
+bool IsJournal(dev_t device, ino_t inode) {
+    const char* const setting = ::secure_getenv("JOURNAL_STREAM");
+    return setting != nullptr && std::to_string(device) + ':' + std::to_string(inode) == setting;
 }
 
 /// Writes without SIGPIPE, which a pipe without reader would raise.
@@ -141,6 +94,15 @@ void StderrLog::SetThreshold(LogLevel lowest) noexcept {
     threshold.store(static_cast<int>(lowest), std::memory_order_relaxed);
 }
 
+void StderrLog::SetFormat(LogFormat wanted) noexcept {
+    format.store(wanted, std::memory_order_relaxed);
+}
+
+LogFormat StderrLog::CurrentFormat() const {
+    const LogFormat chosen = format.load(std::memory_order_relaxed);
+    return chosen != LogFormat::Auto ? chosen : isJournal ? LogFormat::Journal : LogFormat::Text;
+}
+
 void StderrLog::Write(LogLevel level, const char* file, int line, const char* function, const std::string& message) {
     const LogLimit::Record record{level, file, line, function, message};
     if (isLimited && level != LogLevel::Debug) {
@@ -165,15 +127,16 @@ void StderrLog::Write(LogLevel level, const char* file, int line, const char* fu
 }
 
 void StderrLog::WriteLine(const LogLimit::Record& record) {
-    std::string text = Format(record);
     const common::MutexLock lock(mutex);
     Follow();
-    EmitLine(record.level, std::move(text));
+    EmitLine(record);
 }
 
-void StderrLog::EmitLine(LogLevel level, std::string text) {
-    const char* const colour = StyleOf(level).colour;
-    if (isColoured && *colour != '\0') {
+void StderrLog::EmitLine(const LogLimit::Record& record) {
+    const LogFormat wanted = CurrentFormat();
+    std::string text = LineOf(record, wanted);
+    const char* const colour = ColourOf(record.level);
+    if (isColoured && wanted == LogFormat::Text && *colour != '\0') {
         text = colour + text + "\x1b[0m";
     }
     text += '\n';
@@ -185,6 +148,7 @@ void StderrLog::Follow() {
     struct stat now {};
     if (::fstat(STDERR_FILENO, &now) != 0) {
         stream = Stream::Closed;
+        isJournal = false;
         device = 0;
         inode = 0;
         return;
@@ -194,6 +158,7 @@ void StderrLog::Follow() {
     }
     device = now.st_dev;
     inode = now.st_ino;
+    isJournal = IsJournal(device, inode);
     rest.clear();
     reopened.Reset();
     isColoured = false;
@@ -263,11 +228,7 @@ void StderrLog::Emit(std::string line) {
         return;
     }
     if (dropped != 0) {
-        std::string report;
-        AppendTime(report);
-        report +=
-            " WARN  log: " + std::to_string(dropped) + " records were dropped: standard error did not accept them\n";
-        line.insert(0, report);
+        line.insert(0, LineOfDropped(dropped, CurrentFormat()) + '\n');
     }
     if (line.empty()) {
         return;
@@ -287,7 +248,7 @@ void StderrLog::Flush() {
     }
     for (const auto& report : limit.Take(LogLimit::Clock::time_point::max())) {
         Follow();
-        EmitLine(report.level, Format(RecordOf(report)));
+        EmitLine(RecordOf(report));
     }
     if (stream != Stream::Closed && (!rest.empty() || dropped != 0)) {
         Follow();
@@ -311,6 +272,10 @@ void BOSLogger::LogImpl(LogLevel level, const char* file, int line, const char* 
 
 void BOSLogger::SetThreshold(LogLevel lowest) noexcept {
     borven_host::StderrLog::Instance().SetThreshold(lowest);
+}
+
+void BOSLogger::SetFormat(LogFormat format) noexcept {
+    borven_host::StderrLog::Instance().SetFormat(format);
 }
 
 } // namespace bos::logger

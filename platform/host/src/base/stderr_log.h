@@ -14,7 +14,7 @@
 
 namespace borven_host {
 
-/// Writes each record as one line to standard error: time (UTC), level, thread, file:line, function, message.
+/// Writes each record as one line to standard error, in a format that LineOf describes.
 ///
 /// No caller waits for the reader of the stream. A pipe or terminal is opened a second time without blocking, because
 /// the flag on the inherited description would change the stream for every process that shares it. A record that the
@@ -33,6 +33,7 @@ public:
                const std::string& message) override;
 
     void SetThreshold(bos::logger::LogLevel lowest) noexcept;
+    void SetFormat(bos::logger::LogFormat wanted) noexcept;
 
 private:
     enum class Stream { Closed, File, Reopened, Socket, Shared };
@@ -44,7 +45,8 @@ private:
     static void AfterForkInChild();
 
     void WriteLine(const LogLimit::Record& record) EXCLUDES(mutex);
-    void EmitLine(bos::logger::LogLevel level, std::string text) REQUIRES(mutex);
+    void EmitLine(const LogLimit::Record& record) REQUIRES(mutex);
+    bos::logger::LogFormat CurrentFormat() const REQUIRES(mutex);
     void Follow() REQUIRES(mutex);
     bool Put(std::string_view bytes) REQUIRES(mutex);
     ssize_t WriteSome(std::string_view bytes) const REQUIRES(mutex);
@@ -54,6 +56,7 @@ private:
     const bool isLimited;
 
     std::atomic<int> threshold{static_cast<int>(bos::logger::LogLevel::Info)};
+    std::atomic<bos::logger::LogFormat> format{bos::logger::LogFormat::Auto}; // relaxed, as the one above: a setting
 
     common::Mutex mutex;
     LogLimit limit GUARDED_BY(mutex);
@@ -62,7 +65,8 @@ private:
     Stream stream GUARDED_BY(mutex) = Stream::Closed;
     UniqueFd reopened GUARDED_BY(mutex);
     bool isColoured GUARDED_BY(mutex) = false;
-    std::string rest GUARDED_BY(mutex); ///< of a line that the stream accepted in part
+    bool isJournal GUARDED_BY(mutex) = false; ///< JOURNAL_STREAM names standard error as it is now
+    std::string rest GUARDED_BY(mutex);       ///< of a line that the stream accepted in part
     std::uint64_t dropped GUARDED_BY(mutex) = 0;
 };
 
