@@ -10,7 +10,7 @@
 #include "log_threshold.h"
 #include "msgbusd/arena_mappings.h"
 #include "msgbusd/monitoring.h"
-#include "msgbusd/options.h"
+#include "msgbusd/options/options.h"
 #include "service_manager.h"
 #include "signal_watch.h"
 #include "standard_descriptors.h"
@@ -31,6 +31,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 namespace {
 
@@ -85,8 +86,11 @@ std::optional<std::string> AccountDirectory() {
     return status == KnStatusOk ? std::optional<std::string>(path.data()) : std::nullopt;
 }
 
-int Serve(const Settings& settings) {
+int Serve(const Settings& settings, const std::vector<std::string>& warnings) {
     const msgbus_server::LogThreshold logThreshold(settings.logLevels);
+    for (const auto& warning : warnings) {
+        Log(LogLevel::Warning, "{}", warning);
+    }
     std::optional<msgbus_server::FaultWatch> faultWatch;
     if (settings.failStop) {
         faultWatch.emplace(msgbus_server::FailStop);
@@ -137,36 +141,32 @@ int Serve(const Settings& settings) {
     });
     return isInOrder ? 0 : Fail("the bus stopped without a request; the log has the reason");
 }
-/// Returns: the options as they were given.
-std::string CommandLine(int argc, char** argv) {
-    std::string line;
-    for (int i = 1; i < argc; ++i) {
-        line += (i == 1 ? "" : " ") + std::string(argv[i]);
+/// The platform reads its variables when it needs them; there is no other thread yet.
+void SetPlatformSwitch(const char* variable, bool isOn) {
+    if (isOn) {
+        ::unsetenv(variable); // another source may have overridden it
+    } else {
+        ::setenv(variable, "off", 1);
     }
-    return line;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    Settings settings;
-    if (const auto status = msgbusd::ReadOptions(argc, argv, settings)) {
+    msgbusd::ChosenOptions options;
+    if (const auto status = msgbusd::ReadOptions(argc, argv, options)) {
         return *status;
     }
+    Settings& settings = options.settings;
     OccupyStandardDescriptors();
     if (settings.readyDescriptor && ::fcntl(*settings.readyDescriptor, F_GETFD) < 0) {
         std::cerr << "msgbusd: --ready-fd " << *settings.readyDescriptor << ": " << std::strerror(errno) << '\n';
         return ExitUsage;
     }
-    if (!settings.server.placement) {
-        ::setenv("BORVEN_PLACEMENT", "off", 1); // for the platform; there is no other thread yet
-    }
-    if (!settings.logLimit || settings.logLevels.IsEnabled(LogLevel::Debug)) {
-        ::setenv("BORVEN_LOG_LIMIT", "off", 1); // likewise; a log of every step has every line
-    }
-    if (!settings.nameWatch) {
-        ::setenv("BORVEN_NAME_WATCH", "off", 1); // likewise
-    }
+    SetPlatformSwitch("BORVEN_PLACEMENT", settings.server.placement);
+    // A log of every step has every line.
+    SetPlatformSwitch("BORVEN_LOG_LIMIT", settings.logLimit && !settings.logLevels.IsEnabled(LogLevel::Debug));
+    SetPlatformSwitch("BORVEN_NAME_WATCH", settings.nameWatch);
     bos::logger::BOSLogger::SetFormat(settings.logFormat);
     RaiseDescriptorLimit();
     UseOneArena();
@@ -179,12 +179,14 @@ int main(int argc, char** argv) {
         msgbusd::PoolArenaMappings();
     }
     try {
+        settings.server.limits = settings.isLimited ? std::optional(settings.limits) : std::nullopt;
+        settings.server.notices = settings.server.notices && settings.account;
         settings.server.account.reset();
         if (settings.account) {
             settings.server.account =
-                msgbus_server::AccountOptions{AccountDirectory(), BORVEN_VERSION, CommandLine(argc, argv)};
+                msgbus_server::AccountOptions{AccountDirectory(), BORVEN_VERSION, options.asCommandLine};
         }
-        return Serve(settings);
+        return Serve(settings, options.warnings);
     } catch (const std::system_error& error) {
         return Fail(std::string("cannot start: ") + error.what());
     } catch (const std::exception& error) {

@@ -183,7 +183,8 @@ class BusTest(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         self.runtime = os.path.join(directory.name, "runtime")
         os.mkdir(self.runtime, 0o700)
-        self.environment = {**os.environ, "BORVEN_RUNTIME_DIR": self.runtime, "BORVEN_BUS": MODE}
+        self.environment = {**os.environ, "BORVEN_RUNTIME_DIR": self.runtime, "BORVEN_BUS": MODE,
+                            "MSGBUSD_CONFIG": "/dev/null"}
         self.processes = []
         self.addCleanup(self._end_all)
 

@@ -61,6 +61,14 @@ class Log(BusTest):
         server.stop()
         self.assertEqual((len(self.refusals(server)), self.suppressed(server)), (200, 0))
 
+    def test_an_option_overrides_the_environment(self):
+        self.environment["BORVEN_LOG_LIMIT"] = "off"
+        server = self.server("--no-log-limit=false", log_level="info")
+        self.refuse_greetings(200)
+        server.stop()
+        self.assertEqual(len(self.refusals(server)) + self.suppressed(server), 200, server)
+        self.assertLess(len(self.refusals(server)), 200)
+
     def test_a_log_of_every_step_has_every_line(self):
         server = self.server(log_level="debug")
         self.refuse_greetings(200)

@@ -4,29 +4,26 @@
 #include "bus_server.h"
 #include "log_threshold.h"
 #include "msgbusd/monitoring.h"
+#include "server_limits.h"
 
 #include <optional>
 
 namespace msgbusd {
 
-constexpr int ExitUsage = 2;
-
-/// What the command line chooses.
+/// What the command line, the environment and a file choose.
 struct Settings {
-    msgbus_server::BusServerOptions server;
+    msgbus_server::BusServerOptions server; ///< but for its limits and its account
+    msgbus_server::Limits limits;
+    bool isLimited = true;
     bool arenaPool = true;
     bool logLimit = true;
     bool nameWatch = true;
     bool failStop = true;
     msgbus_server::LogThresholds logLevels;
     bos::logger::LogFormat logFormat = bos::logger::LogFormat::Auto;
-    std::optional<int> readyDescriptor;
     bool account = true;
     MonitorSettings monitor;
+    std::optional<int> readyDescriptor;
 };
-
-/// Reads the command line, and prints what it asks for or what is wrong with it.
-/// Returns: nothing to go on with `settings`, or the exit status.
-std::optional<int> ReadOptions(int argc, char** argv, Settings& settings);
 
 } // namespace msgbusd
