@@ -1,6 +1,7 @@
 // The server program of the bus: options in, exit status out.
 
 #include "bus_server.h"
+#include "common/escape.h"
 #include "diagnostics.h"
 #include "fail_stop.h"
 #include "health_beat.h"
@@ -11,9 +12,11 @@
 #include "msgbusd/arena_mappings.h"
 #include "msgbusd/monitoring.h"
 #include "msgbusd/options/options.h"
+#include "msgbusd/start_check.h"
 #include "service_manager.h"
 #include "signal_watch.h"
 #include "standard_descriptors.h"
+#include "status_line.h"
 #include "status_reports.h"
 
 #include <fcntl.h>
@@ -31,7 +34,6 @@
 #include <string>
 #include <string_view>
 #include <system_error>
-#include <vector>
 
 namespace {
 
@@ -44,8 +46,15 @@ constexpr int ExitFailed = 1;
 
 constexpr int BeatsInAWatchdogPeriod = 2; // as sd_watchdog_enabled(3) recommends
 
-int Fail(std::string_view sentence) {
-    std::cerr << "msgbusd: " << sentence << '\n';
+/// Prints why the server does not serve, whatever is logged, and as a record where the log is made for a program.
+int Fail(const std::string& sentence) {
+    using bos::logger::BOSLogger;
+    if (BOSLogger::Format() == bos::logger::LogFormat::Text) {
+        std::cerr << "msgbusd: " << common::Escaped(sentence) << '\n' << std::flush;
+    } else {
+        std::string message = sentence;
+        BOSLogger::RootLogger().LogImpl(LogLevel::Error, __builtin_FILE(), __builtin_LINE(), "Fail", message);
+    }
     return ExitFailed;
 }
 
@@ -75,20 +84,43 @@ void ReportReady(int descriptor) {
 }
 
 void LogSignal(int number) {
-    Log(LogLevel::Info, "SIG{} received; a signal more than {} s later ends the server at once", ::sigabbrev_np(number),
-        msgbus_server::SignalWatch::SameRequest.count());
+    Log(LogLevel::Info, "Stopping (SIG{}); another signal more than {} s from now ends the server at once",
+        ::sigabbrev_np(number), msgbus_server::SignalWatch::SameRequest.count());
 }
 
-/// Returns: the directory for the account; nothing when there is none, which the offer of the bus then reports.
-std::optional<std::string> AccountDirectory() {
+/// Returns: the runtime directory; nothing when there is none any more, which the offer of the bus then reports.
+std::optional<std::string> RuntimeDirectory() {
     std::array<char, PATH_MAX> path{};
     const auto status = KnRuntimeDirectory(KnMissingDirectory::IsCreated, path.data(), path.size());
     return status == KnStatusOk ? std::optional<std::string>(path.data()) : std::nullopt;
 }
 
-int Serve(const Settings& settings, const std::vector<std::string>& warnings) {
+void LogServing(const msgbusd::ChosenOptions& options, const std::optional<std::string>& directory) {
+    const bool isStatic = options.settings.server.connectionType == message_bus::ConnectionType::Static;
+    Log(LogLevel::Info, "Serving in {} mode in {}: msgbusd {}, process {}{}{}", isStatic ? "static" : "dynamic",
+        directory.value_or("an unknown directory"), BORVEN_VERSION, ::getpid(),
+        options.configFile.empty() ? "" : ", options from ", options.configFile);
+}
+
+void LogEnd(const std::optional<instruments::AccountReader>& account, std::chrono::steady_clock::time_point since) {
+    const auto served = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - since);
+    std::string totals = "served for " + msgbus_server::DurationText(served);
+    try {
+        if (account) {
+            totals =
+                msgbus_server::TotalsLine(account->Read(instruments::AccountReader::Depth::WithoutLatency), served);
+        }
+    } catch (const instruments::AccountError& error) {
+        Log(LogLevel::Warning, "The account cannot be read: {}", error.what());
+    }
+    Log(LogLevel::Info, "Ended, {}", totals);
+}
+
+/// Returns: whether it ended as it was asked to. Throws: what keeps it from serving.
+bool Serve(const msgbusd::ChosenOptions& options, const std::optional<std::string>& directory) {
+    const Settings& settings = options.settings;
     const msgbus_server::LogThreshold logThreshold(settings.logLevels);
-    for (const auto& warning : warnings) {
+    for (const auto& warning : options.warnings) {
         Log(LogLevel::Warning, "{}", warning);
     }
     std::optional<msgbus_server::FaultWatch> faultWatch;
@@ -107,7 +139,7 @@ int Serve(const Settings& settings, const std::vector<std::string>& warnings) {
     // Its threads start here, since none is to start while the bus serves.
     std::optional<msgbusd::Monitoring> monitoring;
     if (settings.monitor.isOn && server.Account() != nullptr) {
-        monitoring.emplace(server, settings.monitor, settings.server.account->directory);
+        monitoring.emplace(server, settings.monitor, directory);
     }
     const auto stopStatus = [&] {
         if (status) {
@@ -127,7 +159,10 @@ int Serve(const Settings& settings, const std::vector<std::string>& warnings) {
             health.Relax();
             server.RequestDrain();
         });
+    std::optional<std::chrono::steady_clock::time_point> servingSince;
     const bool isInOrder = server.Run([&] {
+        servingSince = std::chrono::steady_clock::now();
+        LogServing(options, directory);
         if (const auto period = msgbus_server::ServiceManager::WatchdogPeriod()) {
             health.Start(*period / BeatsInAWatchdogPeriod);
         }
@@ -139,7 +174,10 @@ int Serve(const Settings& settings, const std::vector<std::string>& warnings) {
             ReportReady(*settings.readyDescriptor);
         }
     });
-    return isInOrder ? 0 : Fail("the bus stopped without a request; the log has the reason");
+    if (servingSince) {
+        LogEnd(account, *servingSince);
+    }
+    return isInOrder;
 }
 /// The platform reads its variables when it needs them; there is no other thread yet.
 void SetPlatformSwitch(const char* variable, bool isOn) {
@@ -148,6 +186,16 @@ void SetPlatformSwitch(const char* variable, bool isOn) {
     } else {
         ::setenv(variable, "off", 1);
     }
+}
+
+/// Returns: a sentence. What the start was checked for may have come true since: another server may have been faster.
+std::string WhyNotOffered(message_bus::ConnectionType type, const msgbus_server::OfferError& error) {
+    try {
+        msgbusd::CheckStart(type);
+    } catch (const msgbusd::StartError& reason) {
+        return reason.what();
+    }
+    return error.what();
 }
 
 } // namespace
@@ -179,14 +227,17 @@ int main(int argc, char** argv) {
         msgbusd::PoolArenaMappings();
     }
     try {
+        msgbusd::CheckStart(settings.server.connectionType);
+        const auto directory = RuntimeDirectory();
         settings.server.limits = settings.isLimited ? std::optional(settings.limits) : std::nullopt;
         settings.server.notices = settings.server.notices && settings.account;
         settings.server.account.reset();
         if (settings.account) {
-            settings.server.account =
-                msgbus_server::AccountOptions{AccountDirectory(), BORVEN_VERSION, options.asCommandLine};
+            settings.server.account = msgbus_server::AccountOptions{directory, BORVEN_VERSION, options.asCommandLine};
         }
-        return Serve(settings, options.warnings);
+        return Serve(options, directory) ? 0 : Fail("the bus stopped without a request; the log has the reason");
+    } catch (const msgbus_server::OfferError& error) {
+        return Fail(WhyNotOffered(settings.server.connectionType, error));
     } catch (const std::system_error& error) {
         return Fail(std::string("cannot start: ") + error.what());
     } catch (const std::exception& error) {

@@ -7,7 +7,8 @@
 namespace msgbus_server {
 
 /// Leaves out the receive errors that a stop causes itself: every thread blocked in receive reports one when receiving
-/// stops. Everything else passes, at any time. Stands before the logger's back end as long as it exists.
+/// stops. Everything else passes, at any time, but a reply to a client that is gone is no error of the server: its
+/// record passes at Debug. Stands before the logger's back end as long as it exists.
 class ClosingLogFilter final : public bos::logger::ILogBackEnd {
 public:
     ClosingLogFilter();

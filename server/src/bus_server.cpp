@@ -163,8 +163,13 @@ void BusServer::MakeAccount() {
     try {
         keeper.emplace(options.account->directory, capacities, identity);
     } catch (const instruments::AccountFileError& error) {
+        try {
+            keeper.emplace(std::nullopt, capacities, identity);
+        } catch (const instruments::AccountFileError&) {
+            throw OfferError("there is no memory for the account of the bus, and it cannot be a file: " +
+                             std::string(error.what()) + "; --no-account needs none");
+        }
         WarnOfMemory(error);
-        keeper.emplace(std::nullopt, capacities, identity);
     }
     errors.emplace(*keeper);
 }
@@ -412,7 +417,6 @@ void BusServer::OnServing() {
     HoldPushes(options.holdPushes);
     PublishAccount();
     SetState(instruments::ServerState::Serving);
-    Log(LogLevel::Info, "Serving in {} mode", ModeName(options.connectionType));
     if (reportServing) {
         reportServing();
     }
@@ -443,13 +447,14 @@ void BusServer::Stop() {
     if (accounted) {
         accounted->NoteStop();
     }
-    Log(LogLevel::Info, "Stopping");
+    Log(LogLevel::Debug, "Stopping");
     reserve.reset(); // first: every worker that ends from now on needs a thread
     server->SetStopSignal();
     logFilter->SetClosing(true);
     KnHandleStopReceiving(); // first: publishers that go on pushing could keep the next step waiting
     deadline->Arm(ReleaseLimit, "The subscribers are not released");
-    Log(LogLevel::Info, "Released subscribers: {}", ledger->StopAndUnregisterAll());
+    const auto released = ledger->StopAndUnregisterAll();
+    Log(released == 0 ? LogLevel::Debug : LogLevel::Info, "Released subscribers: {}", released);
     deadline->Arm(StopLimit, "A thread does not end");
     if (cleanUp) {
         cleanUp->Stop(); // it uses the connector
@@ -465,7 +470,7 @@ void BusServer::Stop() {
     }
     StopEventsThread(bus);
     SetState(instruments::ServerState::Stopped);
-    Log(LogLevel::Info, "Stopped");
+    Log(LogLevel::Debug, "Stopped");
 }
 
 } // namespace msgbus_server

@@ -24,6 +24,13 @@ bool IsReceiveError(std::string_view function, std::string_view message) {
            message.starts_with(std::string(function) + ": Check failed. At ");
 }
 
+/// How the bus reports on the static channel that the client did not wait for the reply. With waits that block, that is
+/// each one that a client with a time-out has given up.
+bool IsReplyToNoClient(std::string_view function, std::string_view message) {
+    static const std::string gone = "DispatchStatic: NK transport reply error " + std::to_string(KnStatusPeerGone);
+    return function == "DispatchStatic" && message == gone;
+}
+
 } // namespace
 
 ClosingLogFilter::ClosingLogFilter() : next(BOSLogger::RootLogger().SetBackEnd(*this)) {}
@@ -40,6 +47,12 @@ void ClosingLogFilter::Write(LogLevel level, const char* file, int line, const c
                              const std::string& message) {
     if (level == LogLevel::Error && isClosing.load(std::memory_order_relaxed) && IsReceiveError(function, message)) {
         return;
+    }
+    if (level == LogLevel::Error && IsReplyToNoClient(function, message)) {
+        if (!next.IsEnabled(LogLevel::Debug)) {
+            return;
+        }
+        level = LogLevel::Debug;
     }
     next.Write(level, file, line, function, message);
 }

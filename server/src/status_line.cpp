@@ -38,6 +38,12 @@ std::size_t TopicsInUse(const instruments::Snapshot& snapshot) {
     return static_cast<std::size_t>(std::count_if(topics.begin(), topics.end(), isInUse));
 }
 
+/// Returns: the values that subscribers should have got and did not; what they left unread by themselves is not lost.
+std::uint64_t Lost(const instruments::Snapshot& snapshot) {
+    const instruments::Drops& dropped = snapshot.bus.flows.dropped;
+    return dropped.Total() - dropped.unregistered;
+}
+
 } // namespace
 
 std::string StatusLine(const instruments::Snapshot& snapshot) {
@@ -45,10 +51,31 @@ std::string StatusLine(const instruments::Snapshot& snapshot) {
     for (const auto& publisher : snapshot.publishers) {
         rate += publisher.rates.last10;
     }
-    const instruments::Drops& dropped = snapshot.bus.flows.dropped;
     return fmt::format("{}, {}, {} values/s, {} lost", Counted(TopicsInUse(snapshot), "topic"),
                        Counted(snapshot.subscribers.size(), "subscriber"), Rounded(rate),
-                       Rounded(static_cast<double>(dropped.Total() - dropped.unregistered)));
+                       Rounded(static_cast<double>(Lost(snapshot))));
+}
+
+std::string DurationText(std::chrono::seconds duration) {
+    using namespace std::chrono;
+    const auto number = duration.count();
+    if (duration < minutes(1)) {
+        return fmt::format("{} s", number);
+    }
+    if (duration < hours(1)) {
+        return fmt::format("{} min", number / 60);
+    }
+    if (duration < days(1)) {
+        return fmt::format("{} h {} min", number / 3600, number % 3600 / 60);
+    }
+    return fmt::format("{} d {} h", number / 86400, number % 86400 / 3600);
+}
+
+std::string TotalsLine(const instruments::Snapshot& snapshot, std::chrono::seconds served) {
+    const auto& bus = snapshot.bus;
+    return fmt::format("served for {}: {} values accepted, {} delivered, {} lost", DurationText(served),
+                       Rounded(static_cast<double>(bus.accepted)), Rounded(static_cast<double>(bus.flows.taken)),
+                       Rounded(static_cast<double>(Lost(snapshot))));
 }
 
 } // namespace msgbus_server

@@ -62,4 +62,14 @@ TEST_F(ClosingLogFilterTest, Levels_AreThoseOfTheBackEndBehindIt) {
     EXPECT_TRUE(BOSLogger::RootLogger().IsEnabled(LogLevel::Warning));
 }
 
+TEST_F(ClosingLogFilterTest, AReplyToAClientThatIsGone_IsNoError) {
+    Write(LogLevel::Error, "DispatchStatic", "DispatchStatic: NK transport reply error -4");
+    EXPECT_THAT(journal.Logs(), ElementsAre("1 DispatchStatic: DispatchStatic: NK transport reply error -4"));
+    journal.Clear();
+    log.SetThreshold(2);
+    Write(LogLevel::Error, "DispatchStatic", "DispatchStatic: NK transport reply error -4");
+    Write(LogLevel::Error, "DispatchStatic", "DispatchStatic: NK transport reply error -9");
+    EXPECT_THAT(journal.Logs(), ElementsAre("4 DispatchStatic: DispatchStatic: NK transport reply error -9"));
+}
+
 } // namespace

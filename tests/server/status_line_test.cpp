@@ -63,4 +63,25 @@ TEST(StatusLineTest, Lost_IsWhatWasDropped_ButForWhatWasLeftUnread) {
     EXPECT_EQ(StatusLine(snapshot), "0 topics, 0 subscribers, 0 values/s, 321 lost");
 }
 
+TEST(StatusLineTest, Totals_AreValuesSinceTheStart) {
+    Snapshot snapshot;
+    snapshot.bus.accepted = 1'234;
+    snapshot.bus.flows.taken = 999;
+    snapshot.bus.flows.dropped = {1, 2, 3, 4, 5};
+    EXPECT_EQ(msgbus_server::TotalsLine(snapshot, std::chrono::seconds(7)),
+              "served for 7 s: 1.2 k values accepted, 999 delivered, 11 lost");
+}
+
+TEST(StatusLineTest, Durations_HaveTheirTwoLargestUnits) {
+    using msgbus_server::DurationText;
+    using std::chrono::seconds;
+    EXPECT_EQ(DurationText(seconds(0)), "0 s");
+    EXPECT_EQ(DurationText(seconds(59)), "59 s");
+    EXPECT_EQ(DurationText(seconds(60)), "1 min");
+    EXPECT_EQ(DurationText(seconds(3599)), "59 min");
+    EXPECT_EQ(DurationText(seconds(2 * 3600 + 5 * 60 + 59)), "2 h 5 min");
+    EXPECT_EQ(DurationText(seconds(86'399)), "23 h 59 min");
+    EXPECT_EQ(DurationText(seconds(3 * 86'400 + 4 * 3600)), "3 d 4 h");
+}
+
 } // namespace

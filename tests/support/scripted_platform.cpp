@@ -98,6 +98,10 @@ void BOSLogger::SetThreshold(LogLevel lowest) noexcept {
 
 void BOSLogger::SetFormat(LogFormat) noexcept {}
 
+LogFormat BOSLogger::Format() noexcept {
+    return LogFormat::Text;
+}
+
 void BOSLogger::LogImpl(LogLevel level, const char* file, int line, const char* function, std::string& message) {
     backEnd.load(std::memory_order_acquire)->Write(level, file, line, function, message);
 }

@@ -118,7 +118,7 @@ class BadInput(BusTest):
 
     def test_a_runtime_directory_that_cannot_be_used(self):
         self.environment["BORVEN_RUNTIME_DIR"] = "/proc/nowhere"
-        self.refuse([f"--{MODE}", "--log-level", "off"], FAILED, "cannot offer the bus", "msgbusd")
+        self.refuse([f"--{MODE}", "--log-level", "off"], FAILED, "cannot use the runtime directory /proc/nowhere", "msgbusd")
         self.refuse(["pub", "t", "1"], NO_SERVER if self.is_missing_server() else FAILED, "msgbus: ")
 
     def refuse_directory(self, directory, reason):

@@ -208,9 +208,20 @@ class Stopping(BusTest):
             self.sub("t", name=f"r{number}", options=("--reconnect", "0"))
         server.stop()
         lines = [line.partition(": ")[2] for line in server.seen]
-        said = [line for line in lines if line in ("Stopping", "Released subscribers: 3", "Stopped")]
-        self.assertEqual(said, ["Stopping", "Released subscribers: 3", "Stopped"], lines)
-        self.assertTrue(any("a signal more than 1 s later ends the server at once" in line for line in lines), lines)
+        self.assertEqual(lines[-3:-1], ["Stopping (SIGTERM); another signal more than 1 s from now ends the server at once",
+                                        "Released subscribers: 3"], lines)
+        self.assertRegex(lines[-1], r"^Ended, served for \d+ s: 0 values accepted, 0 delivered, 0 lost$")
+
+    def test_the_log_of_a_quiet_day_is_its_start_and_its_end(self):
+        server = self.start(f"{BIN}/msgbusd", f"--{MODE}")
+        server.expect_error(f"Serving in {MODE} mode in {self.runtime}: msgbusd ")
+        reader = self.sub("t", options=("-n", "3"))
+        self.publish("t", 1, 2, 3)
+        reader.expect_exit(DONE)
+        server.signal(signal.SIGTERM)
+        server.expect_exit(DONE)
+        self.assertEqual(len(server.seen), 3, server.seen)
+        self.assertIn(": 3 values accepted, 3 delivered, 0 lost", server.seen[-1])
 
     def test_a_second_server_says_that_there_is_one_and_harms_nobody(self):
         self.server()

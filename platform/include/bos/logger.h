@@ -58,6 +58,9 @@ public:
     /// Sets the format of the platform's own back end, which is Auto until this is called. Threads: any.
     static void SetFormat(LogFormat format) noexcept;
 
+    /// Returns: the format that a record would have now; not Auto. Threads: any.
+    static LogFormat Format() noexcept;
+
     /// Returns: the back end used until now.
     /// Lifetime: `next` must outlive every log call; the caller keeps it.
     ILogBackEnd& SetBackEnd(ILogBackEnd& next) { return *backEnd.exchange(&next, std::memory_order_acq_rel); }

@@ -2,6 +2,7 @@
 // behind.
 #include "adapter.h"
 #include "bos/logger.h"
+#include "kn/name_owner.h"
 #include "ns/name_loss.h"
 #include "process.h"
 #include "raw_socket.h"
@@ -424,6 +425,36 @@ TEST_F(RuntimeDirectory, ManyStartsAndStops_LeaveNothingOpen) {
     }
     // The last ends that a thread looked up stay with it until it looks up others.
     EXPECT_LE(OpenDescriptors(), before + 2);
+}
+
+TEST_F(RuntimeDirectory, AName_HasTheProcessThatServesIt) {
+    KnCaller owner;
+    EXPECT_EQ(KnStatusNotFound, KnOwnerOfName(KnNameKind::Connection, "line", &owner));
+    std::uint32_t iid = 0;
+    const KnHandle handle = ServiceLocatorRegister("line", nullptr, 0, &iid);
+    ASSERT_NE(KnInvalidHandle, handle);
+    EXPECT_EQ(KnStatusOk, KnOwnerOfName(KnNameKind::Connection, "line", &owner));
+    EXPECT_EQ(::getpid(), owner.pid);
+    EXPECT_EQ(::geteuid(), owner.uid);
+    EXPECT_NE(0u, owner.startTime);
+    EXPECT_STREQ("platform_host_t", owner.program); // the kernel keeps 15 characters
+    EXPECT_EQ(KnStatusNotFound, KnOwnerOfName(KnNameKind::Service, "line", &owner));
+    KnHandleClose(handle);
+    EXPECT_EQ(KnStatusNotFound, KnOwnerOfName(KnNameKind::Connection, "line", &owner));
+}
+
+TEST_F(RuntimeDirectory, TheOwnerOfAName_IsNotLookedForInADirectoryThatIsNotSafe) {
+    const fs::path open = root / "open";
+    fs::create_directory(open);
+    fs::permissions(open, fs::perms(0755));
+    Use(open);
+    KnCaller owner;
+    EXPECT_EQ(KnStatusDenied, KnOwnerOfName(KnNameKind::Connection, "line", &owner));
+    EXPECT_THAT(log, ::testing::HasSubstr("other users may enter it"));
+    EXPECT_EQ(KnStatusInvalidArgument, KnOwnerOfName(KnNameKind::Connection, "a/b", &owner));
+    EXPECT_EQ(KnStatusInvalidArgument, KnOwnerOfName(KnNameKind::Connection, nullptr, &owner));
+    EXPECT_EQ(KnStatusInvalidArgument, KnOwnerOfName(KnNameKind::Connection, "line", nullptr));
+    fs::remove(open);
 }
 
 } // namespace

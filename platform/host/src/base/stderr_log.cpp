@@ -98,6 +98,12 @@ void StderrLog::SetFormat(LogFormat wanted) noexcept {
     format.store(wanted, std::memory_order_relaxed);
 }
 
+LogFormat StderrLog::Format() {
+    const common::MutexLock lock(mutex);
+    Follow();
+    return CurrentFormat();
+}
+
 LogFormat StderrLog::CurrentFormat() const {
     const LogFormat chosen = format.load(std::memory_order_relaxed);
     return chosen != LogFormat::Auto ? chosen : isJournal ? LogFormat::Journal : LogFormat::Text;
@@ -276,6 +282,10 @@ void BOSLogger::SetThreshold(LogLevel lowest) noexcept {
 
 void BOSLogger::SetFormat(LogFormat format) noexcept {
     borven_host::StderrLog::Instance().SetFormat(format);
+}
+
+LogFormat BOSLogger::Format() noexcept {
+    return borven_host::StderrLog::Instance().Format();
 }
 
 } // namespace bos::logger

@@ -34,6 +34,7 @@ public:
 
     void SetThreshold(bos::logger::LogLevel lowest) noexcept;
     void SetFormat(bos::logger::LogFormat wanted) noexcept;
+    bos::logger::LogFormat Format() EXCLUDES(mutex);
 
 private:
     enum class Stream { Closed, File, Reopened, Socket, Shared };
