@@ -1,6 +1,7 @@
 // Writes the manual of the programs: write_manual DIRECTORY makes NAME.1 for man(1) and NAME.md for the site.
 
 #include "command_line/manual.h"
+#include "msgbusd/options/options.h"
 #include "program.h"
 
 #include <chrono>
@@ -51,6 +52,7 @@ int main(int argc, char** argv) try {
     std::filesystem::create_directories(directory);
     Action none;
     WriteBoth(directory, *MakeProgram(none), {"msgbusd(1)"});
+    WriteBoth(directory, *msgbusd::MakeCommand(), {"msgbus(1)"});
     return 0;
 } catch (const std::exception& error) {
     std::cerr << "write_manual: " << error.what() << '\n';

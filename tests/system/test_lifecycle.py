@@ -203,7 +203,7 @@ class Stopping(BusTest):
         self.expect_once(attempt)
 
     def test_a_stop_says_what_it_does(self):
-        server = self.server(log_level="info")
+        server = self.server(log_level="server=info")
         for number in range(3):
             self.sub("t", name=f"r{number}", options=("--reconnect", "0"))
         server.stop()

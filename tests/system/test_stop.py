@@ -34,7 +34,7 @@ class Signals(BusTest):
         server = self.server(log_level="info")
         readers = [self.sub("t", name=f"r{number}", options=("--reconnect", "0")) for number in range(20)]
         self.signal_twice(server)
-        server.expect_error("Stopped")
+        server.expect_error("Ended, served for")
         server.expect_orderly_end()
         for reader in readers:
             reader.expect_exit(NO_SERVER)

@@ -91,7 +91,7 @@ class ThreadLimit(BusTest):
             self.sub("t", name=f"waits through the stop {number}")
         self.assertEqual(limit.attempts(), [], "a thread was to be started while the server served")
         limit.server.stop()
-        limit.server.expect_error("Stopped")
+        limit.server.expect_error("Ended, served for")
         self.assertEqual(limit.refused(), [])
         if not BY_CGROUP:
             self.assertEqual(len(limit.attempts()), REMOVERS)
