@@ -13,12 +13,16 @@ using bos::logger::LogLevel;
 namespace {
 
 /// How the bus's receiving loops report that receive returned KnStatusClosed: the static one by the status, the dynamic
-/// ones by a failed check. While only receiving has stopped, no other check of theirs can fail.
+/// ones by a failed check. While only receiving has stopped, no other check of theirs can fail, but for that of a
+/// dispatcher which the stop overtakes before it receives.
 bool IsReceiveError(std::string_view function, std::string_view message) {
     if (function == "DispatchStatic") {
         static const std::string closed =
             "DispatchStatic: NK transport received the error " + std::to_string(KnStatusClosed);
         return message == closed;
+    }
+    if (function == "operator()" && message.starts_with("operator(): Check failed - shutdown is true. At ")) {
+        return true;
     }
     return (function == "RunIpcDispatcher" || function == "operator()") &&
            message.starts_with(std::string(function) + ": Check failed. At ");

@@ -19,6 +19,8 @@ void WriteReceiveErrors() {
     Write(LogLevel::Error, "DispatchStatic", "DispatchStatic: NK transport received the error -3");
     Write(LogLevel::Error, "RunIpcDispatcher", "RunIpcDispatcher: Check failed. At messagebus/src/ipc_server.cpp(7) ");
     Write(LogLevel::Error, "operator()", "operator(): Check failed. At messagebus/include/server.h(7) ");
+    Write(LogLevel::Error, "operator()",
+          "operator(): Check failed - shutdown is true. At messagebus/include/server.h(8) ");
 }
 
 class ClosingLogFilterTest : public test_support::BusTest {
@@ -34,11 +36,11 @@ TEST_F(ClosingLogFilterTest, ReceiveErrors_WhileClosing_AreLeftOut) {
 
 TEST_F(ClosingLogFilterTest, ReceiveErrors_AtAnyOtherTime_AreWritten) {
     WriteReceiveErrors();
-    EXPECT_EQ(journal.Logs().size(), 3U);
+    EXPECT_EQ(journal.Logs().size(), 4U);
     filter.SetClosing(true);
     filter.SetClosing(false);
     WriteReceiveErrors();
-    EXPECT_EQ(journal.Logs().size(), 6U);
+    EXPECT_EQ(journal.Logs().size(), 8U);
 }
 
 TEST_F(ClosingLogFilterTest, OtherLines_WhileClosing_AreWritten) {
