@@ -1,19 +1,15 @@
 #include "recording/recording_reader.h"
 
 #include "encoding.h"
+#include "input_file.h"
 #include "mcap_format.h"
 #include "value_message.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <zstd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <charconv>
-#include <cstring>
+#include <limits>
 #include <utility>
 
 // A file is read from its begin to its end, whatever its index says: so a file that was cut is read as far as it goes,
@@ -28,6 +24,8 @@ namespace {
 /// No program writes larger ones, and a damaged length must not take all memory.
 constexpr std::uint64_t LargestChunk = 256U << 20;
 constexpr std::uint64_t LargestRecord = LargestChunk;
+/// Of all channels together: a small file may hold many large ones, compressed.
+constexpr std::uint64_t LargestChannels = 64U << 20;
 
 [[noreturn]] void ThrowDamaged(const std::string& what) {
     throw RecordingError("the file is damaged: " + what);
@@ -52,62 +50,6 @@ std::string BytesOf(std::string_view hexadecimal) {
     }
     return bytes;
 }
-
-class InputFile final {
-public:
-    explicit InputFile(const std::string& path) : descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-        struct stat status {};
-        if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
-            const int error = errno;
-            Close();
-            throw RecordingError("cannot read '" + path + "': " + std::strerror(error));
-        }
-        if (!S_ISREG(status.st_mode)) {
-            Close();
-            throw RecordingError("cannot read '" + path + "': it is not a regular file");
-        }
-        size = static_cast<std::uint64_t>(status.st_size);
-    }
-    InputFile(const InputFile&) = delete;
-    InputFile& operator=(const InputFile&) = delete;
-    ~InputFile() { Close(); }
-
-    std::uint64_t Size() const noexcept { return size; }
-    std::uint64_t Position() const noexcept { return position; }
-    std::uint64_t Left() const noexcept { return size - position; }
-
-    /// Returns: the next bytes, until the next call. Requires: there are so many left. Throws: RecordingError.
-    std::string_view Take(std::uint64_t count) {
-        buffer.resize(static_cast<std::size_t>(count));
-        std::size_t done = 0;
-        while (done < buffer.size()) {
-            const ssize_t part =
-                ::pread(descriptor, buffer.data() + done, buffer.size() - done, static_cast<off_t>(position + done));
-            if (part < 0 && errno != EINTR) {
-                throw RecordingError(std::string("cannot read the file: ") + std::strerror(errno));
-            }
-            if (part == 0) {
-                throw RecordingError("the file has become shorter while it was read");
-            }
-            done += static_cast<std::size_t>(std::max<ssize_t>(part, 0));
-        }
-        position += count;
-        return buffer;
-    }
-    void Skip(std::uint64_t count) noexcept { position += count; }
-
-private:
-    void Close() const noexcept {
-        if (descriptor >= 0) {
-            ::close(descriptor);
-        }
-    }
-
-    int descriptor;
-    std::uint64_t size = 0;
-    std::uint64_t position = 0;
-    std::string buffer;
-};
 
 struct RecordHeader {
     Opcode opcode{};
@@ -157,6 +99,7 @@ private:
         if (file.Left() < mcap::RecordHead) {
             return EndAt(start, file.Left() == 0 ? "it was not closed" : "its last record is cut");
         }
+        crcBeforeRecord = file.Crc();
         const RecordHeader header = HeaderOf(file.Take(mcap::RecordHead));
         if (header.length > file.Left()) {
             return EndAt(start, "its last record is cut");
@@ -172,29 +115,29 @@ private:
         case Opcode::Channel:
         case Opcode::Message:
         case Opcode::Metadata:
-            if (header.length > LargestRecord) {
-                ThrowDamaged("a record claims to have " + std::to_string(header.length) + " bytes");
-            }
+            RequireBearable(header.length);
             return Read(header.opcode, file.Take(header.length));
         default: // indexes, attachments, and what later versions of the format may have
-            file.Skip(header.length);
+            file.Pass(header.length);
             return std::nullopt;
         }
     }
 
     std::optional<Item> NextOfChunk() {
         while (!chunkRest.empty()) {
-            if (chunkRest.size() < mcap::RecordHead) {
+            // Nothing of a chunk is read behind a record that cannot be.
+            const auto rest = std::exchange(chunkRest, {});
+            if (rest.size() < mcap::RecordHead) {
                 ThrowDamaged("a chunk ends within a record");
             }
-            const RecordHeader header = HeaderOf(chunkRest.substr(0, mcap::RecordHead));
-            chunkRest.remove_prefix(mcap::RecordHead);
-            if (header.length > chunkRest.size()) {
+            const RecordHeader header = HeaderOf(rest.substr(0, mcap::RecordHead));
+            if (header.length > rest.size() - mcap::RecordHead) {
                 ThrowDamaged("a chunk ends within a record");
             }
-            const auto content = chunkRest.substr(0, static_cast<std::size_t>(header.length));
-            chunkRest.remove_prefix(content.size());
-            if (auto item = Read(header.opcode, content)) {
+            const auto content = rest.substr(mcap::RecordHead, static_cast<std::size_t>(header.length));
+            auto item = isChunkEarly && header.opcode == Opcode::Message ? std::nullopt : Read(header.opcode, content);
+            chunkRest = rest.substr(mcap::RecordHead + content.size());
+            if (item) {
                 return item;
             }
         }
@@ -249,12 +192,21 @@ private:
         }
         channel.isFloat = schema->second;
         if (const auto found = metadata.find(mcap::TopicBytesKey); found != metadata.end()) {
-            channel.topic = BytesOf(found->second);
+            if (std::string bytes = BytesOf(found->second); !bytes.empty()) {
+                channel.topic = std::move(bytes);
+            }
         }
         if (const auto found = metadata.find(mcap::DescriptionKey); found != metadata.end()) {
             channel.description = found->second;
         }
-        channels[id] = std::move(channel);
+        const std::uint64_t size = channel.topic.size() + channel.description.size();
+        if (size > LargestChannels - channelBytes) {
+            ThrowDamaged("it describes more channels than this program takes");
+        }
+        // A second channel of the same number must be the same one.
+        if (channels.try_emplace(id, std::move(channel)).second) {
+            channelBytes += size;
+        }
     }
 
     std::optional<Item> ReadMessage(Decoder& decoder) {
@@ -273,23 +225,12 @@ private:
     }
 
     void OpenChunk(std::uint64_t length, Time from) {
-        constexpr std::uint64_t timesSize = 16;
-        if (length < timesSize) {
-            ThrowDamaged("a chunk is too short");
-        }
         const std::uint64_t start = file.Position();
-        Decoder times(file.Take(timesSize));
-        static_cast<void>(times.U64());
-        // Channels may stand in a chunk too, so that only chunks behind the first are passed over.
-        const bool isEarly = TimeOf(times.U64()) < from && !channels.empty();
-        if (isEarly) {
-            file.Skip(length - timesSize);
-            return;
-        }
-        if (length > LargestChunk) {
-            ThrowDamaged("a chunk claims to have " + std::to_string(length) + " bytes");
-        }
-        Decoder decoder(file.Take(length - timesSize));
+        RequireBearable(length);
+        Decoder decoder(file.Take(length));
+        static_cast<void>(decoder.U64()); // the earliest time
+        // Its channels are read all the same: they may be in this chunk only.
+        isChunkEarly = TimeOf(decoder.U64()) < from;
         const std::uint64_t size = decoder.U64();
         const std::uint32_t crc = decoder.U32();
         const std::string compression(decoder.Text());
@@ -298,10 +239,20 @@ private:
             ThrowDamaged("a chunk claims to have " + std::to_string(size) + " bytes");
         }
         chunk = Decompressed(records, compression, static_cast<std::size_t>(size));
+        if (chunk.size() != size) {
+            ThrowDamaged("a chunk has another size than it claims");
+        }
         if (crc != 0 && crc != Crc32(chunk)) {
             ThrowDamaged("the chunk at byte " + std::to_string(start) + " has another checksum");
         }
         chunkRest = chunk;
+    }
+
+    void RequireBearable(std::uint64_t length) {
+        if (length > LargestRecord) {
+            file.Pass(length);
+            ThrowDamaged("a record claims to have " + std::to_string(length) + " bytes");
+        }
     }
 
     std::string Decompressed(std::string_view records, const std::string& compression, std::size_t size) const {
@@ -323,17 +274,23 @@ private:
 
     /// Behind DataEnd: the summary, which is not needed, the footer and the magic.
     std::optional<Item> EndOfData(std::uint64_t length) {
-        file.Skip(length);
         isAtEnd = true;
+        const std::uint32_t actual = crcBeforeRecord;
+        RequireBearable(length);
+        Decoder decoder(file.Take(length));
+        const std::uint32_t crc = length < sizeof crc ? 0 : decoder.U32();
         constexpr std::uint64_t footerSize = mcap::RecordHead + 8 + 8 + 4;
         const std::uint64_t rest = file.Left();
         if (rest >= footerSize + mcap::Magic.size()) {
-            file.Skip(rest - mcap::Magic.size());
+            file.Pass(rest - mcap::Magic.size());
             end.isComplete = file.Take(mcap::Magic.size()) == mcap::Magic;
         }
         if (!end.isComplete) {
             end.reason = "its index is cut; no value is missing";
             end.cutBytes = rest;
+        }
+        if (crc != 0 && crc != actual) {
+            ThrowDamaged("its data has another checksum, so bytes of it were changed");
         }
         return std::nullopt;
     }
@@ -353,6 +310,9 @@ private:
     std::uint64_t otherMessages = 0;
     std::string chunk;
     std::string_view chunkRest; ///< of `chunk`
+    bool isChunkEarly = false;  ///< its messages are passed over
+    std::uint64_t channelBytes = 0;
+    std::uint32_t crcBeforeRecord = 0; ///< of the file up to the record that is being read
     bool isAtEnd = false;
     FileEnd end;
 };

@@ -30,8 +30,9 @@ public:
     RecordingReader& operator=(const RecordingReader&) = delete;
     ~RecordingReader();
 
-    /// Reads on, in the order of the file. Chunks that end before `from` are passed over.
-    /// Returns: a value or a note; nothing at the end of the data. Throws: RecordingError when the file is damaged.
+    /// Reads on, in the order of the file. The values of chunks that end before `from` are passed over.
+    /// Returns: a value or a note; nothing at the end of the data. Throws: RecordingError when a part of the file is
+    /// damaged, once: the next call goes on behind that part.
     std::optional<Item> Next(Time from = Time::min());
 
     /// Returns: the channels that have been met, by number. A channel is met before its first value.
