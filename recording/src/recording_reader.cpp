@@ -263,6 +263,11 @@ private:
             throw RecordingError("the file is compressed with '" + compression +
                                  "', which this program cannot read; zstd it can");
         }
+        // A block of zstd is 128 KiB at most, so what claims more than that for each byte is not even tried.
+        constexpr std::size_t mostFromAByte = 128U << 10;
+        if (size / mostFromAByte > records.size()) {
+            ThrowDamaged("a chunk cannot be decompressed");
+        }
         std::string bytes(size, '\0');
         const std::size_t result =
             ZSTD_decompressDCtx(decompressor.get(), bytes.data(), bytes.size(), records.data(), records.size());

@@ -172,6 +172,62 @@ def account_files():
     }
 
 
+def recordings():
+    header, footer, schema, channel, message, chunk, index = range(1, 8)
+    attachment, metadata, data_end, unknown = 0x09, 0x0C, 0x0F, 0x80
+    magic = b"\x89MCAP0\r\n"
+
+    def text(data):
+        return struct.pack("<I", len(data)) + data
+
+    def mapping(**entries):
+        return text(b"".join(text(key.replace("_", ".", 1).encode()) + text(value) for key, value in entries.items()))
+
+    def record(opcode, content, length=None):
+        return struct.pack("<BQ", opcode, len(content) if length is None else length) + content
+
+    def channel_of(number, topic, encoding=b"cdr", **metadata_of):
+        return record(channel, struct.pack("<HH", number, 1) + text(topic) + text(encoding) + mapping(**metadata_of))
+
+    def message_of(number, value, time=1, encapsulation=b"\0\1\0\0"):
+        return record(message, struct.pack("<HIQQ", number, 0, time, time) + encapsulation + struct.pack("<q", value))
+
+    def chunk_of(records, compression=b"", size=None, crc=0):
+        size = len(records) if size is None else size
+        return record(chunk, struct.pack("<QQQI", 1, 2, size, crc) + text(compression)
+                      + struct.pack("<Q", len(records)) + records)
+
+    def file(*records):
+        return magic + record(header, text(b"ros2") + text(b"seed")) + b"".join(records)
+
+    def schema_of(name, definition):
+        return record(schema, struct.pack("<H", 1) + text(name) + text(b"ros2msg") + text(definition))
+
+    int64 = schema_of(b"std_msgs/msg/Int64", b"int64 data")
+    float64 = schema_of(b"std_msgs/msg/Float64", b"float64 data")
+    end = record(data_end, bytes(4)) + record(footer, bytes(20)) + magic
+    values = channel_of(1, b"t") + message_of(1, 5) + message_of(1, -(2**63), 2) + message_of(2, 1)
+    note = record(metadata, text(b"note") + mapping(key=b"text"))
+    whole, records, packed = b"\0", b"\1", b"\2"
+    return {
+        "whole": whole + file(int64, values, note, end), "cut": whole + file(int64, values)[:-5],
+        "no_data": whole + file(end), "only_magic": whole + magic, "no_magic": whole + b"text",
+        "twice": whole + file(int64, values, end, int64, values, end),
+        "values": records + int64 + values + note, "chunk": records + int64 + chunk_of(values),
+        "chunk_in_chunk": records + int64 + chunk_of(chunk_of(values)), "packed": packed + int64 + values + note,
+        "claims_much": records + chunk_of(values, b"zstd", 2**28), "claims_too_much": records + chunk_of(values, b"zstd", 2**62),
+        "checksum": records + int64 + chunk_of(values, crc=1), "lz4": records + int64 + chunk_of(values, b"lz4"),
+        "long_record": records + int64 + record(message, b"", 2**63), "long_in_chunk": packed + record(message, b"", 2**63),
+        "big_endian": packed + int64 + channel_of(1, b"t") + message_of(1, 1, encapsulation=bytes(4)),
+        "topic_bytes": packed + int64 + channel_of(1, b"t", msgbus_topic_hex=b"ff0g") + message_of(1, 1),
+        "described": packed + float64 + channel_of(1, b"t", msgbus_description=b"float64") + message_of(1, 1),
+        "json": packed + int64 + channel_of(1, b"t", b"json") + record(message, bytes(22) + b"{}"),
+        "times": packed + int64 + channel_of(1, b"t") + message_of(1, 1, 2**64 - 1) + message_of(1, 1, 0),
+        "skipped": records + record(index, bytes(6)) + record(attachment, bytes(40)) + record(unknown, b"x") + int64 + values,
+        "short": records + b"".join(record(opcode, b"\1") for opcode in range(1, 16)),
+    }
+
+
 def monitor_requests():
     tcp, crowded, ill, unreadable, unknown_topic, not_owner, stays_open, leaves = (1 << bit for bit in range(8))
     token = "Authorization: Bearer 0123456789abcdef\r\n"
@@ -244,7 +300,8 @@ def main():
     folder = Path(sys.argv[1])
     for fuzzer, seeds in (("fuzz_request_record", request_records()), ("fuzz_shared_page", shared_pages()),
                           ("fuzz_join", joins()), ("fuzz_hostile_server", hostile_servers()),
-                          ("fuzz_account_file", account_files()), ("fuzz_monitor_request", monitor_requests()),
+                          ("fuzz_account_file", account_files()),
+                          ("fuzz_recording", recordings()), ("fuzz_monitor_request", monitor_requests()),
                           ("fuzz_command_line", command_lines())):
         (folder / fuzzer).mkdir(parents=True, exist_ok=True)
         for name, seed in seeds.items():
