@@ -1,7 +1,7 @@
 """What is installed works where it lies: headers, programs, and projects that find the client library there.
 
-BORVEN_BUILD is the build directory to install from. BORVEN_DEB is a Debian package to try instead of one made from the build
-directory.
+BORVEN_BUILD is the build directory to install from. BORVEN_DEBS is a folder with the Debian packages to try instead of those
+that are made from the build directory.
 """
 
 import glob
@@ -178,34 +178,86 @@ class Package(Installed):
 
     @classmethod
     def setUpClass(cls):
-        given = os.environ.get("BORVEN_DEB")
-        if given:
-            cls.package = os.path.abspath(given)
-            return
-        folder = tempfile.TemporaryDirectory(prefix="borven-packaging-")
-        cls.addClassCleanup(folder.cleanup)
-        run("cpack", "-G", "DEB", "-B", folder.name, cwd=BUILD)
-        cls.package, = glob.glob(f"{folder.name}/*.deb")
+        folder = os.environ.get("BORVEN_DEBS")
+        if not folder:
+            place = tempfile.TemporaryDirectory(prefix="borven-packaging-")
+            cls.addClassCleanup(place.cleanup)
+            folder = place.name
+            run("cpack", "-G", "DEB", "-B", folder, cwd=BUILD)
+        cls.packages = {os.path.basename(path).split("_")[0]: os.path.abspath(path) for path in glob.glob(f"{folder}/*.deb")}
 
-    def test_projects_work_with_the_unpacked_package(self):
-        run("dpkg-deb", "-x", self.package, self.path("root"))
+    def unpack(self, *names):
+        for name in names or self.packages:
+            run("dpkg-deb", "-x", self.packages[name], self.path("root"))
+
+    def control(self, name, file="control"):
+        """Returns: what a package says about itself."""
+        folder = self.path(f"control-{name}")
+        if not os.path.isdir(folder):
+            run("dpkg-deb", "-e", self.packages[name], folder)
+        with open(f"{folder}/{file}", encoding="utf-8") as text:
+            return text.read()
+
+    def field(self, package, name):
+        return re.search(f"^{name}: (.*)$", self.control(package), re.MULTILINE).group(1)
+
+    def test_there_are_five(self):
+        self.assertEqual(set(self.packages), {"msgbusd", "msgbus", "libmsgbus0", "libmsgbus-dev", "python3-msgbus"})
+
+    def test_projects_work_with_the_unpacked_packages(self):
+        self.unpack()
         self.expect_to_work(self.path("root/usr"))
 
-    def test_the_unit_names_the_program_of_the_package(self):
-        run("dpkg-deb", "-x", self.package, self.path("root"))
-        with open(self.path("root/usr/lib/systemd/user/msgbusd.service"), encoding="utf-8") as unit:
-            self.assertIn('\nExecStart="/usr/bin/msgbusd" ', unit.read())
+    def test_no_file_is_in_two_packages(self):
+        seen = {}
+        for name, package in self.packages.items():
+            for line in run("dpkg-deb", "-c", package).splitlines():
+                path = line.split(maxsplit=5)[5].split(" -> ")[0]
+                if not path.endswith("/"):
+                    self.assertNotIn(path, seen, name)
+                    seen[path] = name
 
-    def test_it_says_what_it_needs_and_what_it_offers(self):
-        run("dpkg-deb", "-e", self.package, self.path("control"))
-        with open(self.path("control/control"), encoding="utf-8") as control:
-            depends = re.search("^Depends: (.*)$", control.read(), re.MULTILINE).group(1)
-        for name in ("libboost-thread", "libc6 ", "libstdc++6 "):
-            self.assertIn(name, depends)
-        with open(self.path("control/shlibs"), encoding="utf-8") as shlibs:
-            self.assertRegex(shlibs.read(), r"(?m)^libmsgbus 0 borven-message-bus \(>= ")
-        with open(self.path("control/postinst"), encoding="utf-8") as postinst:
-            self.assertIn("ldconfig", postinst.read())
+    def test_a_program_needs_the_library_package_only(self):
+        self.unpack("msgbus", "libmsgbus0")
+        self.assertRegex(run(self.path("root/usr/bin/msgbus"), "--version", env={}), r"^msgbus \d")
+        shutil.rmtree(self.path("root"))
+        self.unpack("msgbusd", "libmsgbus0")
+        self.assertRegex(run(self.path("root/usr/bin/msgbusd"), "--version", env={}), r"^msgbusd \d")
+
+    def test_the_units_name_the_program_of_the_package(self):
+        self.unpack("msgbusd")
+        for manager in ("user", "system"):
+            with open(self.path(f"root/usr/lib/systemd/{manager}/msgbusd.service"), encoding="utf-8") as unit:
+                self.assertIn('\nExecStart="/usr/bin/msgbusd" ', unit.read())
+
+    def test_they_say_what_they_need_and_what_they_offer(self):
+        version = self.field("libmsgbus0", "Version")
+        for name in ("libboost-thread", "libc6 ", "libstdc++6 ", f"libmsgbus0 (= {version})"):
+            self.assertIn(name, self.field("msgbusd", "Depends"))
+        for name in ("msgbus", "libmsgbus-dev", "python3-msgbus"):
+            self.assertIn(f"libmsgbus0 (= {version})", self.field(name, "Depends"))
+        self.assertNotIn("boost", self.field("libmsgbus0", "Depends"))
+        self.assertEqual(self.control("libmsgbus0", "shlibs"), f"libmsgbus 0 libmsgbus0 (>= {version})\n")
+        self.assertIn("ldconfig", self.control("libmsgbus0", "triggers"))
+
+    def test_the_symbols_are_those_of_the_library(self):
+        self.unpack("libmsgbus0")
+        listed = re.findall(r"^ (\S+)@MSGBUS_0 ", self.control("libmsgbus0", "symbols"), re.MULTILINE)
+        shown = run("nm", "-D", "--defined-only", find(self.path("root"), "libmsgbus.so.0.*"))
+        exported = {line.split()[-1].partition("@")[0] for line in shown.splitlines()}
+        self.assertEqual(set(listed), exported)
+
+    def test_each_has_a_copyright_a_changelog_and_its_pages(self):
+        self.unpack()
+        for name in self.packages:
+            for file in ("copyright", "changelog.gz"):
+                self.assertTrue(os.path.isfile(self.path(f"root/usr/share/doc/{name}/{file}")), (name, file))
+        for page in ("man1/msgbus.1.gz", "man1/msgbusd.1.gz"):
+            self.assertIn(".TH ", run("zcat", self.path(f"root/usr/share/man/{page}")))
+        for file in ("bash-completion/completions/msgbus", "zsh/vendor-completions/_msgbus",
+                     "fish/vendor_completions.d/msgbus.fish"):
+            with open(self.path(f"root/usr/share/{file}"), encoding="utf-8") as script:
+                self.assertIn("msgbus", script.read())
 
 
 if __name__ == "__main__":
