@@ -6,6 +6,7 @@
 #include "fail_stop.h"
 #include "health_beat.h"
 #include "instruments/read_account.h"
+#include "kn/policy.h"
 #include "kn/runtime_directory.h"
 #include "kn/status.h"
 #include "log_threshold.h"
@@ -225,6 +226,10 @@ int main(int argc, char** argv) {
     }
     if (settings.arenaPool) {
         msgbusd::PoolArenaMappings();
+    }
+    if (settings.group && KnPolicyAllowGroup(*settings.group) != 0) {
+        return Fail("the group " + std::to_string(*settings.group) +
+                    " cannot be let in: this server's user is not one of its members");
     }
     try {
         msgbusd::CheckStart(settings.server.connectionType);

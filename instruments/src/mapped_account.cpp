@@ -28,7 +28,11 @@ MappedAccount::MappedAccount(const std::string& accountPath) : path(accountPath)
         if (error == ENOENT) {
             throw NoAccountError("there is no account '" + path + "'");
         }
-        throw AccountError("cannot read '" + path + "': " + std::strerror(error));
+        const std::string reason = "cannot read '" + path + "': " + std::strerror(error);
+        if (error == EACCES) {
+            throw AccountClosedError(reason + "; only its user and root may look into this bus");
+        }
+        throw AccountError(reason);
     }
     device = status.st_dev;
     node = status.st_ino;

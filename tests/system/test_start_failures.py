@@ -80,7 +80,7 @@ class StartFailures(BusTest):
         with open(folder, "w", encoding="utf-8"):
             pass
         self.assertEqual(self.refuse(directory), f"cannot offer the bus: the file {folder} is not a directory that only "
-                                                 "this user may write to; remove it")
+                                                 "its owner may write to; remove it")
 
     def test_another_server_is_named_also_when_it_is_stopped(self):
         server = self.server(log_level="info")

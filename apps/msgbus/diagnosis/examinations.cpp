@@ -4,6 +4,7 @@
 #include "common/mutex.h"
 #include "common/thread_annotations.h"
 #include "diagnosis/judgement.h"
+#include "instruments/read_account.h"
 #include "kn/runtime_directory.h"
 #include "kn/status.h"
 #include "look/account_source.h"
@@ -103,6 +104,8 @@ Finding ExamineAccount(std::optional<instruments::Snapshot>& snapshot) {
         snapshot = look::AccountSource(std::nullopt).Read(instruments::AccountReader::Depth::WithoutLatency);
         finding.found = fmt::format("process {}, {}, {} mode, {}", snapshot->server.pid, snapshot->server.version,
                                     snapshot->server.isStatic ? "static" : "dynamic", NameOf(snapshot->server.state));
+    } catch (const instruments::AccountClosedError&) {
+        finding.found = "of another user; only that one and root may look into it";
     } catch (const std::exception& error) {
         finding.found = error.what();
         finding.advice =

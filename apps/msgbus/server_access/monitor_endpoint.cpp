@@ -7,7 +7,7 @@
 #include <boost/beast/core/error.hpp>
 
 #include <sys/socket.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <string>
@@ -27,8 +27,10 @@ Local::endpoint MonitorEndpoint() {
 void RequireOwnServer(Local::socket& socket) {
     ucred peer{};
     socklen_t size = sizeof peer;
+    struct stat directory {}; // its owner is trusted, or there would have been no endpoint
     if (::getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
-        (peer.uid != ::geteuid() && peer.uid != 0)) {
+        ::stat(std::filesystem::path(MonitorEndpoint().path()).parent_path().c_str(), &directory) != 0 ||
+        (peer.uid != directory.st_uid && peer.uid != 0)) {
         throw ServerAwayError("the server's socket belongs to another user");
     }
 }

@@ -2,6 +2,8 @@
 
 #include "common/escape.h"
 
+#include <grp.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -86,6 +88,29 @@ std::string SetMode(Settings& settings, const std::string& text) {
         return Quoted(text) + " is not a mode; it must be static or dynamic";
     }
     settings.server.connectionType = text == "static" ? ConnectionType::Static : ConnectionType::Dynamic;
+    return {};
+}
+
+std::string SetGroup(Settings& settings, const std::string& text) {
+    if (text.empty()) {
+        settings.group.reset();
+        return {};
+    }
+    gid_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data(), end, number);
+    constexpr gid_t none = static_cast<gid_t>(-1);
+    if (parsed.ec == std::errc{} && parsed.ptr == end && number != none) {
+        settings.group = number;
+        return {};
+    }
+    std::array<char, 65536> buffer{}; // with the names of its members
+    group entry{};
+    group* found = nullptr;
+    if (::getgrnam_r(text.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) {
+        return "there is no group " + Quoted(text);
+    }
+    settings.group = found->gr_gid;
     return {};
 }
 
@@ -209,6 +234,14 @@ std::vector<Option> ServingOptions() {
          [](const Settings& settings) {
              return Texts{settings.server.connectionType == ConnectionType::Static ? "static" : "dynamic"};
          },
+         {}},
+        {"group",
+         OptionKind::Value,
+         Serving,
+         "GROUP",
+         "let the members of this group, and root, use the bus, too; a name or a number (default: this user only)",
+         SetGroup,
+         [](const Settings& settings) { return settings.group ? Texts{std::to_string(*settings.group)} : Texts(); },
          {}},
         Milliseconds(
             "hold-pushes", Serving,

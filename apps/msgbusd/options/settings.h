@@ -6,6 +6,8 @@
 #include "msgbusd/monitoring.h"
 #include "server_limits.h"
 
+#include <sys/types.h>
+
 #include <optional>
 
 namespace msgbusd {
@@ -14,6 +16,7 @@ namespace msgbusd {
 struct Settings {
     msgbus_server::BusServerOptions server; ///< but for its limits and its account
     msgbus_server::Limits limits;
+    std::optional<gid_t> group; ///< beside this user
     bool isLimited = true;
     bool arenaPool = true;
     bool logLimit = true;

@@ -13,9 +13,15 @@ namespace instruments {
 class MappedAccount;
 
 /// The account cannot be read: what() is a sentence.
-class AccountError final : public std::runtime_error {
+class AccountError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
+};
+
+/// The account belongs to a server of another user, who alone may read it.
+class AccountClosedError final : public AccountError {
+public:
+    using AccountError::AccountError;
 };
 
 /// There is no account: no server has kept one in this runtime directory, or it was removed.

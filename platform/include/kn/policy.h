@@ -18,6 +18,15 @@ std::int32_t KnPolicySetMethodCount(const char* type, std::uint32_t methodCount)
 /// Returns: 0; KnStatusInvalidArgument for a limit of 0, or `perChannel` beyond 2048. Threads: any.
 std::int32_t KnPolicySetConnectionLimits(std::uint32_t perCaller, std::uint32_t perChannel) noexcept;
 
+/// Lets the processes of a group use the channels of this process, beside those of its user: the ones that had this
+/// group when they connected, be it their own or a supplementary one, and those of root. To be called before anything
+/// is offered. The place where channels are found, which must belong to the user of this process, and the entries in it
+/// are given to the group, which may enter and connect but change nothing (modes 0710 and 0660).
+///
+/// Returns: 0; KnStatusDenied when this process is not root's and does not have the group; KnStatusInvalidArgument for
+/// the number that stands for no group, 2^32 - 1. Threads: any.
+std::int32_t KnPolicyAllowGroup(std::uint32_t group) noexcept;
+
 /// Returns: how many connections this process has refused because of a limit, which is the answer KnStatusBusy: those
 /// above, and the platform's own on clients that are not yet accepted. It has counted a refusal before the client can
 /// see it, and counts each attempt of a client that repeats one. It never goes back. Threads: any. Blocks: never.

@@ -95,7 +95,7 @@ TEST_F(RuntimeDirectory, WithoutAChoice_IsTheSessions) {
 
 TEST_F(RuntimeDirectory, ThatOthersMayEnter_IsRefused) {
     fs::create_directory(root / "open");
-    for (const unsigned mode : {0710u, 0701u, 0750u, 0777u}) {
+    for (const unsigned mode : {0701u, 0704u, 0755u, 0720u, 0770u, 0777u}) {
         ASSERT_EQ(0, ::chmod((root / "open").c_str(), mode));
         ExpectRefused(root / "open", "0700");
         KnHandle handle = 0;
@@ -103,6 +103,23 @@ TEST_F(RuntimeDirectory, ThatOthersMayEnter_IsRefused) {
         log.clear();
     }
     fs::remove(root / "open");
+}
+
+// A server that lets the group in may be there.
+TEST_F(RuntimeDirectory, ThatItsGroupMayEnter_IsUsedByClients_AndRefusedByServers) {
+    fs::create_directory(root / "group");
+    for (const unsigned mode : {0710u, 0750u}) {
+        ASSERT_EQ(0, ::chmod((root / "group").c_str(), mode));
+        Use(root / "group");
+        KnHandle handle = 0;
+        EXPECT_EQ(KnStatusNotFound, ServiceLocatorConnect("line", 0, &handle));
+        EXPECT_EQ("", log);
+        std::uint32_t iid = 0;
+        EXPECT_EQ(KnInvalidHandle, ServiceLocatorRegister("line", nullptr, 0, &iid));
+        EXPECT_THAT(log, ::testing::HasSubstr("0700"));
+        log.clear();
+    }
+    fs::remove(root / "group");
 }
 
 TEST_F(RuntimeDirectory, ThatIsALink_IsRefused) {
@@ -243,7 +260,7 @@ TEST_F(RuntimeDirectory, AFileUnderAName_IsNeitherReplacedNorRemoved) {
     std::ofstream(root / "static" / "line") << "text";
     std::uint32_t iid = 0;
     EXPECT_EQ(KnInvalidHandle, ServiceLocatorRegister("line", nullptr, 0, &iid));
-    EXPECT_THAT(log, ::testing::HasSubstr((root / "static" / "line").string() + " is not a socket of this user"));
+    EXPECT_THAT(log, ::testing::HasSubstr((root / "static" / "line").string() + " is not a socket of the directory's owner"));
     KnHandle handle = 0;
     EXPECT_EQ(KnStatusDenied, ServiceLocatorConnect("line", 0, &handle));
     EXPECT_TRUE(fs::is_regular_file(root / "static" / "line"));
@@ -267,7 +284,7 @@ TEST_F(RuntimeDirectory, ASocketOfAnotherUser_IsNeitherUsedNorReplaced) {
     const RawSocket planted;
     planted.ListenAs("static/line");
     ASSERT_EQ(0, ::chown(RuntimePath("static/line").c_str(), 65534, 65534));
-    ExpectFileRefused("static/line", "is not a socket of this user");
+    ExpectFileRefused("static/line", "is not a socket of the directory's owner");
     planted.Forget();
 }
 
@@ -275,15 +292,15 @@ TEST_F(RuntimeDirectory, AFolderThatSomethingElseHasPlanted_IsNotUsed) {
     const fs::path folder = root / "static";
     fs::create_directory(root / "elsewhere");
     fs::create_directory_symlink(root / "elsewhere", folder);
-    ExpectFileRefused("static", "is not a directory that only this user may write to");
+    ExpectFileRefused("static", "is not a directory that only its owner may write to");
     fs::remove(folder);
     std::ofstream(folder) << "text";
-    ExpectFileRefused("static", "is not a directory that only this user may write to");
+    ExpectFileRefused("static", "is not a directory that only its owner may write to");
     fs::remove(folder);
     fs::create_directory(folder);
     for (const unsigned mode : {0720u, 0702u, 0777u}) {
         ASSERT_EQ(0, ::chmod(folder.c_str(), mode));
-        ExpectFileRefused("static", "is not a directory that only this user may write to");
+        ExpectFileRefused("static", "is not a directory that only its owner may write to");
     }
     fs::remove(folder);
     fs::remove(root / "elsewhere");

@@ -32,7 +32,7 @@ std::int32_t KnOwnerOfName(KnNameKind kind, const char* name, KnCaller* owner) n
     }
     return NoThrow([&]() -> std::int32_t {
         UniqueFd directory;
-        const auto opened = OpenRuntimeDirectory(RuntimeDirectoryPath(), Missing::Fails, directory);
+        const auto opened = OpenRuntimeDirectory(RuntimeDirectoryPath(), Purpose::Connects, Missing::Fails, directory);
         if (opened != KnStatusOk) {
             return opened;
         }

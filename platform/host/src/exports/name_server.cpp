@@ -23,7 +23,8 @@ std::int32_t NsCreate(const char* name, std::uint32_t, NsHandle* nameServer) noe
     }
     return NoThrow([&] {
         UniqueFd directory;
-        const auto status = OpenRuntimeDirectory(RuntimeDirectoryPath(), Missing::IsCreated, directory);
+        const auto status =
+            OpenRuntimeDirectory(RuntimeDirectoryPath(), Purpose::Connects, Missing::IsCreated, directory);
         if (status == KnStatusOk) {
             *nameServer = TheNameServer;
         }

@@ -15,8 +15,9 @@ std::int32_t KnRuntimeDirectory(KnMissingDirectory missing, char* path, std::siz
             return KnStatusInvalidArgument;
         }
         UniqueFd directory;
-        const auto status = OpenRuntimeDirectory(
-            text, missing == KnMissingDirectory::Fails ? Missing::Fails : Missing::IsCreated, directory);
+        const auto status = missing == KnMissingDirectory::Fails
+                                ? OpenRuntimeDirectory(text, Purpose::Connects, Missing::Fails, directory)
+                                : OpenRuntimeDirectory(text, Purpose::Serves, Missing::IsCreated, directory);
         if (status == KnStatusOk) {
             std::memcpy(path, text.c_str(), text.size() + 1);
         }

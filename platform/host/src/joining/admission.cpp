@@ -2,6 +2,7 @@
 
 #include "base/log.h"
 #include "kn/status.h"
+#include "names/admitted_group.h"
 #include "names/handshake.h"
 #include "names/peer.h"
 
@@ -144,7 +145,10 @@ void Admission::AcceptWithSpare(int listening) {
 
 void Admission::Welcome(std::uint64_t listenerId, UniqueFd socket) {
     Peer peer;
-    const auto status = IdentifyPeer(socket.Get(), peer);
+    auto status = IdentifyPeer(socket.Get(), peer);
+    if (status == KnStatusOk && !MayConnect(socket.Get(), peer)) {
+        status = KnStatusDenied;
+    }
     if (IsFromReserve(socket.Get())) {
         Log(LogLevel::Warning, {"refused ", Describe(peer), ": the descriptors of this process run out"});
         SendAnswer(socket.Get(), KnStatusNoResources);

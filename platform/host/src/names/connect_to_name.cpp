@@ -7,6 +7,7 @@
 #include "names/runtime_directory.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 
 #include <algorithm>
@@ -28,9 +29,13 @@ void SetSendTimeout(int socket, Deadline deadline) {
 
 std::int32_t ConnectToName(NameKind kind, std::string_view name, Deadline deadline, UniqueFd& socket) {
     UniqueFd directory;
-    if (const auto status = OpenRuntimeDirectory(RuntimeDirectoryPath(), Missing::Fails, directory);
+    if (const auto status = OpenRuntimeDirectory(RuntimeDirectoryPath(), Purpose::Connects, Missing::Fails, directory);
         status != KnStatusOk) {
         return status;
+    }
+    struct stat owner {};
+    if (::fstat(directory.Get(), &owner) != 0) {
+        return KnStatusNoResources;
     }
     UniqueFd connecting = OpenSocket(0);
     if (!connecting) {
@@ -42,10 +47,11 @@ std::int32_t ConnectToName(NameKind kind, std::string_view name, Deadline deadli
     }
     Peer server;
     if (const auto status = IdentifyPeer(connecting.Get(), server); status != KnStatusOk) {
-        if (status == KnStatusDenied) {
-            Log(LogLevel::Error, {"the server at the name ", name, " belongs to another user"});
-        }
         return status == KnStatusPeerGone ? KnStatusNotFound : status;
+    }
+    if (server.uid != owner.st_uid) {
+        Log(LogLevel::Error, {"the server at the name ", name, " belongs to another user"});
+        return KnStatusDenied;
     }
     const Greeting greeting = MakeGreeting();
     // Fails only when the server has closed the socket, and then the wait for its answer notices that.

@@ -71,21 +71,25 @@ bool BindToEntry(int directory, const char* path, int socket) {
 }
 
 int ConnectToEntry(int directory, const std::string& path, int socket) {
+    struct stat owner {};
     struct stat found {};
+    if (::fstat(directory, &owner) != 0) {
+        return errno;
+    }
     const std::string folder = path.substr(0, path.find('/'));
     const UniqueFd opened(::openat(directory, folder.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!opened || ::fstat(opened.Get(), &found) != 0) {
         return errno;
     }
-    if (!S_ISDIR(found.st_mode) || found.st_uid != ::geteuid() || (found.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return RefuseFile(directory, folder, "is not a directory that only this user may write to");
+    if (!S_ISDIR(found.st_mode) || found.st_uid != owner.st_uid || (found.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return RefuseFile(directory, folder, "is not a directory that only its owner may write to");
     }
     const UniqueFd entry(::openat(opened.Get(), path.c_str() + folder.size() + 1, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!entry || ::fstat(entry.Get(), &found) != 0) {
         return errno;
     }
-    if (!S_ISSOCK(found.st_mode) || found.st_uid != ::geteuid()) {
-        return RefuseFile(directory, path, "is not a socket of this user");
+    if (!S_ISSOCK(found.st_mode) || found.st_uid != owner.st_uid) {
+        return RefuseFile(directory, path, "is not a socket of the directory's owner");
     }
     const sockaddr_un address = AddressOf(entry.Get());
     while (::connect(socket, Raw(address), sizeof address) != 0) {
@@ -136,7 +140,7 @@ std::int32_t CheckFree(int directory, const std::string& path) {
 
 std::int32_t LookUpName(NameKind kind, std::string_view name) {
     UniqueFd directory;
-    if (const auto status = OpenRuntimeDirectory(RuntimeDirectoryPath(), Missing::Fails, directory);
+    if (const auto status = OpenRuntimeDirectory(RuntimeDirectoryPath(), Purpose::Connects, Missing::Fails, directory);
         status != KnStatusOk) {
         return status;
     }

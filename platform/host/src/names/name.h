@@ -27,8 +27,9 @@ UniqueFd OpenSocket(int flags);
 /// Binds `socket` to a new entry `path` of `directory`. Returns: false with errno.
 bool BindToEntry(int directory, const char* path, int socket);
 
-/// Connects `socket` to the entry `path` of `directory`, which must be a socket of this user in a folder that only this
-/// user may write to. Returns: 0 or errno; EPROTOTYPE, with the reason in the log, for an entry that is something else.
+/// Connects `socket` to the entry `path` of `directory`, which must be a socket of the directory's owner in a folder
+/// that only the owner may write to. Returns: 0 or errno; EPROTOTYPE, with the reason in the log, for an entry that is
+/// something else.
 int ConnectToEntry(int directory, const std::string& path, int socket);
 
 /// The status that a failed connection to a name, or a failed change of one, means to a caller.

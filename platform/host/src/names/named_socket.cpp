@@ -40,7 +40,8 @@ std::int32_t NamedSocket::ClaimAgain(std::unique_ptr<NamedSocket>& socket) const
 std::int32_t NamedSocket::Claim(NameKind kind, std::string_view name, const std::string& path,
                                 std::chrono::milliseconds patience, std::unique_ptr<NamedSocket>& socket) {
     UniqueFd directory;
-    if (const auto status = OpenRuntimeDirectory(path, Missing::IsCreated, directory); status != KnStatusOk) {
+    if (const auto status = OpenRuntimeDirectory(path, Purpose::Serves, Missing::IsCreated, directory);
+        status != KnStatusOk) {
         return status;
     }
     UniqueFd lock;
@@ -55,6 +56,9 @@ std::int32_t NamedSocket::Claim(NameKind kind, std::string_view name, const std:
     };
     if (::mkdirat(directory.Get(), FolderOf(kind), 0700) != 0 && errno != EEXIST) {
         return refuse("mkdir");
+    }
+    if (!GiveToGroup(directory.Get(), FolderOf(kind), GroupEntersOnly)) {
+        return refuse("chown");
     }
     const std::string entry = PathOf(kind, name);
     if (const auto status = CheckFree(directory.Get(), entry); status != KnStatusOk) {
@@ -78,7 +82,7 @@ const char* NamedSocket::ListenUnderName(int directoryFd, const std::string& pat
     ::unlinkat(directoryFd, UnfinishedName, 0);
     struct stat made {};
     if (!BindToEntry(directoryFd, UnfinishedName, listening.Get()) ||
-        ::fchmodat(directoryFd, UnfinishedName, 0600, 0) != 0 ||
+        ::fchmodat(directoryFd, UnfinishedName, 0600, 0) != 0 || !GiveToGroup(directoryFd, UnfinishedName, 0660) ||
         ::fstatat(directoryFd, UnfinishedName, &made, AT_SYMLINK_NOFOLLOW) != 0) {
         return "bind";
     }

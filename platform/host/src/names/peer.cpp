@@ -103,10 +103,7 @@ std::int32_t IdentifyPeer(int socket, Peer& peer) {
     }
     peer.pid = credentials.pid;
     peer.uid = credentials.uid;
-    if (credentials.uid != ::geteuid()) {
-        ReadStat(peer);
-        return KnStatusDenied;
-    }
+    peer.gid = credentials.gid;
     if (const auto status = OpenProcess(socket, peer); status != KnStatusOk) {
         return status;
     }

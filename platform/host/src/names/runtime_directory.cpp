@@ -2,6 +2,7 @@
 
 #include "base/log.h"
 #include "kn/status.h"
+#include "names/admitted_group.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -72,6 +73,36 @@ std::string FaultOfParent(const struct stat& above) {
     return isWritableByOthers && (above.st_mode & S_ISVTX) == 0 ? "is writable by others and not sticky" : "";
 }
 
+constexpr mode_t ForGroup = S_IRWXG;
+constexpr mode_t ForOthers = S_IRWXO;
+
+/// Returns: what is wrong with the directory's mode; empty: nothing.
+std::string FaultOfMode(const struct stat& found, bool mayGroupEnter) {
+    if ((found.st_mode & ForOthers) != 0 || (!mayGroupEnter && (found.st_mode & ForGroup) != 0)) {
+        return "other users may enter it (it must have mode 0700)";
+    }
+    return (found.st_mode & S_IWGRP) == 0 ? "" : "its group may write to it (it must have mode 0710, 0750 or 0700)";
+}
+
+/// Returns: why a server must not use the directory; empty: it may.
+std::string FaultForServer(const struct stat& found) {
+    if (found.st_uid != ::geteuid()) {
+        return "it " + AnotherUser(found);
+    }
+    const auto group = AdmittedGroup();
+    return FaultOfMode(found, group && found.st_gid == *group);
+}
+
+/// Returns: why a client must not use the directory; empty: it may.
+std::string FaultForClient(const struct stat& found) {
+    const char* const chosen = ::secure_getenv("BORVEN_RUNTIME_DIR");
+    const bool isNamed = chosen != nullptr && *chosen != '\0';
+    if (found.st_uid != ::geteuid() && !(isNamed && (found.st_mode & S_IXGRP) != 0)) {
+        return "it " + AnotherUser(found);
+    }
+    return FaultOfMode(found, true);
+}
+
 bool IsRootDirectory(const struct stat& directory) {
     struct stat root {};
     return ::stat("/", &root) != 0 || (root.st_dev == directory.st_dev && root.st_ino == directory.st_ino);
@@ -98,7 +129,7 @@ std::string DescribeRuntimeDirectory() {
     return path + (isMissing ? ", which does not exist (" : " (") + ChoosePath().reason + ')';
 }
 
-std::int32_t OpenRuntimeDirectory(const std::string& path, Missing missing, UniqueFd& directory) {
+std::int32_t OpenRuntimeDirectory(const std::string& path, Purpose purpose, Missing missing, UniqueFd& directory) {
     const std::size_t slash = path.rfind('/');
     const std::string abovePath = slash == 0 ? "/" : path.substr(0, slash);
     const std::string name = path.substr(slash + 1);
@@ -115,7 +146,8 @@ std::int32_t OpenRuntimeDirectory(const std::string& path, Missing missing, Uniq
     if (const std::string fault = FaultOfParent(found); !fault.empty()) {
         return Refuse(path, "the directory above it " + fault);
     }
-    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    // A client may not be able to read it.
+    const int flags = (purpose == Purpose::Connects ? O_PATH : O_RDONLY) | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     // Opened first and checked afterwards, so that it cannot be replaced in between.
     UniqueFd opened(::openat(above.Get(), name.c_str(), flags));
     if (!opened && errno == ENOENT) {
@@ -137,14 +169,25 @@ std::int32_t OpenRuntimeDirectory(const std::string& path, Missing missing, Uniq
     if (::fstat(opened.Get(), &found) != 0) {
         return FailOrRefuse(path, "");
     }
-    if (found.st_uid != ::geteuid()) {
-        return Refuse(path, "it " + AnotherUser(found));
+    const std::string fault = purpose == Purpose::Connects ? FaultForClient(found) : FaultForServer(found);
+    if (!fault.empty()) {
+        return Refuse(path, fault);
     }
-    if ((found.st_mode & 077) != 0) {
-        return Refuse(path, "other users may enter it (it must have mode 0700)");
+    if (::faccessat(opened.Get(), ".", X_OK, AT_EACCESS) != 0) {
+        return Refuse(path, "it is closed to this user");
+    }
+    if (purpose == Purpose::Serves && !GiveToGroup(opened.Get(), ".", GroupEntersOnly)) {
+        return FailOrRefuse(path, "it cannot be given to the group: ");
     }
     directory = std::move(opened);
     return KnStatusOk;
+}
+
+bool GiveToGroup(int directory, const char* path, mode_t mode) {
+    const auto group = AdmittedGroup();
+    // Only this user can have put the entry there.
+    return !group || (::fchownat(directory, path, static_cast<uid_t>(-1), *group, AT_SYMLINK_NOFOLLOW) == 0 &&
+                      ::fchmodat(directory, path, mode, 0) == 0);
 }
 
 std::int32_t LockRuntimeDirectory(int directory, std::chrono::milliseconds patience, UniqueFd& lock) {

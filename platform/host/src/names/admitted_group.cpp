@@ -1,0 +1,81 @@
+#include "names/admitted_group.h"
+
+#include "base/no_throw.h"
+#include "kn/policy.h"
+#include "kn/status.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <vector>
+
+namespace borven_host {
+
+namespace {
+
+constexpr gid_t NoGroup = static_cast<gid_t>(-1); // as chown has it
+std::atomic<gid_t> group{NoGroup};
+
+bool Contains(const std::vector<gid_t>& groups, gid_t wanted) {
+    return std::find(groups.begin(), groups.end(), wanted) != groups.end();
+}
+
+/// Returns: the supplementary groups that the peer had when it connected; none when the kernel does not say.
+std::vector<gid_t> GroupsOfPeer(int socket) {
+    constexpr std::size_t usual = 32;
+    std::vector<gid_t> groups(usual);
+    for (;;) {
+        auto bytes = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+        const int result = ::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes);
+        const bool isShort = result != 0 && errno == ERANGE && bytes > groups.size() * sizeof(gid_t);
+        groups.resize(result == 0 || isShort ? bytes / sizeof(gid_t) : 0);
+        if (!isShort) {
+            return groups;
+        }
+    }
+}
+
+/// Returns: whether this process may give files to the group.
+bool IsOwnGroup(gid_t wanted) {
+    if (::geteuid() == 0 || ::getegid() == wanted) {
+        return true;
+    }
+    const int count = ::getgroups(0, nullptr);
+    std::vector<gid_t> groups(static_cast<std::size_t>(std::max(count, 0)));
+    const int filled = ::getgroups(static_cast<int>(groups.size()), groups.data());
+    groups.resize(static_cast<std::size_t>(std::max(filled, 0)));
+    return Contains(groups, wanted);
+}
+
+} // namespace
+
+std::optional<gid_t> AdmittedGroup() noexcept {
+    const gid_t admitted = group.load(std::memory_order_relaxed);
+    return admitted == NoGroup ? std::nullopt : std::optional(admitted);
+}
+
+bool MayConnect(int socket, const Peer& peer) {
+    if (peer.uid == ::geteuid()) {
+        return true;
+    }
+    const auto admitted = AdmittedGroup();
+    return admitted && (peer.uid == 0 || peer.gid == *admitted || Contains(GroupsOfPeer(socket), *admitted));
+}
+
+} // namespace borven_host
+
+std::int32_t KnPolicyAllowGroup(std::uint32_t group) noexcept {
+    if (group == borven_host::NoGroup) {
+        return KnStatusInvalidArgument;
+    }
+    return borven_host::NoThrow([&]() -> std::int32_t {
+        if (!borven_host::IsOwnGroup(group)) {
+            return KnStatusDenied;
+        }
+        borven_host::group.store(group, std::memory_order_relaxed);
+        return KnStatusOk;
+    });
+}
