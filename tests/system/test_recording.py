@@ -215,6 +215,43 @@ class Recordings(BusTest):
         recorder.expect_exit(DONE)
         self.assertIn("msgbus.restart", [note["name"] for note in self.inspect()["notes"]])
 
+    def test_topics_that_match_are_recorded_also_when_they_come_later_and_across_a_restart(self):
+        server = self.server()
+        self.publish("s/before", 0)
+        recorder = self.recorder("--match", "s/*", "other")
+        self.publish("s/before", 1)
+        self.publish("s/later", *range(2, 7))
+        recorder.expect_error("receiving topic 's/later' too")
+        self.publish("s/later", 7)
+        self.publish("other", 8)
+        self.publish("x", 9)
+        wait_until(self, lambda: self.inspect()["values"] >= 4, "the first values")
+        server.stop()
+        self.server()
+        recorder.expect_error("again with a restarted server")
+        wait_until(self, lambda: self.listed("s/later"), "all of it to be registered again")
+        self.publish("s/later", 10)
+        self.publish("s/new", 11)
+        recorder.expect_error("receiving topic 's/new' too")
+        wait_until(self, lambda: any(each["value"] == 11 for each in self.exported()), "the last value")
+        self.finish(recorder)
+        values = {}
+        for each in self.exported():
+            values.setdefault(each["topic"], []).append(each["value"])
+        self.assertEqual(set(values), {"s/before", "s/later", "s/new", "other"})
+        self.assertEqual((values["s/before"], values["other"], values["s/new"]), ([1], [8], [11]))
+        later = values["s/later"]  # the last one of those before it was noticed, and all others
+        self.assertEqual(later, list(range(later[0], 8)) + [10])
+        self.assertLessEqual(later[0], 6)
+        summary = self.inspect()
+        self.assertEqual([note["name"] for note in summary["notes"]], ["msgbus.begin", "msgbus.restart", "msgbus.end"])
+
+    def listed(self, topic):
+        process = self.msgbus("list", "--json")
+        process.expect_exit(DONE)
+        topics = [each for line in process.seen if line.startswith("{") for each in json.loads(line)["topics"]]
+        return any(each["topic"] == topic and each["subscribers"] for each in topics)
+
     def test_a_full_disk_ends_the_recording_and_what_was_written_is_readable(self):
         self.server()
         process = self.start("bash", "-c", f"ulimit -f 500; trap '' XFSZ; exec {BIN}/msgbus record {self.path()} t")

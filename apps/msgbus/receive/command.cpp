@@ -13,7 +13,7 @@ struct Words {
     explicit Words(command_line::Command& command) : bus(command) {}
 
     BusOptions bus;
-    std::vector<std::string> arguments, topics;
+    topics::SelectionWords topics;
     std::optional<std::string> name, count, timeLimit, idleLimit, pattern;
     bool isCsv = false;
     const CLI::Option* json = nullptr;
@@ -50,11 +50,7 @@ Arguments ArgumentsOf(const Words& words) {
     Arguments arguments;
     SetFormat(words, arguments);
     arguments.access = words.bus.Resolve();
-    arguments.topics = words.topics;
-    arguments.topics.insert(arguments.topics.end(), words.arguments.begin(), words.arguments.end());
-    if (arguments.topics.empty()) {
-        throw std::invalid_argument("TOPIC is required");
-    }
+    arguments.topics = words.topics.Resolve();
     arguments.name = words.name ? *words.name : DefaultName();
     if (words.count) {
         arguments.count = ParseCount(*words.count);
@@ -100,12 +96,14 @@ void AddNotes(command_line::Command& command) {
         "breaks "
         "or reorders lines, or that is not UTF-8 is \\xHH. printf %b of bash gives the bytes back. JSON is UTF-8: "
         "bytes of "
-        "a topic that are not become U+FFFD, and topic_hex has all of them. CSV and %T give the bytes as they are."};
+        "a topic that are not become U+FFFD, and topic_hex has all of them. CSV and %T give the bytes as they are.",
+        topics::MatchDescription};
     command.notes.examples = {
         {"msgbus sub temperature pressure", "What is published from now on"},
         {"msgbus sub temperature -n 1 -W 10", "The next value, or status 124 after ten seconds"},
         {"msgbus sub temperature --idle 2s --csv > values.csv",
          "Until nothing came for two seconds, for a spreadsheet"},
+        {"msgbus sub --match 'sensors/*'", "All of these, also those that come later"},
         {"msgbus sub temperature --json=str | jq .value", "For another program"},
         {"msgbus sub door -F '%i %v' --wait", "A format of your own, from a server that may not be up yet"}};
 }
@@ -116,10 +114,7 @@ void AddCommand(command_line::Command& program, Action& chosen) {
     auto& command = program.AddCommand("sub", "Print the values of topics as they arrive, one line 'TOPIC VALUE' each.",
                                        "Commands");
     const auto words = std::make_shared<Words>(command);
-    command.add_option("TOPIC", words->arguments, "topics of 1 to 1023 bytes")->type_name("TOPIC");
-    command.add_option("-t,--topic", words->topics, "a topic, beside the arguments (repeatable)")
-        ->type_name("TOPIC")
-        ->allow_extra_args(false);
+    words->topics.AddTo(command);
     command
         .add_option("--name", words->name,
                     "name of this subscriber, 1 to 1023 bytes (default: made of the program, the user and the process)")

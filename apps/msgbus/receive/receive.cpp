@@ -4,6 +4,7 @@
 #include "end_watch.h"
 #include "msgbus/subscriber.h"
 #include "terminal/write_out.h"
+#include "topics/subscribe.h"
 
 #include <pwd.h>
 #include <unistd.h>
@@ -28,27 +29,18 @@ ExitStatus StatusWithoutMessage(bool isIdle, const EndWatch& watch, const Argume
     return watch.WhyEnded() == EndWatch::Cause::TimeLimit ? ExitStatus::TimedOut : ExitStatus::Done;
 }
 
-ExitStatus Print(msgbus::Subscriber& subscriber, const EndWatch& watch, const Arguments& arguments,
+ExitStatus Print(topics::Subscription& subscription, const EndWatch& watch, const Arguments& arguments,
                  MessageFormat& format) {
     if (const std::string header = format.Header(); !header.empty() && !terminal::WriteOut(header)) {
         return ExitStatus::Done;
     }
     for (std::uint64_t received = 0; received != arguments.count; ++received) {
-        std::optional<msgbus::Message> message;
-        bool isIdle = false;
-        if (arguments.idleLimit) {
-            auto result = subscriber.NextFor(*arguments.idleLimit);
-            isIdle = result.outcome == msgbus::Outcome::TimedOut;
-            if (result) {
-                message = std::move(result.message);
-            }
-        } else {
-            message = subscriber.Next();
+        auto result = subscription.NextUntil(
+            arguments.idleLimit ? std::chrono::steady_clock::now() + *arguments.idleLimit : msgbus::Deadline::max());
+        if (!result) {
+            return StatusWithoutMessage(result.outcome == msgbus::Outcome::TimedOut, watch, arguments);
         }
-        if (!message) {
-            return StatusWithoutMessage(isIdle, watch, arguments);
-        }
-        if (!terminal::WriteOut(format.Line({std::move(*message), received + 1, Receipt::Now()}))) {
+        if (!terminal::WriteOut(format.Line({std::move(result.message), received + 1, Receipt::Now()}))) {
             return ExitStatus::Done;
         }
     }
@@ -60,26 +52,26 @@ ExitStatus Print(msgbus::Subscriber& subscriber, const EndWatch& watch, const Ar
 ExitStatus Receive(const Arguments& arguments) {
     const Receipt start = Receipt::Now();
     const auto format = FormatOf(arguments, start);
-    for (const auto& topic : arguments.topics) {
+    for (const auto& topic : arguments.topics.named) {
         WarnAboutCutTopic(topic);
     }
     // Constructed after the watch, which must block the signals before anything is registered; destroyed after it too,
     // because the watch's threads use it.
-    std::optional<msgbus::Subscriber> subscriber;
+    std::unique_ptr<topics::Subscription> subscription;
     EndWatch watch(arguments.timeLimit, EndWatch::Output::Watched);
     if (!Connect(arguments.access, watch,
-                 [&] { subscriber.emplace(arguments.name, arguments.topics, arguments.access.options); })) {
+                 [&] { subscription = topics::Subscribe(arguments.access, arguments.name, arguments.topics); })) {
         return StatusWithoutMessage(false, watch, arguments);
     }
-    Say(arguments.access, "subscribed as '" + arguments.name + "' (id " + std::to_string(subscriber->Id()) + ")");
-    watch.OnEnd([&subscriber] { subscriber->Cancel(); });
+    Say(arguments.access, "subscribed as '" + arguments.name + "' (id " + std::to_string(subscription->Id()) + ")");
+    watch.OnEnd([&subscription] { subscription->Cancel(); });
 
-    const ExitStatus status = Print(*subscriber, watch, arguments, *format);
-    if (const auto lost = subscriber->Lost().values; lost != 0) {
+    const ExitStatus status = Print(*subscription, watch, arguments, *format);
+    if (const auto lost = subscription->Lost().values; lost != 0) {
         Say("lost " + std::to_string(lost) + " values, which the server dropped because they were not read in time");
     }
-    subscriber->Cancel(); // not left to the destructor: a server that does not answer is then handled by the watch
-    return status;
+    subscription->Cancel(); // not left to the destructor: a server that does not answer is then handled by the watch
+    return subscription->HasGap() && status == ExitStatus::Done ? ExitStatus::Failed : status;
 }
 
 std::string DefaultName() {

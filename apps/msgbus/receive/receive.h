@@ -3,6 +3,7 @@
 #include "action.h"
 #include "bus_options.h"
 #include "receive/message_format.h"
+#include "topics/subscribe.h"
 
 #include <chrono>
 #include <cstdint>
@@ -15,7 +16,7 @@ namespace receive {
 /// `msgbus sub`
 struct Arguments {
     BusAccess access;
-    std::vector<std::string> topics;
+    topics::Selection topics;
     std::string name;
     std::optional<std::uint64_t> count;
     std::optional<std::chrono::milliseconds> timeLimit;

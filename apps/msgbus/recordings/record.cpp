@@ -3,7 +3,6 @@
 #include "arguments.h"
 #include "end_watch.h"
 #include "look/account_source.h"
-#include "msgbus/subscriber.h"
 #include "receive/receive.h"
 #include "terminal/quantity.h"
 
@@ -83,11 +82,11 @@ private:
     std::uint64_t shownValues = 0;
 };
 
-/// Notes what a subscriber has missed, each time that it has missed more.
+/// Notes what a subscription has missed, each time that it has missed more.
 class LossNotes final {
 public:
-    void Update(const msgbus::Subscriber& subscriber, FileSeries& files) {
-        const auto loss = subscriber.Lost();
+    void Update(const topics::Subscription& subscription, FileSeries& files) {
+        const auto loss = subscription.Lost();
         if (loss.values > noted.values) {
             Note(files, "msgbus.loss", {{"values", std::to_string(loss.values - noted.values)}});
         }
@@ -111,12 +110,12 @@ private:
 };
 
 /// Records until there is no more. Returns: whether as many values came as were wanted.
-bool RecordAll(msgbus::Subscriber& subscriber, const RecordArguments& arguments, FileSeries& files, LossNotes& losses,
-               Progress& progress) {
+bool RecordAll(topics::Subscription& subscription, const RecordArguments& arguments, FileSeries& files,
+               LossNotes& losses, Progress& progress) {
     while (true) {
         const auto flushAt = steady_clock::now() + FlushInterval;
         while (steady_clock::now() < flushAt) {
-            const auto received = subscriber.NextUntil(flushAt);
+            const auto received = subscription.NextUntil(flushAt);
             if (received.outcome == msgbus::Outcome::Canceled) {
                 return !arguments.count;
             }
@@ -127,7 +126,7 @@ bool RecordAll(msgbus::Subscriber& subscriber, const RecordArguments& arguments,
                 }
             }
         }
-        losses.Update(subscriber, files);
+        losses.Update(subscription, files);
         files.Flush();
         progress.Update(files);
     }
@@ -136,25 +135,25 @@ bool RecordAll(msgbus::Subscriber& subscriber, const RecordArguments& arguments,
 } // namespace
 
 ExitStatus Record(const RecordArguments& arguments) {
-    for (const auto& topic : arguments.topics) {
+    for (const auto& topic : arguments.topics.named) {
         WarnAboutCutTopic(topic);
     }
-    std::optional<msgbus::Subscriber> subscriber;
+    std::unique_ptr<topics::Subscription> subscription;
     EndWatch watch(arguments.timeLimit, EndWatch::Output::Ignored);
     if (!Connect(arguments.access, watch,
-                 [&] { subscriber.emplace(arguments.name, arguments.topics, arguments.access.options); })) {
+                 [&] { subscription = topics::Subscribe(arguments.access, arguments.name, arguments.topics); })) {
         return watch.WhyEnded() == EndWatch::Cause::TimeLimit ? ExitStatus::TimedOut : ExitStatus::Done;
     }
     FileSeries files(arguments.file, arguments.existing, arguments.rules, About());
     Say(arguments.access, "recording to '" + files.File() + "' as '" + arguments.name + "' (id " +
-                              std::to_string(subscriber->Id()) + ")");
-    watch.OnEnd([&subscriber] { subscriber->Cancel(); });
+                              std::to_string(subscription->Id()) + ")");
+    watch.OnEnd([&subscription] { subscription->Cancel(); });
     LossNotes losses;
     Progress progress(arguments.access.isQuiet);
     bool isWhole = false;
     try {
-        isWhole = RecordAll(*subscriber, arguments, files, losses, progress);
-        losses.Update(*subscriber, files);
+        isWhole = RecordAll(*subscription, arguments, files, losses, progress);
+        losses.Update(*subscription, files);
         files.Flush();
         files.Write(
             {"msgbus.end",
@@ -168,10 +167,13 @@ ExitStatus Record(const RecordArguments& arguments) {
     progress.Erase();
     Say(arguments.access,
         "recorded " + std::to_string(files.ValueCount()) + " values, " + terminal::Bytes(files.Bytes()));
-    subscriber->Cancel();
+    subscription->Cancel();
     if (losses.Noted().values != 0) {
         Say("lost " + std::to_string(losses.Noted().values) +
             " values, which the server dropped because they were not read in time");
+        return ExitStatus::Failed;
+    }
+    if (subscription->HasGap()) {
         return ExitStatus::Failed;
     }
     return isWhole || watch.WhyEnded() != EndWatch::Cause::TimeLimit ? ExitStatus::Done : ExitStatus::TimedOut;
@@ -182,7 +184,7 @@ void AddRecordCommand(command_line::Command& program, Action& chosen) {
         explicit Words(command_line::Command& command) : bus(command) {}
         BusOptions bus;
         std::string file;
-        std::vector<std::string> arguments, topics;
+        topics::SelectionWords topics;
         std::optional<std::string> name, count, timeLimit, split, mostBytes;
         bool isForced = false;
     };
@@ -192,10 +194,7 @@ void AddRecordCommand(command_line::Command& program, Action& chosen) {
     command.add_option("FILE", words->file, "file to create, in the MCAP format; usually NAME.mcap")
         ->type_name("FILE")
         ->required();
-    command.add_option("TOPIC", words->arguments, "topics of 1 to 1023 bytes")->type_name("TOPIC");
-    command.add_option("-t,--topic", words->topics, "a topic, beside the arguments (repeatable)")
-        ->type_name("TOPIC")
-        ->allow_extra_args(false);
+    words->topics.AddTo(command);
     command.add_option("--name", words->name, "name of this subscriber (default: made of user and process)")
         ->type_name("NAME");
     command.add_option("-n,--count", words->count, "exit after this many values")->type_name("COUNT");
@@ -220,20 +219,18 @@ void AddRecordCommand(command_line::Command& program, Action& chosen) {
         "What was "
         "received a second ago is in the file and can be read, whatever becomes of this program.",
         "Lost values and restarts of the server are noted in the file. A size is a number of bytes, with k, M or G of "
-        "1024."};
+        "1024.",
+        topics::MatchDescription};
     command.notes.examples = {
         {"msgbus record drive.mcap speed voltage", "Until Ctrl-C"},
+        {"msgbus record all.mcap --match '*'", "Every topic, also those that come later"},
         {"msgbus record log.mcap speed --split 1h --max-disk 10G", "For ever, the last ten gigabytes"}};
     command.callback([&chosen, words] {
         chosen = [words] {
             RecordArguments arguments;
             arguments.access = words->bus.Resolve();
             arguments.file = words->file;
-            arguments.topics = words->topics;
-            arguments.topics.insert(arguments.topics.end(), words->arguments.begin(), words->arguments.end());
-            if (arguments.topics.empty()) {
-                throw std::invalid_argument("TOPIC is required");
-            }
+            arguments.topics = words->topics.Resolve();
             arguments.name = words->name ? *words->name : receive::DefaultName();
             if (words->count) {
                 arguments.count = ParseCount(*words->count);

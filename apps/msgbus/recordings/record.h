@@ -3,6 +3,7 @@
 #include "action.h"
 #include "bus_options.h"
 #include "recordings/file_series.h"
+#include "topics/subscribe.h"
 
 #include <chrono>
 #include <cstdint>
@@ -16,7 +17,7 @@ namespace recordings {
 struct RecordArguments {
     BusAccess access;
     std::string file;
-    std::vector<std::string> topics;
+    topics::Selection topics;
     std::string name;
     std::optional<std::uint64_t> count;
     std::optional<std::chrono::milliseconds> timeLimit;
