@@ -10,7 +10,8 @@ from harness import BIN, DONE, FAILED, TIMED_OUT, USAGE, BusTest, main, wait_unt
 KILLS = int(os.environ.get("BORVEN_TEST_KILLS", "3"))  # how often a recorder is killed
 
 
-class Recordings(BusTest):
+class RecordingTest(BusTest):
+    """A test with recordings in a folder of its own."""
 
     def path(self, name="file.mcap"):
         return os.path.join(os.path.dirname(self.runtime), name)
@@ -40,6 +41,9 @@ class Recordings(BusTest):
 
     def size(self, file="file.mcap"):
         return os.path.getsize(self.path(file)) if os.path.exists(self.path(file)) else 0
+
+
+class Recordings(RecordingTest):
 
     def test_every_value_is_in_the_file_with_its_time(self):
         self.server()
@@ -290,6 +294,182 @@ class Recordings(BusTest):
         self.msgbus("record", self.path(), "t", "-W", "100ms", "-n", "5").expect_exit(TIMED_OUT)
         self.msgbus("record", self.path(), "t", "-W", "100ms", "--force").expect_exit(DONE)
         self.assertTrue(self.inspect()["complete"])
+
+
+class Rings(RecordingTest):
+    """The last values in memory, and what makes files of them."""
+
+    def ring(self, *arguments, time="60s"):
+        process = self.msgbus("record", self.path("r.mcap"), "--ring", time, *arguments)
+        process.expect_error("keeping the last ")
+        return process
+
+    def files(self):
+        folder = os.path.dirname(self.path())
+        return sorted(name for name in os.listdir(folder) if name.startswith("r_"))
+
+    def written(self, recorder, number):
+        """Waits for the file with this number. Returns: its values and why it was written."""
+        name = f"r_{number}.mcap"
+        recorder.expect_error(f"{name}': ")
+        summary = self.inspect(name)
+        self.assertTrue(summary["complete"])
+        [why] = [note["texts"] for note in summary["notes"] if note["name"] == "msgbus.ring"]
+        self.assertEqual([note["name"] for note in summary["notes"]][::len(summary["notes"]) - 1], ["msgbus.begin", "msgbus.end"])
+        return [each["value"] for each in self.exported(name)], why
+
+    def taken(self, recorder, *topics_and_values):
+        """Publishes, and waits until the recorder has what was published."""
+        for topic, *values in topics_and_values:
+            self.publish(topic, *values)
+        wait_until(self, self.is_taken, "the values to be taken")
+
+    def is_taken(self):
+        process = self.msgbus("list", "subscribers", "--json")
+        process.expect_exit(DONE)
+        readers = [each for line in process.seen if line.startswith("{") for each in json.loads(line)["subscribers"]]
+        return all(each["flows"]["due"] == each["flows"]["taken"] + each["flows"]["dropped"]["total"] for each in readers)
+
+    def test_a_signal_writes_what_is_in_memory_and_recording_goes_on(self):
+        self.server()
+        recorder = self.ring("one", "two")
+        self.taken(recorder, ("one", 1, 2), ("two", 3))
+        self.assertEqual(self.files(), [])
+        recorder.signal(10)
+        values, why = self.written(recorder, 0)
+        self.assertEqual((values, why["reason"]), ([1, 2, 3], "signal"))
+        self.taken(recorder, ("one", 4))
+        recorder.signal(10)
+        self.assertEqual(self.written(recorder, 1)[0], [1, 2, 3, 4])
+        self.finish(recorder)
+        self.assertEqual(self.files(), ["r_0.mcap", "r_1.mcap"])
+        self.assertIn("received 4 values, wrote 2 files", recorder.seen[-1])
+
+    def test_files_that_are_there_are_kept(self):
+        self.server()
+        with open(self.path("r_0.mcap"), "w", encoding="utf-8") as file:
+            file.write("mine")
+        recorder = self.ring("t")
+        recorder.signal(10)
+        self.written(recorder, 1)
+        self.finish(recorder)
+        with open(self.path("r_0.mcap"), encoding="utf-8") as file:
+            self.assertEqual(file.read(), "mine")
+
+    def test_a_value_out_of_range_writes_a_file_but_not_again_while_it_stays_so(self):
+        self.server()
+        recorder = self.ring("t", "u", "--on", "t>100", "--on", "u<0")
+        self.publish("t", 99, 100, 101, 102)
+        values, why = self.written(recorder, 0)
+        self.assertEqual((values[:3], why["reason"], why["condition"], why["value"]), ([99, 100, 101], "value", "t>100", "101"))
+        self.publish("t", *range(200, 300))
+        self.publish("t", 1, 300)
+        self.publish("u", -1)  # another condition
+        _, why = self.written(recorder, 1)
+        self.assertEqual(why["condition"], "u<0")
+        self.finish(recorder)
+        self.assertEqual(self.files(), ["r_0.mcap", "r_1.mcap"])
+
+    def test_a_condition_counts_again_when_it_was_false_and_the_time_is_over(self):
+        self.server()
+        recorder = self.ring("t", "--on", "t>100", time="500ms")
+        publisher = self.pub("t")
+        publisher.write("101\n")
+        self.written(recorder, 0)
+        time.sleep(0.6)
+        publisher.write("102\n")  # it stays true
+        publisher.write("1\n")
+        publisher.write("103\n")
+        _, why = self.written(recorder, 1)
+        self.assertEqual(why["value"], "103")
+        self.finish(recorder)
+        self.assertEqual(self.files(), ["r_0.mcap", "r_1.mcap"])
+
+    def test_described_values_are_compared_by_what_they_stand_for(self):
+        self.server()
+        recorder = self.ring("v", "--on", "v<11.5")
+        publisher = self.pub("v", "--description", "fixed;step=1/10;unit=V")
+        publisher.write("116\n115\n114\n")
+        values, why = self.written(recorder, 0)
+        self.assertEqual((values, why["value"], why["description"]), ([116, 115, 114], "114", "fixed;step=1/10;unit=V"))
+        self.finish(recorder)
+
+    def lose(self, *options):
+        """Starts a server and a recorder that loses values. Returns: the recorder."""
+        self.server("--slow-subscriber", "slow=" + options[0])
+        recorder = self.ring("t", "--name", "slow", *options[1:])
+        self.taken(recorder, ("t", 1))
+        recorder.pause()
+        self.publish("t", *range(2000))
+        recorder.signal(18)
+        return recorder
+
+    def test_a_loss_writes_a_file_where_that_is_wanted(self):
+        recorder = self.lose("drop-oldest:500", "--on", "loss")
+        values, why = self.written(recorder, 0)
+        self.assertEqual((values[0], why["reason"]), (1, "loss"))
+        self.assertGreater(int(why["lost"]), 0)
+        self.finish(recorder, FAILED)
+
+    def test_a_cut_writes_a_file_and_ends_the_recording(self):
+        recorder = self.lose("cut:500", "--on", "cut")
+        values, why = self.written(recorder, 0)
+        self.assertEqual((values[0], why["reason"]), (1, "cut"))
+        recorder.expect_error("left too many values unread")
+        recorder.expect_exit(FAILED)
+
+    def test_without_these_conditions_a_loss_writes_nothing(self):
+        recorder = self.lose("drop-oldest:500")
+        wait_until(self, self.is_taken, "the values to be taken")
+        self.finish(recorder, FAILED)
+        self.assertEqual(self.files(), [])
+
+    def test_the_end_of_the_server_writes_a_file_once_and_recording_goes_on_with_the_next(self):
+        server = self.server()
+        recorder = self.ring("--match", "t*")
+        self.publish("t1", 1, 2)
+        recorder.expect_error("receiving topic 't1' too")
+        wait_until(self, self.is_taken, "the last value")
+        server.kill()
+        values, why = self.written(recorder, 0)
+        self.assertEqual((values[-1], why["reason"]), (2, "server-gone"))
+        self.server()
+        recorder.expect_error("again with a restarted server")
+        self.publish("t3", 3)
+        recorder.expect_error("receiving topic 't3' too")
+        wait_until(self, self.is_taken, "the value")
+        recorder.signal(10)
+        self.assertEqual(self.written(recorder, 1)[0], [*values, 3])
+        self.assertIn("msgbus.restart", [note["name"] for note in self.inspect("r_1.mcap")["notes"]])
+        self.finish(recorder)
+        self.assertEqual(self.files(), ["r_0.mcap", "r_1.mcap"])
+
+    def test_the_end_of_the_server_ends_a_recording_that_does_not_reconnect_behind_its_file(self):
+        server = self.server()
+        recorder = self.ring("t", "--reconnect", "0")
+        self.taken(recorder, ("t", 1))
+        server.kill()
+        self.assertEqual(self.written(recorder, 0)[0], [1])
+        recorder.expect_exit(FAILED)
+        self.assertEqual(self.files(), ["r_0.mcap"])
+
+    def test_time_and_room_are_limits(self):
+        self.server()
+        recorder = self.ring("t", "--ring-bytes", "4k")
+        self.taken(recorder, ("t", *range(1000)))
+        recorder.signal(10)
+        values, why = self.written(recorder, 0)
+        self.assertEqual(values, list(range(1000 - len(values), 1000)))
+        self.assertLessEqual(len(values), 4096 / 32)
+        self.assertGreater(len(values), 100)
+        self.assertEqual(why["limited_by"], "--ring-bytes")
+        self.finish(recorder)
+        recorder = self.ring("t", time="200ms")
+        self.taken(recorder, ("t", 1))
+        time.sleep(0.3)
+        recorder.signal(10)
+        self.assertEqual(self.written(recorder, 1)[0], [])
+        self.finish(recorder)
 
 
 if __name__ == "__main__":

@@ -1,10 +1,18 @@
 #include "recordings/file_series.h"
 
+#include "terminal/quantity.h"
+
 #include <algorithm>
 #include <filesystem>
 #include <utility>
 
 namespace recordings {
+
+std::string NumberedPath(const std::string& name, std::size_t number) {
+    const std::filesystem::path whole(name);
+    return (whole.parent_path() / (whole.stem().string() + '_' + std::to_string(number) + whole.extension().string()))
+        .string();
+}
 
 FileSeries::FileSeries(std::string path, recording::ExistingFile existing, const SplitRules& splitRules,
                        recording::Texts about)
@@ -15,10 +23,7 @@ FileSeries::FileSeries(std::string path, recording::ExistingFile existing, const
 void FileSeries::Open() {
     std::string path = name;
     if (rules.Splits()) {
-        const std::filesystem::path whole(name);
-        path = (whole.parent_path() /
-                (whole.stem().string() + '_' + std::to_string(number++) + whole.extension().string()))
-                   .string();
+        path = NumberedPath(name, number++);
     }
     channels.reset();
     writer = std::make_unique<recording::RecordingWriter>(path, existingFile, "msgbus " BORVEN_VERSION);
@@ -38,9 +43,19 @@ void FileSeries::Write(const std::string& topic, recording::Time time, std::int6
     }
 }
 
-void FileSeries::Close() {
+std::chrono::milliseconds FileSeries::FlushInterval() const noexcept {
+    return std::chrono::milliseconds(400); // half of the second after which everything is in the file
+}
+
+void FileSeries::End(std::uint64_t lost) {
+    Flush();
+    Write({"msgbus.end", {{"values", std::to_string(values)}, {"lost", std::to_string(lost)}}});
     channels->Settle();
     writer->Close();
+}
+
+std::string FileSeries::Done() const {
+    return "recorded " + std::to_string(values) + " values, " + terminal::Bytes(Bytes());
 }
 
 void FileSeries::Flush() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "recordings/destination.h"
 #include "recordings/topic_channels.h"
 
 #include <chrono>
@@ -20,27 +21,33 @@ struct SplitRules {
     bool Splits() const noexcept { return bytes || time; }
 };
 
+/// Returns: `NAME_3.mcap` for `NAME.mcap` and 3.
+std::string NumberedPath(const std::string& name, std::size_t number);
+
 /// The files of a recording: one, or `NAME_0.mcap`, `NAME_1.mcap` and so on for `NAME.mcap`.
-class FileSeries final {
+class FileSeries final : public IDestination {
 public:
     /// Creates the first file. Throws: recording::RecordingError.
     FileSeries(std::string path, recording::ExistingFile existing, const SplitRules& splitRules,
                recording::Texts about);
 
     /// Throws: recording::RecordingError.
-    void Write(const std::string& topic, recording::Time time, std::int64_t value);
-    void Write(const recording::Note& note) { writer->Write(note); }
+    void Write(const std::string& topic, recording::Time time, std::int64_t value) override;
+    void Write(const recording::Note& note) override { writer->Write(note); }
     /// Writes what was collected, and goes on in another file if it is time for that. Throws:
     /// recording::RecordingError.
-    void Flush();
+    void Flush() override;
+    std::chrono::milliseconds FlushInterval() const noexcept override;
+    void NoteServerGone() override {} // there is a note when it is back
+    void NoteCut() override {}        // and of what was lost
     /// Completes the last file. Throws: recording::RecordingError.
-    void Close();
+    void End(std::uint64_t lost) override;
 
-    /// Returns: the file that is being written.
-    const std::string& File() const noexcept { return files.back().path; }
-    std::uint64_t ValueCount() const noexcept { return values; }
+    std::string Doing() const override { return "recording to '" + files.back().path + '\''; }
+    std::string Done() const override;
+    std::uint64_t ValueCount() const noexcept override { return values; }
     /// Returns: the size of all files that are left.
-    std::uint64_t Bytes() const noexcept;
+    std::uint64_t Bytes() const noexcept override;
 
 private:
     struct Finished {

@@ -3,6 +3,7 @@
 #include "action.h"
 #include "bus_options.h"
 #include "recordings/file_series.h"
+#include "recordings/ring_recording.h"
 #include "topics/subscribe.h"
 
 #include <chrono>
@@ -23,6 +24,7 @@ struct RecordArguments {
     std::optional<std::chrono::milliseconds> timeLimit;
     recording::ExistingFile existing = recording::ExistingFile::IsKept;
     SplitRules rules;
+    std::optional<RingRules> ring; ///< in place of a file that grows
 };
 
 /// Runs `msgbus record`. Returns: Failed when values were lost. Throws: what the client library throws;
