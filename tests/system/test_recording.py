@@ -256,6 +256,20 @@ class Recordings(RecordingTest):
         topics = [each for line in process.seen if line.startswith("{") for each in json.loads(line)["topics"]]
         return any(each["topic"] == topic and each["subscribers"] for each in topics)
 
+    def test_a_number_of_a_double_is_exported_beside_its_bits(self):
+        self.server()
+        recorder = self.recorder("d", "t", "-n", "4")
+        publisher = self.pub("d", "--description", "float64")
+        publisher.write("0x3ff8000000000000\n0x7ff0000000000000\n0x3fb999999999999a\n")
+        self.publish("t", 5)
+        recorder.expect_exit(DONE)
+        values = [(each["topic"], each["value"], each.get("raw")) for each in self.exported()]
+        self.assertEqual(sorted(values, key=str), [
+            ("d", 0.1, 0x3fb999999999999a), ("d", 1.5, 0x3ff8000000000000), ("d", None, 0x7ff0000000000000), ("t", 5, None)])
+        csv = self.msgbus("export", self.path(), "--to", "csv")
+        csv.expect_exit(DONE)
+        self.assertEqual({line.split(",", 2)[2] for line in csv.seen}, {"topic,value", "d,1.5", "d,inf", "d,0.1", "t,5"})
+
     def test_a_full_disk_ends_the_recording_and_what_was_written_is_readable(self):
         self.server()
         process = self.start("bash", "-c", f"ulimit -f 500; trap '' XFSZ; exec {BIN}/msgbus record {self.path()} t")
@@ -288,6 +302,28 @@ class Recordings(RecordingTest):
             process = self.msgbus(*arguments)
             process.expect_exit(status)
             self.assertIn(sentence, "\n".join(process.seen))
+
+    def test_what_is_behind_a_damaged_part_is_counted_and_the_status_says_so(self):
+        self.server()
+        recorder = self.recorder("t")
+        for value in range(3):
+            self.publish("t", *range(value * 100, value * 100 + 100))
+            wait_until(self, lambda count=value * 100 + 100: self.inspect()["values"] == count, "the chunk")
+        self.finish(recorder)
+        with open(self.path(), "r+b") as file:
+            whole = file.read()
+            changed = 0
+            for at in range(len(whole) // 4, len(whole) // 2):
+                if not changed and whole[at:at + 4] == b"\x28\xb5\x2f\xfd":  # the compressed values of a chunk
+                    changed = at + 10
+            self.assertGreater(changed, 0)
+            file.seek(changed)
+            file.write(bytes([whole[changed] ^ 0x10]))
+        summary = self.inspect(status=FAILED)
+        self.assertEqual(summary["values"], 200)
+        self.assertFalse(summary["complete"])
+        self.assertIn("damaged", summary["missing"])
+        self.assertGreater(len(summary["damages"]), 0)
 
     def test_a_time_limit_without_enough_values_is_a_status(self):
         self.server()

@@ -26,6 +26,11 @@ std::string Seconds(microseconds time) {
     return fmt::format("{}{}.{:06}", count < 0 ? "-" : "", size / perSecond, size % perSecond);
 }
 
+/// Returns: the value as a number, with all of its digits.
+std::string ValueText(const Received& received) {
+    return received.number ? fmt::format("{}", *received.number) : std::to_string(received.message.value);
+}
+
 /// The times of messages, each of which may depend on the one before.
 class Clock final {
 public:
@@ -61,7 +66,7 @@ public:
         std::string line = style ? clock.Text(*style, received.receipt) + ' ' : std::string();
         clock.Advance(received.receipt);
         common::AppendEscaped(line, received.message.topic);
-        return line + ' ' + std::to_string(received.message.value) + '\n';
+        return line + ' ' + ValueText(received) + '\n';
     }
 
 private:
@@ -100,7 +105,10 @@ public:
             object["topic_hex"] = Hexadecimal(topic);
         }
         if (asStrings) {
-            object["value"] = std::to_string(value);
+            object["value"] = ValueText(received);
+        } else if (received.number) {
+            object["value"] = *received.number; // JSON has no infinity: null
+            object["raw"] = value;
         } else {
             object["value"] = value;
         }
@@ -135,7 +143,7 @@ public:
     std::string Line(const Received& received) override {
         std::string line = clock.Text(style, received.receipt) + ',' + std::to_string(received.sequence) + ',';
         clock.Advance(received.receipt);
-        return line + Field(received.message.topic) + ',' + std::to_string(received.message.value) + '\n';
+        return line + Field(received.message.topic) + ',' + ValueText(received) + '\n';
     }
 
 private:
@@ -222,18 +230,19 @@ private:
     }
 
     std::string FieldText(char field, const Received& received) const {
-        const auto& [message, sequence, receipt] = received;
+        const auto& message = received.message;
+        const auto& receipt = received.receipt;
         switch (field) {
         case 't':
             return common::Escaped(message.topic);
         case 'T':
             return message.topic;
         case 'v':
-            return std::to_string(message.value);
+            return ValueText(received);
         case 'x':
             return fmt::format("{:016x}", static_cast<std::uint64_t>(message.value));
         case 'n':
-            return std::to_string(sequence);
+            return std::to_string(received.sequence);
         case 'u':
             return clock.Text(TimeStyle::Unix, receipt);
         case 'r':

@@ -40,6 +40,7 @@ struct Received {
     msgbus::Message message;
     std::uint64_t sequence = 0; ///< from 1, counts the messages of the subscription
     Receipt receipt;
+    std::optional<double> number{}; ///< in place of the integer, which stands for it
 };
 
 /// Returns: the time, with microseconds.

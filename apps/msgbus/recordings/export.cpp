@@ -5,6 +5,7 @@
 #include "recording/recording_reader.h"
 #include "terminal/write_out.h"
 
+#include <bit>
 #include <memory>
 #include <stdexcept>
 
@@ -42,8 +43,12 @@ ExitStatus Export(const std::string& file, receive::Style style) {
             format = MakeFormat(style, std::nullopt, "", receipt);
             text += format->Header();
         }
-        text +=
-            format->Line({{reader.Channels().at(message->channel).topic, message->value}, message->sequence, receipt});
+        const recording::Channel& channel = reader.Channels().at(message->channel);
+        receive::Received received{{channel.topic, message->value}, message->sequence, receipt};
+        if (channel.isFloat) {
+            received.number = std::bit_cast<double>(message->value);
+        }
+        text += format->Line(received);
         if (text.size() >= writeSize) {
             if (!terminal::WriteOut(text)) {
                 return ExitStatus::Done;
@@ -73,7 +78,9 @@ void AddExportCommand(command_line::Command& program, Action& chosen) {
         ->required();
     command.notes.description = {
         "As 'msgbus sub --json' and 'msgbus sub --csv' print them, with the times of the recording; seq "
-        "counts the values of a topic from 0. Values are the 64 bits as an integer, also of a double."};
+        "counts the values of a topic from 0. Values are integers of 64 bits; of a topic that is described as float64 "
+        "they are the numbers, with "
+        "the integer that has their bits as raw in jsonl."};
     command.notes.exitStatuses = Describe({ExitStatus::Done, ExitStatus::Failed, ExitStatus::Usage});
     command.notes.examples = {{"msgbus export drive.mcap --to csv > drive.csv", "For a spreadsheet"}};
     command.callback([&chosen, words] { chosen = [words] { return Export(words->file, ParseStyle(words->format)); }; });

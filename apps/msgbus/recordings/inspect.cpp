@@ -29,13 +29,15 @@ std::string TextOf(const recording::Note& note) {
 
 /// Returns: what is missing in the file, as sentences; empty when nothing is.
 std::string MissingOf(const Summary& summary) {
-    if (!summary.damage.empty()) {
-        return summary.damage + "; what follows could not be read";
+    std::string missing;
+    if (summary.damageCount != 0) {
+        missing = summary.damageCount == 1 ? "a part that is damaged"
+                                           : std::to_string(summary.damageCount) + " parts that are damaged";
     }
     if (summary.end.isComplete) {
-        return "";
+        return missing;
     }
-    return summary.end.reason +
+    return (missing.empty() ? "" : missing + "; ") + summary.end.reason +
            (summary.end.cutBytes == 0
                 ? ""
                 : ": " + std::to_string(summary.end.cutBytes) + " bytes at its end are no whole record") +
@@ -71,6 +73,9 @@ std::string ToText(const Summary& summary) {
     if (summary.otherMessages != 0) {
         text += fmt::format("{} messages of other types are passed over\n", summary.otherMessages);
     }
+    for (const auto& damage : summary.damages) {
+        text += "damaged: " + common::Escaped(damage) + '\n';
+    }
     const std::string missing = MissingOf(summary);
     return missing.empty() ? text : text + "incomplete: " + common::Escaped(missing) + '\n';
 }
@@ -96,6 +101,7 @@ std::string ToJson(const Summary& summary) {
                                {"topics", topics},
                                {"notes", notes},
                                {"other_messages", summary.otherMessages},
+                               {"damages", summary.damages},
                                {"complete", missing.empty()},
                                {"missing", missing}});
 }
@@ -110,14 +116,14 @@ void AddInspectCommand(command_line::Command& program, Action& chosen) {
     command.add_option("FILE", words->file, "recording")->type_name("FILE")->required();
     command.add_flag("--json", words->isJson, "print one JSON object on one line");
     command.notes.exitStatuses = {{"0", "the file is complete, or was only cut"},
-                                  {"1", "it is damaged, or cannot be read"},
+                                  {"1", "it is damaged, and the rest was read; or it cannot be read"},
                                   {"2", "usage error"}};
     command.notes.examples = {{"msgbus inspect drive.mcap", "Topics, rates, losses"}};
     command.callback([&chosen, words] {
         chosen = [words] {
             const Summary summary = Summarize(words->file);
             terminal::WriteOut(words->isJson ? ToJson(summary) : ToText(summary));
-            return summary.damage.empty() ? ExitStatus::Done : ExitStatus::Failed;
+            return summary.damages.empty() ? ExitStatus::Done : ExitStatus::Failed;
         };
     });
 }

@@ -151,8 +151,8 @@ Place ParsePlace(const std::string& word) {
 ExitStatus Play(const PlayArguments& arguments) {
     const EndWatch watch(std::nullopt, EndWatch::Output::Ignored);
     const Summary summary = Summarize(arguments.file);
-    if (!summary.damage.empty()) {
-        throw recording::RecordingError(summary.damage);
+    if (!summary.damages.empty()) {
+        throw recording::RecordingError(summary.damages.front());
     }
     if (!summary.end.isComplete) {
         Say("the recording is incomplete: " + summary.end.reason);

@@ -23,6 +23,22 @@ void Count(Summary& summary, std::map<std::uint16_t, std::size_t>& places, const
     summary.last = std::max(summary.last, message.time);
 }
 
+/// So many damages are described: a file may have one for every few bytes.
+constexpr std::size_t MostDamages = 20;
+
+/// Returns: as RecordingReader::Next, of what is not damaged.
+std::optional<recording::RecordingReader::Item> NextReadable(recording::RecordingReader& reader, Summary& summary) {
+    while (true) {
+        try {
+            return reader.Next();
+        } catch (const recording::RecordingError& error) {
+            if (++summary.damageCount <= MostDamages) {
+                summary.damages.emplace_back(error.what());
+            }
+        }
+    }
+}
+
 } // namespace
 
 Summary Summarize(const std::string& file) {
@@ -30,18 +46,14 @@ Summary Summarize(const std::string& file) {
     Summary summary;
     summary.fileBytes = reader.FileBytes();
     std::map<std::uint16_t, std::size_t> places;
-    try {
-        while (auto item = reader.Next()) {
-            if (const auto* message = std::get_if<recording::Message>(&*item)) {
-                Count(summary, places, reader, *message);
-            } else {
-                summary.notes.push_back(std::get<recording::Note>(std::move(*item)));
-            }
+    while (auto item = NextReadable(reader, summary)) {
+        if (const auto* message = std::get_if<recording::Message>(&*item)) {
+            Count(summary, places, reader, *message);
+        } else {
+            summary.notes.push_back(std::get<recording::Note>(std::move(*item)));
         }
-        summary.end = reader.End();
-    } catch (const recording::RecordingError& error) {
-        summary.damage = error.what();
     }
+    summary.end = reader.End();
     summary.library = reader.Library();
     summary.otherMessages = reader.OtherMessages();
     return summary;

@@ -29,10 +29,12 @@ struct Summary {
     std::string library;
     std::uint64_t fileBytes = 0;
     recording::FileEnd end;
-    std::string damage; ///< why it could be read only so far; empty: it is not damaged
+    std::vector<std::string> damages; ///< of the first parts that could not be read, why
+    std::uint64_t damageCount = 0;    ///< how many there are
 };
 
-/// Reads a whole file. Throws: recording::RecordingError when there is none, or it is no recording.
+/// Reads a whole file, also what is behind a part that is damaged. Throws: recording::RecordingError when there is
+/// none, or it is no recording.
 Summary Summarize(const std::string& file);
 
 } // namespace recordings
