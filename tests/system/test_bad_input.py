@@ -168,7 +168,8 @@ class BadInput(BusTest):
         for program, arguments in (("msgbusd", [f"--{MODE}"]), ("msgbus", ["pub", "t", "1"])):
             process = self.start(f"{BIN}/{program}", *arguments)
             process.expect_exit(FAILED)
-            self.assertRegex("\n".join(process.seen), f"the file {self.runtime}/{folder}/.* is not a socket of the directory's owner")
+            self.assertRegex("\n".join(process.seen),
+                             f"the file {self.runtime}/{folder}/.* is not a socket of the directory's owner")
 
     def is_missing_server(self):
         return self.msgbus("pub", "t", "1").wait() == NO_SERVER

@@ -260,7 +260,8 @@ TEST_F(RuntimeDirectory, AFileUnderAName_IsNeitherReplacedNorRemoved) {
     std::ofstream(root / "static" / "line") << "text";
     std::uint32_t iid = 0;
     EXPECT_EQ(KnInvalidHandle, ServiceLocatorRegister("line", nullptr, 0, &iid));
-    EXPECT_THAT(log, ::testing::HasSubstr((root / "static" / "line").string() + " is not a socket of the directory's owner"));
+    EXPECT_THAT(
+        log, ::testing::HasSubstr((root / "static" / "line").string() + " is not a socket of the directory's owner"));
     KnHandle handle = 0;
     EXPECT_EQ(KnStatusDenied, ServiceLocatorConnect("line", 0, &handle));
     EXPECT_TRUE(fs::is_regular_file(root / "static" / "line"));
