@@ -256,10 +256,16 @@ class Recordings(RecordingTest):
         topics = [each for line in process.seen if line.startswith("{") for each in json.loads(line)["topics"]]
         return any(each["topic"] == topic and each["subscribers"] for each in topics)
 
+    def is_described(self, topic):
+        process = self.msgbus("info", topic, "--json")
+        process.wait()
+        return any('"text":"float64"' in line for line in process.seen)
+
     def test_a_number_of_a_double_is_exported_beside_its_bits(self):
         self.server()
         recorder = self.recorder("d", "t", "-n", "4")
         publisher = self.pub("d", "--description", "float64")
+        wait_until(self, lambda: self.is_described("d"), "the description to be known")
         publisher.write("0x3ff8000000000000\n0x7ff0000000000000\n0x3fb999999999999a\n")
         self.publish("t", 5)
         recorder.expect_exit(DONE)
@@ -361,10 +367,11 @@ class Rings(RecordingTest):
         wait_until(self, self.is_taken, "the values to be taken")
 
     def is_taken(self):
-        process = self.msgbus("list", "subscribers", "--json")
+        process = self.msgbus("top", "--once", "--json")
         process.expect_exit(DONE)
-        readers = [each for line in process.seen if line.startswith("{") for each in json.loads(line)["subscribers"]]
-        return all(each["flows"]["due"] == each["flows"]["taken"] + each["flows"]["dropped"]["total"] for each in readers)
+        bus = json.loads(next(line for line in process.seen if line.startswith("{")))["bus"]
+        flows = bus["flows"]
+        return bus["inbound"] == 0 and flows["due"] == flows["taken"] + flows["dropped"]["total"]
 
     def test_a_signal_writes_what_is_in_memory_and_recording_goes_on(self):
         self.server()
