@@ -27,15 +27,7 @@ enum class Opcode : std::uint8_t {
 
 inline constexpr std::size_t RecordHead = 9; ///< bytes of a record before its content: opcode and length
 inline constexpr std::string_view Zstd = "zstd";
-
-// How values travel, and what other programs need to show them.
 inline constexpr std::string_view Profile = "ros2";
-inline constexpr std::string_view SchemaEncoding = "ros2msg";
-inline constexpr std::string_view MessageEncoding = "cdr";
-inline constexpr std::string_view Int64Name = "std_msgs/msg/Int64";
-inline constexpr std::string_view Int64Definition = "int64 data";
-inline constexpr std::string_view Float64Name = "std_msgs/msg/Float64";
-inline constexpr std::string_view Float64Definition = "float64 data";
 
 // Keys of a channel's metadata that are ours, and one that the profile asks for.
 inline constexpr const char* DescriptionKey = "msgbus.description";

@@ -3,7 +3,7 @@
 #include "encoding.h"
 #include "input_file.h"
 #include "mcap_format.h"
-#include "value_message.h"
+#include "recording/value_message.h"
 
 #include <zstd.h>
 
@@ -175,8 +175,8 @@ private:
         const std::uint16_t id = decoder.U16();
         const auto name = decoder.Text();
         const auto encoding = decoder.Text();
-        if (encoding == mcap::SchemaEncoding && (name == mcap::Int64Name || name == mcap::Float64Name)) {
-            schemas[id] = name == mcap::Float64Name;
+        if (encoding == SchemaEncoding && (name == Int64Name || name == Float64Name)) {
+            schemas[id] = name == Float64Name;
         }
     }
 
@@ -187,7 +187,7 @@ private:
         channel.topic = decoder.Text();
         const auto encoding = decoder.Text();
         const Texts metadata = decoder.Map();
-        if (schema == schemas.end() || encoding != mcap::MessageEncoding) {
+        if (schema == schemas.end() || encoding != MessageEncoding) {
             return; // of another type
         }
         channel.isFloat = schema->second;

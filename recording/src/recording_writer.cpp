@@ -1,9 +1,8 @@
 #include "recording/recording_writer.h"
 
-#include "common/escape.h"
 #include "encoding.h"
 #include "mcap_format.h"
-#include "value_message.h"
+#include "recording/value_message.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -37,17 +36,6 @@ std::string Hexadecimal(std::string_view bytes) {
         text += {digits[byte >> 4], digits[byte & 0xF]};
     }
     return text;
-}
-
-bool IsUtf8(std::string_view bytes) {
-    while (!bytes.empty()) {
-        const utf8::Step step = utf8::Decode(bytes);
-        if (!step.valid) {
-            return false;
-        }
-        bytes.remove_prefix(step.length);
-    }
-    return true;
 }
 
 /// A file that grows by whole records.
@@ -117,20 +105,20 @@ public:
         Flush(); // so that the channel stands before the chunk that has its values
         const std::uint16_t schema = SchemaOf(channel.isFloat);
         const auto id = static_cast<std::uint16_t>(channels.size() + 1);
-        const bool isUtf8 = IsUtf8(channel.topic);
+        const std::string name = ChannelName(channel.topic);
         Texts metadata{{mcap::QosKey, ""}};
         if (!channel.description.empty()) {
             metadata[mcap::DescriptionKey] = channel.description;
         }
-        if (!isUtf8) {
+        if (name != channel.topic) {
             metadata[mcap::TopicBytesKey] = Hexadecimal(channel.topic);
         }
         std::string content;
         Encoder encoder(content);
         encoder.U16(id);
         encoder.U16(schema);
-        encoder.Text(isUtf8 ? channel.topic : common::Escaped(channel.topic));
-        encoder.Text(mcap::MessageEncoding);
+        encoder.Text(name);
+        encoder.Text(MessageEncoding);
         encoder.Map(metadata);
         channels.push_back({Record(Opcode::Channel, content), 0, {}});
         file.Append(channels.back().record);
@@ -303,9 +291,9 @@ private:
             std::string content;
             Encoder encoder(content);
             encoder.U16(id);
-            encoder.Text(isFloat ? mcap::Float64Name : mcap::Int64Name);
-            encoder.Text(mcap::SchemaEncoding);
-            encoder.Text(isFloat ? mcap::Float64Definition : mcap::Int64Definition);
+            encoder.Text(isFloat ? Float64Name : Int64Name);
+            encoder.Text(SchemaEncoding);
+            encoder.Text(isFloat ? Float64Definition : Int64Definition);
             schemas.push_back(Record(Opcode::Schema, content));
             file.Append(schemas.back());
         }

@@ -1,5 +1,6 @@
-#include "value_message.h"
+#include "recording/value_message.h"
 
+#include "common/escape.h"
 #include "encoding.h"
 
 #include <algorithm>
@@ -12,7 +13,22 @@ namespace {
 constexpr std::string_view LittleEndian{"\x00\x01\x00\x00", 4};
 constexpr std::string_view BigEndian{"\x00\x00\x00\x00", 4};
 
+bool IsUtf8(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const utf8::Step step = utf8::Decode(bytes);
+        if (!step.valid) {
+            return false;
+        }
+        bytes.remove_prefix(step.length);
+    }
+    return true;
+}
+
 } // namespace
+
+std::string ChannelName(std::string_view topic) {
+    return IsUtf8(topic) ? std::string(topic) : common::Escaped(topic);
+}
 
 void AppendValueMessage(std::string& bytes, std::int64_t value) {
     bytes += LittleEndian;

@@ -4,7 +4,7 @@
 #include "encoding.h"
 #include "recording/recording_reader.h"
 #include "recording/recording_writer.h"
-#include "value_message.h"
+#include "recording/value_message.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -77,9 +77,9 @@ std::string SchemaRecord() {
     std::string content;
     Encoder encoder(content);
     encoder.U16(1);
-    encoder.Text(mcap::Int64Name);
-    encoder.Text(mcap::SchemaEncoding);
-    encoder.Text(mcap::Int64Definition);
+    encoder.Text(recording::Int64Name);
+    encoder.Text(recording::SchemaEncoding);
+    encoder.Text(recording::Int64Definition);
     return Record(Opcode::Schema, content);
 }
 
@@ -89,7 +89,7 @@ std::string ChannelRecord(std::uint16_t id, const std::string& topic, const Text
     encoder.U16(id);
     encoder.U16(1);
     encoder.Text(topic);
-    encoder.Text(mcap::MessageEncoding);
+    encoder.Text(recording::MessageEncoding);
     encoder.Map(metadata);
     return Record(Opcode::Channel, content);
 }

@@ -2,7 +2,7 @@
 
 #include "encoding.h"
 
-#include "value_message.h"
+#include "recording/value_message.h"
 
 #include <gtest/gtest.h>
 
