@@ -14,6 +14,7 @@
 #include "recordings/inspect.h"
 #include "recordings/play.h"
 #include "recordings/record.h"
+#include "stream/stream.h"
 #include "trace/trace.h"
 
 #include <iostream>
@@ -73,6 +74,7 @@ std::unique_ptr<Command> MakeProgram(Action& chosen) {
     recordings::AddInspectCommand(*program, chosen);
     recordings::AddExportCommand(*program, chosen);
     AddLookCommands(*program, chosen);
+    stream::AddCommand(*program, chosen);
     trace::AddCommand(*program, chosen);
     diagnosis::AddDoctorCommand(*program, chosen);
     explain::AddErrorsCommand(*program, chosen);

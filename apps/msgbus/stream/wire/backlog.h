@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <string_view>
+
+namespace stream {
+
+/// The kinds of WebSocket frames that are made here (RFC 6455, 5.2).
+enum class FrameKind : unsigned char { Text = 1, Binary = 2, Close = 8 };
+
+/// Appends the head of an unfragmented frame, which a server does not mask.
+void AppendFrameHead(std::string& bytes, FrameKind kind, std::size_t size);
+
+/// Returns: a frame that ends the connection. `reason`: of at most 123 bytes.
+std::string CloseFrame(std::uint16_t code, std::string_view reason);
+
+/// What waits for one client, bounded: of its values the oldest is dropped and counted when there are too many.
+class Backlog final {
+public:
+    /// A third of a second at 100,000 values/s, and 768 KiB.
+    static constexpr std::size_t MostValues = 32768;
+    /// A client that leaves so many texts unread does not read at all.
+    static constexpr std::size_t MostTexts = 64;
+
+    struct Value {
+        std::uint32_t subscription;
+        std::uint64_t timeNs;
+        std::int64_t value;
+    };
+
+    /// Returns: false when there are too many; it was not taken.
+    [[nodiscard]] bool AddText(std::string text);
+    void AddValue(const Value& value);
+    /// Drops the values of a subscription that has ended.
+    void Forget(std::uint32_t subscription);
+    void ForgetValues() { values.clear(); }
+    /// Lets the next frames begin with a text about what was dropped.
+    void ReportDropped() { isReportDue = true; }
+
+    /// Moves frames to the end of `bytes`, until these are about `most`: texts first.
+    void TakeFrames(std::string& bytes, std::size_t most);
+
+    bool IsEmpty() const noexcept { return values.empty() && texts.empty() && !isReportDue; }
+    std::size_t ValueCount() const noexcept { return values.size(); }
+    /// Returns: how many values were dropped so far.
+    std::uint64_t Dropped() const noexcept { return dropped; }
+
+private:
+    std::deque<std::string> texts;
+    std::deque<Value> values;
+    std::uint64_t dropped = 0;
+    bool isReportDue = false;
+};
+
+} // namespace stream
