@@ -75,6 +75,7 @@ class StreamAccess(StreamTest):
                 (b"GET / HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                  b"Sec-WebSocket-Protocol: foxglove.sdk.v1\r\nSec-WebSocket-Version: 99\r\n\r\n", b" 4"),
                 (b"\0\1\2\3\r\n\r\n", b" 400 "),
+                (b"GET / HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\n\r\n\x81\x80", b" 400 "),
                 (b"GET / HTTP/1.1\r\nX: " + 20000 * b"x", b" 400 ")):
             with socket.create_connection(("127.0.0.1", process.port), timeout=60) as connection:
                 connection.sendall(request)
@@ -128,6 +129,7 @@ class StreamAccess(StreamTest):
                 ({"op": "subscribe", "subscriptions": [{"id": 1, "channelId": channel}]}, "there is a subscription 1 already"),
                 ({"op": "subscribe", "subscriptions": [{"id": 2, "channelId": channel}]}, "a subscription to channel"),
                 ({"op": "unsubscribe", "subscriptionIds": [3]}, "there is no subscription 3"),
+                ({"op": "unsubscribe", "subscriptionIds": list(range(10, 1000))}, "there is no subscription 10 (and 989 more)"),
                 ({"op": "getParameters\n"}, "does not serve 'getParameters\\n'")):
             client.send(**request)
             status = client.text("status")

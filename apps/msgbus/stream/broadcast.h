@@ -28,7 +28,7 @@ public:
     /// Returns: a number for the next client, from 1.
     std::uint64_t NextNumber() noexcept { return ++lastNumber; }
 
-    /// Takes a value from the bus. Returns: whether Describe is due after LiveTopics::Patience.
+    /// Takes a value from the bus. Returns: whether Describe is due.
     bool Take(const std::string& topic, std::uint64_t timeNs, std::int64_t value);
     /// Looks at what the values mean now, and gives topics of another type new channels.
     /// Returns: whether values are still held back.

@@ -113,7 +113,12 @@ asio::awaitable<std::optional<Handshake>> ReadHandshake(WebSocketLayer& layer, B
         }
         co_return std::nullopt;
     }
-    // What follows the header would be frames before the handshake is answered, which no client sends.
+    if (buffer.size() != 0) {
+        const Admission refusal{http::status::bad_request, "more than the request came before its answer", {}};
+        broadcast.ReportRefusal(refusal.reason);
+        co_await Refuse(layer, refusal);
+        co_return std::nullopt;
+    }
     co_return parser.release();
 }
 
@@ -207,49 +212,61 @@ asio::awaitable<void> Connection::Serve(WebSocket& webSocket) {
 
 void Connection::Answer(const std::string& text) {
     const Request request = ParseRequest(text);
+    std::string first; // one answer to one request, however many wishes it has
+    std::size_t count = 0;
+    const auto note = [&](std::string problem) {
+        if (!problem.empty() && count++ == 0) {
+            first = std::move(problem);
+        }
+    };
     if (const auto* const subscribe = std::get_if<Subscribe>(&request)) {
         for (const auto& wish : subscribe->wishes) {
-            Add(wish.id, wish.channel);
+            note(Add(wish.id, wish.channel));
         }
     } else if (const auto* const unsubscribe = std::get_if<Unsubscribe>(&request)) {
         for (const auto id : unsubscribe->ids) {
-            End(id);
+            note(End(id));
         }
     } else {
-        Complain("this server does not serve '" + std::get<OtherRequest>(request).operation + "'");
+        note("this server does not serve '" + std::get<OtherRequest>(request).operation + "'");
+    }
+    if (count != 0) {
+        Send(Status(Level::Error, first + (count == 1 ? "" : " (and " + std::to_string(count - 1) + " more)")));
     }
 }
 
-void Connection::Add(std::uint32_t id, std::uint32_t channel) {
+std::string Connection::Add(std::uint32_t id, std::uint32_t channel) {
     const auto topic = broadcast.Topics().TopicOf(channel);
     if (!topic) {
-        Complain("there is no channel " + std::to_string(channel));
-    } else if (subscriptions.contains(id)) {
-        Complain("there is a subscription " + std::to_string(id) + " already");
-    } else if (idsOfTopics[*topic]) {
-        Complain("there is a subscription to channel " + std::to_string(channel) + " already");
-    } else {
-        subscriptions[id] = *topic;
-        idsOfTopics[*topic] = id;
+        return "there is no channel " + std::to_string(channel);
     }
+    if (subscriptions.contains(id)) {
+        return "there is a subscription " + std::to_string(id) + " already";
+    }
+    if (idsOfTopics[*topic]) {
+        return "there is a subscription to channel " + std::to_string(channel) + " already";
+    }
+    subscriptions[id] = *topic;
+    idsOfTopics[*topic] = id;
+    withdrawn.erase(id);
+    return {};
 }
 
-void Connection::End(std::uint32_t id) {
+std::string Connection::End(std::uint32_t id) {
     const auto found = subscriptions.find(id);
     if (found == subscriptions.end()) {
-        Complain("there is no subscription " + std::to_string(id));
-        return;
+        return withdrawn.erase(id) != 0 ? "" : "there is no subscription " + std::to_string(id);
     }
     idsOfTopics[found->second].reset();
     subscriptions.erase(found);
     outbox->Pending().Forget(id);
-}
-
-void Connection::Complain(const std::string& sentence) {
-    Send(Status(Level::Error, sentence));
+    return {};
 }
 
 void Connection::Send(std::string text) {
+    if (outbox->HasFailed()) {
+        return;
+    }
     if (!outbox->Pending().AddText(std::move(text))) {
         Say(name + " does not read: it is cut");
         outbox->Close();
@@ -268,6 +285,7 @@ void Connection::Send(const LiveValue& value) {
 void Connection::Replace(std::size_t topic, std::uint32_t oldChannel) {
     if (const auto id = std::exchange(idsOfTopics[topic], std::nullopt)) {
         subscriptions.erase(*id);
+        withdrawn.insert(*id);
         outbox->Pending().Forget(*id);
     }
     Send(Unadvertise(oldChannel));
@@ -286,10 +304,8 @@ void Connection::ReportDropped() {
 }
 
 void Connection::Farewell(std::uint16_t code, const std::string& reason) {
-    outbox->StopBacklog();
-    if (outbox->HasRoom()) {
-        outbox->Write(CloseFrame(code, reason));
-    }
+    outbox->Pending().End(CloseFrame(code, reason));
+    outbox->Schedule();
 }
 
 asio::awaitable<void> ServeClient(asio::ip::tcp::socket socket, Broadcast& broadcast) {

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,15 +44,16 @@ public:
 
 private:
     void Answer(const std::string& text);
-    void Add(std::uint32_t id, std::uint32_t channel);
-    void End(std::uint32_t id);
-    void Complain(const std::string& sentence);
+    /// Each returns: what is wrong with the request, as a sentence; empty: it is served.
+    std::string Add(std::uint32_t id, std::uint32_t channel);
+    std::string End(std::uint32_t id);
 
     const std::shared_ptr<Outbox> outbox;
     Broadcast& broadcast;
     const std::string name;
     std::map<std::uint32_t, std::size_t> subscriptions;    ///< topics by id
     std::vector<std::optional<std::uint32_t>> idsOfTopics; ///< the same by topic
+    std::set<std::uint32_t> withdrawn; ///< subscriptions to former channels, which the client may still end
     std::uint64_t droppedReported = 0;
 };
 

@@ -38,11 +38,7 @@ bool LiveTopics::Take(const std::string& topic, std::uint64_t timeNs, std::int64
         state.since = now;
     }
     state.held.push_back(live);
-    if (state.held.size() >= MostHeld) {
-        Release(state);
-        return false;
-    }
-    return state.held.size() == 1;
+    return ++heldCount >= MostHeld || state.held.size() == 1;
 }
 
 std::vector<LiveTopics::Change> LiveTopics::Describe(const recordings::Descriptions& descriptions) {
@@ -64,14 +60,13 @@ std::vector<LiveTopics::Change> LiveTopics::Describe(const recordings::Descripti
 }
 
 bool LiveTopics::Settle(Clock::time_point now) {
-    bool isAnyHeld = false;
+    const bool areTooMany = heldCount >= MostHeld;
     for (auto& state : states) {
-        if (!state.held.empty() && (state.isSettled || now - state.since >= Patience)) {
+        if (!state.held.empty() && (areTooMany || state.isSettled || now - state.since >= Patience)) {
             Release(state);
         }
-        isAnyHeld = isAnyHeld || !state.held.empty();
     }
-    return isAnyHeld;
+    return heldCount != 0;
 }
 
 std::optional<std::size_t> LiveTopics::TopicOf(std::uint32_t channel) const {
@@ -86,6 +81,7 @@ std::optional<std::size_t> LiveTopics::TopicOf(std::uint32_t channel) const {
 void LiveTopics::Release(Topic& topic) {
     topic.isSettled = true;
     const auto held = std::exchange(topic.held, {});
+    heldCount -= held.size();
     for (const auto& live : held) {
         deliverValue(live);
     }

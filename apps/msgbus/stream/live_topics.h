@@ -31,13 +31,14 @@ public:
     using Deliver = std::function<void(const LiveValue&)>;
     /// How long values wait for a description.
     static constexpr std::chrono::milliseconds Patience{300};
-    /// How many of a topic wait at most.
-    static constexpr std::size_t MostHeld = 65536;
+    /// How many wait at most, of all topics: half of what a client can have waiting, which gets them at once.
+    static constexpr std::size_t MostHeld = 16384;
 
     /// `topics`: their bytes. `deliver`: called with each value that is due, inside the calls below.
     LiveTopics(const std::vector<std::string>& topics, Deliver deliver);
 
-    /// Takes a value from the bus. Returns: whether Settle is due after Patience, because it is held back.
+    /// Takes a value from the bus. Returns: whether Describe and Settle are due, because it is held back: as the
+    /// first one of its topic, or the last one that may be.
     bool Take(const std::string& topic, std::uint64_t timeNs, std::int64_t value, Clock::time_point now);
 
     /// Looks at what is known now, and delivers what has waited long enough. A topic that turns out to have values of
@@ -72,6 +73,7 @@ private:
     std::vector<Channel> channels;
     std::unordered_map<std::string, std::size_t> indexes; ///< by the bytes that arrive with values
     std::uint32_t nextChannel = 1;
+    std::size_t heldCount = 0; ///< of all topics
 };
 
 } // namespace stream

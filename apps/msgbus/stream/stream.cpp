@@ -113,30 +113,36 @@ private:
 
     /// Returns: false after Cancel.
     bool TakeValues() {
-        for (int count = 0; count < ValuesOfTurn; ++count) {
+        bool isHeldBack = false;
+        auto outcome = msgbus::Outcome::Value;
+        for (int count = 0; count < ValuesOfTurn && outcome == msgbus::Outcome::Value; ++count) {
             const auto received = subscriber.TryNext();
-            if (received.outcome != msgbus::Outcome::Value) {
-                return received.outcome != msgbus::Outcome::Canceled;
-            }
-            const auto now = std::chrono::time_point_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now());
-            if (broadcast.Take(received->topic, static_cast<std::uint64_t>(now.time_since_epoch().count()),
-                               received->value)) {
-                Describe();
+            outcome = received.outcome;
+            if (received) {
+                const auto now = std::chrono::system_clock::now().time_since_epoch();
+                const auto nowNs = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+                isHeldBack |= broadcast.Take(received->topic, static_cast<std::uint64_t>(nowNs), received->value);
             }
         }
-        return true;
+        if (isHeldBack) {
+            Describe();
+        }
+        return outcome != msgbus::Outcome::Canceled;
     }
 
     /// Looks at the descriptions, and again later while values are held back.
     void Describe() {
-        if (broadcast.Describe(recordings::DescriptionsOnTheBus())) {
-            settling.expires_after(LiveTopics::Patience);
-            settling.async_wait([this](const boost::system::error_code& error) {
-                if (!error) {
-                    Describe();
-                }
-            });
+        if (!broadcast.Describe(recordings::DescriptionsOnTheBus()) || isSettling) {
+            return;
         }
+        isSettling = true;
+        settling.expires_after(LiveTopics::Patience);
+        settling.async_wait([this](const boost::system::error_code& error) {
+            isSettling = false;
+            if (!error) {
+                Describe();
+            }
+        });
     }
 
     void Report() {
@@ -163,6 +169,7 @@ private:
     asio::steady_timer reports;
     asio::steady_timer settling;
     std::uint64_t lostReported = 0;
+    bool isSettling = false;
 };
 
 /// Says the address where the user looks for it; also with --quiet when it cannot be known otherwise.
@@ -224,7 +231,8 @@ ExitStatus Stream(const Arguments& arguments) {
         context.run();
     } catch (const std::exception& error) {
         busSide.reset();
-        End(context, broadcast, InternalError, error.what());
+        broadcast.Report(Level::Error, error.what());
+        End(context, broadcast, InternalError, "the bus cannot be received any more");
         throw;
     }
     busSide.reset();

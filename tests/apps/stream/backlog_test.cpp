@@ -45,6 +45,27 @@ TEST(StreamBacklogTest, CloseFrame_HasCodeAndReasonAndFits) {
     EXPECT_EQ(CloseFrame(1000, std::string(200, 'x')).size(), 2U + 125U);
 }
 
+TEST(StreamBacklogTest, ReasonThatIsCut_IsUtf8AllTheSame) {
+    const std::string reason = std::string(122, 'x') + "\u00e9";
+    EXPECT_TRUE(CloseFrame(1000, reason).ends_with("xx"));
+    EXPECT_EQ(CloseFrame(1000, reason.substr(1)).size(), 4U + 123U);
+}
+
+TEST(StreamBacklogTest, End_IsBehindTheTextsAndNothingFollows) {
+    Backlog backlog;
+    backlog.AddValue({1, 2, 3});
+    ASSERT_TRUE(backlog.AddText("a"));
+    backlog.End("the end");
+    EXPECT_FALSE(backlog.IsEmpty());
+    EXPECT_TRUE(backlog.AddText("b"));
+    backlog.AddValue({1, 2, 4});
+
+    EXPECT_EQ(All(backlog), "\x81\x01"
+                            "athe end");
+    EXPECT_TRUE(backlog.IsEmpty());
+    EXPECT_EQ(All(backlog), "");
+}
+
 TEST(StreamBacklogTest, Texts_AreSentBeforeValuesAndAllInOrder) {
     Backlog backlog;
     backlog.AddValue({1, 2, 3});
@@ -87,7 +108,7 @@ TEST(StreamBacklogTest, ReportOfDropped_ComesOnceWithTheNumber) {
     for (std::size_t value = 0; value < Backlog::MostValues + 5; ++value) {
         backlog.AddValue({1, 2, 3});
     }
-    backlog.ForgetValues();
+    All(backlog);
     EXPECT_TRUE(backlog.IsEmpty());
     backlog.ReportDropped();
     EXPECT_FALSE(backlog.IsEmpty());

@@ -79,11 +79,16 @@ TEST_F(LiveTopicsTest, ChangedTypes_NeverGetAChannelThatWas) {
 }
 
 TEST_F(LiveTopicsTest, WhatIsHeldBack_IsBounded) {
+    bool isDue = false;
     for (std::size_t value = 0; value < LiveTopics::MostHeld; ++value) {
-        Take("a", static_cast<std::int64_t>(value));
+        isDue = Take(value % 2 == 0 ? "a" : "b\xff", static_cast<std::int64_t>(value));
     }
+    EXPECT_TRUE(isDue);
+    EXPECT_TRUE(delivered.empty());
+    EXPECT_FALSE(topics.Settle(now));
     EXPECT_EQ(delivered.size(), LiveTopics::MostHeld);
     EXPECT_EQ(delivered.front().second, 0);
+    EXPECT_FALSE(Take("a", 1));
 }
 
 TEST_F(LiveTopicsTest, TopicsThatArriveCutAlike_AreOneChannel) {

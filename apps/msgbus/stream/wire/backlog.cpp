@@ -29,7 +29,13 @@ void AppendFrameHead(std::string& bytes, FrameKind kind, std::size_t size) {
 
 std::string CloseFrame(std::uint16_t code, std::string_view reason) {
     constexpr std::size_t longestReason = 123;
-    reason = reason.substr(0, longestReason);
+    if (reason.size() > longestReason) {
+        std::size_t size = longestReason;
+        while (size > 0 && (static_cast<unsigned char>(reason[size]) & 0xC0) == 0x80) { // inside a character
+            --size;
+        }
+        reason = reason.substr(0, size);
+    }
     std::string bytes;
     AppendFrameHead(bytes, FrameKind::Close, sizeof code + reason.size());
     bytes += {static_cast<char>(code >> 8), static_cast<char>(code & 0xFF)};
@@ -38,6 +44,9 @@ std::string CloseFrame(std::uint16_t code, std::string_view reason) {
 }
 
 bool Backlog::AddText(std::string text) {
+    if (hasEnded) {
+        return true;
+    }
     if (texts.size() >= MostTexts) {
         return false;
     }
@@ -46,6 +55,9 @@ bool Backlog::AddText(std::string text) {
 }
 
 void Backlog::AddValue(const Value& value) {
+    if (hasEnded) {
+        return;
+    }
     if (values.size() >= MostValues) {
         values.pop_front();
         ++dropped;
@@ -55,6 +67,12 @@ void Backlog::AddValue(const Value& value) {
 
 void Backlog::Forget(std::uint32_t subscription) {
     std::erase_if(values, [subscription](const Value& value) { return value.subscription == subscription; });
+}
+
+void Backlog::End(std::string frame) {
+    values.clear();
+    lastFrame = std::move(frame);
+    hasEnded = true;
 }
 
 void Backlog::TakeFrames(std::string& bytes, std::size_t most) {
@@ -73,6 +91,9 @@ void Backlog::TakeFrames(std::string& bytes, std::size_t most) {
         AppendFrameHead(bytes, FrameKind::Binary, ValueSize);
         const Value& value = values.front();
         AppendValue(bytes, value.subscription, value.timeNs, value.value);
+    }
+    if (texts.empty()) {
+        bytes += std::exchange(lastFrame, {});
     }
 }
 

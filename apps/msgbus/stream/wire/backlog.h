@@ -14,7 +14,7 @@ enum class FrameKind : unsigned char { Text = 1, Binary = 2, Close = 8 };
 /// Appends the head of an unfragmented frame, which a server does not mask.
 void AppendFrameHead(std::string& bytes, FrameKind kind, std::size_t size);
 
-/// Returns: a frame that ends the connection. `reason`: of at most 123 bytes.
+/// Returns: a frame that ends the connection. `reason`: UTF-8; what is behind its first 123 bytes is left out.
 std::string CloseFrame(std::uint16_t code, std::string_view reason);
 
 /// What waits for one client, bounded: of its values the oldest is dropped and counted when there are too many.
@@ -36,14 +36,16 @@ public:
     void AddValue(const Value& value);
     /// Drops the values of a subscription that has ended.
     void Forget(std::uint32_t subscription);
-    void ForgetValues() { values.clear(); }
     /// Lets the next frames begin with a text about what was dropped.
     void ReportDropped() { isReportDue = true; }
+
+    /// Lets `frame` be the last one, behind the texts that wait; there will be no values, and nothing more is taken.
+    void End(std::string frame);
 
     /// Moves frames to the end of `bytes`, until these are about `most`: texts first.
     void TakeFrames(std::string& bytes, std::size_t most);
 
-    bool IsEmpty() const noexcept { return values.empty() && texts.empty() && !isReportDue; }
+    bool IsEmpty() const noexcept { return values.empty() && texts.empty() && !isReportDue && lastFrame.empty(); }
     std::size_t ValueCount() const noexcept { return values.size(); }
     /// Returns: how many values were dropped so far.
     std::uint64_t Dropped() const noexcept { return dropped; }
@@ -53,6 +55,8 @@ private:
     std::deque<Value> values;
     std::uint64_t dropped = 0;
     bool isReportDue = false;
+    bool hasEnded = false;
+    std::string lastFrame;
 };
 
 } // namespace stream

@@ -78,6 +78,7 @@ inline void beast_close_socket(WebSocketLayer& layer) {
 /// Called by the library at the end of a connection: its last frame may not be sent yet.
 template <typename Handler>
 void async_teardown(boost::beast::role_type role, WebSocketLayer& layer, Handler&& handler) {
+    layer.Output().StopBacklog();
     layer.Output().CloseSoon();
     layer.AsyncSendAll(
         [role, &layer, handler = std::forward<Handler>(handler)](const boost::system::error_code&) mutable {
