@@ -13,6 +13,8 @@
 
 namespace stream {
 
+// NOLINTBEGIN(readability-identifier-naming): names that the library looks for.
+
 /// What the WebSocket library reads from and writes to: it reads from the socket, and writes to the outbox, which takes
 /// each of its frames as a whole, so that frames of values can be between them. Not final: the library derives from it
 /// to see what it can do.
@@ -86,5 +88,7 @@ void async_teardown(boost::beast::role_type role, WebSocketLayer& layer, Handler
             async_teardown(role, layer.Output().Socket(), std::move(handler));
         });
 }
+
+// NOLINTEND(readability-identifier-naming)
 
 } // namespace stream
