@@ -154,6 +154,19 @@ class GroupAccess(BusTest):
         self.environment["XDG_RUNTIME_DIR"] = session
         self.expect_refused(BY_SUPPLEMENT, f"it belongs to another user (uid {OWNER})")
 
+    def test_a_directory_that_another_user_may_have_put_there_is_not_trusted(self):
+        self.serve("--group", str(GROUP))
+        folder = os.path.dirname(self.runtime)
+        for owner, mode in ((0, 0o1777), (0, 0o775), (FOREIGN, 0o755)):
+            os.chown(folder, owner, owner)
+            os.chmod(folder, mode)
+            status, text = self.run_as(BY_SUPPLEMENT, "pub", "trial", "1")
+            self.assertEqual(status, FAILED, text)
+            self.assertRegex(text, "a third one may have put it where it is|the directory above it (is writable|belongs)")
+        os.chown(folder, 0, 0)
+        os.chmod(folder, 0o755)
+        self.expect_use(BY_SUPPLEMENT)
+
     def test_groups_that_cannot_be_let_in(self):
         process = self.start(*as_user(OWNER, f"{BIN}/msgbusd", f"--{MODE}", "--group", str(GROUP)))
         process.expect_error(f"the group {GROUP} cannot be let in: this server's user is not one of its members")

@@ -24,7 +24,8 @@ std::int32_t KnPolicySetConnectionLimits(std::uint32_t perCaller, std::uint32_t 
 /// are given to the group, which may enter and connect but change nothing (modes 0710 and 0660).
 ///
 /// Returns: 0; KnStatusDenied when this process is not root's and does not have the group; KnStatusInvalidArgument for
-/// the number that stands for no group, 2^32 - 1. Threads: any.
+/// the number that stands for no group, 2^32 - 1, and for the one that stands for all groups without a number in this
+/// namespace of users (usually 65534). Threads: any.
 std::int32_t KnPolicyAllowGroup(std::uint32_t group) noexcept;
 
 /// Returns: how many connections this process has refused because of a limit, which is the answer KnStatusBusy: those

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <fstream>
 #include <vector>
 
 namespace borven_host {
@@ -21,6 +22,14 @@ std::atomic<gid_t> group{NoGroup};
 
 bool Contains(const std::vector<gid_t>& groups, gid_t wanted) {
     return std::find(groups.begin(), groups.end(), wanted) != groups.end();
+}
+
+/// Returns: the number in a file of the kernel's; the usual one of an unmapped user or group when it cannot be read.
+std::uint32_t ReadId(const char* path) {
+    constexpr std::uint32_t usual = 65534;
+    std::uint32_t id = 0;
+    std::ifstream(path) >> id;
+    return id == 0 ? usual : id;
 }
 
 /// Returns: the supplementary groups that the peer had when it connected; none when the kernel does not say.
@@ -52,6 +61,11 @@ bool IsOwnGroup(gid_t wanted) {
 
 } // namespace
 
+uid_t UnmappedUser() {
+    static const uid_t user = ReadId("/proc/sys/kernel/overflowuid");
+    return user;
+}
+
 std::optional<gid_t> AdmittedGroup() noexcept {
     const gid_t admitted = group.load(std::memory_order_relaxed);
     return admitted == NoGroup ? std::nullopt : std::optional(admitted);
@@ -72,6 +86,10 @@ std::int32_t KnPolicyAllowGroup(std::uint32_t group) noexcept {
         return KnStatusInvalidArgument;
     }
     return borven_host::NoThrow([&]() -> std::int32_t {
+        // Processes with any group that is not known here would seem to have that one.
+        if (group == borven_host::ReadId("/proc/sys/kernel/overflowgid")) {
+            return KnStatusInvalidArgument;
+        }
         if (!borven_host::IsOwnGroup(group)) {
             return KnStatusDenied;
         }

@@ -15,4 +15,8 @@ std::optional<gid_t> AdmittedGroup() noexcept;
 /// of the same user; or a group is admitted, and it is root's or has that group. Threads: any.
 bool MayConnect(int socket, const Peer& peer);
 
+/// The number that stands for every user without one in this namespace of users: whose what it owns is, is not known.
+/// Threads: any.
+uid_t UnmappedUser();
+
 } // namespace borven_host

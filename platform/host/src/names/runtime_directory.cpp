@@ -103,6 +103,31 @@ std::string FaultForClient(const struct stat& found) {
     return FaultOfMode(found, true);
 }
 
+/// Returns: whether the process that put `entry` into the directory `above` can only have been root's or this user's.
+bool IsPlacedByTrusted(const struct stat& above, const struct stat& entry) {
+    const auto isTrusted = [](uid_t user) { return user == 0 || user == ::geteuid(); };
+    const bool isShared = (above.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    return isTrusted(above.st_uid) && (!isShared || ((above.st_mode & S_ISVTX) != 0 && isTrusted(entry.st_uid)));
+}
+
+/// Returns: why the directory of another user, which is open as `directory`, must not be used; empty: it may. A user
+/// that is known here has made it, where no third one could have put it.
+std::string FaultOfForeign(int directory, struct stat entry) {
+    if (entry.st_uid == UnmappedUser()) {
+        return "it belongs to a user that has no number here";
+    }
+    UniqueFd at(::openat(directory, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    struct stat above {};
+    while (at && ::fstat(at.Get(), &above) == 0 && (above.st_dev != entry.st_dev || above.st_ino != entry.st_ino)) {
+        if (!IsPlacedByTrusted(above, entry)) {
+            return "it belongs to another user, and a third one may have put it where it is";
+        }
+        entry = above;
+        at = UniqueFd(::openat(at.Get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    }
+    return at ? "" : "what is above it cannot be entered";
+}
+
 bool IsRootDirectory(const struct stat& directory) {
     struct stat root {};
     return ::stat("/", &root) != 0 || (root.st_dev == directory.st_dev && root.st_ino == directory.st_ino);
@@ -169,7 +194,10 @@ std::int32_t OpenRuntimeDirectory(const std::string& path, Purpose purpose, Miss
     if (::fstat(opened.Get(), &found) != 0) {
         return FailOrRefuse(path, "");
     }
-    const std::string fault = purpose == Purpose::Connects ? FaultForClient(found) : FaultForServer(found);
+    std::string fault = purpose == Purpose::Connects ? FaultForClient(found) : FaultForServer(found);
+    if (fault.empty() && found.st_uid != ::geteuid()) {
+        fault = FaultOfForeign(opened.Get(), found);
+    }
     if (!fault.empty()) {
         return Refuse(path, fault);
     }

@@ -23,9 +23,10 @@ std::string DescribeRuntimeDirectory();
 /// Opens the runtime directory at `path`. It must be a directory and no symbolic link, and belong to this user. It must
 /// be closed to all others, but its group may enter it where this process connects, or admits that group
 /// (AdmittedGroup); then this gives the directory to the group. Where this process connects, and the user has named the
-/// directory ($BORVEN_RUNTIME_DIR), it may belong to another user and be open to its group: that user is trusted, and
-/// nobody else. The directory above it must belong to this user or root, and others may write to it only if it is
-/// sticky: a process that may rename the runtime directory could keep the server and its clients apart.
+/// directory ($BORVEN_RUNTIME_DIR), it may belong to another user and be open to its group: that user is trusted
+/// then, if only root or this user can have put the directory where it is. The directory above it must belong to this
+/// user or root, and others may write to it only if it is sticky: a process that may rename the runtime directory could
+/// keep the server and its clients apart.
 ///
 /// A missing one is created with mode 0700, but nothing above it, and not in the root directory, where a wrong setting
 /// would otherwise leave its trace.
