@@ -227,9 +227,12 @@ int main(int argc, char** argv) {
     if (settings.arenaPool) {
         msgbusd::PoolArenaMappings();
     }
-    if (settings.group && KnPolicyAllowGroup(*settings.group) != 0) {
-        return Fail("the group " + std::to_string(*settings.group) +
-                    " cannot be let in: this server's user is not one of its members");
+    if (settings.group) {
+        if (const auto status = KnPolicyAllowGroup(*settings.group); status != KnStatusOk) {
+            return Fail("the group " + std::to_string(*settings.group) + " cannot be let in: " +
+                        (status == KnStatusInvalidArgument ? "it stands for all groups that are not known here"
+                                                           : "this server's user is not one of its members"));
+        }
     }
     try {
         msgbusd::CheckStart(settings.server.connectionType);

@@ -12,6 +12,40 @@ USERS = {OWNER: (OWNER, (OWNER,)), BY_PRIMARY: (GROUP, (BY_PRIMARY,)), BY_SUPPLE
          FOREIGN: (FOREIGN, (FOREIGN,)), 0: (0, (0,))}
 
 
+# Runs the words behind it without the right to change the owner or the group of a file: its system call answers EPERM.
+WITHOUT_CHOWN = """
+import ctypes, os, platform, struct, sys
+fchownat = {"x86_64": 260, "aarch64": 54}[platform.machine()]
+load, equal, answer = 0x20, 0x15, 0x06
+steps = [(load, 0, 0, 0), (equal, 0, 1, fchownat), (answer, 0, 0, 0x00050001), (answer, 0, 0, 0x7FFF0000)]
+program = b"".join(struct.pack("<HBBI", *step) for step in steps)
+buffer = ctypes.create_string_buffer(program)
+class Filter(ctypes.Structure):
+    _fields_ = [("length", ctypes.c_ushort), ("steps", ctypes.c_void_p)]
+libc = ctypes.CDLL(None, use_errno=True)
+filter = Filter(len(steps), ctypes.addressof(buffer))
+if libc.prctl(22, 2, ctypes.byref(filter), 0, 0) != 0:
+    sys.exit(f"no filter: {os.strerror(ctypes.get_errno())}")
+os.execvp(sys.argv[1], sys.argv[1:])
+"""
+
+# Tries to change each entry that is named, and prints what succeeds.
+CHANGES = """
+import os, socket, sys
+for path in sys.argv[1:]:
+    for name, attempt in (("unlink", lambda: os.unlink(path)), ("rename", lambda: os.rename(path, path + "-away")),
+                          ("chmod", lambda: os.chmod(path, 0o777)), ("open", lambda: os.open(path, os.O_RDONLY)),
+                          ("write", lambda: os.open(path, os.O_WRONLY)), ("mkdir", lambda: os.mkdir(path + "/new")),
+                          ("list", lambda: os.listdir(path)), ("link", lambda: os.symlink("/tmp", path + "-new")),
+                          ("bind", lambda: socket.socket(socket.AF_UNIX).bind(path + "/new"))):
+        try:
+            attempt()
+        except OSError:
+            continue
+        print(f"{name} {path}")
+"""
+
+
 def as_user(uid, *words, groups=None):
     gid, others = USERS[uid]
     return ["setpriv", f"--reuid={uid}", f"--regid={gid}", f"--groups={','.join(map(str, groups or others))}", *words]
@@ -171,10 +205,58 @@ class GroupAccess(BusTest):
         process = self.start(*as_user(OWNER, f"{BIN}/msgbusd", f"--{MODE}", "--group", str(GROUP)))
         process.expect_error(f"the group {GROUP} cannot be let in: this server's user is not one of its members")
         process.expect_exit(FAILED)
+        with open("/proc/sys/kernel/overflowgid", encoding="ascii") as file:
+            unmapped = file.read().strip()
+        process = self.start(*as_user(OWNER, f"{BIN}/msgbusd", f"--{MODE}", "--group", unmapped, groups=(OWNER, unmapped)))
+        process.expect_error(f"the group {unmapped} cannot be let in: it stands for all groups that are not known here")
+        process.expect_exit(FAILED)
         for name in ("no-such-group", "-1", "4294967295", "12x"):
             process = self.start(*as_user(OWNER, f"{BIN}/msgbusd", f"--{MODE}", f"--group={name}"))
             process.expect_error(f"there is no group '{name}'")
             process.expect_exit(2)
+
+    def test_a_server_that_may_not_change_owners_needs_not_do_so(self):
+        """As in the unit of the system, whose sandbox forbids that: its directory and its own group are the right ones."""
+        os.chown(self.runtime, OWNER, GROUP)
+        os.chmod(self.runtime, 0o710)
+        process = self.start("/usr/bin/python3", "-c", WITHOUT_CHOWN, "setpriv", f"--reuid={OWNER}", f"--regid={GROUP}",
+                             "--clear-groups", f"{BIN}/msgbusd", f"--{MODE}", "--group", str(GROUP))
+        process.expect_error("Serving in")
+        self.assertEqual(os.stat(self.address()).st_gid, GROUP)
+        self.expect_use(BY_SUPPLEMENT)
+
+    def test_what_stands_in_the_place_of_the_folder_keeps_its_mode(self):
+        path = os.path.join(self.runtime, "static" if MODE == "static" else "services")
+        with open(path, "w", encoding="utf-8"):
+            os.chmod(path, 0o600)
+        os.chown(path, OWNER, OWNER)
+        process = self.start(*as_user(OWNER, f"{BIN}/msgbusd", f"--{MODE}", "--group", str(GROUP), groups=(OWNER, GROUP)))
+        process.expect_error("is not a directory that only its owner may write to")
+        process.expect_exit(FAILED)
+        self.assertEqual(os.stat(path).st_mode & 0o777, 0o600)
+
+    def test_a_member_can_change_nothing_there(self):
+        self.serve("--group", str(GROUP))
+        entries = [self.runtime, os.path.dirname(self.address()), self.address(), os.path.join(self.runtime, "account")]
+        for uid in (BY_PRIMARY, BY_SUPPLEMENT):
+            client = self.start(*as_user(uid, "/usr/bin/python3", "-c", CHANGES, *entries))
+            client.expect_end()
+            client.expect_exit(DONE)
+        self.expect_use(OWNER)
+
+    def test_a_member_cannot_serve_there(self):
+        self.serve("--group", str(GROUP))
+        process = self.start(*as_user(BY_PRIMARY, f"{BIN}/msgbusd", f"--{MODE}", "--group", str(GROUP)))
+        process.expect_error(f"it belongs to another user (uid {OWNER})")
+        process.expect_exit(FAILED)
+
+    def test_the_limits_of_a_process_hold_for_members(self):
+        self.serve("--group", str(GROUP), "--limit", "handshakes-per-process=1")
+        calls = self.start(*as_user(BY_SUPPLEMENT, f"{BIN}/bus_calls"))
+        calls.expect("connected")
+        for name, code in (("one", "0"), ("two", "4")):
+            calls.write(f"start {name}\n")
+            self.assertEqual(calls.next_line().split()[0], code)
 
     def test_a_directory_of_another_group_is_not_used(self):
         os.chown(self.runtime, OWNER, FOREIGN)

@@ -57,12 +57,12 @@ std::int32_t NamedSocket::Claim(NameKind kind, std::string_view name, const std:
     if (::mkdirat(directory.Get(), FolderOf(kind), 0700) != 0 && errno != EEXIST) {
         return refuse("mkdir");
     }
-    if (!GiveToGroup(directory.Get(), FolderOf(kind), GroupEntersOnly)) {
-        return refuse("chown");
-    }
     const std::string entry = PathOf(kind, name);
     if (const auto status = CheckFree(directory.Get(), entry); status != KnStatusOk) {
         return status;
+    }
+    if (!GiveToGroup(directory.Get(), FolderOf(kind), GroupEntersOnly)) { // it is a folder: that was checked
+        return refuse("chown");
     }
     std::unique_ptr<NamedSocket> created(new NamedSocket(kind, name, path));
     if (const char* const failedStep = created->ListenUnderName(directory.Get(), entry); failedStep != nullptr) {

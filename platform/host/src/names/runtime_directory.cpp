@@ -213,9 +213,17 @@ std::int32_t OpenRuntimeDirectory(const std::string& path, Purpose purpose, Miss
 
 bool GiveToGroup(int directory, const char* path, mode_t mode) {
     const auto group = AdmittedGroup();
+    struct stat found {};
+    if (!group) {
+        return true;
+    }
+    if (::fstatat(directory, path, &found, AT_SYMLINK_NOFOLLOW) != 0) {
+        return false;
+    }
+    constexpr auto sameUser = static_cast<uid_t>(-1);
     // Only this user can have put the entry there.
-    return !group || (::fchownat(directory, path, static_cast<uid_t>(-1), *group, AT_SYMLINK_NOFOLLOW) == 0 &&
-                      ::fchmodat(directory, path, mode, 0) == 0);
+    return (found.st_gid == *group || ::fchownat(directory, path, sameUser, *group, AT_SYMLINK_NOFOLLOW) == 0) &&
+           ((found.st_mode & ALLPERMS) == mode || ::fchmodat(directory, path, mode, 0) == 0);
 }
 
 std::int32_t LockRuntimeDirectory(int directory, std::chrono::milliseconds patience, UniqueFd& lock) {

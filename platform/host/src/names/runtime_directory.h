@@ -40,6 +40,7 @@ std::int32_t OpenRuntimeDirectory(const std::string& path, Purpose purpose, Miss
 inline constexpr mode_t GroupEntersOnly = 0710;
 
 /// Gives the entry `path` of `directory` to the admitted group, with `mode`; does nothing when there is no such group.
+/// What the entry has already is not set again: a sandbox may forbid the call, as that of a system's unit does.
 /// Returns: false with errno.
 bool GiveToGroup(int directory, const char* path, mode_t mode);
 
