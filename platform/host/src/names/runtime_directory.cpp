@@ -187,6 +187,10 @@ std::int32_t OpenRuntimeDirectory(const std::string& path, Purpose purpose, Miss
         }
         opened = UniqueFd(::openat(above.Get(), name.c_str(), flags));
     }
+    if (!opened && errno == EACCES && ::fstatat(above.Get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
+        found.st_uid != ::geteuid()) {
+        return Refuse(path, "it " + AnotherUser(found));
+    }
     if (!opened) {
         return errno == ENOTDIR || errno == ELOOP ? Refuse(path, "it is a symbolic link, or not a directory")
                                                   : FailOrRefuse(path, "");
@@ -195,14 +199,14 @@ std::int32_t OpenRuntimeDirectory(const std::string& path, Purpose purpose, Miss
         return FailOrRefuse(path, "");
     }
     std::string fault = purpose == Purpose::Connects ? FaultForClient(found) : FaultForServer(found);
+    if (fault.empty() && ::faccessat(opened.Get(), ".", X_OK, AT_EACCESS) != 0) {
+        fault = "it is closed to this user";
+    }
     if (fault.empty() && found.st_uid != ::geteuid()) {
         fault = FaultOfForeign(opened.Get(), found);
     }
     if (!fault.empty()) {
         return Refuse(path, fault);
-    }
-    if (::faccessat(opened.Get(), ".", X_OK, AT_EACCESS) != 0) {
-        return Refuse(path, "it is closed to this user");
     }
     if (purpose == Purpose::Serves && !GiveToGroup(opened.Get(), ".", GroupEntersOnly)) {
         return FailOrRefuse(path, "it cannot be given to the group: ");
