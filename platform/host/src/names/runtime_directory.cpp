@@ -81,7 +81,9 @@ std::string FaultOfMode(const struct stat& found, bool mayGroupEnter) {
     if ((found.st_mode & ForOthers) != 0 || (!mayGroupEnter && (found.st_mode & ForGroup) != 0)) {
         return "other users may enter it (it must have mode 0700)";
     }
-    return (found.st_mode & S_IWGRP) == 0 ? "" : "its group may write to it (it must have mode 0710, 0750 or 0700)";
+    return (found.st_mode & (S_IRGRP | S_IWGRP)) == 0
+               ? ""
+               : "its group may do more than enter it (it must have mode 0710 or 0700)";
 }
 
 /// Returns: why a server must not use the directory; empty: it may.
