@@ -68,6 +68,7 @@ const std::map<std::string, Sample> Samples{
     {"mode", {"static", "static"}},
     {"hold-pushes", {"7", "7"}},
     {"drain-limit", {"7", "7"}},
+    {"group", {"4711", "4711"}},
     {"retain", {"a*", "a*"}},
     {"log-level", {"bus=debug,server=error", "bus=debug,server=error"}},
     {"log-format", {"json", "json"}},
