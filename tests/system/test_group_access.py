@@ -121,7 +121,8 @@ class GroupAccess(BusTest):
 
     def test_a_member_that_dies_is_noticed(self):
         self.serve("--group", str(GROUP))
-        holder = self.start(*as_user(BY_SUPPLEMENT, f"{BIN}/msgbus", "pub", "--wait-topic", "20s", "--repeat", "forever", "-r", "10", "held", "1"))
+        holder = self.start(*as_user(BY_SUPPLEMENT, f"{BIN}/msgbus", "pub", "--wait-topic", "20s", "--repeat", "forever",
+                                     "-r", "10", "held", "1"))
         wait_until(self, lambda: self.run_as(BY_PRIMARY, "pub", "held", "2")[0] == 3, "the topic to have a publisher")
         holder.kill()
         wait_until(self, lambda: self.run_as(BY_PRIMARY, "pub", "held", "2")[0] == DONE, "the topic to be free again")
