@@ -48,7 +48,7 @@ std::string MissingOf(const Summary& summary) {
 
 std::string ToText(const Summary& summary) {
     std::string text = fmt::format("{} values, {} topics, {}, written by {}\n", summary.values, summary.topics.size(),
-                                   terminal::Bytes(summary.fileBytes), common::Escaped(summary.library));
+                                   terminal::Bytes(summary.fileBytes), common::Escaped(summary.writtenBy));
     if (summary.values != 0) {
         text += TimeText(summary.first) + " to " + TimeText(summary.last) + ", " +
                 terminal::Duration((summary.last - summary.first).count()) + '\n';
@@ -97,7 +97,7 @@ std::string ToJson(const Summary& summary) {
     const std::string missing = MissingOf(summary);
     return terminal::JsonLine({{"values", summary.values},
                                {"bytes", summary.fileBytes},
-                               {"library", summary.library},
+                               {"library", summary.writtenBy},
                                {"topics", topics},
                                {"notes", notes},
                                {"other_messages", summary.otherMessages},

@@ -54,7 +54,7 @@ Summary Summarize(const std::string& file) {
         }
     }
     summary.end = reader.End();
-    summary.library = reader.Library();
+    summary.writtenBy = reader.Library();
     summary.otherMessages = reader.OtherMessages();
     return summary;
 }

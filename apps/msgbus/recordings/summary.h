@@ -26,7 +26,7 @@ struct Summary {
     recording::Time last{};
     std::vector<recording::Note> notes;
     std::uint64_t otherMessages = 0;
-    std::string library;
+    std::string writtenBy;
     std::uint64_t fileBytes = 0;
     recording::FileEnd end;
     std::vector<std::string> damages; ///< of the first parts that could not be read, why

@@ -8,7 +8,7 @@
 #include <vector>
 
 // The texts and frames of the protocol by which Foxglove and PlotJuggler receive live data, as far as a server needs
-// them that only sends values: https://github.com/foxglove/ws-protocol/blob/main/docs/spec.md. The two subprotocols
+// them that only sends values: https://github.com/foxglove/ws-protocol. The two subprotocols
 // have the same ones.
 
 namespace stream {
