@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string_view>
 
-// The facts of the MCAP container that are used here, from its specification, version 0 (https://mcap.dev).
+// The facts of the MCAP container that are used here, in its version 0 (https://mcap.dev).
 
 namespace recording::mcap {
 

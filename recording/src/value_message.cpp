@@ -13,21 +13,10 @@ namespace {
 constexpr std::string_view LittleEndian{"\x00\x01\x00\x00", 4};
 constexpr std::string_view BigEndian{"\x00\x00\x00\x00", 4};
 
-bool IsUtf8(std::string_view bytes) {
-    while (!bytes.empty()) {
-        const utf8::Step step = utf8::Decode(bytes);
-        if (!step.valid) {
-            return false;
-        }
-        bytes.remove_prefix(step.length);
-    }
-    return true;
-}
-
 } // namespace
 
 std::string ChannelName(std::string_view topic) {
-    return IsUtf8(topic) ? std::string(topic) : common::Escaped(topic);
+    return utf8::IsValid(topic) ? std::string(topic) : common::Escaped(topic);
 }
 
 void AppendValueMessage(std::string& bytes, std::int64_t value) {

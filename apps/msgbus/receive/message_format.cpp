@@ -74,17 +74,6 @@ private:
     Clock clock;
 };
 
-bool IsUtf8(std::string_view bytes) {
-    while (!bytes.empty()) {
-        const utf8::Step step = utf8::Decode(bytes);
-        if (!step.valid) {
-            return false;
-        }
-        bytes.remove_prefix(step.length);
-    }
-    return true;
-}
-
 std::string Hexadecimal(std::string_view bytes) {
     std::string digits;
     for (const char c : bytes) {
@@ -101,7 +90,7 @@ public:
     std::string Line(const Received& received) override {
         const auto& [topic, value] = received.message;
         nlohmann::ordered_json object{{"topic", topic}};
-        if (!IsUtf8(topic)) {
+        if (!utf8::IsValid(topic)) {
             object["topic_hex"] = Hexadecimal(topic);
         }
         if (asStrings) {

@@ -39,4 +39,16 @@ constexpr Step Decode(std::string_view text) noexcept {
     return {wanted, point, true};
 }
 
+/// Returns: whether all of `bytes` is UTF-8.
+constexpr bool IsValid(std::string_view bytes) noexcept {
+    while (!bytes.empty()) {
+        const Step step = Decode(bytes);
+        if (!step.valid) {
+            return false;
+        }
+        bytes.remove_prefix(step.length);
+    }
+    return true;
+}
+
 } // namespace utf8
