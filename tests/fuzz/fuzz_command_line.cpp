@@ -7,33 +7,33 @@
 #include "diagnosis/autopsy.h"
 #include "diagnosis/check.h"
 #include "diagnosis/report.h"
-#include "exit_status.h"
 #include "fuzzing.h"
+#include "look/account_source.h"
 #include "look/get.h"
 #include "look/hz.h"
 #include "look/info.h"
 #include "look/list.h"
 #include "look/watch.h"
+#include "msgbusd/options/options.h"
+#include "program.h"
+#include "publish/publish.h"
+#include "receive/receive.h"
+#include "recordings/record.h"
+#include "stream/stream.h"
+#include "terminal/write_out.h"
 #include "top/top.h"
 
-#include <fcntl.h>
-#include <pthread.h>
-
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
+#include <cstdlib>
 #include <iostream>
 #include <optional>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
-
-// The main functions of the programs, renamed in this build.
-int MsgbusMain(int argc, char** argv);
-int MsgbusdMain(int argc, char** argv);
 
 namespace {
 
@@ -41,9 +41,15 @@ using fuzzing::Require;
 
 int commandsRun = 0;
 
-void CheckOptions(const msgbus::Options& options) {
-    Require(options.reconnectFor.count() >= 0, "a time is not negative");
-    Require(static_cast<bool>(options.onNotice), "there is a handler of notices");
+void CheckAccess(const BusAccess& access) {
+    Require(access.options.reconnectFor.count() >= 0 && access.waitForServer.count() >= 0 &&
+                access.waitForTopic.count() >= 0,
+            "a time is not negative");
+    Require(static_cast<bool>(access.options.onNotice), "there is a handler of notices");
+}
+
+void CheckTopics(const topics::Selection& topics) {
+    Require(!topics.named.empty() || !topics.globs.empty(), "there is a topic, or a pattern");
 }
 
 void CheckCount(const std::optional<std::uint64_t>& count) {
@@ -71,35 +77,133 @@ private:
     std::streambuf* before;
 };
 
+/// Returns: whether what the command does is replaced below, or does no more than print. Of the others only the parsing
+/// is fuzzed: they read and write files that the command line names, or wait for clients.
+bool IsHarmless(const command_line::Command& program) {
+    constexpr std::array others{"bench", "dashboard", "delay", "doctor", "export", "inspect", "play", "trace"};
+    return std::none_of(others.begin(), others.end(), [&](const char* name) { return program.got_subcommand(name); });
+}
+
+/// Returns: the exit status; nothing for a command that is not run.
+std::optional<int> RunCommandLine(int count, const char* const* words) {
+    Action chosen;
+    const auto program = MakeProgram(chosen);
+    try {
+        command_line::Parse(*program, count, words);
+    } catch (const CLI::ParseError& error) {
+        return command_line::Report(*program, error) ? 0 : UsageStatus(*program);
+    }
+    Require(static_cast<bool>(chosen), "a command line that is accepted chooses what to do");
+    return IsHarmless(*program) ? std::optional(static_cast<int>(Run(chosen))) : std::nullopt;
+}
+
+/// Returns: the exit status; nothing for a server that would start.
+std::optional<int> RunServerOptions(int count, const char* const* words) {
+    msgbusd::ChosenOptions chosen;
+    const auto status = msgbusd::ReadOptions(count, words, chosen);
+    if (!status) {
+        for (const auto& limit : msgbus_server::LimitNames()) {
+            Require(chosen.settings.limits.*limit.value > 0, "a limit is 1 or more");
+        }
+    }
+    return status;
+}
+
+void CheckEnd(const std::vector<std::string>& words, int status, const std::string& output, const std::string& errors) {
+    const std::string ownName = words.front() == "msgbusd" ? "msgbusd: " : "msgbus: ";
+    switch (status) {
+    case 0:
+        Require(commandsRun == 1 || !output.empty(), "success means that a command ran or a text was printed");
+        break;
+    case 2:
+    case 3: // msgbus check, for which 2 is a verdict
+        Require(status == 2 || std::find(words.begin(), words.end(), "check") != words.end(),
+                "only a check has a usage error of its own");
+        Require(errors.starts_with(ownName) || errors.find('\n' + ownName) != std::string::npos,
+                "a usage error is a sentence that begins with the program's name");
+        Require(output.empty(), "a usage error goes to the standard error stream");
+        break;
+    default:
+        Require(false, "no other status follows from arguments alone");
+    }
+}
+
 } // namespace
 
-// These replace the commands.
+// These replace what the commands do: the linker takes the first definition that it meets.
 
-ExitStatus Publish(const PublishArguments& arguments) {
+namespace terminal {
+
+bool WriteOut(std::string_view text) {
+    std::cout << text;
+    return true;
+}
+
+} // namespace terminal
+
+namespace publish {
+
+ExitStatus Publish(const Arguments& arguments) {
     ++commandsRun;
-    CheckOptions(arguments.options);
-    Require(arguments.values.empty() == arguments.fromInput, "values come from one place");
+    CheckAccess(arguments.access);
+    Require(arguments.values.empty() == (arguments.source != Source::List), "values come from one place");
+    Require(!arguments.interval || arguments.interval->count() > 0, "a rate is a time between two values");
     WarnAboutCutTopic(arguments.topic);
-    for (const auto& text : arguments.values) {
-        const auto value = ParseValue(text);
-        const bool hasSign = text.starts_with('-');
-        Require(text.find_first_not_of("0123456789", hasSign ? 1 : 0) == std::string::npos, "a value is digits");
-        errno = 0;
-        Require(value == std::strtoll(text.c_str(), nullptr, 10) && errno == 0, "a value is what its digits say");
-    }
     return ExitStatus::Done;
 }
 
-ExitStatus Receive(const ReceiveArguments& arguments) {
+} // namespace publish
+
+namespace receive {
+
+std::string DefaultName() {
+    return "fuzz";
+}
+
+ExitStatus Receive(const Arguments& arguments) {
     ++commandsRun;
-    CheckOptions(arguments.options);
-    Require(!arguments.topics.empty(), "there is a topic");
+    CheckAccess(arguments.access);
+    CheckTopics(arguments.topics);
     CheckCount(arguments.count);
     CheckTime(arguments.timeLimit);
+    CheckTime(arguments.idleLimit);
     return ExitStatus::Done;
 }
 
+} // namespace receive
+
+namespace recordings {
+
+ExitStatus Record(const RecordArguments& arguments) {
+    ++commandsRun;
+    CheckAccess(arguments.access);
+    CheckTopics(arguments.topics);
+    CheckCount(arguments.count);
+    CheckTime(arguments.timeLimit);
+    Require(!arguments.ring || (arguments.ring->age.count() > 0 && arguments.ring->bytes > 0),
+            "a ring holds something");
+    Require(!arguments.ring || !(arguments.rules.bytes || arguments.rules.time), "a ring is not split");
+    return ExitStatus::Done;
+}
+
+} // namespace recordings
+
+namespace stream {
+
+ExitStatus Stream(const Arguments& arguments) {
+    ++commandsRun;
+    CheckAccess(arguments.access);
+    Require(!arguments.topics.empty(), "there is a topic");
+    return ExitStatus::Done;
+}
+
+} // namespace stream
+
 namespace look {
+
+void AwaitServer(const std::optional<std::string>&, std::chrono::milliseconds patience) {
+    Require(patience.count() >= 0, "a time is not negative");
+}
 
 ExitStatus List(const ListArguments&) {
     ++commandsRun;
@@ -167,8 +271,7 @@ ExitStatus Autopsy(const AutopsyArguments& arguments) {
 } // namespace diagnosis
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // This directory cannot be created: msgbusd exits before it serves.
-    ::setenv("BORVEN_RUNTIME_DIR", "/dev/null/none", 1);
+    ::setenv("BORVEN_RUNTIME_DIR", "/dev/null/none", 1); // where no account is
     return 0;
 }
 
@@ -179,40 +282,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         end = left.find('\0');
         words.emplace_back(left.substr(0, end));
     }
-    std::vector<char*> arguments;
+    std::vector<const char*> arguments;
     arguments.reserve(words.size() + 1);
-    for (auto& word : words) {
-        arguments.push_back(word.data());
+    for (const auto& word : words) {
+        arguments.push_back(word.c_str());
     }
     arguments.push_back(nullptr);
-    const bool isServer = words.front() == "msgbusd";
 
-    sigset_t signals;
-    ::pthread_sigmask(SIG_SETMASK, nullptr, &signals);
     commandsRun = 0;
     const Captured output(std::cout);
     const Captured errors(std::cerr);
-    const int status = (isServer ? MsgbusdMain : MsgbusMain)(static_cast<int>(words.size()), arguments.data());
-    ::pthread_sigmask(SIG_SETMASK, &signals, nullptr);
-
-    const std::string ownName = isServer ? "msgbusd: " : "msgbus: ";
-    switch (status) {
-    case 0:
-        Require(commandsRun == 1 || !output.Text().empty(), "success means that a command ran or a text was printed");
-        break;
-    case 1: // msgbusd, which cannot create its directory
-        Require(isServer && errors.Text().starts_with(ownName), "the server reports why it cannot serve");
-        break;
-    case 2:
-    case 3: // msgbus check, for which 2 is a verdict
-        Require(status == 2 || std::find(words.begin(), words.end(), "check") != words.end(),
-                "only a check has a usage error of its own");
-        Require(errors.Text().starts_with(ownName) || errors.Text().find('\n' + ownName) != std::string::npos,
-                "a usage error is a sentence that begins with the program's name");
-        Require(output.Text().empty(), "a usage error goes to the standard error stream");
-        break;
-    default:
-        Require(false, "no other status follows from arguments alone");
+    const auto run = words.front() == "msgbusd" ? RunServerOptions : RunCommandLine;
+    if (const auto status = run(static_cast<int>(words.size()), arguments.data())) {
+        CheckEnd(words, *status, output.Text(), errors.Text());
     }
     return 0;
 }
