@@ -22,6 +22,9 @@ endif()
 # __FILE__ and its kin give paths relative to the source tree, so that log lines do not depend on where the tree was
 # built. Only there: debuggers and coverage need the real paths.
 add_compile_options(-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+# Programs find the libraries of their build relative to themselves: an installed file, whose path is replaced in place,
+# then does not depend on the length of the build's.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
 # The sanitizers' run-time library for C lacks what a sanitized library in C++ needs.
 if(BORVEN_SANITIZER_FLAGS)
