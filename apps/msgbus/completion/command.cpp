@@ -45,7 +45,7 @@ ExitStatus PrintCandidates(const Command& program, const std::vector<std::string
     for (const auto& [word, meaning] : candidates.words) {
         lines += word + (meaning.empty() ? "" : '\t' + meaning) + '\n';
     }
-    terminal::WriteOut(lines + (candidates.areFilesToo ? ":files\n" : ""));
+    terminal::WriteOut(lines + (candidates.areFilesToo ? FilesMark + std::string("\n") : ""));
     return ExitStatus::Done;
 }
 

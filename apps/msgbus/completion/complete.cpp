@@ -1,5 +1,7 @@
 #include "completion/complete.h"
 
+#include "common/escape.h"
+
 #include <algorithm>
 #include <string_view>
 
@@ -12,12 +14,20 @@ using command_line::Command;
 /// Collects what begins with the word at the cursor.
 class Collector final {
 public:
-    explicit Collector(std::string wordPrefix) : prefix(std::move(wordPrefix)) {}
+    /// `isNoOption`: a word with a dash in front is none.
+    Collector(std::string wordPrefix, bool isNoOption) : prefix(std::move(wordPrefix)), areOptionsOver(isNoOption) {}
 
     void Add(std::string word, std::string meaning = {}) {
-        const bool isLine = word.find_first_of("\n\t") == std::string::npos; // the shells read a candidate a line
-        if (isLine && word.starts_with(prefix)) {
+        if (word.starts_with(prefix)) {
             found.words.push_back({std::move(word), std::move(meaning)});
+        }
+    }
+    /// Adds a name on the bus, which may be anything: the shells show it as it is, and read a candidate a line.
+    void AddName(const std::string& before, const std::string& name) {
+        const bool isPlain = common::Escaped(name).size() == name.size() + std::count(name.begin(), name.end(), '\\');
+        const bool isOption = before.empty() && !areOptionsOver && name.starts_with('-');
+        if (isPlain && !isOption && name != FilesMark) {
+            Add(before + name);
         }
     }
     void AddFiles() { found.areFilesToo = true; }
@@ -26,6 +36,7 @@ public:
 
 private:
     std::string prefix;
+    bool areOptionsOver;
     Candidates found;
 };
 
@@ -44,11 +55,11 @@ void AddValues(Collector& collector, const Command& program, const std::string& 
         AddCommands(collector, program);
     } else if (type == "TOPIC" || type == "NAME") {
         for (const auto& topic : names.topics()) {
-            collector.Add(before + topic);
+            collector.AddName(before, topic);
         }
         if (type == "NAME") {
             for (const auto& subscriber : names.subscribers()) {
-                collector.Add(before + subscriber);
+                collector.AddName(before, subscriber);
             }
         }
     } else if (type == "FILE") {
@@ -124,7 +135,7 @@ Context ContextOf(const Command& program, const std::vector<std::string>& words)
 Candidates Complete(const Command& program, const std::vector<std::string>& words, const LiveNames& names) {
     const std::string current = words.empty() ? "" : words.back();
     const Context context = ContextOf(program, words);
-    Collector collector(current);
+    Collector collector(current, context.areOptionsOver);
     if (context.valueOf != nullptr) {
         AddValues(collector, program, context.valueOf->get_type_name(), "", names);
         return collector.Take();

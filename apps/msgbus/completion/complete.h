@@ -8,6 +8,9 @@
 
 namespace completion {
 
+/// The line that stands for names of files, for the scripts of the shells.
+constexpr const char* FilesMark = ":files";
+
 struct Candidate {
     std::string word;
     std::string meaning; ///< may be empty

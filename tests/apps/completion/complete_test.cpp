@@ -21,7 +21,9 @@ protected:
     completion::Candidates At(const std::vector<std::string>& words) {
         return completion::Complete(*program, words,
                                     {[] {
-                                         return std::vector<std::string>{"inside", "a b", "two\nlines"};
+                                         return std::vector<std::string>{"inside",  "a b",          "two\nlines",
+                                                                         "\033[2J", "\xE2\x80\xAE", "\xFF",
+                                                                         "--force", ":files",       "c:\\d"};
                                      },
                                      [] { return std::vector<std::string>{"reader"}; }});
     }
@@ -50,17 +52,19 @@ TEST_F(Complete, AnOption_IsOneOfTheCommand) {
 }
 
 TEST_F(Complete, ATopic_IsOneThatIsOnTheBus) {
-    const Strings topics{"inside", "a b"}; // a topic of two lines cannot be offered
+    const Strings topics{"inside", "a b", "c:\\d"}; // the others cannot be shown, or are something else there
     EXPECT_EQ(Words({"sub", ""}), topics);
     EXPECT_EQ(Words({"sub", "inside", ""}), topics);
     EXPECT_EQ(Words({"sub", "-t", ""}), topics);
     EXPECT_EQ(Words({"sub", "--topic=i"}), Strings{"--topic=inside"});
     EXPECT_EQ(Words({"sub", "--", "i"}), Strings{"inside"});
+    EXPECT_EQ(Words({"sub", "--", "--f"}), Strings{"--force"});
+    EXPECT_EQ(Words({"sub", "--topic=--f"}), Strings{"--topic=--force"});
     EXPECT_EQ(Words({"pub", "-t", "in"}), Strings{"inside"});
 }
 
 TEST_F(Complete, AName_IsATopicOrASubscriber) {
-    EXPECT_EQ(Words({"info", ""}), (Strings{"inside", "a b", "reader"}));
+    EXPECT_EQ(Words({"info", ""}), (Strings{"inside", "a b", "c:\\d", "reader"}));
 }
 
 TEST_F(Complete, ChoicesAreThoseOfTheOptionOrArgument) {
@@ -75,7 +79,7 @@ TEST_F(Complete, ChoicesAreThoseOfTheOptionOrArgument) {
 TEST_F(Complete, AValueThatCannotBeKnown_HasNoCandidates) {
     for (const auto& words :
          {Strings{"sub", "-n", ""}, Strings{"sub", "--name", ""}, Strings{"pub", "t", "1", "-r", ""}}) {
-        EXPECT_EQ(Words(words).size(), words[1] == "--name" ? 3U : 0U) << words[1];
+        EXPECT_EQ(Words(words).size(), words[1] == "--name" ? 4U : 0U) << words[1];
     }
 }
 
