@@ -78,6 +78,10 @@ Texts Decoder::Map() {
     Decoder pairs(Text());
     Texts texts;
     while (!pairs.IsAtEnd()) {
+        constexpr std::size_t mostTexts = 65'536;
+        if (texts.size() == mostTexts) {
+            throw RecordingError("the file is damaged: a map in it has more than 65,536 texts");
+        }
         std::string key(pairs.Text());
         texts[std::move(key)] = pairs.Text();
     }

@@ -38,14 +38,14 @@ std::string Hexadecimal(std::string_view bytes) {
     return text;
 }
 
-/// A file that grows by whole records.
+/// A file that grows by whole records. A pipe that has no reader is not waited for.
 class OutputFile final {
 public:
     OutputFile(std::string filePath, ExistingFile existing)
-        : path(std::move(filePath)),
-          descriptor(::open(path.c_str(),
-                            O_WRONLY | O_CREAT | O_CLOEXEC | (existing == ExistingFile::IsKept ? O_EXCL : O_TRUNC),
-                            0666)) {
+        : path(std::move(filePath)), descriptor(::open(path.c_str(),
+                                                       O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK |
+                                                           (existing == ExistingFile::IsKept ? O_EXCL : O_TRUNC),
+                                                       0666)) {
         if (descriptor < 0) {
             throw RecordingError(errno == EEXIST ? "there is a file '" + path + "' already"
                                                  : "cannot create '" + path + "': " + std::strerror(errno));
@@ -99,7 +99,7 @@ public:
     }
 
     std::uint16_t Add(const Channel& channel) {
-        if (channels.size() == std::numeric_limits<std::uint16_t>::max()) {
+        if (channels.size() == MostChannels) {
             throw RecordingError("a recording has at most 65,535 topics");
         }
         Flush(); // so that the channel stands before the chunk that has its values

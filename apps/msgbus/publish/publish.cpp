@@ -6,6 +6,7 @@
 #include "msgbus/publisher.h"
 #include "publish/pace.h"
 #include "publish/value_source.h"
+#include "throw_again.h"
 
 #include <memory>
 #include <stdexcept>
@@ -28,28 +29,6 @@ std::unique_ptr<ValueSource> SourceOf(const Arguments& arguments, const EndWatch
     return std::make_unique<ListedValues>(arguments.values, arguments.repetitions);
 }
 
-/// Throws: what is being handled, with the place of the value and how many were published before it.
-[[noreturn]] void ThrowAgain(const ValueSource& source, std::uint64_t published) {
-    const auto complete = [&](const std::exception& error) {
-        const std::string place = source.Place();
-        return place.empty() ? std::string(error.what())
-                             : place + error.what() + "; values published before it: " + std::to_string(published);
-    };
-    try {
-        throw;
-    } catch (const std::invalid_argument& error) {
-        throw std::invalid_argument(complete(error));
-    } catch (const msgbus::RefusedError& error) {
-        throw msgbus::RefusedError(error.Code(), complete(error));
-    } catch (const msgbus::ServerGoneError& error) {
-        throw msgbus::ServerGoneError(error.Code(), complete(error));
-    } catch (const msgbus::TimedOutError& error) {
-        throw msgbus::TimedOutError(error.Code(), complete(error));
-    } catch (const std::exception& error) {
-        throw std::runtime_error(complete(error));
-    }
-}
-
 ExitStatus PublishAll(msgbus::Publisher& publisher, ValueSource& source, Pace& pace) {
     std::uint64_t published = 0;
     try {
@@ -65,7 +44,11 @@ ExitStatus PublishAll(msgbus::Publisher& publisher, ValueSource& source, Pace& p
             ++published;
         }
     } catch (const std::exception&) {
-        ThrowAgain(source, published);
+        ThrowAgain([&](const std::string& sentence) {
+            const std::string place = source.Place();
+            return place.empty() ? sentence
+                                 : place + sentence + "; values published before it: " + std::to_string(published);
+        });
     }
     if (source.IsAtEnd() || !source.IsLeftUnfinished()) {
         return ExitStatus::Done;

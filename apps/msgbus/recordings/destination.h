@@ -33,8 +33,10 @@ public:
     /// Returns: what it has done, as a sentence.
     virtual std::string Done() const = 0;
 
-    /// Returns: how many values were written.
+    /// Returns: how many values came.
     virtual std::uint64_t ValueCount() const noexcept = 0;
+    /// Returns: how many of them were not written, because they are of more topics than a file can have.
+    virtual std::uint64_t LeftOut() const noexcept = 0;
     /// Returns: how much they take, on the disk or in memory.
     virtual std::uint64_t Bytes() const noexcept = 0;
 };

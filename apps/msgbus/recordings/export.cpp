@@ -28,10 +28,9 @@ receive::Receipt ReceiptAt(recording::Time time) {
             std::chrono::steady_clock::time_point(time.time_since_epoch())};
 }
 
-ExitStatus Export(const std::string& file, receive::Style style) {
-    recording::RecordingReader reader(file);
-    std::unique_ptr<receive::MessageFormat> format;
-    std::string text;
+/// Prints the values. Returns: false when the reader of standard output is gone. Throws: recording::RecordingError;
+/// then `text` has what is still to be printed.
+bool PrintAll(recording::RecordingReader& reader, receive::MessageFormat& format, std::string& text) {
     constexpr std::size_t writeSize = 65536;
     while (const auto item = reader.Next()) {
         const auto* const message = std::get_if<recording::Message>(&*item);
@@ -39,24 +38,34 @@ ExitStatus Export(const std::string& file, receive::Style style) {
             continue;
         }
         const receive::Receipt receipt = ReceiptAt(message->time);
-        if (!format) {
-            format = MakeFormat(style, std::nullopt, "", receipt);
-            text += format->Header();
-        }
         const recording::Channel& channel = reader.Channels().at(message->channel);
         receive::Received received{{channel.topic, message->value}, message->sequence, receipt};
         if (channel.isFloat) {
             received.number = std::bit_cast<double>(message->value);
         }
-        text += format->Line(received);
+        text += format.Line(received);
         if (text.size() >= writeSize) {
             if (!terminal::WriteOut(text)) {
-                return ExitStatus::Done;
+                return false;
             }
             text.clear();
         }
     }
-    terminal::WriteOut(text);
+    return terminal::WriteOut(text);
+}
+
+ExitStatus Export(const std::string& file, receive::Style style) {
+    recording::RecordingReader reader(file);
+    const auto format = MakeFormat(style, std::nullopt, "", {}); // which shows no time since a subscription
+    std::string text = format->Header();
+    try {
+        if (!PrintAll(reader, *format, text)) {
+            return ExitStatus::Done;
+        }
+    } catch (const recording::RecordingError&) {
+        terminal::WriteOut(text);
+        throw;
+    }
     if (!reader.End().isComplete) {
         Say("the recording is incomplete: " + reader.End().reason);
     }

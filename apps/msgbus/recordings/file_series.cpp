@@ -1,5 +1,7 @@
 #include "recordings/file_series.h"
 
+#include "arguments.h"
+#include "recordings/file_names.h"
 #include "terminal/quantity.h"
 
 #include <algorithm>
@@ -8,15 +10,10 @@
 
 namespace recordings {
 
-std::string NumberedPath(const std::string& name, std::size_t number) {
-    const std::filesystem::path whole(name);
-    return (whole.parent_path() / (whole.stem().string() + '_' + std::to_string(number) + whole.extension().string()))
-        .string();
-}
-
 FileSeries::FileSeries(std::string path, recording::ExistingFile existing, const SplitRules& splitRules,
                        recording::Texts about)
-    : name(std::move(path)), existingFile(existing), rules(splitRules), header(std::move(about)) {
+    : name(std::move(path)), existingFile(existing), rules(splitRules), header(std::move(about)),
+      number(existing == recording::ExistingFile::IsReplaced ? 0 : NextNumber(name)) {
     Open();
 }
 
@@ -25,7 +22,10 @@ void FileSeries::Open() {
     if (rules.Splits()) {
         path = NumberedPath(name, number++);
     }
-    channels.reset();
+    if (channels) {
+        leftOut += channels->LeftOut();
+        channels.reset();
+    }
     writer = std::make_unique<recording::RecordingWriter>(path, existingFile, "msgbus " BORVEN_VERSION);
     channels.emplace(*writer);
     files.push_back({path, 0});
@@ -49,21 +49,29 @@ std::chrono::milliseconds FileSeries::FlushInterval() const noexcept {
 
 void FileSeries::End(std::uint64_t lost) {
     Flush();
-    Write({"msgbus.end", {{"values", std::to_string(values)}, {"lost", std::to_string(lost)}}});
-    channels->Settle();
+    recording::Texts end{{"values", std::to_string(values - LeftOut())}, {"lost", std::to_string(lost)}};
+    if (LeftOut() != 0) {
+        end["left_out"] = std::to_string(LeftOut());
+    }
+    Write({"msgbus.end", std::move(end)});
     writer->Close();
 }
 
 std::string FileSeries::Done() const {
-    return "recorded " + std::to_string(values) + " values, " + terminal::Bytes(Bytes());
+    return "recorded " + std::to_string(values - LeftOut()) + " values, " + terminal::Bytes(Bytes());
 }
 
 void FileSeries::Flush() {
+    const bool wasWhole = LeftOut() == 0;
     channels->Settle();
     writer->Flush();
+    if (wasWhole && LeftOut() != 0) {
+        Say("a file has at most 65,535 topics: values of further ones are left out" +
+            std::string(rules.Splits() ? " of it" : "; --split goes on in another file"));
+    }
     const bool isFull = rules.bytes && writer->FileBytes() >= *rules.bytes;
     const bool isOld = rules.time && std::chrono::steady_clock::now() - opened >= *rules.time;
-    if (writer->MessageCount() != 0 && (isFull || isOld)) {
+    if (writer->MessageCount() != 0 && (isFull || isOld || (rules.Splits() && channels->IsFull()))) {
         writer->Close();
         files.back().bytes = writer->FileBytes();
         Open();

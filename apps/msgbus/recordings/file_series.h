@@ -21,10 +21,7 @@ struct SplitRules {
     bool Splits() const noexcept { return bytes || time; }
 };
 
-/// Returns: `NAME_3.mcap` for `NAME.mcap` and 3.
-std::string NumberedPath(const std::string& name, std::size_t number);
-
-/// The files of a recording: one, or `NAME_0.mcap`, `NAME_1.mcap` and so on for `NAME.mcap`.
+/// The files of a recording: one, or numbered ones, behind those that are there unless these are replaced.
 class FileSeries final : public IDestination {
 public:
     /// Creates the first file. Throws: recording::RecordingError.
@@ -46,6 +43,7 @@ public:
     std::string Doing() const override { return "recording to '" + files.back().path + '\''; }
     std::string Done() const override;
     std::uint64_t ValueCount() const noexcept override { return values; }
+    std::uint64_t LeftOut() const noexcept override { return leftOut + channels->LeftOut(); }
     /// Returns: the size of all files that are left.
     std::uint64_t Bytes() const noexcept override;
 
@@ -62,12 +60,13 @@ private:
     const recording::ExistingFile existingFile;
     const SplitRules rules;
     const recording::Texts header;
-    std::size_t number = 0;
+    std::size_t number;         ///< of the next file
     std::deque<Finished> files; ///< oldest first
     std::unique_ptr<recording::RecordingWriter> writer;
     std::optional<TopicChannels> channels;
     std::chrono::steady_clock::time_point opened;
     std::uint64_t values = 0;
+    std::uint64_t leftOut = 0; ///< of files that are finished
 };
 
 } // namespace recordings

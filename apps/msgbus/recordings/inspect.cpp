@@ -47,8 +47,9 @@ std::string MissingOf(const Summary& summary) {
 } // namespace
 
 std::string ToText(const Summary& summary) {
-    std::string text = fmt::format("{} values, {} topics, {}, written by {}\n", summary.values, summary.topics.size(),
-                                   terminal::Bytes(summary.fileBytes), common::Escaped(summary.writtenBy));
+    std::string text = fmt::format("{} values, {} {}, {}, written by {}\n", summary.values, summary.topics.size(),
+                                   summary.topics.size() == 1 ? "topic" : "topics", terminal::Bytes(summary.fileBytes),
+                                   common::Escaped(summary.writtenBy));
     if (summary.values != 0) {
         text += TimeText(summary.first) + " to " + TimeText(summary.last) + ", " +
                 terminal::Duration((summary.last - summary.first).count()) + '\n';
@@ -69,6 +70,9 @@ std::string ToText(const Summary& summary) {
     text += table.Text();
     for (const auto& note : summary.notes) {
         text += "note: " + TextOf(note) + '\n';
+    }
+    if (summary.noteCount > summary.notes.size()) {
+        text += fmt::format("and {} more notes\n", summary.noteCount - summary.notes.size());
     }
     if (summary.otherMessages != 0) {
         text += fmt::format("{} messages of other types are passed over\n", summary.otherMessages);
@@ -100,6 +104,7 @@ std::string ToJson(const Summary& summary) {
                                {"library", summary.writtenBy},
                                {"topics", topics},
                                {"notes", notes},
+                               {"note_count", summary.noteCount},
                                {"other_messages", summary.otherMessages},
                                {"damages", summary.damages},
                                {"complete", missing.empty()},

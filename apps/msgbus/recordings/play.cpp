@@ -9,6 +9,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <charconv>
 #include <ctime>
 #include <memory>
@@ -20,6 +21,14 @@ namespace {
 
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
+
+/// Returns: the time between two, the greatest there is where it is more: a file may have any times.
+nanoseconds Between(recording::Time begin, recording::Time end) {
+    std::int64_t difference = 0;
+    const bool isTooMuch =
+        __builtin_sub_overflow(end.time_since_epoch().count(), begin.time_since_epoch().count(), &difference);
+    return !isTooMuch ? nanoseconds(difference) : end < begin ? nanoseconds::min() : nanoseconds::max();
+}
 
 /// Waits for times. One that has passed does not move those behind it.
 class Schedule final {
@@ -33,8 +42,9 @@ public:
             constexpr unsigned timesBetweenLooks = 64;
             return ++looks % timesBetweenLooks != 0 || watch.WhyEnded() == EndWatch::Cause::None;
         }
-        const auto due =
-            start + nanoseconds(static_cast<std::int64_t>(static_cast<double>((time - begin).count()) / *speed));
+        constexpr double longest = 1e18; // 31 years, so that any time in a file can be waited for
+        const double after = static_cast<double>(Between(begin, time).count()) / *speed;
+        const auto due = start + nanoseconds(static_cast<std::int64_t>(std::clamp(after, -longest, longest)));
         for (auto left = due - steady_clock::now(); left > left.zero(); left = due - steady_clock::now()) {
             const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
             const timespec wait{seconds.count(), nanoseconds(left - seconds).count()};
@@ -91,7 +101,26 @@ private:
 
 recording::Time TimeOf(const Place& place, recording::Time first) {
     const auto* const offset = std::get_if<nanoseconds>(&place);
-    return offset != nullptr ? first + *offset : std::get<recording::Time>(place);
+    if (offset == nullptr) {
+        return std::get<recording::Time>(place);
+    }
+    return Between(first, recording::Time::max()) < *offset ? recording::Time::max() : first + *offset;
+}
+
+/// Throws: std::invalid_argument for what cannot be meant for this recording.
+void CheckFits(const PlayArguments& arguments, const Summary& summary) {
+    for (const auto& [topic, name] : arguments.topics) {
+        const bool isThere = std::any_of(summary.topics.begin(), summary.topics.end(),
+                                         [&](const TopicSummary& each) { return each.channel.topic == topic; });
+        if (!isThere) {
+            throw std::invalid_argument("the recording has no topic '" + topic + "'");
+        }
+    }
+    const auto from = arguments.from ? TimeOf(*arguments.from, summary.first) : recording::Time::min();
+    const auto to = arguments.to ? TimeOf(*arguments.to, summary.first) : recording::Time::max();
+    if (from >= to || from > summary.last || to <= summary.first) {
+        throw std::invalid_argument("the recording has nothing between --from and --to");
+    }
 }
 
 struct Played {
@@ -160,6 +189,7 @@ ExitStatus Play(const PlayArguments& arguments) {
     if (summary.values == 0) {
         throw recording::RecordingError("the recording has no values");
     }
+    CheckFits(arguments, summary);
     Publishers publishers;
     if (!publishers.Open(summary, arguments, watch)) {
         return ExitStatus::Done;
@@ -175,9 +205,10 @@ ExitStatus Play(const PlayArguments& arguments) {
         }
     } while (arguments.loops && all.isWhole && watch.WhyEnded() == EndWatch::Cause::None);
     publishers.Close();
-    Say(arguments.access,
-        "published " + std::to_string(all.values) + " values" +
-            (arguments.speed ? ", the latest of them " + terminal::Duration(all.latest.count()) + " late" : ""));
+    Say(arguments.access, "published " + std::to_string(all.values) + " values" +
+                              (arguments.speed && all.values != 0
+                                   ? ", the latest of them " + terminal::Duration(all.latest.count()) + " late"
+                                   : ""));
     return all.isWhole || arguments.loops ? ExitStatus::Done : ExitStatus::Failed;
 }
 
@@ -224,7 +255,10 @@ PlayArguments ArgumentsOf(const Words& words) {
         arguments.speed = ParseSpeed(*words.speed);
     }
     for (const auto& word : words.topics) {
-        arguments.topics.insert(ParseRename(word));
+        const auto [renamed, isNew] = arguments.topics.insert(ParseRename(word));
+        if (!isNew) {
+            throw std::invalid_argument("topic '" + renamed->first + "' is renamed twice");
+        }
     }
     if (words.from) {
         arguments.from = ParsePlace(*words.from);
@@ -251,7 +285,7 @@ void AddPlayCommand(command_line::Command& program, Action& chosen) {
         ->type_name("OLD=NEW")
         ->allow_extra_args(false);
     command.add_flag("--loop", words->loops, "begin again at the end, until SIGINT");
-    command.add_option("--from", words->from, "begin so long behind the begin, or at this time in UTC")
+    command.add_option("--from", words->from, "leave out so much of the recording, or begin at this time in UTC")
         ->type_name("PLACE");
     command.add_option("--to", words->to, "end there")->type_name("PLACE");
     command.add_option("--wait-topic", words->waitForTopic, "how long to wait while a topic has another publisher")

@@ -5,11 +5,14 @@
 #include "end_watch.h"
 #include "msgbus/error.h"
 #include "recordings/about.h"
+#include "recordings/file_names.h"
 #include "recordings/loss_notes.h"
 #include "terminal/quantity.h"
+#include "throw_again.h"
 
 #include <unistd.h>
 
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -135,6 +138,16 @@ std::unique_ptr<IDestination> MakeDestination(const RecordArguments& arguments) 
     return std::make_unique<FileSeries>(arguments.file, arguments.existing, arguments.rules, About());
 }
 
+/// Now, and not when a server has come or there is something to write. Throws: recording::RecordingError.
+void CheckPlace(const RecordArguments& arguments) {
+    CheckDirectoryOf(arguments.file);
+    const bool isOneFile = !arguments.ring && !arguments.rules.Splits();
+    if (isOneFile && arguments.existing == recording::ExistingFile::IsKept &&
+        std::filesystem::exists(std::filesystem::symlink_status(arguments.file))) {
+        throw recording::RecordingError("there is a file '" + arguments.file + "' already");
+    }
+}
+
 ExitStatus StatusOf(bool isWhole, const LossNotes& losses, const topics::Subscription& subscription,
                     const EndWatch& watch) {
     if (losses.Noted().values != 0) {
@@ -151,6 +164,7 @@ ExitStatus StatusOf(bool isWhole, const LossNotes& losses, const topics::Subscri
 } // namespace
 
 ExitStatus Record(const RecordArguments& arguments) {
+    CheckPlace(arguments);
     for (const auto& topic : arguments.topics.named) {
         WarnAboutCutTopic(topic);
     }
@@ -179,15 +193,16 @@ ExitStatus Record(const RecordArguments& arguments) {
         isWhole = RecordUntilEnd(*subscription, arguments, *destination, losses, progress, news);
         losses.Update(*subscription, *destination);
         destination->End(losses.Noted().values);
-    } catch (const std::exception& error) {
+    } catch (const std::exception&) {
         progress.Erase();
-        throw std::runtime_error(std::string(error.what()) +
-                                 "; values recorded before: " + std::to_string(destination->ValueCount()));
+        ThrowAgain([&](const std::string& sentence) {
+            return sentence + "; values recorded before: " + std::to_string(destination->ValueCount());
+        });
     }
     progress.Erase();
     Say(access, destination->Done());
     subscription->Cancel();
-    return StatusOf(isWhole, losses, *subscription, watch);
+    return destination->LeftOut() != 0 ? ExitStatus::Failed : StatusOf(isWhole, losses, *subscription, watch);
 }
 
 } // namespace recordings

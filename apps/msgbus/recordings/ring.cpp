@@ -13,22 +13,43 @@ std::uint32_t Ring::NumberOf(const std::string& topic) {
     if (found != numbers.end()) {
         return found->second;
     }
-    const auto number = static_cast<std::uint32_t>(names.size());
+    std::uint32_t number = 0;
+    if (unused.empty()) {
+        number = static_cast<std::uint32_t>(topics.size());
+        topics.push_back({topic});
+    } else {
+        number = unused.back();
+        unused.pop_back();
+        topics[number].name = topic;
+    }
     numbers.emplace(topic, number);
-    names.push_back(topic);
     nameBytes += topic.size() + BytesPerTopic;
     return number;
+}
+
+void Ring::DropFirst() {
+    const std::uint32_t number = values.front().topic;
+    values.pop_front();
+    ++dropped;
+    Topic& topic = topics[number];
+    if (--topic.values == 0) { // the topics that come may be others
+        nameBytes -= topic.name.size() + BytesPerTopic;
+        numbers.erase(topic.name);
+        topic = {};
+        unused.push_back(number);
+    }
 }
 
 void Ring::Add(const std::string& topic, recording::Time time, std::int64_t value, Clock::time_point now) {
     if (!values.empty() && now - values.front().received > longest) {
         DropOld(now);
     }
-    values.push_back({now, time, value, NumberOf(topic)});
+    const std::uint32_t number = NumberOf(topic);
+    values.push_back({now, time, value, number});
+    ++topics[number].values;
     while (values.size() > 1 && Bytes() > mostBytes) {
         droppedForRoom = values.front().received;
-        ++dropped;
-        values.pop_front();
+        DropFirst();
     }
 }
 
@@ -41,16 +62,10 @@ void Ring::Add(recording::Note note, Clock::time_point now) {
 
 void Ring::DropOld(Clock::time_point now) {
     while (!values.empty() && now - values.front().received > longest) {
-        values.pop_front();
-        ++dropped;
+        DropFirst();
     }
     while (!notes.empty() && now - notes.front().received > longest) {
         notes.pop_front();
-    }
-    if (values.empty()) { // the topics that come may be others
-        numbers.clear();
-        names.clear();
-        nameBytes = 0;
     }
 }
 

@@ -48,7 +48,7 @@ public:
             for (; note != notes.end() && note->before <= number; ++note) {
                 onNote(note->note);
             }
-            onValue(names[value.topic], value.time, value.value);
+            onValue(topics[value.topic].name, value.time, value.value);
             ++number;
         }
         for (; note != notes.end(); ++note) {
@@ -61,7 +61,7 @@ private:
         Clock::time_point received;
         recording::Time time;
         std::int64_t value;
-        std::uint32_t topic; ///< its place in `names`
+        std::uint32_t topic; ///< its place in `topics`
     };
     static_assert(sizeof(Value) == BytesPerValue);
 
@@ -71,14 +71,22 @@ private:
         recording::Note note;
     };
 
+    /// A topic of which there is a value, or a place that is not in use.
+    struct Topic {
+        std::string name;
+        std::uint64_t values = 0;
+    };
+
     std::uint32_t NumberOf(const std::string& topic);
+    void DropFirst();
 
     const std::chrono::milliseconds longest;
     const std::uint64_t mostBytes;
     std::deque<Value> values;
     std::deque<PlacedNote> notes;
     std::map<std::string, std::uint32_t, std::less<>> numbers;
-    std::vector<std::string> names;
+    std::vector<Topic> topics;
+    std::vector<std::uint32_t> unused; ///< places in `topics`
     std::uint64_t nameBytes = 0;
     std::uint64_t dropped = 0;                       ///< for any reason: the number of the first value that there is
     std::optional<Clock::time_point> droppedForRoom; ///< when the last value was received that was dropped for that

@@ -3,7 +3,7 @@
 #include "arguments.h"
 #include "look/account_source.h"
 #include "recordings/about.h"
-#include "recordings/file_series.h"
+#include "recordings/file_names.h"
 #include "recordings/topic_channels.h"
 #include "terminal/quantity.h"
 
@@ -11,9 +11,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
 
 namespace recordings {
 
@@ -59,15 +56,6 @@ RingRecording::RingRecording(std::string path, recording::ExistingFile existing,
       valueRearming(rules.conditions.onValues.size(), Rearming(rules.age)), lossRearming(rules.age) {
     for (std::size_t i = 0; i < rules.conditions.onValues.size(); ++i) {
         watched.emplace(rules.conditions.onValues[i].topic, i);
-    }
-    // Now, and not when there is something to write.
-    const std::filesystem::path parent = std::filesystem::path(name).parent_path();
-    const std::string folder = parent.empty() ? "." : parent.string();
-    if (!std::filesystem::is_directory(folder)) {
-        throw recording::RecordingError("cannot create files in '" + folder + "': it is no directory");
-    }
-    if (::access(folder.c_str(), W_OK | X_OK) != 0) {
-        throw recording::RecordingError("cannot create files in '" + folder + "': " + std::strerror(errno));
     }
 }
 
@@ -157,20 +145,15 @@ void RingRecording::End(std::uint64_t) {
     Flush();
 }
 
-std::string RingRecording::NextPath() {
-    while (true) {
-        std::string path = NumberedPath(name, nextNumber++);
-        std::error_code ignored; // then creating it says what is wrong
-        if (existingFile == recording::ExistingFile::IsReplaced || !std::filesystem::exists(path, ignored)) {
-            return path;
-        }
-    }
+std::size_t RingRecording::NextFile() const {
+    return existingFile == recording::ExistingFile::IsReplaced ? nextNumber : NextNumber(name);
 }
 
 void RingRecording::WriteFile(recording::Texts reason) {
     const auto now = steady_clock::now();
     ring.DropOld(now);
-    const std::string path = NextPath();
+    const std::string path = NumberedPath(name, NextFile());
+    ++nextNumber;
     recording::RecordingWriter writer(path, existingFile, "msgbus " BORVEN_VERSION);
     TopicChannels channels(writer);
     const std::string why = reason.contains("condition") ? reason["condition"] : reason["reason"];
@@ -197,15 +180,20 @@ void RingRecording::WriteFile(recording::Texts reason) {
             }
         });
     channels.Settle();
-    writer.Write(recording::Note{"msgbus.end", {{"values", std::to_string(written)}, {"lost", std::to_string(lost)}}});
+    recording::Texts end{{"values", std::to_string(written - channels.LeftOut())}, {"lost", std::to_string(lost)}};
+    if (channels.LeftOut() != 0) {
+        end["left_out"] = std::to_string(channels.LeftOut());
+        leftOut += channels.LeftOut();
+    }
+    writer.Write(recording::Note{"msgbus.end", std::move(end)});
     writer.Close();
     ++files;
-    Say("wrote '" + path + "': " + std::to_string(written) + " values, because of " + why);
+    Say("wrote '" + path + "': " + std::to_string(written - channels.LeftOut()) + " values, because of " + why);
 }
 
 std::string RingRecording::Doing() const {
     return "keeping the last " + terminal::Duration(std::chrono::nanoseconds(rules.age).count()) + " for '" +
-           NumberedPath(name, nextNumber) + "' and following, written on SIGUSR1 to process " +
+           NumberedPath(name, NextFile()) + "' and following, written on SIGUSR1 to process " +
            std::to_string(::getpid()) + ',';
 }
 

@@ -39,7 +39,6 @@ public:
 /// files: on request, when a condition occurs, and when the server is gone.
 class RingRecording final : public IDestination {
 public:
-    /// Throws: recording::RecordingError when files cannot be made there.
     RingRecording(std::string path, recording::ExistingFile existing, RingRules ringRules);
 
     void Write(const std::string& topic, recording::Time time, std::int64_t value) override;
@@ -52,6 +51,7 @@ public:
     std::string Doing() const override;
     std::string Done() const override;
     std::uint64_t ValueCount() const noexcept override { return taken; }
+    std::uint64_t LeftOut() const noexcept override { return leftOut; }
     std::uint64_t Bytes() const noexcept override { return ring.Bytes(); }
 
 private:
@@ -64,7 +64,7 @@ private:
     void Judge(const std::vector<Pending>& values);
     void ReadDescriptions();
     void WriteFile(recording::Texts reason);
-    std::string NextPath();
+    std::size_t NextFile() const;
 
     const std::string name;
     const recording::ExistingFile existingFile;
@@ -76,7 +76,8 @@ private:
     std::vector<Pending> fresh, ripe;
     std::map<std::string, std::string, std::less<>> descriptions; ///< of the topics with conditions
     std::uint64_t taken = 0;
-    std::size_t nextNumber = 0;
+    std::size_t nextNumber = 0; ///< of a file, when those that are there are replaced
+    std::uint64_t leftOut = 0;
     std::size_t files = 0;
 };
 

@@ -24,7 +24,8 @@ struct Summary {
     std::uint64_t values = 0;
     recording::Time first{};
     recording::Time last{};
-    std::vector<recording::Note> notes;
+    std::vector<recording::Note> notes; ///< the first ones
+    std::uint64_t noteCount = 0;        ///< how many there are
     std::uint64_t otherMessages = 0;
     std::string writtenBy;
     std::uint64_t fileBytes = 0;

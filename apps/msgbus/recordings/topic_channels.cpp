@@ -21,6 +21,10 @@ void TopicChannels::Settle() {
     for (const auto& [topic, time, value] : held) {
         auto found = channels.find(topic);
         if (found == channels.end()) {
+            if (IsFull()) {
+                ++leftOut;
+                continue;
+            }
             const auto known = descriptions.find(topic);
             const std::string description = known == descriptions.end() ? "" : known->second;
             const auto channel = writer.Add({topic, description, IsDouble(description)});
@@ -29,6 +33,10 @@ void TopicChannels::Settle() {
         writer.Write(recording::Message{found->second.channel, found->second.next++, time, value});
     }
     held.clear();
+}
+
+bool TopicChannels::IsFull() const noexcept {
+    return channels.size() >= recording::RecordingWriter::MostChannels;
 }
 
 } // namespace recordings

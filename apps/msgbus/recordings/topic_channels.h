@@ -21,6 +21,11 @@ public:
     /// Writes what is held back. Throws: recording::RecordingError.
     void Settle();
 
+    /// Returns: whether there is no room for another topic.
+    bool IsFull() const noexcept;
+    /// Returns: how many values were left out because of that.
+    std::uint64_t LeftOut() const noexcept { return leftOut; }
+
 private:
     struct Held {
         std::string topic;
@@ -35,6 +40,7 @@ private:
     recording::RecordingWriter& writer;
     std::map<std::string, Numbered, std::less<>> channels;
     std::vector<Held> held; ///< from the first value of a new topic on
+    std::uint64_t leftOut = 0;
 };
 
 } // namespace recordings

@@ -19,6 +19,8 @@ class RecordingWriter final {
 public:
     /// Values that are collected before they are written by themselves: about so many bytes.
     static constexpr std::size_t ChunkBytes = 1U << 20;
+    /// The format counts channels in 16 bits.
+    static constexpr std::size_t MostChannels = 65'535;
 
     /// Creates the file. `library`: the program, for readers. Throws: RecordingError, also when there is a file that
     /// is to be kept.
@@ -28,7 +30,7 @@ public:
     /// Leaves a file without its end where Close was not called.
     ~RecordingWriter();
 
-    /// Adds a channel, at most 65,535. Returns: its number, for Message::channel. Throws: RecordingError.
+    /// Adds a channel, at most MostChannels. Returns: its number, for Message::channel. Throws: RecordingError.
     std::uint16_t Add(const Channel& channel);
 
     /// Throws: RecordingError. Requires: the channel was added.

@@ -48,6 +48,20 @@ TEST_F(RingTest, Values_StayForTheTime) {
     EXPECT_EQ(Content(ring), Words{"c 5"});
 }
 
+TEST_F(RingTest, ATopicWithoutValues_TakesNoRoom) {
+    constexpr std::uint64_t room = 5 * (Ring::BytesPerValue + Ring::BytesPerTopic + 1);
+    Ring ring(10s, room);
+    for (int i = 0; i < 1000; ++i) {
+        Add(ring, std::string(1, static_cast<char>('a' + i % 26)), i);
+    }
+    EXPECT_EQ(Content(ring), (Words{"h 995", "i 996", "j 997", "k 998", "l 999"}));
+    EXPECT_EQ(ring.Bytes(), room);
+    Add(ring, "l", 1000, 9s);
+    Add(ring, "l", 1001, 11s);
+    EXPECT_EQ(Content(ring), (Words{"l 1000", "l 1001"}));
+    EXPECT_EQ(ring.Bytes(), 2 * Ring::BytesPerValue + Ring::BytesPerTopic + 1);
+}
+
 TEST_F(RingTest, WithoutRoom_TheOldestIsDropped_AndThatIsKnownForTheTime) {
     constexpr std::uint64_t room = 10 * Ring::BytesPerValue + Ring::BytesPerTopic + 1;
     Ring ring(10s, room);

@@ -72,4 +72,29 @@ TEST_F(SummaryTest, AWholeFile_HasNoDamage) {
     EXPECT_NE(ToJson(summary).find("\"complete\":true"), std::string::npos);
 }
 
+TEST_F(SummaryTest, ManyNotes_AreCountedButNotKept) {
+    constexpr std::uint64_t count = 20'000;
+    recording::RecordingWriter writer(path, recording::ExistingFile::IsReplaced, "test");
+    for (std::uint64_t number = 0; number < count; ++number) {
+        writer.Write(recording::Note{"note", {{"number", std::to_string(number)}}});
+    }
+    writer.Close();
+    const auto summary = recordings::Summarize(path);
+    EXPECT_EQ(summary.noteCount, count);
+    EXPECT_EQ(summary.notes.size(), 10'000U);
+    EXPECT_NE(ToText(summary).find("\nand 10000 more notes\n"), std::string::npos);
+    EXPECT_NE(ToJson(summary).find("\"note_count\":20000"), std::string::npos);
+}
+
+TEST_F(SummaryTest, LargeNotes_AreCountedButNotKept) {
+    recording::RecordingWriter writer(path, recording::ExistingFile::IsReplaced, "test");
+    for (int number = 0; number < 20; ++number) {
+        writer.Write(recording::Note{"note", {{"text", std::string(1U << 20, 'x')}}});
+    }
+    writer.Close();
+    const auto summary = recordings::Summarize(path);
+    EXPECT_EQ(summary.noteCount, 20U);
+    EXPECT_EQ(summary.notes.size(), 15U);
+}
+
 } // namespace
