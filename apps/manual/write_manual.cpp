@@ -51,7 +51,7 @@ int main(int argc, char** argv) try {
     const std::filesystem::path directory = argv[1];
     std::filesystem::create_directories(directory);
     Action none;
-    WriteBoth(directory, *MakeProgram(none), {"msgbusd(1)"});
+    WriteBoth(directory, *MakeProgram(none), {"msgbusd(1)", "msgbus-recording(5)"});
     WriteBoth(directory, *msgbusd::MakeCommand(), {"msgbus(1)"});
     return 0;
 } catch (const std::exception& error) {

@@ -79,7 +79,7 @@ std::chrono::milliseconds ParseDuration(std::string_view text) {
         }
     }
     throw std::invalid_argument("'" + std::string(text) +
-                                "' is not a duration; it must be at least 1 ms, for example 10, 1.5s or 200ms");
+                                "' is not a duration; it must be from 1 ms to 31 years, for example 10, 1.5s or 200ms");
 }
 
 std::chrono::nanoseconds ParseRate(std::string_view text) {

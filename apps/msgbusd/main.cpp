@@ -30,6 +30,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -94,6 +95,14 @@ std::optional<std::string> RuntimeDirectory() {
     std::array<char, PATH_MAX> path{};
     const auto status = KnRuntimeDirectory(KnMissingDirectory::IsCreated, path.data(), path.size());
     return status == KnStatusOk ? std::optional<std::string>(path.data()) : std::nullopt;
+}
+
+/// An account that is left by the server before would be taken for this one's: a healthy server for one that is gone.
+void SetAccountAside() {
+    try {
+        std::filesystem::rename(instruments::AccountPath(), instruments::PreviousAccountPath());
+    } catch (const std::exception&) { // Justified: there was none.
+    }
 }
 
 void LogServing(const msgbusd::ChosenOptions& options, const std::optional<std::string>& directory) {
@@ -164,6 +173,9 @@ bool Serve(const msgbusd::ChosenOptions& options, const std::optional<std::strin
     const bool isInOrder = server.Run([&] {
         servingSince = std::chrono::steady_clock::now();
         LogServing(options, directory);
+        if (!settings.account) {
+            SetAccountAside();
+        }
         if (const auto period = msgbus_server::ServiceManager::WatchdogPeriod()) {
             health.Start(*period / BeatsInAWatchdogPeriod);
         }

@@ -243,6 +243,13 @@ class Look(LookTest):
             self.assertEqual(lines, [])
             self.assertRegex(errors, r"^msgbus: there is no account '[^']*/account'.*\n$")
 
+    def test_a_server_without_account_is_not_taken_for_the_one_before(self):
+        self.server().kill()
+        self.server("--no-account")
+        wait_until(self, lambda: not os.path.exists(os.path.join(self.runtime, "account")), "the account to be set aside")
+        self.assertIn("there is no account", self.run_msgbus("list", status=NO_SERVER)[1])
+        self.assertIn("it was killed", "\n".join(self.run_msgbus("autopsy", "--previous")[0]))
+
     def test_what_is_no_account_is_refused(self):
         path = os.path.join(self.runtime, "account")
         for content in (b"", b"MGBUSACT", b"\xff" * 100000, bytes(100000)):

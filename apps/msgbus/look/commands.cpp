@@ -44,6 +44,8 @@ struct Limits {
     }
     void AddTimeLimit(Command& command, const std::string& meaning) {
         command.add_option("-W,--time-limit", timeLimit, meaning)->type_name("DURATION");
+        const auto timedOut = Describe({ExitStatus::TimedOut});
+        command.notes.exitStatuses.insert(command.notes.exitStatuses.end(), timedOut.begin(), timedOut.end());
     }
 
     /// Throws: std::invalid_argument.
@@ -241,15 +243,15 @@ void AddCheck(Command& program, Action& chosen) {
                                    {"3", "UNKNOWN: no account, or a usage error"}};
     const auto add = [command = command](const std::string& name, diagnosis::CheckArguments::Limits& limits,
                                          const char* type, const std::string& what) {
-        command->add_option("--" + name + "-warn", limits.warning, "warn beyond so many " + what)->type_name(type);
+        command->add_option("--" + name + "-warn", limits.warning, "warn beyond " + what)->type_name(type);
         command->add_option("--" + name + "-crit", limits.critical, "be critical beyond that")->type_name(type);
     };
     auto& arguments = parts->arguments;
-    add("lag", arguments.lag, "N", "values that a subscriber has unread");
-    add("drops", arguments.drops, "N", "values that were dropped since the server started");
-    add("inbound", arguments.inbound, "N", "values in the inbound queue");
-    add("age", arguments.age, "DURATION", "seconds that the oldest unread value of a subscriber waits");
-    add("away", arguments.away, "DURATION", "seconds that a thread of the server is away from its loop");
+    add("lag", arguments.lag, "N", "so many values that a subscriber has unread");
+    add("drops", arguments.drops, "N", "so many values that were dropped since the server started");
+    add("inbound", arguments.inbound, "N", "so many values in the inbound queue");
+    add("age", arguments.age, "DURATION", "this age of the oldest unread value of a subscriber");
+    add("away", arguments.away, "DURATION", "this time that a thread of the server is away from its loop");
     command->add_option("--format", arguments.format, "for which program (default: nagios)")
         ->type_name("nagios|json|prometheus")
         ->check([](const std::string& format) {

@@ -85,8 +85,12 @@ SplitRules SplitRulesOf(const Words& words) {
     if (words.split) {
         if (IsSize(*words.split)) {
             rules.bytes = ParseSize(*words.split);
-        } else {
+        } else if (const char last = words.split->empty() ? ' ' : words.split->back();
+                   last == 's' || last == 'm' || last == 'h') {
             rules.time = ParseDuration(*words.split);
+        } else {
+            throw std::invalid_argument("--split: '" + *words.split +
+                                        "' is neither a size, such as 100M, nor a duration with its unit, such as 1h");
         }
     }
     if (words.mostBytes) {
@@ -94,6 +98,9 @@ SplitRules SplitRulesOf(const Words& words) {
             throw std::invalid_argument("--max-disk needs --split");
         }
         rules.mostBytes = ParseSize(*words.mostBytes);
+        if (rules.bytes && *rules.mostBytes < *rules.bytes) {
+            throw std::invalid_argument("--max-disk is less than --split, so that not even one file would fit");
+        }
     }
     return rules;
 }

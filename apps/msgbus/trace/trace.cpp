@@ -90,7 +90,8 @@ void Print(const Arguments& arguments, const TraceRecord& record) {
 ExitStatus Trace(const Arguments& arguments) {
     const EndWatch watch(arguments.timeLimit, EndWatch::Output::Watched);
     const RunningTrace running(arguments.topic, arguments.count);
-    Say("following the next " + std::to_string(arguments.count) + " values of topic '" + arguments.topic + "'");
+    Say("following the next " + std::to_string(arguments.count) + (arguments.count == 1 ? " value" : " values") +
+        " of topic '" + arguments.topic + "'");
     TraceRecord record;
     bool isComplete = false;
     while (!isComplete && look::Pause(watch, TimeBetweenLooks)) {
