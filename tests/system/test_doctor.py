@@ -8,9 +8,9 @@ from harness import BIN, DONE, FAILED, MODE, BusTest, main, wait_until
 
 class Doctor(BusTest):
 
-    def findings(self, status):
+    def findings(self, status, *options):
         """Returns: the advice by what was looked at; empty where all is well."""
-        process = self.start(f"{BIN}/msgbus", "doctor", "--json", "--timeout", "500ms")
+        process = self.start(f"{BIN}/msgbus", "doctor", "--json", "--timeout", "500ms", *options)
         process.expect_exit(status)
         [line] = [line for line in process.seen if line.startswith("{")]
         return {each["what"]: each["advice"] for each in json.loads(line)["findings"]}
@@ -45,9 +45,20 @@ class Doctor(BusTest):
         self.environment["BORVEN_BUS"] = "dynamic" if MODE == "static" else "static"
         self.assertEqual(self.ill(), {"mode", "delivery"})
 
+    def test_an_option_for_the_other_mode(self):
+        self.server()
+        other = "dynamic" if MODE == "static" else "static"
+        findings = self.findings(FAILED, "--" + other)
+        self.assertEqual({what for what, advice in findings.items() if advice}, {"mode", "delivery"})
+        self.environment["BORVEN_BUS"] = other
+        self.assertEqual(self.findings(DONE, "--" + MODE)["mode"], "")  # the option counts
+
     def test_a_server_that_was_killed(self):
         self.server().kill()
-        self.assertEqual(self.ill(), {"its work", "delivery"})
+        findings = self.findings(FAILED)
+        self.assertIn("start one", findings["server"])
+        self.assertIn("start one", findings["delivery"])
+        self.assertNotIn("versions", findings)  # of what is gone
 
     def test_a_server_that_is_paused(self):
         server = self.server()

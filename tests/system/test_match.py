@@ -1,6 +1,7 @@
 """`msgbus sub --match`: topics that are there and topics that come, each in its own order, whatever becomes of the others."""
 
 import json
+import time
 
 from harness import DONE, FAILED, USAGE, BusTest, main, wait_until
 
@@ -130,6 +131,21 @@ class Match(BusTest):
         reader.expect("t2 3")
         reader.signal(2)
         reader.expect_exit(DONE)
+
+    def test_the_restart_may_take_long(self):
+        server = self.server()
+        reader = self.reader("t*", options=("--reconnect", "60s"))
+        self.publish("t1", 1)
+        reader.expect("t1 1")
+        server.kill()
+        time.sleep(3)  # more than a server needs to make its account
+        self.server()
+        reader.expect_error("again with a restarted server")
+        self.publish("t2", 3)
+        reader.expect("t2 3")
+        reader.signal(2)
+        reader.expect_exit(DONE)
+        self.assertNotIn("keeps no account", "\n".join(reader.seen))
 
     def test_silence_and_counts_are_those_of_all_topics(self):
         self.server()

@@ -3,6 +3,7 @@
 #include "common/escape.h"
 #include "diagnosis/examinations.h"
 #include "look/account_source.h"
+#include "look/look_loop.h"
 #include "terminal/colour.h"
 #include "terminal/write_out.h"
 
@@ -34,10 +35,10 @@ std::vector<Finding> Examine(const BusAccess& access) {
     std::vector<Finding> findings{ExamineDirectory(), ExamineOwnLimit()};
     std::optional<instruments::Snapshot> snapshot;
     findings.push_back(ExamineAccount(snapshot));
-    if (snapshot) {
+    if (snapshot && !look::HasEnded(snapshot->server)) {
         findings.push_back(ExamineServer(*snapshot));
         findings.push_back(ExamineVersions(*snapshot));
-        findings.push_back(ExamineMode(*snapshot));
+        findings.push_back(ExamineMode(access, *snapshot));
         findings.push_back(ExamineServerLimit(*snapshot));
     }
     findings.push_back(ExamineDelivery(access));

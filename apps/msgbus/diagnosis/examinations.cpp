@@ -8,6 +8,8 @@
 #include "kn/runtime_directory.h"
 #include "kn/status.h"
 #include "look/account_source.h"
+#include "look/look_loop.h"
+#include "msgbus/error.h"
 #include "msgbus/publisher.h"
 #include "msgbus/subscriber.h"
 #include "search_place.h"
@@ -104,6 +106,11 @@ Finding ExamineAccount(std::optional<instruments::Snapshot>& snapshot) {
         snapshot = look::AccountSource(std::nullopt).Read(instruments::AccountReader::Depth::WithoutLatency);
         finding.found = fmt::format("process {}, {}, {} mode, {}", snapshot->server.pid, snapshot->server.version,
                                     snapshot->server.isStatic ? "static" : "dynamic", NameOf(snapshot->server.state));
+        if (look::HasEnded(snapshot->server)) {
+            finding.found = fmt::format("process {} is gone", snapshot->server.pid);
+            finding.advice = "start one: msgbusd, or systemctl --user start msgbusd; 'msgbus autopsy' shows what that "
+                             "one did last";
+        }
     } catch (const instruments::AccountClosedError&) {
         finding.found = "of another user; only that one and root may look into it";
     } catch (const std::exception& error) {
@@ -137,10 +144,18 @@ Finding ExamineVersions(const instruments::Snapshot& snapshot) {
     return finding;
 }
 
-Finding ExamineMode(const instruments::Snapshot& snapshot) {
+Finding ExamineMode(const BusAccess& access, const instruments::Snapshot& snapshot) {
     const char* const set = std::getenv("BORVEN_BUS");
     const std::string mode = snapshot.server.isStatic ? "static" : "dynamic";
     Finding finding{"mode", mode, ""};
+    if (access.options.route != msgbus::Route::Automatic) {
+        const std::string wanted = access.options.route == msgbus::Route::Static ? "static" : "dynamic";
+        if (wanted != mode) {
+            finding.found = "--" + wanted + " was given, and the server serves in " + mode + " mode";
+            finding.advice = "leave --" + wanted + " out, or start the server with it";
+        }
+        return finding;
+    }
     if (set != nullptr && *set != '\0' && set != mode) {
         finding.found = std::string("BORVEN_BUS is '") + set + "', and the server serves in " + mode + " mode";
         finding.advice = "unset BORVEN_BUS, or start the server with --" + std::string(set);
@@ -188,6 +203,9 @@ Finding ExamineDelivery(const BusAccess& access) {
         }
         finding.found = "a value took " + terminal::Duration((std::chrono::steady_clock::now() - begin).count()) +
                         " there and back";
+    } catch (const msgbus::NoServerError& error) {
+        finding.found = error.what();
+        finding.advice = "start one, or ask for the mode in which it serves";
     } catch (const std::exception& error) {
         const std::string why = reason.Text();
         finding.found = error.what() + (why.empty() ? "" : ": " + why);

@@ -22,8 +22,8 @@ Finding ExamineServer(const instruments::Snapshot& snapshot);
 /// Whether client and server are of the same version.
 Finding ExamineVersions(const instruments::Snapshot& snapshot);
 
-/// Whether BORVEN_BUS, if it is set, names the mode in which the server serves.
-Finding ExamineMode(const instruments::Snapshot& snapshot);
+/// Whether the mode that is asked for, by an option or by BORVEN_BUS, is that in which the server serves.
+Finding ExamineMode(const BusAccess& access, const instruments::Snapshot& snapshot);
 
 /// How many descriptors this process may open, and the server.
 Finding ExamineOwnLimit();

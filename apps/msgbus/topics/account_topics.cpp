@@ -14,8 +14,8 @@ namespace {
 /// Of a big bus a whole look takes long: it must not take more than a tenth of the time.
 constexpr int PauseFactor = 10;
 
-/// So long after the end of a server its successor has an account, if it keeps one.
-constexpr std::chrono::seconds TimeToRestart{2};
+/// So long after the old account is away a server has one of its own, if it keeps one.
+constexpr std::chrono::seconds TimeToStart{2};
 
 bool IsRegistration(const instruments::Event& event) {
     return event.kind == EventKind::PublisherRegistered || event.kind == EventKind::SubscriberRegistered;
@@ -49,12 +49,13 @@ void AccountTopics::ReadWhole() {
     const auto end = Clock::now();
     nextLook = end + std::max<Clock::duration>(LookInterval, PauseFactor * (end - begin));
     nextWhole = end + WholeInterval;
-    if (!look::HasEnded(snapshot.server)) {
-        endedSince.reset();
-    } else if (!endedSince) {
-        endedSince = end;
+    // A server without an account sets that of the one before aside.
+    if (!look::HasEnded(snapshot.server) || !source.Reader().IsReplaced()) {
+        replacedSince.reset();
+    } else if (!replacedSince) {
+        replacedSince = end;
     }
-    blindness = endedSince && end - *endedSince >= TimeToRestart
+    blindness = replacedSince && end - *replacedSince >= TimeToStart
                     ? "the server that runs keeps no account: topics that come from now on are not noticed"
                     : "";
 }

@@ -39,7 +39,7 @@ private:
     bool isRegistrationRecent = true; ///< what is behind an event may be in the account a moment later
     Clock::time_point nextLook;
     Clock::time_point nextWhole;
-    std::optional<Clock::time_point> endedSince; ///< the account is of a server that has ended
+    std::optional<Clock::time_point> replacedSince; ///< that of a server that has ended, without another in its place
     std::string blindness;
 };
 
