@@ -115,6 +115,12 @@ bool IsSize(std::string_view text) {
     return text.ends_with('k') || text.ends_with('M') || text.ends_with('G');
 }
 
+void RequireTopic(const std::string& topic) {
+    if (topic.empty()) {
+        throw std::invalid_argument("the topic is empty");
+    }
+}
+
 void WarnAboutCutTopic(const std::string& topic) {
     if (topic.size() > LongestDeliveredTopic) {
         Say("warning: subscribers receive only the first " + std::to_string(LongestDeliveredTopic) +

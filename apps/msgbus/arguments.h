@@ -28,5 +28,8 @@ std::uint64_t ParseSize(std::string_view text);
 /// Returns: whether the text ends like a size with a unit, and not like a duration.
 bool IsSize(std::string_view text);
 
+/// Throws: std::invalid_argument when no topic is called `topic`.
+void RequireTopic(const std::string& topic);
+
 /// Prints a warning on stderr if subscribers will receive `topic` truncated.
 void WarnAboutCutTopic(const std::string& topic);

@@ -10,7 +10,7 @@ class Traces(BusTest):
 
     def trace(self, topic, count, *options):
         process = self.msgbus("trace", topic, "-n", str(count), "--json", *options)
-        process.expect_error(f"following the next {count} values of topic '{topic}'")
+        process.expect_error(f"following the next {count} value{'' if count == 1 else 's'} of topic '{topic}'")
         return process
 
     def result(self, process, status=DONE):
@@ -120,6 +120,14 @@ class Traces(BusTest):
         process = self.trace("t", 5, "-W", "2s")
         self.publish("t", 1)
         self.assertEqual(len(self.result(process, TIMED_OUT)["values"]), 1)
+
+    def test_a_server_that_starts_later_is_waited_for(self):
+        process = self.msgbus("trace", "t", "-n", "1", "--json", "--wait")
+        process.expect_error("; waiting for one")
+        self.server()
+        process.expect_error("following")
+        self.publish("t", 1)
+        self.assertEqual(len(self.result(process)["values"]), 1)
 
     def test_without_a_monitor_there_is_a_sentence(self):
         process = self.msgbus("trace", "t")

@@ -75,6 +75,7 @@ std::optional<std::string> LastValueLine(const Snapshot& snapshot, const std::st
 }
 
 ExitStatus Get(const GetArguments& arguments) {
+    RequireTopic(arguments.topic);
     AccountSource source(arguments.account);
     const Snapshot snapshot = source.Read(AccountReader::Depth::WithoutLatency);
     ServerWarning().Update(snapshot.server);

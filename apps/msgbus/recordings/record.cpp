@@ -140,6 +140,9 @@ std::unique_ptr<IDestination> MakeDestination(const RecordArguments& arguments) 
 
 /// Now, and not when a server has come or there is something to write. Throws: recording::RecordingError.
 void CheckPlace(const RecordArguments& arguments) {
+    if (arguments.file == "-") {
+        throw std::invalid_argument("a recording is a file, not standard output; './-' is one of that name");
+    }
     CheckDirectoryOf(arguments.file);
     const bool isOneFile = !arguments.ring && !arguments.rules.Splits();
     if (isOneFile && arguments.existing == recording::ExistingFile::IsKept &&

@@ -1,6 +1,7 @@
 #include "trace/trace.h"
 
 #include "arguments.h"
+#include "bus_options.h"
 #include "end_watch.h"
 #include "look/account_source.h"
 #include "look/look_loop.h"
@@ -15,6 +16,7 @@
 #include <fstream>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 namespace trace {
 
@@ -57,6 +59,25 @@ public:
     }
 };
 
+/// Starts the trace, if need be when there is a server. Returns: nothing when the program is to end first.
+std::unique_ptr<RunningTrace> Start(const Arguments& arguments, const EndWatch& watch) {
+    const auto deadline = std::chrono::steady_clock::now() + arguments.waitForServer;
+    bool isNoted = false;
+    do {
+        try {
+            return std::make_unique<RunningTrace>(arguments.topic, arguments.count);
+        } catch (const server_access::ServerAwayError& error) {
+            if (std::chrono::steady_clock::now() >= deadline) {
+                throw;
+            }
+            if (!std::exchange(isNoted, true)) {
+                Say(std::string(error.what()) + "; waiting for one");
+            }
+        }
+    } while (look::Pause(watch, TimeBetweenLooks));
+    return nullptr;
+}
+
 Names NamesOnTheBus() {
     Names names;
     for (const auto& subscriber :
@@ -88,14 +109,18 @@ void Print(const Arguments& arguments, const TraceRecord& record) {
 } // namespace
 
 ExitStatus Trace(const Arguments& arguments) {
+    RequireTopic(arguments.topic);
     const EndWatch watch(arguments.timeLimit, EndWatch::Output::Watched);
-    const RunningTrace running(arguments.topic, arguments.count);
+    const auto running = Start(arguments, watch);
+    if (!running) {
+        return look::StatusOf(watch);
+    }
     Say("following the next " + std::to_string(arguments.count) + (arguments.count == 1 ? " value" : " values") +
         " of topic '" + arguments.topic + "'");
     TraceRecord record;
     bool isComplete = false;
     while (!isComplete && look::Pause(watch, TimeBetweenLooks)) {
-        record = running.Read();
+        record = running->Read();
         isComplete = record.HasEnded();
     }
     Print(arguments, record);
@@ -106,6 +131,7 @@ void AddCommand(command_line::Command& program, Action& chosen) {
     struct Words {
         Arguments arguments;
         std::optional<std::string> count, timeLimit;
+        const CLI::Option* wait = nullptr;
     };
     auto& command = program.AddCommand("trace", "Follow single values of a topic through the bus.",
                                        "Commands that look into the bus");
@@ -120,6 +146,9 @@ void AddCommand(command_line::Command& program, Action& chosen) {
     command.add_option("-o,--output", arguments.output, "write the trace to this file, too, for ui.perfetto.dev")
         ->type_name("FILE");
     command.add_flag("--json", arguments.json, "print one JSON object on one line");
+    words->wait = command_line::AddOptionWithOptionalValue(
+        command, "--wait", "DURATION",
+        "wait for a server that is not up yet; without a duration for as long as it takes");
     command.notes.description = {
         "For each value: when it was pushed, and how long after that it was fanned out, put into the queue of each "
         "subscriber, offered to it (laid into memory from which its client takes values without a request) and taken. "
@@ -149,6 +178,9 @@ void AddCommand(command_line::Command& program, Action& chosen) {
             }
             if (words->timeLimit) {
                 parsed.timeLimit = ParseDuration(*words->timeLimit);
+            }
+            if (const auto wait = command_line::OptionalValueOf(*words->wait)) {
+                parsed.waitForServer = ParseWait(*wait);
             }
             return Trace(parsed);
         };

@@ -15,6 +15,7 @@ namespace trace {
 struct Arguments {
     std::string topic;
     std::size_t count = 10;
+    std::chrono::milliseconds waitForServer{0};
     std::optional<std::chrono::milliseconds> timeLimit;
     std::optional<std::string> output; ///< file for the trace viewer
     bool json = false;
@@ -30,7 +31,8 @@ std::string ToText(const instruments::TraceRecord& record, const Names& names);
 /// thread, and what a value waits for is a slice.
 std::string ToTraceEvents(const instruments::TraceRecord& record, const Names& names);
 
-/// Runs `msgbus trace`. Throws: server_access::ServerAwayError; std::runtime_error; std::system_error.
+/// Runs `msgbus trace`.
+/// Throws: server_access::ServerAwayError; std::invalid_argument; std::runtime_error; std::system_error.
 ExitStatus Trace(const Arguments& arguments);
 
 /// Adds the command. The action is put into `chosen`, which must outlive the parsing, when it is parsed.
