@@ -1,5 +1,6 @@
 """Live values over WebSocket: what clients get, and when it ends."""
 
+import functools
 import json
 import os
 import re
@@ -8,7 +9,7 @@ import socket
 import struct
 import time
 
-from harness import DONE, FAILED, NO_SERVER, USAGE, main
+from harness import DONE, FAILED, NO_SERVER, USAGE, main, wait_until
 from websocket_client import BINARY, TEXT, V1, Closed, StreamTest
 
 
@@ -136,6 +137,37 @@ class Streams(StreamTest):
         self.assertEqual(self.client(process).channels()["t"], after["t"])
         publisher.end_input()
         self.finish(process)
+
+    def test_many_topics_that_become_doubles_at_once_cut_no_client(self):
+        self.server()
+        topics = [f"t{number}" for number in range(40)]
+        process = self.stream(*topics)
+        client = self.client(process)
+        before = client.channels()
+        client.subscribe(1, before["t0"]["id"])
+        self.settle(client)
+        process.pause()
+        publishers = [self.pub(topic, "--description", "float64;unit=V") for topic in topics]
+        for topic in topics:
+            wait_until(self, functools.partial(self.is_described, topic), "the description")
+        process.signal(signal.SIGCONT)
+        withdrawn = client.text("unadvertise")["channelIds"]
+        self.assertEqual(withdrawn, [before[topic]["id"] for topic in topics])
+        after = client.channels()
+        self.assertEqual(list(after), topics)
+        self.assertEqual({channel["schemaName"] for channel in after.values()}, {"std_msgs/msg/Float64"})
+        client.subscribe(1, after["t0"]["id"])
+        self.settle(client)
+        publishers[0].write("5\n")
+        self.assertEqual(client.value()[0], 1)
+        for publisher in publishers:
+            publisher.end_input()
+        self.finish(process)
+
+    def is_described(self, topic):
+        process = self.msgbus("info", topic)
+        process.expect_exit(DONE)
+        return any("float64" in line for line in process.seen)
 
     def test_a_restarted_server_is_found_and_a_lost_one_ends_it(self):
         server = self.server()

@@ -5,8 +5,9 @@ import os
 import socket
 import struct
 import subprocess
+from unittest import mock
 
-from harness import main
+from harness import PATIENCE, main
 from websocket_client import BINARY, PING, PONG, SDK, TEXT, V1, Closed, StreamTest
 
 
@@ -27,11 +28,13 @@ class StreamAccess(StreamTest):
     def test_pages_of_elsewhere_are_kept_out(self):
         self.server()
         process = self.stream("t", "--allow-origin", "https://Plots.example:444/")
-        for origin in ("https://app.foxglove.dev", "null", "file://", "http://localhost.example", "http://127.0.0.1.example",
+        for origin in ("https://app.foxglove.dev", "file://", "http://localhost.example", "http://127.0.0.1.example",
                        "http://localhost:80.example", "https://plots.example", "http://plots.example:444",
-                       "https://plots.example:4444", "http://localhost@evil.example", "x"):
+                       "https://plots.example:4444", "http://localhost@evil.example"):
             self.expect_refused(process, 403,
                                 f"a page of '{origin}' may not connect; '--allow-origin {origin}'", V1, Origin=origin)
+        for origin in ("null", "x"):
+            self.expect_refused(process, 403, f"a page of '{origin}' may not connect; there is no option", V1, Origin=origin)
         for origin in ("http://localhost:8080", "https://127.0.0.1", "http://[::1]:1", "https://plots.example:444"):
             self.assertIn("t", self.client(process, Origin=origin).channels())
         self.expect_refused(process, 403, "Host", V1, Host=f"rebound.example:{process.port}")
@@ -66,6 +69,27 @@ class StreamAccess(StreamTest):
         self.assertEqual(of_nobody(process), "['t']\n")
         self.finish(process)
 
+    def test_connections_that_say_nothing_keep_nobody_out(self):
+        self.server()
+        process = self.stream("t")
+        reader = self.subscribed(process)
+        for _ in range(100):
+            self.addCleanup(socket.create_connection(("127.0.0.1", process.port), timeout=60).close)
+        self.assertIn("t", self.client(process).channels())
+        process.expect_error("refused a connection: it did not get through its handshake")
+        if os.geteuid() == 0:
+            script = ("import socket, sys\n"
+                      "held = [socket.create_connection(('127.0.0.1', int(sys.argv[1]))) for _ in range(200)]\n"
+                      "print({each.recv(4096)[:12] for each in held}, flush=True); input()")
+            with subprocess.Popen(["/usr/bin/python3", "-B", "-c", script, str(process.port)], user=65534, cwd="/",
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE) as foreign:
+                self.assertEqual(foreign.stdout.readline(), b"{b'HTTP/1.1 403'}\n")
+                self.assertIn("t", self.client(process).channels())
+                foreign.communicate(b"\n")
+        self.publish("t", 1)
+        self.assertEqual(reader.integer(), (7, 1))
+        self.finish(process)
+
     def test_what_is_no_handshake_is_refused(self):
         self.server()
         process = self.stream("t")
@@ -98,6 +122,8 @@ class StreamAccess(StreamTest):
                 (lambda client: client.send_frame(TEXT, b"{"), 1007),
                 (lambda client: client.send_frame(TEXT, 60000 * b"["), 1007),
                 (lambda client: client.send_frame(TEXT, b"[]"), 1007),
+                (lambda client: client.send_frame(TEXT, b'{"op":"unsubscribe","subscriptionIds":' + 32700 * b"["
+                                                  + 32700 * b"]" + b"}"), 1007),
                 (lambda client: client.send(no="op"), 1007),
                 (lambda client: client.send(op="subscribe"), 1007),
                 (lambda client: client.subscribe(-1, 1), 1007),
@@ -147,21 +173,34 @@ class StreamAccess(StreamTest):
         process.expect_error(" ended")
         self.finish(process)
 
-    def test_a_client_that_asks_and_never_reads_is_cut(self):
+    def test_many_requests_at_once_are_all_answered(self):
         self.server()
         process = self.stream("t")
-        client = self.client(process, receive_buffer=4096)
-        request = json.dumps({"op": "x" * 60})
-        with self.assertRaises(OSError):
-            while True:
-                client.send_frame(TEXT, request.encode())
-        process.expect_error("does not read: it is cut")
-        pinging = self.client(process, receive_buffer=4096)
-        pinging.socket.settimeout(1)
-        with self.assertRaises(OSError):  # the server does not read on, and so needs no more memory
-            while True:
-                pinging.send_frame(PING, 125 * b"x")
+        client = self.client(process)
+        client.channels()
+        sent = bytearray()
+        with mock.patch.object(client, "socket", mock.Mock(sendall=sent.extend)):
+            for number in range(200):
+                client.send(op=f"x{number}")
+        client.socket.sendall(sent)
+        for number in range(200):
+            self.assertIn(f"'x{number}'", client.text("status")["message"])
+        self.finish(process)
+
+    def test_a_client_that_asks_and_never_reads_is_not_read_either(self):
+        self.server()
+        process = self.stream("t")
+        asked = 0
+        for kind, payload in ((PING, 125 * b"x"), (TEXT, json.dumps({"op": "x" * 60, "more": 1000 * "x"}).encode())):
+            client = self.client(process, receive_buffer=4096)
+            client.socket.settimeout(1)
+            with self.assertRaises(OSError):  # the server does not read on, and so needs no more memory
+                for asked in range(10**9):
+                    client.send_frame(kind, payload)
         self.assertIn("t", self.client(process).channels())
+        client.socket.settimeout(PATIENCE)
+        for _ in range(asked):  # it gets all answers when it reads
+            self.assertIn("does not serve", client.text("status")["message"])
         self.finish(process)
 
     def test_there_are_at_most_so_many_clients(self):

@@ -34,9 +34,9 @@ bool Broadcast::Take(const std::string& topic, std::uint64_t timeNs, std::int64_
 }
 
 bool Broadcast::Describe(const recordings::Descriptions& descriptions) {
-    for (const auto& change : liveTopics.Describe(descriptions)) {
+    if (const auto changes = liveTopics.Describe(descriptions); !changes.empty()) {
         for (auto* const client : clients) {
-            client->Replace(change.topic, change.oldChannel);
+            client->Replace(changes);
         }
     }
     return liveTopics.Settle(Clock::now());

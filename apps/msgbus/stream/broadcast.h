@@ -16,7 +16,7 @@ class Connection;
 /// The clients that are connected, and what all of them get. Threads: one.
 class Broadcast final {
 public:
-    /// Each takes at most about a megabyte.
+    /// Each takes about a megabyte when it does not read, and at most 4 MiB more of texts.
     static constexpr std::size_t MostClients = 32;
 
     Broadcast(const std::vector<std::string>& topics, AdmissionRules admissionRules, bool letsAnyUserIn, bool isQuiet);

@@ -2,7 +2,7 @@
 
 #include "arguments.h"
 #include "stream/broadcast.h"
-#include "stream/wire/peer_owner.h"
+#include "stream/wire/refusal.h"
 
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -10,14 +10,12 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/read.hpp>
-#include <boost/beast/http/string_body.hpp>
 #include <boost/beast/http/write.hpp>
 #include <boost/beast/websocket/rfc6455.hpp>
 
-#include <unistd.h>
-
 #include <array>
 #include <chrono>
+#include <functional>
 #include <utility>
 
 namespace stream {
@@ -32,32 +30,12 @@ namespace {
 constexpr std::chrono::seconds HandshakeLimit{10};
 constexpr std::uint32_t LongestHeader = 8192;
 constexpr std::size_t LongestRequest = 65536;
-constexpr const char* Program = "msgbus " BORVEN_VERSION;
 
 auto IntoError(boost::system::error_code& error) {
     return asio::redirect_error(asio::use_awaitable, error);
 }
 
-/// Returns: why this user's bus is not for the process at the other end; empty: it is.
-std::string ForeignUser(const asio::ip::tcp::socket& socket) {
-    const auto owner = OwnerOfPeer(socket);
-    if (!owner) {
-        return "it cannot be seen which user connects; --any-user of msgbus stream lets all users of this machine in";
-    }
-    if (*owner != ::geteuid() && *owner != 0) {
-        return "user " + std::to_string(*owner) +
-               " may not connect; --any-user of msgbus stream lets all users of this machine in";
-    }
-    return {};
-}
-
-/// Judges the request, and the client behind it.
-Admission Judge(const Handshake& request, const asio::ip::tcp::socket& socket, const Broadcast& broadcast) {
-    if (!broadcast.LetsAnyUserIn()) {
-        if (auto reason = ForeignUser(socket); !reason.empty()) {
-            return {http::status::forbidden, std::move(reason), {}};
-        }
-    }
+Admission Judge(const Handshake& request, const Broadcast& broadcast) {
     auto admission = broadcast.Rules().Judge(request);
     if (admission.IsGranted() && broadcast.Clients().size() >= Broadcast::MostClients) {
         return {http::status::service_unavailable,
@@ -82,16 +60,7 @@ asio::awaitable<void> EndConnection(WebSocketLayer& layer) {
 
 /// Sends a response with one sentence, and ends the connection when the client has it.
 asio::awaitable<void> Refuse(WebSocketLayer& layer, const Admission& admission) {
-    http::response<http::string_body> response(admission.status, 11);
-    response.set(http::field::server, Program);
-    response.set(http::field::content_type, "text/plain; charset=utf-8");
-    response.set(http::field::connection, "close");
-    response.set("X-Content-Type-Options", "nosniff");
-    if (admission.status == http::status::upgrade_required) {
-        response.set(http::field::upgrade, "websocket");
-    }
-    response.body() = admission.reason + '\n';
-    response.prepare_payload();
+    auto response = RefusalOf(admission);
     boost::system::error_code error;
     co_await http::async_write(layer, response, IntoError(error));
     co_await EndConnection(layer);
@@ -124,19 +93,19 @@ asio::awaitable<std::optional<Handshake>> ReadHandshake(WebSocketLayer& layer, B
 
 /// Answers the handshake and serves the client.
 asio::awaitable<void> ServeWebSocket(Connection::WebSocket& webSocket, std::shared_ptr<Outbox> outbox,
-                                     Broadcast& broadcast, asio::steady_timer& limit) {
+                                     Broadcast& broadcast, const std::function<void()>& onConnected) {
     const auto request = co_await ReadHandshake(webSocket.next_layer(), broadcast);
     if (!request) {
         co_return;
     }
-    const Admission admission = Judge(*request, outbox->Socket(), broadcast);
+    const Admission admission = Judge(*request, broadcast);
     if (!admission.IsGranted()) {
         broadcast.ReportRefusal(admission.reason);
         co_await Refuse(webSocket.next_layer(), admission);
         co_return;
     }
     webSocket.set_option(websocket::stream_base::decorator([&admission](websocket::response_type& response) {
-        response.set(http::field::server, Program);
+        response.set(http::field::server, ServerName);
         response.set(http::field::sec_websocket_protocol, admission.subprotocol);
     }));
     // No pings: a client that stands still loses values, and may go on later.
@@ -149,7 +118,7 @@ asio::awaitable<void> ServeWebSocket(Connection::WebSocket& webSocket, std::shar
         co_await EndConnection(webSocket.next_layer()); // the library has answered
         co_return;
     }
-    limit.cancel();
+    onConnected();
     const auto peer = outbox->Socket().remote_endpoint(error);
     Connection connection(outbox, broadcast,
                           "client " + std::to_string(broadcast.NextNumber()) + " (port " +
@@ -165,7 +134,7 @@ Connection::Connection(std::shared_ptr<Outbox> connectedOutbox, Broadcast& owner
     if (!broadcast.IsQuiet()) {
         Say(name + " connected");
     }
-    Send(ServerInfo(Program, broadcast.SessionId()));
+    Send(ServerInfo(ServerName, broadcast.SessionId()));
     Send(Advertise(broadcast.Topics().Channels()));
     broadcast.Add(*this);
 }
@@ -186,6 +155,9 @@ asio::awaitable<void> Connection::Serve(WebSocket& webSocket) {
     while (problem.empty()) {
         beast::flat_buffer buffer;
         boost::system::error_code error;
+        while (!outbox->HasRoomForAnswers()) { // a client that asks and never reads is not read any more
+            co_await outbox->Sent().async_wait(IntoError(error));
+        }
         co_await webSocket.async_read(buffer, IntoError(error));
         if (error) {
             co_return; // also what is no frame: the library has closed the connection
@@ -282,14 +254,20 @@ void Connection::Send(const LiveValue& value) {
     }
 }
 
-void Connection::Replace(std::size_t topic, std::uint32_t oldChannel) {
-    if (const auto id = std::exchange(idsOfTopics[topic], std::nullopt)) {
-        subscriptions.erase(*id);
-        withdrawn.insert(*id);
-        outbox->Pending().Forget(*id);
+void Connection::Replace(const std::vector<LiveTopics::Change>& changes) {
+    std::vector<std::uint32_t> former;
+    std::vector<Channel> current;
+    for (const auto& change : changes) {
+        if (const auto id = std::exchange(idsOfTopics[change.topic], std::nullopt)) {
+            subscriptions.erase(*id);
+            withdrawn.insert(*id);
+            outbox->Pending().Forget(*id);
+        }
+        former.push_back(change.oldChannel);
+        current.push_back(broadcast.Topics().Channels()[change.topic]);
     }
-    Send(Unadvertise(oldChannel));
-    Send(Advertise({broadcast.Topics().Channels()[topic]}));
+    Send(Unadvertise(former));
+    Send(Advertise(current));
 }
 
 void Connection::ReportDropped() {
@@ -308,8 +286,8 @@ void Connection::Farewell(std::uint16_t code, const std::string& reason) {
     outbox->Schedule();
 }
 
-asio::awaitable<void> ServeClient(asio::ip::tcp::socket socket, Broadcast& broadcast) {
-    const auto outbox = std::make_shared<Outbox>(std::move(socket));
+asio::awaitable<void> ServeClient(std::shared_ptr<Outbox> outbox, Broadcast& broadcast,
+                                  std::function<void()> onConnected) {
     Connection::WebSocket webSocket(outbox);
     asio::steady_timer limit(outbox->Socket().get_executor(), HandshakeLimit);
     limit.async_wait([outbox](const boost::system::error_code& error) {
@@ -318,7 +296,10 @@ asio::awaitable<void> ServeClient(asio::ip::tcp::socket socket, Broadcast& broad
         }
     });
     try {
-        co_await ServeWebSocket(webSocket, outbox, broadcast, limit);
+        co_await ServeWebSocket(webSocket, outbox, broadcast, [&] {
+            limit.cancel();
+            onConnected();
+        });
     } catch (const boost::system::system_error&) { // the connection broke off
     }
     limit.cancel();

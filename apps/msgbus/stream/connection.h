@@ -4,10 +4,10 @@
 #include "stream/wire/websocket_layer.h"
 
 #include <boost/asio/awaitable.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/websocket/stream.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -37,8 +37,8 @@ public:
     void Send(std::string text);
     /// Sends a value, if the client has subscribed to its topic.
     void Send(const LiveValue& value);
-    /// Announces the new channel of a topic; a subscription to the one before ends.
-    void Replace(std::size_t topic, std::uint32_t oldChannel);
+    /// Announces the new channels of topics; subscriptions to those before end.
+    void Replace(const std::vector<LiveTopics::Change>& changes);
     void ReportDropped();
     void Farewell(std::uint16_t code, const std::string& reason);
 
@@ -57,7 +57,9 @@ private:
     std::uint64_t droppedReported = 0;
 };
 
-/// Serves a connection from its handshake to its end. Throws nothing: a client that goes away is everyday.
-boost::asio::awaitable<void> ServeClient(boost::asio::ip::tcp::socket socket, Broadcast& broadcast);
+/// Serves a connection from its handshake to its end. `onConnected`: called when it has become a client.
+/// Throws nothing: a client that goes away is everyday.
+boost::asio::awaitable<void> ServeClient(std::shared_ptr<Outbox> outbox, Broadcast& broadcast,
+                                         std::function<void()> onConnected);
 
 } // namespace stream

@@ -4,15 +4,13 @@
 #include "end_watch.h"
 #include "msgbus/subscriber.h"
 #include "stream/broadcast.h"
-#include "stream/connection.h"
+#include "stream/reception.h"
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
-#include <boost/asio/redirect_error.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/use_awaitable.hpp>
 
 #include <fcntl.h>
 
@@ -29,12 +27,6 @@ namespace asio = boost::asio;
 using asio::ip::tcp;
 
 namespace {
-
-/// Connections beyond the clients are answered with a refusal; more of them are closed.
-constexpr std::size_t MostConnections = 2 * Broadcast::MostClients;
-
-/// How long to wait when no connection can be accepted, for lack of descriptors.
-constexpr std::chrono::milliseconds AcceptPause{200};
 
 /// How long clients may take for the last frame.
 constexpr std::chrono::milliseconds FarewellTime{250};
@@ -68,23 +60,6 @@ tcp::acceptor Listen(asio::io_context& context, std::uint16_t port) {
                                 "cannot listen at port " + std::to_string(port) + " of 127.0.0.1");
     }
     return acceptor;
-}
-
-asio::awaitable<void> ServeConnections(tcp::acceptor& acceptor, Broadcast& broadcast) {
-    std::size_t connections = 0;
-    asio::steady_timer pause(acceptor.get_executor());
-    while (true) {
-        boost::system::error_code error;
-        tcp::socket socket = co_await acceptor.async_accept(asio::redirect_error(asio::use_awaitable, error));
-        if (error) {
-            pause.expires_after(AcceptPause);
-            co_await pause.async_wait(asio::use_awaitable);
-        } else if (connections < MostConnections) {
-            ++connections;
-            asio::co_spawn(acceptor.get_executor(), ServeClient(std::move(socket), broadcast),
-                           [&connections](const std::exception_ptr&) { --connections; });
-        }
-    }
 }
 
 /// Brings what comes from the bus to the clients.
@@ -200,6 +175,7 @@ ExitStatus Stream(const Arguments& arguments) {
     // Each must outlive those behind it: coroutines that have not ended live in the context.
     Broadcast broadcast(arguments.topics, AdmissionRules(arguments.origins), arguments.letsAnyUserIn,
                         arguments.access.isQuiet);
+    Reception reception(broadcast);
     std::optional<msgbus::Subscriber> subscriber;
     asio::io_context context(1);
     tcp::acceptor acceptor = Listen(context, arguments.port);
@@ -223,7 +199,7 @@ ExitStatus Stream(const Arguments& arguments) {
 
     try {
         busSide->Start();
-        asio::co_spawn(context, ServeConnections(acceptor, broadcast), [](const std::exception_ptr& failure) {
+        asio::co_spawn(context, reception.Serve(acceptor), [](const std::exception_ptr& failure) {
             if (failure) {
                 std::rethrow_exception(failure);
             }

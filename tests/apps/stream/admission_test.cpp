@@ -93,6 +93,22 @@ TEST(StreamAdmissionTest, WhatIsNoOrigin_CannotBeAllowed) {
     }
 }
 
+TEST(StreamAdmissionTest, AdviceOfARefusal_IsWhatWouldHelp) {
+    const auto reason = [](const std::string& origin) {
+        auto request = Ask("foxglove.sdk.v1");
+        request.set(http::field::origin, origin);
+        return AdmissionRules({}).Judge(request).reason;
+    };
+    for (const std::string origin : {"https://app.foxglove.dev", "file://", "HTTP://Evil:80"}) {
+        EXPECT_NE(reason(origin).find("'--allow-origin " + origin + "'"), std::string::npos) << reason(origin);
+        EXPECT_TRUE(AdmissionRules({origin}).Judge(Ask("foxglove.sdk.v1", origin)).IsGranted()) << origin;
+    }
+    for (const auto* const origin : {"", "null", "x", "://x", "https://a/", "https://a/b", "https://a\xff"}) {
+        EXPECT_EQ(reason(origin).find("--allow-origin"), std::string::npos) << reason(origin);
+        EXPECT_NE(reason(origin).find("may not connect"), std::string::npos) << reason(origin);
+    }
+}
+
 TEST(StreamAdmissionTest, OtherNamesOfThisMachine_AreRefused) {
     auto request = Ask("foxglove.sdk.v1");
     request.set(http::field::host, "rebound.example:8765");

@@ -116,12 +116,26 @@ TEST(StreamBacklogTest, ReportOfDropped_ComesOnceWithTheNumber) {
     EXPECT_EQ(All(backlog), "");
 }
 
-TEST(StreamBacklogTest, TooManyTexts_AreRefused) {
+TEST(StreamBacklogTest, TooMuchText_IsRefusedUntilItIsSent) {
+    const std::string quarter(Backlog::MostTextBytes / 4, 'x');
     Backlog backlog;
-    for (std::size_t count = 0; count < Backlog::MostTexts; ++count) {
+    for (int count = 0; count < 4; ++count) {
+        ASSERT_TRUE(backlog.AddText(quarter));
+    }
+    EXPECT_EQ(backlog.TextBytes(), Backlog::MostTextBytes);
+    EXPECT_FALSE(backlog.AddText("x"));
+    std::string bytes;
+    backlog.TakeFrames(bytes, 1);
+    EXPECT_EQ(backlog.TextBytes(), 3 * quarter.size());
+    EXPECT_TRUE(backlog.AddText("x"));
+}
+
+TEST(StreamBacklogTest, ManySmallTexts_AndOneThatIsLong_AreTaken) {
+    Backlog backlog;
+    for (int count = 0; count < 1000; ++count) {
         ASSERT_TRUE(backlog.AddText("x"));
     }
-    EXPECT_FALSE(backlog.AddText("x"));
+    EXPECT_TRUE(backlog.AddText(std::string(2 * Backlog::MostTextBytes, 'x')));
 }
 
 TEST(StreamBacklogTest, ValuesOfAnEndedSubscription_AreNotSent) {

@@ -36,7 +36,7 @@ TEST(StreamProtocolTest, Advertise_HasTheSchemasOfRecordings) {
 TEST(StreamProtocolTest, OtherTexts_HaveTheFieldsOfTheProtocol) {
     EXPECT_EQ(json::parse(ServerInfo("n", "s")),
               json::parse(R"({"op": "serverInfo", "name": "n", "capabilities": [], "sessionId": "s"})"));
-    EXPECT_EQ(json::parse(Unadvertise(7)), json::parse(R"({"op": "unadvertise", "channelIds": [7]})"));
+    EXPECT_EQ(json::parse(Unadvertise({7, 8})), json::parse(R"({"op": "unadvertise", "channelIds": [7, 8]})"));
     EXPECT_EQ(json::parse(Status(Level::Error, "why")),
               json::parse(R"({"op": "status", "level": 2, "message": "why"})"));
 }
@@ -75,10 +75,33 @@ TEST(StreamProtocolTest, WhatIsNoRequest_IsRejected) {
              R"({"op": "subscribe", "subscriptions": [{"id": 1.0, "channelId": 1}]})",
              R"({"op": "unsubscribe", "subscriptionIds": ["1"]})",
              R"({"op": "unsubscribe", "subscriptionIds": [[1]]})",
+             R"({"op": "unsubscribe", "subscriptionIds": [{"id": 1}]})",
+             R"({"op": "subscribe", "subscriptions": [[]]})",
              "{\"op\": \"\xff\"}",
          }) {
         EXPECT_THROW(ParseRequest(text), BadRequestError) << text;
     }
+}
+
+std::string Nested(const std::string& key, std::size_t levels) {
+    return R"({"op": "unsubscribe", ")" + key + R"(": )" + std::string(levels, '[') + std::string(levels, ']') + '}';
+}
+
+std::string ProblemOf(const std::string& text) {
+    try {
+        ParseRequest(text);
+    } catch (const BadRequestError& error) {
+        return error.what();
+    }
+    return {};
+}
+
+TEST(StreamProtocolTest, ADeepRequest_IsRejectedForItsDepth) {
+    for (const std::size_t levels : {64, 32700}) { // the object is a level too
+        EXPECT_EQ(ProblemOf(Nested("subscriptionIds", levels)), "a request has at most 64 levels") << levels;
+    }
+    EXPECT_EQ(ProblemOf(Nested("subscriptionIds", 63)), "each subscription needs 'id', a number of 32 bits");
+    EXPECT_EQ(std::get<OtherRequest>(ParseRequest(R"({"op": "other", "more": [[[[[[[[1]]]]]]]]})")).operation, "other");
 }
 
 } // namespace

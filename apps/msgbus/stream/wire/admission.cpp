@@ -93,13 +93,24 @@ bool AdmissionRules::Allows(std::string_view origin) const {
     return std::find(allowed.begin(), allowed.end(), small) != allowed.end();
 }
 
+bool AdmissionRules::Helps(const std::string& option, std::string_view origin) {
+    try {
+        return AdmissionRules({option}).Allows(origin);
+    } catch (const std::invalid_argument&) {
+        return false;
+    }
+}
+
 Admission AdmissionRules::Judge(const Handshake& request) const {
     const auto [originsBegin, originsEnd] = request.equal_range(http::field::origin);
     for (auto origin = originsBegin; origin != originsEnd; ++origin) {
         if (!Allows(View(origin->value()))) {
             const std::string shown = common::Escaped(View(origin->value()));
-            return Refuse(http::status::forbidden, "a page of '" + shown + "' may not connect; '--allow-origin " +
-                                                       shown + "' of msgbus stream lets it in");
+            return Refuse(http::status::forbidden,
+                          "a page of '" + shown + "' may not connect; " +
+                              (Helps(shown, View(origin->value()))
+                                   ? "'--allow-origin " + shown + "' of msgbus stream lets it in"
+                                   : "there is no option that lets this origin in"));
         }
     }
     if (request.count(http::field::host) != 1 || !IsLocal(InSmallLetters(View(request[http::field::host])))) {

@@ -33,6 +33,8 @@ public:
 
 private:
     bool Allows(std::string_view origin) const;
+    /// Returns: whether --allow-origin with `option` lets a page of `origin` in.
+    static bool Helps(const std::string& option, std::string_view origin);
 
     std::vector<std::string> allowed; ///< in small letters
 };

@@ -47,9 +47,10 @@ bool Backlog::AddText(std::string text) {
     if (hasEnded) {
         return true;
     }
-    if (texts.size() >= MostTexts) {
+    if (textBytes >= MostTextBytes) {
         return false;
     }
+    textBytes += text.size();
     texts.push_back(std::move(text));
     return true;
 }
@@ -82,6 +83,7 @@ void Backlog::TakeFrames(std::string& bytes, std::size_t most) {
     };
     for (; !texts.empty() && bytes.size() < most; texts.pop_front()) {
         addText(texts.front());
+        textBytes -= texts.front().size();
     }
     if (std::exchange(isReportDue, false)) {
         addText(Status(Level::Warning, "this client does not read fast enough: " + std::to_string(dropped) +

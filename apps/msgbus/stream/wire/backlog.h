@@ -22,8 +22,9 @@ class Backlog final {
 public:
     /// A third of a second at 100,000 values/s, and 768 KiB.
     static constexpr std::size_t MostValues = 32768;
-    /// A client that leaves so many texts unread does not read at all.
-    static constexpr std::size_t MostTexts = 64;
+    /// A client that leaves so much of texts unread does not read at all. The channels of hundreds of topics, which
+    /// change at once, are less.
+    static constexpr std::size_t MostTextBytes = std::size_t{4} << 20;
 
     struct Value {
         std::uint32_t subscription;
@@ -31,7 +32,7 @@ public:
         std::int64_t value;
     };
 
-    /// Returns: false when there are too many; it was not taken.
+    /// Returns: false when too much waits already; it was not taken. One text alone may be longer.
     [[nodiscard]] bool AddText(std::string text);
     void AddValue(const Value& value);
     /// Drops the values of a subscription that has ended.
@@ -46,12 +47,14 @@ public:
     void TakeFrames(std::string& bytes, std::size_t most);
 
     bool IsEmpty() const noexcept { return values.empty() && texts.empty() && !isReportDue && lastFrame.empty(); }
+    std::size_t TextBytes() const noexcept { return textBytes; }
     std::size_t ValueCount() const noexcept { return values.size(); }
     /// Returns: how many values were dropped so far.
     std::uint64_t Dropped() const noexcept { return dropped; }
 
 private:
     std::deque<std::string> texts;
+    std::size_t textBytes = 0; ///< of all texts
     std::deque<Value> values;
     std::uint64_t dropped = 0;
     bool isReportDue = false;

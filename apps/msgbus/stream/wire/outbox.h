@@ -33,6 +33,8 @@ public:
     /// Takes whole frames, which are sent before the backlog. Requires: HasRoom.
     void Write(std::string_view bytes);
     bool HasRoom() const noexcept { return direct.size() < BatchBytes; }
+    /// Returns: whether a request may be read, whose answer will wait behind the texts that do.
+    bool HasRoomForAnswers() const noexcept { return hasFailed || backlog.TextBytes() < BatchBytes; }
     /// Lets the backlog be sent. To be called behind each addition.
     void Schedule();
     /// Lets nothing more be taken from the backlog: the connection is being closed, and Write has the last word.

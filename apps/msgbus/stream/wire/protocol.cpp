@@ -8,6 +8,7 @@
 
 #include <array>
 #include <limits>
+#include <string>
 
 namespace stream {
 
@@ -18,18 +19,38 @@ using Json = nlohmann::json;
 constexpr char MessageData = 1; // the kind of a binary message
 constexpr std::size_t LongestQuote = 64;
 
+/// Far more than the protocol has; what walks through a value recursively has a bounded stack.
+constexpr int DeepestRequest = 64;
+
 /// Bytes of unknown origin become U+FFFD where they are not UTF-8, so that it is JSON whatever they are.
 std::string Text(const Json& json) {
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-std::uint32_t NumberOf(const Json& object, const char* key) {
-    const auto found = object.is_object() ? object.find(key) : object.end();
-    if (!object.is_object() || found == object.end() || !found->is_number_unsigned() ||
-        found->get<std::uint64_t>() > std::numeric_limits<std::uint32_t>::max()) {
+/// `value`: null where there is none.
+std::uint32_t NumberOf(const Json* value, const char* key) {
+    if (value == nullptr || !value->is_number_unsigned() ||
+        value->get<std::uint64_t>() > std::numeric_limits<std::uint32_t>::max()) {
         throw BadRequestError(std::string("each subscription needs '") + key + "', a number of 32 bits");
     }
-    return found->get<std::uint32_t>();
+    return value->get<std::uint32_t>();
+}
+
+std::uint32_t MemberOf(const Json& object, const char* key) {
+    const auto found = object.find(key); // the end also of what is no object
+    return NumberOf(found == object.end() ? nullptr : &*found, key);
+}
+
+/// Returns: what is no object for a text that is no JSON.
+Json Parse(std::string_view text) {
+    const auto limitDepth = [](int depth, Json::parse_event_t event, const Json&) {
+        const bool isStart = event == Json::parse_event_t::array_start || event == Json::parse_event_t::object_start;
+        if (isStart && depth >= DeepestRequest) {
+            throw BadRequestError("a request has at most " + std::to_string(DeepestRequest) + " levels");
+        }
+        return true;
+    };
+    return Json::parse(text, limitDepth, false);
 }
 
 const Json& ListOf(const Json& request, const char* key) {
@@ -59,8 +80,8 @@ std::string Advertise(const std::vector<Channel>& channels) {
     return Text({{"op", "advertise"}, {"channels", std::move(list)}});
 }
 
-std::string Unadvertise(std::uint32_t channel) {
-    return Text({{"op", "unadvertise"}, {"channelIds", Json::array({channel})}});
+std::string Unadvertise(const std::vector<std::uint32_t>& channels) {
+    return Text({{"op", "unadvertise"}, {"channelIds", channels}});
 }
 
 std::string Status(Level level, const std::string& sentence) {
@@ -77,7 +98,7 @@ void AppendValue(std::string& bytes, std::uint32_t subscription, std::uint64_t t
 }
 
 Request ParseRequest(std::string_view text) {
-    const Json request = Json::parse(text, nullptr, false);
+    const Json request = Parse(text);
     if (!request.is_object()) {
         throw BadRequestError("a request is a JSON object");
     }
@@ -89,14 +110,14 @@ Request ParseRequest(std::string_view text) {
     if (operation == "subscribe") {
         Subscribe subscribe;
         for (const auto& each : ListOf(request, "subscriptions")) {
-            subscribe.wishes.push_back({NumberOf(each, "id"), NumberOf(each, "channelId")});
+            subscribe.wishes.push_back({MemberOf(each, "id"), MemberOf(each, "channelId")});
         }
         return subscribe;
     }
     if (operation == "unsubscribe") {
         Unsubscribe unsubscribe;
         for (const auto& id : ListOf(request, "subscriptionIds")) {
-            unsubscribe.ids.push_back(NumberOf({{"id", id}}, "id"));
+            unsubscribe.ids.push_back(NumberOf(&id, "id"));
         }
         return unsubscribe;
     }

@@ -28,7 +28,7 @@ enum class Level { Info = 0, Warning = 1, Error = 2 };
 /// Returns: the first text of a connection. `sessionId`: another one after a restart of the program.
 std::string ServerInfo(const std::string& name, const std::string& sessionId);
 std::string Advertise(const std::vector<Channel>& channels);
-std::string Unadvertise(std::uint32_t channel);
+std::string Unadvertise(const std::vector<std::uint32_t>& channels);
 std::string Status(Level level, const std::string& sentence);
 
 /// Bytes of a value's message: its kind, the subscription, the time, the value.
