@@ -142,7 +142,7 @@ OTHER = [
     (["record", "/dev/null", "-t", "t", "-W", "50ms", "--force"], DONE, "", "recorded 0 values"),
     (["record", "/dev/null", "t", "--time-limit", "50ms", "-n", "1", "--name", "n", "--force"], TIMED_OUT, "", "as 'n'"),
     (["record", "/dev/null", "--topic", "t", "--count", "x"], USAGE, "", "'x' is not a count"),
-    (["record", "/dev/null", "t", "--split", "x", "--max-disk", "1M"], USAGE, "", "'x' is not a duration"),
+    (["record", "/dev/null", "t", "--split", "x", "--max-disk", "1M"], USAGE, "", "'x' is neither a size"),
     (["record", "/dev/null", "--match", "t*", "-W", "50ms", "--force"], DONE, "", "recorded 0 values"),
     (["record", "/dev/null", "t", "--ring", "1s", "--ring-bytes", "1M", "--on", "loss", "--on", "cut", "--on", "t>5",
       "-W", "50ms"],
