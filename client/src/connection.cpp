@@ -95,7 +95,7 @@ Connection::Connection(Service service, Route& route, std::chrono::milliseconds 
         throw PlatformError(status, "cannot connect to the message bus: memory or descriptors ran out" + Limit());
     case KnStatusBusy:
         throw PlatformError(status, "cannot connect to the message bus: its server takes no more connections of this "
-                                    "process, or of all of them ('msgbusd --limits' lists how many)");
+                                    "process, its user or of all ('msgbusd --limits' lists how many)");
     case KnStatusDenied:
         throw PlatformError(status,
                             "cannot connect to the message bus: its runtime directory cannot be used; the log has "

@@ -33,7 +33,8 @@ inline constexpr std::size_t TopicOverhead = 80;
 /// A registration is charged before the bus makes it, so that two at once cannot exceed a limit, and then added with
 /// its id or refunded. Publishers and subscribers share their ids, handshakes have ids of their own.
 ///
-/// Of each total, the last sixteenth is for callers that have little: a few processes cannot keep all others away.
+/// Of each total, the last sixteenth is for callers that have little: a few processes cannot keep all others away. All
+/// processes of one user other than the server's, and root, have at most half of it.
 /// The server's own process, which checks its health as a client, is not limited.
 ///
 /// A process that is not identified (kn/caller.h) has several callers; so what one of those has registered, each of
@@ -104,9 +105,16 @@ private:
         std::size_t bytes = 0;
     };
 
+    /// The processes of a user who is let in because of its group.
+    struct Guest {
+        Usage usage;
+        bool wasRefused = false; ///< since one of them last was granted something
+    };
+
     struct Account {
         KnCaller caller;
         Usage usage;
+        Guest* guest = nullptr;  ///< null for the server's user, and root
         bool wasRefused = false; ///< since it last was granted something
     };
 
@@ -117,6 +125,10 @@ private:
     cor::ResultCode Take(Account& account, std::optional<Kind> kind, std::size_t bytes) REQUIRES(mutex);
     cor::ResultCode Refuse(Account& account, cor::ResultCode code, std::string_view what, std::size_t own,
                            std::size_t all) REQUIRES(mutex);
+    cor::ResultCode RefuseGuest(Account& account, cor::ResultCode code, std::string_view what, std::size_t ofUser,
+                                std::size_t share) REQUIRES(mutex);
+    /// Returns: where is counted what the account has; null for none.
+    std::array<Usage*, 3> CountersOf(Account& account) REQUIRES(mutex);
     void GiveBack(std::uint64_t owner, std::optional<Kind> kind, std::size_t bytes) REQUIRES(mutex);
     const Entry* Find(Registration registration) const REQUIRES(mutex);
 
@@ -125,6 +137,7 @@ private:
     mutable common::Mutex mutex;
     std::unordered_map<std::uint64_t, Account> accounts GUARDED_BY(mutex); ///< of callers that have something
     std::array<Registrations, KindCount> registrations GUARDED_BY(mutex);  ///< by kind, then by id
+    std::unordered_map<std::uint32_t, Guest> guests GUARDED_BY(mutex);     ///< by user; each stays
     Usage total GUARDED_BY(mutex);
     Ids highest GUARDED_BY(mutex) = NoIds; ///< ids that were added
     Ids settled GUARDED_BY(mutex) = NoIds; ///< `highest`, when the last registration began beside no other

@@ -20,6 +20,8 @@ constexpr std::size_t Index(Kind kind) {
     return static_cast<std::size_t>(kind);
 }
 
+constexpr std::string_view BytesName = "bytes of names and topics";
+
 struct Bounds {
     std::size_t Limits::*perProcess;
     std::size_t Limits::*total;
@@ -36,6 +38,16 @@ constexpr std::array<Bounds, KindCount> BoundsOf{{
 /// Returns: what of a total is left to callers that have `own`, of which less than `few` is little.
 std::size_t ShareOf(std::size_t total, std::size_t own, std::size_t few) {
     return own < few ? total : total - total / 16;
+}
+
+/// Returns: what of a total the processes of one guest may have.
+std::size_t GuestShareOf(std::size_t total) {
+    return total - total / 2;
+}
+
+/// Returns: whether the caller's user is let in because of its group.
+bool IsGuest(const KnCaller& caller) {
+    return caller.uid != 0 && caller.uid != ::geteuid();
 }
 
 bool IsIdentified(const KnCaller& caller) {
@@ -61,6 +73,7 @@ ResultCode CallerAccounts::Charge(const KnCaller& caller, Kind kind, std::size_t
     const common::MutexLock lock(mutex);
     const auto [place, isNew] = accounts.try_emplace(caller.id);
     place->second.caller = caller;
+    place->second.guest = IsGuest(caller) ? &guests[caller.uid] : nullptr;
     const ResultCode result = Take(place->second, kind, bytes);
     if (isNew && result != ResultCode::Success) {
         accounts.erase(place);
@@ -78,21 +91,36 @@ ResultCode CallerAccounts::Take(Account& account, std::optional<Kind> kind, std:
             if (own >= (*limits).*bounds.perProcess || all >= ShareOf((*limits).*bounds.total, own, FewRegistrations)) {
                 return Refuse(account, bounds.code, std::string(NameOf(*kind)) + "s", own, all);
             }
+            const std::size_t ofUser = account.guest == nullptr ? 0 : account.guest->usage.counts[Index(*kind)];
+            const std::size_t share = GuestShareOf((*limits).*bounds.total);
+            if (account.guest != nullptr && ofUser >= share) {
+                return RefuseGuest(account, bounds.code, std::string(NameOf(*kind)) + "s", ofUser, share);
+            }
         }
         const std::size_t own = account.usage.bytes;
         if (own + bytes > limits->nameBytesPerProcess ||
             total.bytes + bytes > ShareOf(limits->nameBytes, own + bytes, FewBytes)) {
-            return Refuse(account, ResultCode::TooManyBytes, "bytes of names and topics", own, total.bytes);
+            return Refuse(account, ResultCode::TooManyBytes, BytesName, own, total.bytes);
+        }
+        const std::size_t ofUser = account.guest == nullptr ? 0 : account.guest->usage.bytes;
+        const std::size_t share = GuestShareOf(limits->nameBytes);
+        if (account.guest != nullptr && ofUser + bytes > share) {
+            return RefuseGuest(account, ResultCode::TooManyBytes, BytesName, ofUser, share);
         }
     }
     account.wasRefused = false;
+    if (account.guest != nullptr) {
+        account.guest->wasRefused = false;
+    }
     if (kind && total.counts[Index(*kind)] == registrations[Index(*kind)].size()) {
         settled[Index(*kind)] = highest[Index(*kind)];
     }
-    for (Usage* const usage : {&account.usage, &total}) {
-        usage->bytes += bytes;
-        if (kind) {
-            ++usage->counts[Index(*kind)];
+    for (Usage* const usage : CountersOf(account)) {
+        if (usage != nullptr) {
+            usage->bytes += bytes;
+            if (kind) {
+                ++usage->counts[Index(*kind)];
+            }
         }
     }
     return ResultCode::Success;
@@ -107,6 +135,21 @@ ResultCode CallerAccounts::Refuse(Account& account, ResultCode code, std::string
     return code;
 }
 
+ResultCode CallerAccounts::RefuseGuest(Account& account, ResultCode code, std::string_view what, std::size_t ofUser,
+                                       std::size_t share) {
+    if (!std::exchange(account.guest->wasRefused, true)) {
+        Log(LogLevel::Warning,
+            "process {} ({}) is refused more {}: those of user {} have {}, the share of a user is {}",
+            account.caller.pid, static_cast<const char*>(account.caller.program), what, account.caller.uid, ofUser,
+            share);
+    }
+    return code;
+}
+
+std::array<CallerAccounts::Usage*, 3> CallerAccounts::CountersOf(Account& account) {
+    return {&account.usage, account.guest == nullptr ? nullptr : &account.guest->usage, &total};
+}
+
 void CallerAccounts::Refund(const KnCaller& caller, Kind kind, std::size_t bytes) {
     const common::MutexLock lock(mutex);
     GiveBack(caller.id, kind, bytes);
@@ -116,12 +159,14 @@ void CallerAccounts::GiveBack(std::uint64_t owner, std::optional<Kind> kind, std
     const auto account = accounts.find(owner);
     assert(account != accounts.end());
     Usage& own = account->second.usage;
-    for (Usage* const usage : {&own, &total}) {
-        assert(usage->bytes >= bytes);
-        usage->bytes -= bytes;
-        if (kind) {
-            assert(usage->counts[Index(*kind)] != 0);
-            --usage->counts[Index(*kind)];
+    for (Usage* const usage : CountersOf(account->second)) {
+        if (usage != nullptr) {
+            assert(usage->bytes >= bytes);
+            usage->bytes -= bytes;
+            if (kind) {
+                assert(usage->counts[Index(*kind)] != 0);
+                --usage->counts[Index(*kind)];
+            }
         }
     }
     if (own.counts == decltype(own.counts){}) {

@@ -31,6 +31,13 @@ KnCaller Unidentified(std::uint64_t id) {
     return caller;
 }
 
+/// A process of a user who is let in because of its group.
+KnCaller Guest(std::uint64_t id, std::uint32_t user) {
+    KnCaller caller = Process(id);
+    caller.uid = user;
+    return caller;
+}
+
 class CallerAccountsTest : public test_support::BusTest {
 protected:
     static Limits Small() {
@@ -91,6 +98,46 @@ TEST_F(CallerAccountsTest, TheLastSixteenthOfATotal_IsForCallersWithLittle) {
     EXPECT_EQ(shared.Charge(one, Kind::Subscriber, 1), ResultCode::TooManyBytes);
     EXPECT_EQ(shared.Charge(two, Kind::Subscriber, CallerAccounts::FewBytes - 1), ResultCode::Success);
     EXPECT_EQ(shared.Charge(two, Kind::Subscriber, 1), ResultCode::TooManyBytes);
+}
+
+TEST_F(CallerAccountsTest, TheProcessesOfAGuest_HaveHalfOfATotal) {
+    const std::uint32_t user = ::geteuid() + 1;
+    Limits limits;
+    limits.publishersPerProcess = 2;
+    limits.publishers = 5;
+    limits.nameBytes = 20;
+    CallerAccounts shared{limits};
+    const auto charge = [&shared](const KnCaller& caller, std::size_t bytes) {
+        return shared.Charge(caller, Kind::Publisher, bytes);
+    };
+    EXPECT_EQ(charge(Guest(1, user), 11), ResultCode::TooManyBytes);
+    EXPECT_EQ(charge(Guest(1, user), 4), ResultCode::Success);
+    EXPECT_EQ(charge(Guest(1, user), 4), ResultCode::Success);
+    EXPECT_EQ(charge(Guest(2, user), 3), ResultCode::TooManyBytes);
+    EXPECT_EQ(charge(Guest(2, user), 2), ResultCode::Success);
+    EXPECT_EQ(charge(Guest(3, user), 0), ResultCode::TooManyRegistrations);
+    EXPECT_EQ(charge(Guest(3, user), 0), ResultCode::TooManyRegistrations);
+    EXPECT_THAT(journal.All(),
+                ElementsAre("3 RefuseGuest: process 1001 () is refused more bytes of names and topics: those of user " +
+                                std::to_string(user) + " have 0, the share of a user is 10",
+                            "3 RefuseGuest: process 1002 () is refused more bytes of names and topics: those of user " +
+                                std::to_string(user) + " have 8, the share of a user is 10",
+                            "3 RefuseGuest: process 1003 () is refused more publishers: those of user " +
+                                std::to_string(user) + " have 3, the share of a user is 3"));
+    EXPECT_EQ(charge(Guest(4, user + 1), 10), ResultCode::Success);
+    shared.Refund(Guest(2, user), Kind::Publisher, 2);
+    EXPECT_EQ(charge(Guest(3, user), 0), ResultCode::Success);
+}
+
+TEST_F(CallerAccountsTest, TheServersUserAndRoot_MayHaveAll) {
+    Limits limits;
+    limits.publishers = 4;
+    CallerAccounts shared{limits};
+    EXPECT_EQ(shared.Charge(Guest(1, ::geteuid()), Kind::Publisher, 0), ResultCode::Success);
+    for (int count = 0; count < 3; ++count) {
+        EXPECT_EQ(shared.Charge(Guest(1 + count % 2, count % 2 == 0 ? ::geteuid() : 0), Kind::Publisher, 0),
+                  ResultCode::Success);
+    }
 }
 
 TEST_F(CallerAccountsTest, TheServersOwnProcess_IsNotLimited) {

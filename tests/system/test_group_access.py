@@ -258,6 +258,39 @@ class GroupAccess(BusTest):
             calls.write(f"start {name}\n")
             self.assertEqual(calls.next_line().split()[0], code)
 
+    def test_the_processes_of_a_member_have_half_of_the_connections(self):
+        server = self.serve("--group", str(GROUP), "--limit", "connections=60", "--limit", "connections-per-process=15")
+        clients = as_user(BY_SUPPLEMENT, f"{BIN}/bus_calls", "5")  # 15 connections to the one channel, or 5 to each of three
+        crowd = [self.start(*clients) for _ in range(2 if MODE == "static" else 6)]
+        for process in crowd:
+            process.expect("connected")
+        self.start(*clients).expect_error("cannot connect: -7")
+        server.expect_error(f"the processes of user {BY_SUPPLEMENT} have 30 connections to one channel, the share of a user")
+        self.expect_refused(BY_SUPPLEMENT, "takes no more connections of this process, its user or of all")
+        for uid in (OWNER, BY_PRIMARY, 0):
+            self.expect_use(uid)
+        for process in crowd:
+            process.kill()
+        wait_until(self, lambda: self.run_as(BY_SUPPLEMENT, "pub", "trial", "42")[0] == DONE, "the places to be free")
+        self.expect_use(BY_SUPPLEMENT)
+
+    def test_the_processes_of_a_member_have_half_of_the_registrations(self):
+        server = self.serve("--group", str(GROUP), "--limit", "publishers=8", "--limit", "publishers-per-process=3")
+        first, second, other = (self.start(*as_user(uid, f"{BIN}/bus_calls")) for uid in (BY_PRIMARY, BY_PRIMARY, OWNER))
+        for process in (first, second, other):
+            process.expect("connected")
+        codes = []
+        for number, process in enumerate((first, first, first, second, second, other)):
+            process.write(f"publisher p{number}\n")
+            codes.append(process.next_line().split()[0])
+        self.assertEqual(codes, ["0", "0", "0", "0", "3", "0"])
+        server.expect_error(f"is refused more publishers: those of user {BY_PRIMARY} have 4, the share of a user is 4")
+
+    def test_without_limits_a_member_has_no_share(self):
+        self.serve("--group", str(GROUP), "--no-limits")
+        process = self.start(*as_user(BY_PRIMARY, f"{BIN}/bus_calls", "500"))  # 1,500 connections in static mode, of 2,048
+        process.expect("connected")
+
     def test_a_directory_that_members_may_have_opened_is_not_used(self):
         os.chown(self.runtime, OWNER, GROUP)
         os.chmod(self.runtime, 0o750)  # a lock that a member has taken would outlive a change of the mode

@@ -273,8 +273,8 @@ TEST(ServerLimitsTest, BeyondTheConnectionsOfAProcess_TheErrorSaysSo) {
         }
         FAIL() << "nothing was thrown";
     } catch (const msgbus::PlatformError& error) {
-        EXPECT_STREQ("cannot connect to the message bus: its server takes no more connections of this process, or of "
-                     "all of them ('msgbusd --limits' lists how many)",
+        EXPECT_STREQ("cannot connect to the message bus: its server takes no more connections of this process, its "
+                     "user or of all ('msgbusd --limits' lists how many)",
                      error.what());
     }
 }

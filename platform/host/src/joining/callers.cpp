@@ -4,6 +4,8 @@
 #include "records/connection_limits.h"
 #include "records/request_observer.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cassert>
 #include <string>
@@ -23,11 +25,19 @@ KnCaller Identify(const Peer& peer) {
     return caller;
 }
 
+/// Returns: whether one process may not have all places of a channel.
+bool AreShared(const ConnectionLimits& limits) {
+    return limits.perCaller < limits.perChannel;
+}
+
 std::size_t MostOf(std::size_t clientCount) {
     const ConnectionLimits limits = ConnectionLimits::Current();
-    const bool isNearlyFull =
-        limits.perCaller < limits.perChannel && clientCount >= limits.perChannel - limits.perChannel / 16;
+    const bool isNearlyFull = AreShared(limits) && clientCount >= limits.perChannel - limits.perChannel / 16;
     return isNearlyFull ? std::min<std::size_t>(limits.perCaller, Callers::FewConnections) : limits.perCaller;
+}
+
+bool IsGuest(uid_t user) {
+    return user != 0 && user != ::geteuid();
 }
 
 } // namespace
@@ -37,7 +47,30 @@ Callers::Key Callers::KeyOf(const KnCaller& caller) noexcept {
     return caller.startTime != 0 ? Key(caller.pid, caller.startTime) : Key(caller.id, 0);
 }
 
+/// Returns: whether the peer's user has room for one connection more; that it has not is logged once.
+bool Callers::HasRoomForGuest(const Peer& peer, const Channel& channel) {
+    const auto place = guests.find(GuestKey(peer.uid, &channel));
+    if (place == guests.end()) {
+        return true;
+    }
+    Guest& guest = place->second;
+    const ConnectionLimits limits = ConnectionLimits::Current();
+    if (!AreShared(limits) || guest.connections < (limits.perChannel + 1) / 2) {
+        guest.wasRefused = false;
+        return true;
+    }
+    if (!std::exchange(guest.wasRefused, true)) {
+        Log(LogLevel::Warning,
+            {"the processes of user ", std::to_string(peer.uid), " have ", std::to_string(guest.connections),
+             " connections to one channel, the share of a user, and get no more"});
+    }
+    return false;
+}
+
 std::shared_ptr<const Caller> Callers::Enter(const Peer& peer, const Channel& channel, std::size_t clientCount) {
+    if (!HasRoomForGuest(peer, channel)) {
+        return nullptr;
+    }
     KnCaller identity = Identify(peer);
     identity.id = lastId + 1;
     const auto [place, isNew] = entries.try_emplace(KeyOf(identity));
@@ -47,6 +80,7 @@ std::shared_ptr<const Caller> Callers::Enter(const Peer& peer, const Channel& ch
             entry.caller = std::make_shared<Caller>(identity);
             ++lastId;
         }
+        Guest* const guest = IsGuest(peer.uid) ? &guests[GuestKey(peer.uid, &channel)] : nullptr;
         std::size_t& count = entry.connections[&channel];
         if (count >= MostOf(clientCount)) {
             if (!std::exchange(entry.wasRefused, true)) {
@@ -57,6 +91,9 @@ std::shared_ptr<const Caller> Callers::Enter(const Peer& peer, const Channel& ch
         }
         entry.wasRefused = false;
         ++count;
+        if (guest != nullptr) {
+            ++guest->connections;
+        }
         return entry.caller;
     } catch (...) {
         if (isNew) {
@@ -74,6 +111,10 @@ void Callers::Leave(const Caller& caller, const Channel& channel) noexcept {
     assert(count != connections.end() && count->second != 0);
     if (--count->second == 0) {
         connections.erase(count);
+    }
+    const auto guest = guests.find(GuestKey(caller.identity.uid, &channel));
+    if (guest != guests.end() && --guest->second.connections == 0) {
+        guests.erase(guest);
     }
     if (!connections.empty()) {
         return;

@@ -19,7 +19,8 @@ class Channel;
 class Callers final {
 public:
     /// A channel takes only callers with fewer connections to it than this, once fewer than a sixteenth of its places
-    /// are free: a few processes cannot keep all others away.
+    /// are free: a few processes cannot keep all others away. The processes of one user other than this process's, and
+    /// root, have half of its places.
     static constexpr std::size_t FewConnections = 16;
 
     /// One connection more, to a channel that has `clientCount` of them.
@@ -38,9 +39,18 @@ private:
         bool wasRefused = false;                           ///< since it last had room
     };
 
+    /// The processes of a user who is let in because of its group.
+    struct Guest {
+        std::size_t connections = 0; ///< to one channel
+        bool wasRefused = false;     ///< since it last had room
+    };
+    using GuestKey = std::pair<std::uint32_t, const Channel*>;
+
     static Key KeyOf(const KnCaller& caller) noexcept;
+    bool HasRoomForGuest(const Peer& peer, const Channel& channel);
 
     std::map<Key, Entry> entries;
+    std::map<GuestKey, Guest> guests;
     std::uint64_t lastId = 0;
 };
 
