@@ -129,6 +129,7 @@ private:
                                 std::size_t share) REQUIRES(mutex);
     /// Returns: where is counted what the account has; null for none.
     std::array<Usage*, 3> CountersOf(Account& account) REQUIRES(mutex);
+    void ForgetIdleGuest(std::uint32_t user) REQUIRES(mutex);
     void GiveBack(std::uint64_t owner, std::optional<Kind> kind, std::size_t bytes) REQUIRES(mutex);
     const Entry* Find(Registration registration) const REQUIRES(mutex);
 
@@ -137,7 +138,7 @@ private:
     mutable common::Mutex mutex;
     std::unordered_map<std::uint64_t, Account> accounts GUARDED_BY(mutex); ///< of callers that have something
     std::array<Registrations, KindCount> registrations GUARDED_BY(mutex);  ///< by kind, then by id
-    std::unordered_map<std::uint32_t, Guest> guests GUARDED_BY(mutex);     ///< by user; each stays
+    std::unordered_map<std::uint32_t, Guest> guests GUARDED_BY(mutex);     ///< by user, that have something
     Usage total GUARDED_BY(mutex);
     Ids highest GUARDED_BY(mutex) = NoIds; ///< ids that were added
     Ids settled GUARDED_BY(mutex) = NoIds; ///< `highest`, when the last registration began beside no other

@@ -77,6 +77,7 @@ ResultCode CallerAccounts::Charge(const KnCaller& caller, Kind kind, std::size_t
     const ResultCode result = Take(place->second, kind, bytes);
     if (isNew && result != ResultCode::Success) {
         accounts.erase(place);
+        ForgetIdleGuest(caller.uid);
     }
     return result;
 }
@@ -150,6 +151,13 @@ std::array<CallerAccounts::Usage*, 3> CallerAccounts::CountersOf(Account& accoun
     return {&account.usage, account.guest == nullptr ? nullptr : &account.guest->usage, &total};
 }
 
+void CallerAccounts::ForgetIdleGuest(std::uint32_t user) {
+    const auto guest = guests.find(user);
+    if (guest != guests.end() && guest->second.usage.counts == decltype(Usage::counts){}) {
+        guests.erase(guest); // no account is left that refers to it
+    }
+}
+
 void CallerAccounts::Refund(const KnCaller& caller, Kind kind, std::size_t bytes) {
     const common::MutexLock lock(mutex);
     GiveBack(caller.id, kind, bytes);
@@ -171,7 +179,9 @@ void CallerAccounts::GiveBack(std::uint64_t owner, std::optional<Kind> kind, std
     }
     if (own.counts == decltype(own.counts){}) {
         assert(own.bytes == 0);
+        const std::uint32_t user = account->second.caller.uid;
         accounts.erase(account);
+        ForgetIdleGuest(user);
     }
 }
 

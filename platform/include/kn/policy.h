@@ -14,7 +14,7 @@ std::int32_t KnPolicySetMethodCount(const char* type, std::uint32_t methodCount)
 /// `perChannel`: those of all processes to one channel, at most 2048, which is also the limit until this is called. A
 /// connection beyond a limit is answered KnStatusBusy. Where one process may not have all of a channel's places, the
 /// last sixteenth of them is kept for processes that have fewer than 16, and the processes of a user who is let in by a
-/// group (below) have at most half of them.
+/// group (below) have at most half of them, unless both limits are 2048.
 ///
 /// Returns: 0; KnStatusInvalidArgument for a limit of 0, or `perChannel` beyond 2048. Threads: any.
 std::int32_t KnPolicySetConnectionLimits(std::uint32_t perCaller, std::uint32_t perChannel) noexcept;

@@ -23,9 +23,7 @@ class CallersTest : public ::testing::Test {
 protected:
     CallersTest() : guest(::geteuid() + 1) { EXPECT_EQ(KnPolicySetConnectionLimits(OfOneProcess, OfAll), KnStatusOk); }
     ~CallersTest() override {
-        for (const auto& caller : entered) {
-            callers.Leave(*caller, channel);
-        }
+        LeaveAll();
         KnPolicySetConnectionLimits(Channel::MaxClients, Channel::MaxClients);
     }
 
@@ -36,6 +34,13 @@ protected:
         peer.startTime = 1;
         auto caller = callers.Enter(peer, channel, entered.size());
         return caller ? entered.push_back(std::move(caller)), true : false;
+    }
+
+    void LeaveAll() {
+        for (const auto& caller : entered) {
+            callers.Leave(*caller, channel);
+        }
+        entered.clear();
     }
 
     const uid_t guest;
@@ -51,8 +56,8 @@ TEST_F(CallersTest, TheProcessesOfAGuest_HaveHalfOfTheConnections) {
     }
     EXPECT_FALSE(Enter(100, guest));
     EXPECT_FALSE(Enter(200, guest));
-    EXPECT_EQ(log.Text(), "3 the processes of user " + std::to_string(guest) +
-                              " have 6 connections to one channel, the share of a user, and get no more\n");
+    EXPECT_EQ(log.Text(), "3 process 100 (unknown) gets no more connections to one channel: those of user " +
+                              std::to_string(guest) + " have 6, the share of a user is 6\n");
     EXPECT_TRUE(Enter(300, guest + 1));
     callers.Leave(*entered.front(), channel);
     entered.erase(entered.begin());
@@ -82,9 +87,36 @@ TEST_F(CallersTest, TheServersUserAndRoot_MayHaveAll) {
     }
 }
 
-TEST_F(CallersTest, WhereOneProcessMayHaveAll_AUserMayToo) {
-    KnPolicySetConnectionLimits(OfAll, OfAll);
-    for (std::size_t count = 0; count < OfAll; ++count) {
+TEST_F(CallersTest, AProcessThatChangesItsUser_StaysOneOfItsFirstUser) {
+    for (const pid_t pid : {100, 101, 102}) {
+        ASSERT_TRUE(Enter(pid, 0));
+        for (int count = 0; count < 2; ++count) {
+            ASSERT_TRUE(Enter(pid, guest));
+        }
+    }
+    LeaveAll();
+    for (std::size_t count = 0; count + 1 < OfOneUser; ++count) {
+        ASSERT_TRUE(Enter(static_cast<pid_t>(200 + count), guest)) << count;
+    }
+    ASSERT_TRUE(Enter(300, guest));
+    EXPECT_FALSE(Enter(300, guest + 1));
+    callers.Leave(*entered.back(), channel);
+    entered.pop_back();
+    EXPECT_TRUE(Enter(400, guest));
+    EXPECT_FALSE(Enter(401, guest));
+}
+
+TEST_F(CallersTest, WhereOnlyTheTotalIsLimited_AUserHasHalfOfItToo) {
+    KnPolicySetConnectionLimits(Channel::MaxClients, OfAll);
+    for (std::size_t count = 0; count < OfOneUser; ++count) {
+        ASSERT_TRUE(Enter(100, guest)) << count;
+    }
+    EXPECT_FALSE(Enter(100, guest));
+}
+
+TEST_F(CallersTest, WithoutLimits_AUserMayHaveAll) {
+    KnPolicySetConnectionLimits(Channel::MaxClients, Channel::MaxClients);
+    for (std::size_t count = 0; count < Channel::MaxClients; ++count) {
         ASSERT_TRUE(Enter(100, guest)) << count;
     }
 }

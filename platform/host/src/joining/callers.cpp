@@ -25,14 +25,10 @@ KnCaller Identify(const Peer& peer) {
     return caller;
 }
 
-/// Returns: whether one process may not have all places of a channel.
-bool AreShared(const ConnectionLimits& limits) {
-    return limits.perCaller < limits.perChannel;
-}
-
 std::size_t MostOf(std::size_t clientCount) {
     const ConnectionLimits limits = ConnectionLimits::Current();
-    const bool isNearlyFull = AreShared(limits) && clientCount >= limits.perChannel - limits.perChannel / 16;
+    const bool isNearlyFull =
+        limits.perCaller < limits.perChannel && clientCount >= limits.perChannel - limits.perChannel / 16;
     return isNearlyFull ? std::min<std::size_t>(limits.perCaller, Callers::FewConnections) : limits.perCaller;
 }
 
@@ -47,32 +43,38 @@ Callers::Key Callers::KeyOf(const KnCaller& caller) noexcept {
     return caller.startTime != 0 ? Key(caller.pid, caller.startTime) : Key(caller.id, 0);
 }
 
-/// Returns: whether the peer's user has room for one connection more; that it has not is logged once.
-bool Callers::HasRoomForGuest(const Peer& peer, const Channel& channel) {
-    const auto place = guests.find(GuestKey(peer.uid, &channel));
+/// Returns: whether the caller's user has room for one connection more; that it has not is logged once.
+bool Callers::HasRoomForGuest(const KnCaller& caller, const Channel& channel) {
+    const auto place = guests.find(GuestKey(caller.uid, &channel));
     if (place == guests.end()) {
         return true;
     }
     Guest& guest = place->second;
     const ConnectionLimits limits = ConnectionLimits::Current();
-    if (!AreShared(limits) || guest.connections < (limits.perChannel + 1) / 2) {
+    const std::size_t share = limits.perChannel - limits.perChannel / 2;
+    if (!limits.Exist() || guest.connections < share) {
         guest.wasRefused = false;
         return true;
     }
     if (!std::exchange(guest.wasRefused, true)) {
         Log(LogLevel::Warning,
-            {"the processes of user ", std::to_string(peer.uid), " have ", std::to_string(guest.connections),
-             " connections to one channel, the share of a user, and get no more"});
+            {"process ", std::to_string(caller.pid), " (", caller.program,
+             ") gets no more connections to one channel: those of user ", std::to_string(caller.uid), " have ",
+             std::to_string(guest.connections), ", the share of a user is ", std::to_string(share)});
     }
     return false;
 }
 
 std::shared_ptr<const Caller> Callers::Enter(const Peer& peer, const Channel& channel, std::size_t clientCount) {
-    if (!HasRoomForGuest(peer, channel)) {
-        return nullptr;
-    }
     KnCaller identity = Identify(peer);
     identity.id = lastId + 1;
+    // A process may change its user between two connections; it counts as the one that it was first.
+    if (const auto known = entries.find(KeyOf(identity)); known != entries.end()) {
+        identity.uid = known->second.caller->identity.uid;
+    }
+    if (!HasRoomForGuest(identity, channel)) {
+        return nullptr;
+    }
     const auto [place, isNew] = entries.try_emplace(KeyOf(identity));
     Entry& entry = place->second;
     try {
@@ -80,7 +82,7 @@ std::shared_ptr<const Caller> Callers::Enter(const Peer& peer, const Channel& ch
             entry.caller = std::make_shared<Caller>(identity);
             ++lastId;
         }
-        Guest* const guest = IsGuest(peer.uid) ? &guests[GuestKey(peer.uid, &channel)] : nullptr;
+        Guest* const guest = IsGuest(identity.uid) ? &guests[GuestKey(identity.uid, &channel)] : nullptr;
         std::size_t& count = entry.connections[&channel];
         if (count >= MostOf(clientCount)) {
             if (!std::exchange(entry.wasRefused, true)) {

@@ -47,7 +47,7 @@ private:
     using GuestKey = std::pair<std::uint32_t, const Channel*>;
 
     static Key KeyOf(const KnCaller& caller) noexcept;
-    bool HasRoomForGuest(const Peer& peer, const Channel& channel);
+    bool HasRoomForGuest(const KnCaller& caller, const Channel& channel);
 
     std::map<Key, Entry> entries;
     std::map<GuestKey, Guest> guests;

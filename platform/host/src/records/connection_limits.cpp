@@ -16,6 +16,10 @@ std::atomic<std::uint64_t> refusals{0};
 
 } // namespace
 
+bool ConnectionLimits::Exist() const noexcept {
+    return perCaller < Channel::MaxClients || perChannel < Channel::MaxClients;
+}
+
 ConnectionLimits ConnectionLimits::Current() noexcept {
     return {mostPerCaller.load(std::memory_order_relaxed), mostPerChannel.load(std::memory_order_relaxed)};
 }

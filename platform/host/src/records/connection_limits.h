@@ -9,6 +9,8 @@ struct ConnectionLimits {
     std::uint32_t perCaller;
     std::uint32_t perChannel;
 
+    /// Returns: whether these are fewer than a channel can take. Threads: any.
+    bool Exist() const noexcept;
     /// Threads: any.
     static ConnectionLimits Current() noexcept;
 
