@@ -24,10 +24,12 @@ std::vector<NewTopic> NewTopics::Take(const instruments::Snapshot& snapshot) {
                 continue;
             }
             const auto& publisher = snapshot.publishers[*view.publisher];
-            if (publisher.leftAt != 0 && publisher.leftAt <= before->second) {
+            if (publisher.leftAt != 0 && publisher.leftAt <= before->second.at) {
                 continue; // as it was
             }
-            topic.wantsLast = publisher.lastAt > before->second;
+            if (publisher.lastAt <= before->second.at) {
+                topic.received = before->second.lastValue;
+            }
             forgotten.erase(before);
         }
         known.insert(topic.name);
@@ -37,16 +39,16 @@ std::vector<NewTopic> NewTopics::Take(const instruments::Snapshot& snapshot) {
 }
 
 void NewTopics::Forget(const std::vector<std::string>& topics, const instruments::Snapshot& snapshot) {
-    std::set<std::string_view> listed;
+    std::map<std::string_view, std::optional<std::int64_t>> listed; // with their last values
     for (const auto& view : instruments::TopicsOf(snapshot)) {
-        listed.insert(view.topic);
+        listed.emplace(view.topic, view.publisher ? snapshot.publishers[*view.publisher].lastValue : std::nullopt);
     }
     // What the account has forgotten too is as new as any other topic.
     std::erase_if(forgotten, [&listed](const auto& topic) { return !listed.contains(topic.first); });
     for (const auto& topic : topics) {
         known.erase(topic);
-        if (listed.contains(topic)) {
-            forgotten[topic] = snapshot.readAt;
+        if (const auto found = listed.find(topic); found != listed.end()) {
+            forgotten[topic] = {snapshot.readAt, found->second};
         }
     }
 }

@@ -5,6 +5,7 @@
 #include "topics/topic_source.h"
 
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -28,9 +29,14 @@ public:
     void NoteRestart() { forgotten.clear(); }
 
 private:
+    struct Forgotten {
+        instruments::Nanoseconds at;
+        std::optional<std::int64_t> lastValue; ///< which was received
+    };
+
     GlobSet wanted;
     std::set<std::string, std::less<>> known;
-    std::map<std::string, instruments::Nanoseconds, std::less<>> forgotten; ///< when
+    std::map<std::string, Forgotten, std::less<>> forgotten;
 };
 
 } // namespace topics

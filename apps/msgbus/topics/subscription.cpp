@@ -48,7 +48,7 @@ Subscription::Subscription(std::string subscriberName, std::vector<std::string> 
     : name(std::move(subscriberName)), options(std::move(subscriberOptions)), source(std::move(topicSource)),
       report(std::move(reportTo)), first(std::make_shared<msgbus::Subscriber>(name, topics, options)),
       canceledDescriptor(source ? MakeEvent() : -1) {
-    batches.push_back({first, std::move(topics), source ? first->Descriptor() : -1});
+    batches.push_back({first, std::move(topics), source ? first->Descriptor() : -1, {}});
     const common::MutexLock lock(mutex);
     all.push_back(first);
 }
@@ -79,19 +79,27 @@ msgbus::Received Subscription::NextUntil(msgbus::Deadline deadline) {
 bool Subscription::TakeReady(msgbus::Received& received) {
     for (std::size_t tried = 0; tried < batches.size(); ++tried) {
         Batch& batch = batches[turn];
-        if (batch.isReady && taken < ValuesPerTurn) {
+        while (batch.isReady && taken < ValuesPerTurn) {
             received = batch.subscriber->TryNext();
-            if (received.outcome != msgbus::Outcome::TimedOut) {
+            if (received.outcome == msgbus::Outcome::TimedOut) {
+                batch.isReady = false;
+            } else if (!received || !IsRepeated(batch, *received)) {
                 ++taken;
                 return true;
             }
-            batch.isReady = false;
         }
         turn = (turn + 1) % batches.size();
         taken = 0;
     }
     received.outcome = msgbus::Outcome::TimedOut;
     return false;
+}
+
+/// Returns: whether it is the last value of a topic that was received already. Before its publisher publishes, the
+/// topic starts with that one; whether it will is not known when it is subscribed to.
+bool Subscription::IsRepeated(Batch& batch, const msgbus::Message& message) {
+    const auto before = batch.received.extract(message.topic);
+    return before && before.mapped() == message.value;
 }
 
 /// Blocks: until a subscriber has something, or until `deadline`.
@@ -149,25 +157,27 @@ void Subscription::Miss(const std::string& sentence) {
 }
 
 void Subscription::Subscribe(std::vector<NewTopic> topics) {
-    std::vector<std::string> withLast, without;
-    for (const auto& topic : topics) {
-        (topic.wantsLast && topic.name.size() <= LongestWithLast ? withLast : without).push_back(topic.name);
-    }
+    const auto tooLong = std::stable_partition(
+        topics.begin(), topics.end(), [](const NewTopic& topic) { return topic.name.size() <= LongestWithLast; });
+    const std::vector<NewTopic> withLast(topics.begin(), tooLong), without(tooLong, topics.end());
     for (const auto& [batch, startsWithLast] : {std::pair(&withLast, true), std::pair(&without, false)}) {
-        if (batch->empty() || Add(*batch, startsWithLast)) {
-            continue;
+        if (!batch->empty() && !Add(*batch, startsWithLast)) {
+            waiting.insert(waiting.end(), batch->begin(), batch->end());
+            nextTry = steady_clock::now() + RetryInterval;
         }
-        for (auto& topic : topics) {
-            if (std::find(batch->begin(), batch->end(), topic.name) != batch->end()) {
-                waiting.push_back(std::move(topic));
-            }
-        }
-        nextTry = steady_clock::now() + RetryInterval;
     }
 }
 
 /// Returns: whether there is a subscriber for the topics.
-bool Subscription::Add(const std::vector<std::string>& topics, bool startsWithLast) {
+bool Subscription::Add(const std::vector<NewTopic>& added, bool startsWithLast) {
+    std::vector<std::string> topics;
+    std::map<std::string, std::int64_t> received;
+    for (const auto& topic : added) {
+        topics.push_back(topic.name);
+        if (startsWithLast && topic.received) {
+            received.emplace(topic.name, *topic.received);
+        }
+    }
     msgbus::Options more = options;
     more.startWithLast = startsWithLast;
     more.onNotice = nullptr; // the first subscriber reports what happens to the server
@@ -188,7 +198,7 @@ bool Subscription::Add(const std::vector<std::string>& topics, bool startsWithLa
         return false;
     }
     lastRefusal.clear();
-    batches.push_back({subscriber, topics, descriptor});
+    batches.push_back({subscriber, topics, descriptor, std::move(received)});
     bool isTooLate = false;
     {
         const common::MutexLock lock(mutex);

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -59,12 +60,14 @@ private:
         std::shared_ptr<msgbus::Subscriber> subscriber;
         std::vector<std::string> topics;
         int descriptor = -1;
-        bool isReady = true; ///< TryNext may have something
+        std::map<std::string, std::int64_t> received; ///< last values that were received, which may come once more
+        bool isReady = true;                          ///< TryNext may have something
     };
 
     void Look() EXCLUDES(mutex);
     void Subscribe(std::vector<NewTopic> topics) EXCLUDES(mutex);
-    bool Add(const std::vector<std::string>& topics, bool startsWithLast) EXCLUDES(mutex);
+    bool Add(const std::vector<NewTopic>& topics, bool startsWithLast) EXCLUDES(mutex);
+    static bool IsRepeated(Batch& batch, const msgbus::Message& message);
     void GiveUpVacant() EXCLUDES(mutex);
     void NoteBlindness();
     void Miss(const std::string& sentence);

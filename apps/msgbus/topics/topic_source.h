@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -9,7 +10,7 @@ namespace topics {
 /// A topic that has come.
 struct NewTopic {
     std::string name;
-    bool wantsLast = true; ///< its last value is of this coming, and was not received before
+    std::optional<std::int64_t> received{}; ///< its last value, when that was received before it was given up
 };
 
 /// Where the topics that a subscription is to have come from. Threads: one at a time.

@@ -96,10 +96,21 @@ TEST_F(SubscriptionTest, ANewTopic_StartsWithItsLastValue) {
 TEST_F(SubscriptionTest, ATopicWhoseLastValueWasReceived_StartsWithTheNextOne) {
     const auto subscription = Make({});
     bus.Push("b", 1);
-    script.found = {{"b", false}};
+    script.found = {{"b", 1}};
     EXPECT_EQ(Settle(*subscription), Words{});
     bus.Push("b", 2);
+    bus.Push("b", 1);
     EXPECT_EQ(Next(*subscription), "b 2");
+    EXPECT_EQ(Next(*subscription), "b 1");
+}
+
+TEST_F(SubscriptionTest, ATopicThatHasAnotherLastValueMeanwhile_StartsWithIt) {
+    const auto subscription = Make({});
+    bus.Push("b", 2);
+    script.found = {{"b", 1}};
+    EXPECT_EQ(Next(*subscription), "b 2");
+    bus.Push("b", 1);
+    EXPECT_EQ(Next(*subscription), "b 1");
 }
 
 TEST_F(SubscriptionTest, TopicsTooLongForTheirLastValue_AreReceivedWithoutIt) {
