@@ -265,7 +265,7 @@ class GroupAccess(BusTest):
         for process in crowd:
             process.expect("connected")
         self.start(*clients).expect_error("cannot connect: -7")
-        server.expect_error(f"gets no more connections to one channel: those of user {BY_SUPPLEMENT} have 30, the share of a user is 30")
+        server.expect_error(f"gets no more connections to one channel: those of user {BY_SUPPLEMENT} have 30, the share")
         self.expect_refused(BY_SUPPLEMENT, "takes no more connections of this process, its user or of all")
         for uid in (OWNER, BY_PRIMARY, 0):
             self.expect_use(uid)
