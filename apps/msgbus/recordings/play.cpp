@@ -110,8 +110,9 @@ recording::Time TimeOf(const Place& place, recording::Time first) {
 /// Throws: std::invalid_argument for what cannot be meant for this recording.
 void CheckFits(const PlayArguments& arguments, const Summary& summary) {
     for (const auto& [topic, name] : arguments.topics) {
-        const bool isThere = std::any_of(summary.topics.begin(), summary.topics.end(),
-                                         [&](const TopicSummary& each) { return each.channel.topic == topic; });
+        const bool isThere =
+            std::any_of(summary.topics.begin(), summary.topics.end(),
+                        [&wanted = topic](const TopicSummary& each) { return each.channel.topic == wanted; });
         if (!isThere) {
             throw std::invalid_argument("the recording has no topic '" + topic + "'");
         }
