@@ -134,9 +134,8 @@ TEST_F(CallerAccountsTest, TheServersUserAndRoot_MayHaveAll) {
     limits.publishers = 4;
     CallerAccounts shared{limits};
     EXPECT_EQ(shared.Charge(Guest(1, ::geteuid()), Kind::Publisher, 0), ResultCode::Success);
-    for (int count = 0; count < 3; ++count) {
-        EXPECT_EQ(shared.Charge(Guest(1 + count % 2, count % 2 == 0 ? ::geteuid() : 0), Kind::Publisher, 0),
-                  ResultCode::Success);
+    for (const std::uint64_t id : {1U, 2U, 1U}) {
+        EXPECT_EQ(shared.Charge(Guest(id, id == 1 ? ::geteuid() : 0), Kind::Publisher, 0), ResultCode::Success);
     }
 }
 

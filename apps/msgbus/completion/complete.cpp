@@ -24,7 +24,8 @@ public:
     }
     /// Adds a name on the bus, which may be anything: the shells show it as it is, and read a candidate a line.
     void AddName(const std::string& before, const std::string& name) {
-        const bool isPlain = common::Escaped(name).size() == name.size() + std::count(name.begin(), name.end(), '\\');
+        const auto backslashes = static_cast<std::size_t>(std::count(name.begin(), name.end(), '\\'));
+        const bool isPlain = common::Escaped(name).size() == name.size() + backslashes;
         const bool isOption = before.empty() && !areOptionsOver && name.starts_with('-');
         if (isPlain && !isOption && name != FilesMark) {
             Add(before + name);

@@ -97,7 +97,7 @@ std::string ProblemOf(const std::string& text) {
 }
 
 TEST(StreamProtocolTest, ADeepRequest_IsRejectedForItsDepth) {
-    for (const std::size_t levels : {64, 32700}) { // the object is a level too
+    for (const std::size_t levels : {64U, 32700U}) { // the object is a level too
         EXPECT_EQ(ProblemOf(Nested("subscriptionIds", levels)), "a request has at most 64 levels") << levels;
     }
     EXPECT_EQ(ProblemOf(Nested("subscriptionIds", 63)), "each subscription needs 'id', a number of 32 bits");
