@@ -3,24 +3,17 @@
 #include "recordings/summary.h"
 
 #include "recording/recording_writer.h"
+#include "recording_file_test.h"
 #include "recordings/inspect.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 
 namespace {
 
-class SummaryTest : public testing::Test {
+class SummaryTest : public recordings_test::RecordingFileTest {
 protected:
-    SummaryTest() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "borven-summary-XXXXXX").string();
-        folder = ::mkdtemp(pattern.data());
-        path = (folder / "file.mcap").string();
-    }
-    ~SummaryTest() override { std::filesystem::remove_all(folder); }
-
     /// Writes three chunks of ten values. Returns: where the second one begins.
     std::uint64_t WriteChunks() const {
         recording::RecordingWriter writer(path, recording::ExistingFile::IsReplaced, "test");
@@ -45,9 +38,6 @@ protected:
         file.seekp(static_cast<std::streamoff>(offset));
         file.put(static_cast<char>(byte ^ 0x10));
     }
-
-    std::filesystem::path folder;
-    std::string path;
 };
 
 TEST_F(SummaryTest, BehindADamagedPart_IsCountedToo) {

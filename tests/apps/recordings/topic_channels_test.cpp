@@ -3,25 +3,13 @@
 #include "recordings/topic_channels.h"
 
 #include "recording/recording_reader.h"
+#include "recording_file_test.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 namespace {
 
-class TopicChannelsTest : public testing::Test {
-protected:
-    TopicChannelsTest() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "borven-channels-XXXXXX").string();
-        folder = ::mkdtemp(pattern.data());
-        path = (folder / "file.mcap").string();
-    }
-    ~TopicChannelsTest() override { std::filesystem::remove_all(folder); }
-
-    std::filesystem::path folder;
-    std::string path;
-};
+class TopicChannelsTest : public recordings_test::RecordingFileTest {};
 
 TEST_F(TopicChannelsTest, WithoutRoomForATopic_ItsValuesAreLeftOut_AndTheOthersAreWritten) {
     constexpr auto most = recording::RecordingWriter::MostChannels;
